@@ -1,0 +1,23 @@
+// The calling thread's error record, for the platform's own use.
+#ifndef PLATFORM_LINUX_ERROR_H
+#define PLATFORM_LINUX_ERROR_H
+
+namespace ZorvPlatform {
+
+// Where a failure was noticed.  The unit is declared by each file as `kUnit`, not cut from a path.
+struct Site {
+  const char* unit;
+  unsigned int line;
+};
+
+#define PLATFORM_HERE (::ZorvPlatform::Site{kUnit, __LINE__})
+
+// Sets the record, leaves errno alone, and is -1: `return Fail(PLATFORM_HERE, code);`
+int Fail(Site site, unsigned int code);
+
+// Out of memory: the record says system call, errno ENOMEM.
+int FailNoMemory(Site site);
+
+}  // namespace ZorvPlatform
+
+#endif
