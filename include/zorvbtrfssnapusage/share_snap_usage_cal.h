@@ -1,0 +1,119 @@
+// Snapshot usage of a share: the entry point for callers.
+#ifndef ZORVBTRFSSNAPUSAGE_SHARE_SNAP_USAGE_CAL_H_
+#define ZORVBTRFSSNAPUSAGE_SHARE_SNAP_USAGE_CAL_H_
+
+#include <time.h>
+#include <zorvplatform/platc.h>
+
+#include <string>
+#include <vector>
+
+#include "zorvbtrfssnapusage/export.h"
+#include "zorvbtrfssnapusage/share_task_status.h"
+#include "zorvbtrfssnapusage/snap_usage_cal.h"
+#include "zorvbtrfssnapusage/task_status.h"
+#include "zorvbtrfssnapusage/types.h"
+
+namespace ZorvBtrfsUsage {
+
+// One calculation of one share: construct, CreateTask, one Launch; a second run takes a new object.
+// Progress is read from the ShareTaskStatus of the share, results by the static readers below.
+// Codes are those of ResultCode; failures are logged; nothing throws.
+class ZORV_EXPORT ShareSnapUsageCal {
+ public:
+  // An object that works for no share.
+  ShareSnapUsageCal();
+
+  // Binds the calculator to an existing task; the share stays unset.
+  explicit ShareSnapUsageCal(const std::string& id);
+
+  // Stops nothing and removes no file.
+  ~ShareSnapUsageCal();
+
+  // Whether CreateTask has succeeded.
+  bool Valid() const;
+
+  // Claims the share and makes a task for it. 0 (also when the object is valid already), 1, 3 empty
+  // name, 4 share busy, 11 no calculator.
+  int CreateTask(const std::string& shareName);
+
+  // Starts the calculation over full paths of snapshots, all on one volume. 0; 1 no memory; 3 null
+  // argument, bad list, or paths that are not on a btrfs volume; 7 no task, or the calculator did
+  // not start; 15 empty list. Paths stay the caller's.
+  int Launch(PLATSZLIST** ppListSnapPath);
+
+  // Starts it over the share's snapshots with times from *start to *end (seconds since the epoch);
+  // both null: all until now; equal: all. 3: one is null, or the end lies before the start.
+  int Launch(const time_t* start, const time_t* end);
+
+  // Whether a new task may be made for the share: it has none, or its task is 120 seconds old or
+  // finished. `taskID`: its task, when it has one.
+  static bool CheckAvail(const std::string& shareName, std::string& taskID);
+
+  // Asks the share's task to stop. 0, 1, 3, or 8 (the share has no task).
+  static int Stop(const std::string& shareName);
+
+  // The share's task in the share-to-task map. 0; 1; 3 empty name; 8 none (`taskID` is cleared).
+  // `expired`: it was created 120 seconds ago or longer.
+  static int FindTaskID(const std::string& shareName, std::string& taskID, bool& expired);
+
+  // As FindTaskID; an expired task gives 8 as well (`taskID` is set).
+  static int FindValidTaskID(const std::string& shareName, std::string& taskID);
+
+  // The share that a task serves. 0; 1; 3 empty ID; 8 none (`shareName` as it was).
+  static int FindShareNameByTaskID(const std::string& taskID, std::string& shareName);
+
+  // Pushes the name of each share in the map onto *list. False: map not readable, or a push failed.
+  static bool GetShareTaskList(PLATSZLIST** list);
+
+  // Progress callback: copies the task's status into its share's. 0, or 1.
+  static _tag_progress_update_function_ret UpdateTaskStatus(TaskStatus& taskStatus, void* userData);
+
+  // Post-action: copies the task's result files into its share's directory, in place of the earlier
+  // ones. 0, or 1.
+  static int ExecCalPostAction(TaskStatus& taskStatus, void* userData);
+
+  // The directory with a share's results.
+  static std::string GetResultBasePath(const std::string& shareName);
+
+  // One result vector of the share's current task, from its persistent copy or else from the task's
+  // own file. 0; 1; 3; 8 (the share has no task). For `unsigned long long` only.
+  template <typename T>
+  static int GetResultVtr(const TASK_RESULT_OPT& opt, const std::string& shareName,
+                          std::vector<T>& out);
+
+  // Running totals: out[i] is the sum of the exclusive bytes 0 to i, modulo 2^64. 0, or 1.
+  static int GetShareSnapAccumUsageVtr(const std::string& shareName,
+                                       std::vector<unsigned long long>& out);
+
+  // Pushes the snapshot name of each subvolume ID onto *ppListSnapName, in order. 0; 1; 3 null
+  // argument or list; 8 an unknown ID (names before it stay pushed).
+  static int FindSnapNameBySubvolID(const std::string& shareName,
+                                    const std::vector<unsigned long long>& subvolIDs,
+                                    PLATSZLIST** ppListSnapName);
+
+  // Deletes every file in the share's result directory, and the directory when `removeDir`.
+  // False: no such directory, or a removal failed.
+  static bool CleanTaskResultFile(const std::string& shareName, bool removeDir);
+
+  // Removes results, status file and map entry of a share that has a map entry. Stops nothing.
+  static void CleanAll(const std::string& shareName);
+
+  // CleanAll for every share in the map. 0, or 1 (map not readable).
+  static int CleanAllSResult();
+
+  // The same for every share whose state is "process". 0, or 1 (map not readable).
+  static int CleanNotDoneTask();
+
+ private:
+  std::string shareName;  // empty until CreateTask
+  ShareTaskStatus shareStatus;
+  SnapUsageCalculator calculator;
+};
+
+extern template ZORV_EXPORT int ShareSnapUsageCal::GetResultVtr<unsigned long long>(
+    const TASK_RESULT_OPT&, const std::string&, std::vector<unsigned long long>&);
+
+}  // namespace ZorvBtrfsUsage
+
+#endif  // ZORVBTRFSSNAPUSAGE_SHARE_SNAP_USAGE_CAL_H_

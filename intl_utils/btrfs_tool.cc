@@ -1,0 +1,1 @@
+#include "zorvbtrfssnapusage/btrfs_tool.h"

@@ -1,0 +1,1 @@
+#include "zorvbtrfssnapusage/utils.h"

@@ -1,0 +1,1 @@
+#include "zorvbtrfssnapusage/share_snap_usage_cal.h"

@@ -1,0 +1,1 @@
+#include "zorvbtrfssnapusage/snap_usage_cal.h"

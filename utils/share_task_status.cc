@@ -1,0 +1,1 @@
+#include "zorvbtrfssnapusage/share_task_status.h"

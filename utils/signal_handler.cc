@@ -1,0 +1,1 @@
+#include "zorvbtrfssnapusage/signal_handler.h"

@@ -1,0 +1,1 @@
+#include "zorvbtrfssnapusage/task_status.h"
