@@ -1,0 +1,122 @@
+// Snapshots of a share: the subvolumes in its snapshot directory.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "platform/linux/directory.h"
+#include "platform/linux/error.h"
+#include "platform/linux/file_system.h"
+#include "platform/linux/no_throw.h"
+#include "platform/linux/selector.h"
+#include "platform/linux/share.h"
+#include "platform/linux/snap_name.h"
+#include "platform/linux/sz_list.h"
+
+namespace {
+
+using namespace ZorvPlatform;
+
+constexpr char kUnit[] = "platform/snapshot";
+
+constexpr char kSnapDir[] = ".snapshots";
+
+std::string SnapDirOf(const ZORVSHARE* share) { return ShareOf(share).path + "/" + kSnapDir; }
+
+struct Snapshot {
+  std::string name;
+  bool timed;
+  time_t time;
+};
+
+bool Before(const Snapshot& a, const Snapshot& b) {
+  if (a.timed != b.timed) return a.timed;
+  if (a.timed && a.time != b.time) return a.time < b.time;
+  return a.name < b.name;
+}
+
+// Whether the entry is a subvolume; a link to one is none.  1, 0, or -1 with errno.
+int IsSnapshot(DIR* dir, const DirEntry& entry) {
+  if (entry.type != DT_DIR && entry.type != DT_UNKNOWN) return 0;
+  const UniqueFd fd(openat(dirfd(dir), entry.name.c_str(),
+                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.Valid()) return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : -1;
+  return IsSubvolume(fd.Get());
+}
+
+// Adds what passes the selectors.  0, or -1 with the error record set.
+int ReadSnapshots(const std::string& path, const ZORVSHARESNAPSELECTOR* selectors,
+                  std::vector<Snapshot>* snapshots) {
+  const Dir dir(opendir(path.c_str()));
+  if (dir == nullptr && errno == ENOENT) return 0;
+  std::vector<DirEntry> entries;
+  if (dir == nullptr || !ReadDir(dir.get(), &entries)) {
+    return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
+  }
+  for (const DirEntry& entry : entries) {
+    const int isSnapshot = IsSnapshot(dir.get(), entry);
+    if (isSnapshot < 0) return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
+    if (isSnapshot == 0) continue;
+    const int selected = PassesAll(selectors, entry.name.c_str());
+    if (selected < 0) return -1;
+    if (selected == 0) continue;
+    Snapshot snapshot{entry.name, false, 0};
+    snapshot.timed = SnapNameTime(entry.name.c_str(), &snapshot.time);
+    snapshots->push_back(std::move(snapshot));
+  }
+  return 0;
+}
+
+int ListSnapshots(const ZORVSHARE* share, PLATSZLIST* list,
+                  const ZORVSHARESNAPSELECTOR* selectors) {
+  std::vector<Snapshot> snapshots;
+  if (ReadSnapshots(SnapDirOf(share), selectors, &snapshots) < 0) return -1;
+  std::sort(snapshots.begin(), snapshots.end(), Before);
+
+  std::vector<std::string> names;
+  for (Snapshot& snapshot : snapshots) names.push_back(std::move(snapshot.name));
+  return AppendAll(PLATFORM_HERE, list, names);
+}
+
+int GetOrCreateSnapDir(const ZORVSHARE* share, char* dir, size_t size, bool create) {
+  const std::string path = SnapDirOf(share);
+  if (path.size() >= size) return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
+  if (create && mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+    return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
+  }
+  memcpy(dir, path.c_str(), path.size() + 1);
+  return 1;
+}
+
+}  // namespace
+
+int ZORVShareSnapList(const struct _tag_ZORVSHARE* share, PLATSZLIST** names,
+                      const ZORVSHARESNAPSELECTOR* selectors) {
+  if (share == nullptr || names == nullptr || *names == nullptr) {
+    return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
+  }
+  return NoThrow(PLATFORM_HERE, -1, [&] { return ListSnapshots(share, *names, selectors); });
+}
+
+int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* dir, int size,
+                                    int flags) {
+  if (share == nullptr || dir == nullptr || size < 1 ||
+      (flags != ZORV_SNAP_DIR_GET && flags != ZORV_SNAP_DIR_CREATE)) {
+    return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
+  }
+  return NoThrow(PLATFORM_HERE, -1, [&] {
+    return GetOrCreateSnapDir(share, dir, static_cast<size_t>(size), flags == ZORV_SNAP_DIR_CREATE);
+  });
+}
+
+int ZORVShareSnapTimeGet(const char* snapName, time_t* time) {
+  if (snapName == nullptr || time == nullptr || !SnapNameTime(snapName, time)) {
+    return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
+  }
+  return 0;
+}
