@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/unique_fd.h"
+#include "platform/linux/descriptor.h"
 #include "platform/linux/error.h"
 #include "platform/linux/process.h"
 #include "zorvplatform/platc.h"
@@ -42,18 +43,14 @@ Report Receive(int fd) {
   return got == static_cast<ssize_t>(sizeof report) ? report : Report{-1, ECHILD};
 }
 
-// Makes `target` a copy of `fd` that programs inherit.
-bool Place(int fd, int target) {
-  if (fd == target) return fcntl(fd, F_SETFD, 0) == 0;
-  return dup2(fd, target) == target;
-}
-
 bool DetachFromTheCaller() {
   if (setsid() < 0) return false;
   UniqueFd devNull(open("/dev/null", O_RDWR | O_CLOEXEC));
   if (!devNull.Valid()) return false;
   if (!DisownStreams(devNull.Get())) return false;
-  if (!Place(devNull.Get(), STDIN_FILENO) || !Place(devNull.Get(), STDOUT_FILENO)) return false;
+  if (!PlaceDescriptor(devNull.Get(), STDIN_FILENO) ||
+      !PlaceDescriptor(devNull.Get(), STDOUT_FILENO))
+    return false;
   if (devNull.Get() <= STDOUT_FILENO) (void)devNull.Release();
   return true;
 }

@@ -2,7 +2,6 @@
 #include "platform/linux/process.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,6 +17,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "platform/linux/descriptor.h"
 #include "platform/linux/error.h"
 #include "platform/linux/no_throw.h"
 #include "zorvplatform/platc.h"
@@ -35,7 +35,11 @@ constexpr char kBlanks[] = " \t";
 constexpr char kShellCharacters[] = "|&;<>()$`\\\"'*?[]{}#~!\n\r";
 
 struct FileCloser {
-  void operator()(FILE* stream) const { (void)fclose(stream); }
+  void operator()(FILE* stream) const {
+    const int saved = errno;
+    (void)fclose(stream);
+    errno = saved;
+  }
 };
 using Stream = std::unique_ptr<FILE, FileCloser>;
 
@@ -75,78 +79,99 @@ Stream OpenAway(UniqueFd fd, uintptr_t avoided) {
   return other;
 }
 
-// The descriptors of the program: the pipe, /dev/null, the caller's standard error, nothing else.
-class FileActions {
- public:
-  FileActions() : error_(posix_spawn_file_actions_init(&actions_)) {}
-  FileActions(const FileActions&) = delete;
-  FileActions& operator=(const FileActions&) = delete;
-  ~FileActions() { (void)posix_spawn_file_actions_destroy(&actions_); }
-
-  // Standard output comes first: in a caller without standard input the pipe may be descriptor 0.
-  int Fill(int output) {
-    if (error_ == 0) error_ = posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO);
-    if (error_ == 0) {
-      error_ = posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    }
-    if (error_ == 0) {
-      error_ = posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
-    }
-    return error_;
-  }
-
-  const posix_spawn_file_actions_t* Get() const { return &actions_; }
-
- private:
-  posix_spawn_file_actions_t actions_;
-  int error_;
-};
-
-// The signals of the program: nothing blocked, nothing ignored.
-class SpawnAttributes {
- public:
-  SpawnAttributes() : error_(posix_spawnattr_init(&attributes_)) {}
-  SpawnAttributes(const SpawnAttributes&) = delete;
-  SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-  ~SpawnAttributes() { (void)posix_spawnattr_destroy(&attributes_); }
-
-  int Fill() {
-    sigset_t none;
-    sigset_t all;
-    (void)sigemptyset(&none);
-    (void)sigfillset(&all);
-    if (error_ == 0) error_ = posix_spawnattr_setsigmask(&attributes_, &none);
-    if (error_ == 0) error_ = posix_spawnattr_setsigdefault(&attributes_, &all);
-    if (error_ == 0) {
-      error_ =
-          posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    }
-    return error_;
-  }
-
-  const posix_spawnattr_t* Get() const { return &attributes_; }
-
- private:
-  posix_spawnattr_t attributes_;
-  int error_;
-};
-
-// Starts the program with `output` as its standard output.  0, or an errno value; posix_spawn
-// reports a failed exec as well (posix_spawn(3)), and leaves no process behind then.
-int Spawn(const char* path, char* const argv[], int output, pid_t* child) {
-  FileActions actions;
-  int error = actions.Fill(output);
-  if (error != 0) return error;
-
-  SpawnAttributes attributes;
-  error = attributes.Fill();
-  if (error != 0) return error;
-
-  return posix_spawn(child, path, actions.Get(), attributes.Get(), argv, environ);
+// In the child: the pipe, /dev/null, the caller's standard error, and nothing else once the program
+// runs.  Standard output comes first: in a caller without standard input the pipe may be
+// descriptor 0.
+bool SetDescriptors(int output) {
+  if (!PlaceDescriptor(output, STDOUT_FILENO)) return false;
+  const int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (devNull < 0 || !PlaceDescriptor(devNull, STDIN_FILENO)) return false;
+  return close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
 }
 
-FILE* PipeFailure(Site site, int error) {
+// In the child: every signal at its default and let in.  The two that the C library keeps for
+// itself refuse, and are at their default anyway.
+bool SetSignals() {
+  struct sigaction byDefault = {};
+  byDefault.sa_handler = SIG_DFL;
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) (void)sigaction(signal, &byDefault, nullptr);
+  sigset_t none;
+  (void)sigemptyset(&none);
+  return sigprocmask(SIG_SETMASK, &none, nullptr) == 0;
+}
+
+// In the child: becomes the program, or sends an errno value through `status`.  Only calls that are
+// safe after the fork of a process with threads.
+[[noreturn]] void BecomeProgram(const char* path, char* const argv[], int output, int status) {
+  if (SetDescriptors(output) && SetSignals()) (void)execve(path, argv, environ);
+  const int error = errno;
+  while (write(status, &error, sizeof error) < 0 && errno == EINTR) {
+  }
+  _exit(127);
+}
+
+// Waits for a child, also when signals arrive meanwhile.  Its wait status; 0 when somebody else has
+// had it, because the caller ignores or reaps SIGCHLD.
+int AwaitChild(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return 0;
+  }
+  return status;
+}
+
+// Forks with all signals blocked, so that no handler of the caller runs in the child.
+pid_t ForkQuietly() {
+  sigset_t all;
+  sigset_t callers;
+  (void)sigfillset(&all);
+  const int blocked = pthread_sigmask(SIG_BLOCK, &all, &callers);
+  if (blocked != 0) {
+    errno = blocked;
+    return -1;
+  }
+  const pid_t child = fork();
+  if (child == 0) return 0;
+  const int error = errno;
+  (void)pthread_sigmask(SIG_SETMASK, &callers, nullptr);
   errno = error;
+  return child;
+}
+
+// What the child sent: an errno value, or 0 when the exec has closed the pipe.
+int ReadStatus(int status) {
+  int error = 0;
+  ssize_t got;
+  do {
+    got = read(status, &error, sizeof error);
+  } while (got < 0 && errno == EINTR);
+  return got == static_cast<ssize_t>(sizeof error) ? error : 0;
+}
+
+// Starts the program with `output` as its standard output.  Its pid, or -1 with errno: also when
+// the exec failed, and then no process is left behind.
+pid_t Spawn(const char* path, char* const argv[], int output) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return -1;
+  const UniqueFd readEnd(ends[0]);
+  UniqueFd writeEnd(ends[1]);
+  // Out of the way of the standard descriptors, which a caller may have closed.
+  writeEnd.Reset(fcntl(writeEnd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+  if (!writeEnd.Valid()) return -1;
+
+  const pid_t child = ForkQuietly();
+  if (child < 0) return -1;
+  if (child == 0) BecomeProgram(path, argv, output, writeEnd.Get());
+
+  writeEnd.Reset();
+  const int error = ReadStatus(readEnd.Get());
+  if (error == 0) return child;
+  (void)AwaitChild(child);
+  errno = error;
+  return -1;
+}
+
+FILE* PipeFailure(Site site) {
   (void)Fail(site, PLATC_ERR_PIPE);
   return nullptr;
 }
@@ -158,19 +183,15 @@ FILE* Open(const char* path, char* const argv[]) {
   streams.open.reserve(streams.open.size() + 1);
 
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return PipeFailure(PLATFORM_HERE, errno);
+  if (pipe2(ends, O_CLOEXEC) != 0) return PipeFailure(PLATFORM_HERE);
   UniqueFd readEnd(ends[0]);
   const UniqueFd writeEnd(ends[1]);
 
   Stream stream = OpenAway(std::move(readEnd), streams.lastClosed);
-  if (stream == nullptr) return PipeFailure(PLATFORM_HERE, errno);
+  if (stream == nullptr) return PipeFailure(PLATFORM_HERE);
 
-  pid_t child = -1;
-  const int error = Spawn(path, argv, writeEnd.Get(), &child);
-  if (error != 0) {
-    stream.reset();
-    return PipeFailure(PLATFORM_HERE, error);
-  }
+  const pid_t child = Spawn(path, argv, writeEnd.Get());
+  if (child < 0) return PipeFailure(PLATFORM_HERE);
   streams.open.push_back({stream.get(), child});
   return stream.release();
 }
@@ -256,10 +277,5 @@ int PLATCPclose(FILE* stream) {
   if (child < 0) return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
 
   (void)fclose(stream);
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    // ECHILD: somebody else has had the status.
-    if (errno != EINTR) return 0;
-  }
-  return status;
+  return AwaitChild(child);
 }
