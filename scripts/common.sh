@@ -1,0 +1,47 @@
+# Shared by the scripts: what a machine must have, packages, builds. Sourced, not run.
+
+PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+PACKAGES="g++ cmake ninja-build pkg-config libjsoncpp-dev libcli11-dev libfmt-dev libgtest-dev
+          libgmock-dev btrfs-progs uuid-runtime python3 binutils mount util-linux procps"
+
+die() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# Root, a Debian-like system, btrfs and loop devices: one clear line for the first that is missing.
+need_machine() {
+  [ "$(id -u)" = 0 ] || die "needs root (mounts, loop devices); run: sudo $0"
+  command -v apt-get >/dev/null && command -v dpkg-query >/dev/null ||
+    die "installs what it needs with apt-get, which this system has not; use Debian 12 or install by hand: $(echo $PACKAGES)"
+  grep -qw btrfs /proc/filesystems || modprobe btrfs 2>/dev/null || true
+  grep -qw btrfs /proc/filesystems ||
+    die "this kernel has no btrfs; install one with CONFIG_BTRFS_FS (Debian's has it)"
+  [ -e /dev/loop-control ] || modprobe loop 2>/dev/null || true
+  [ -e /dev/loop-control ] || die "this kernel has no loop devices; install one with CONFIG_BLK_DEV_LOOP"
+}
+
+# Installs the packages that are missing, quietly unless it fails.
+install_packages() {
+  local missing=() package
+  for package in $PACKAGES; do
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} = 0 ] && return
+  echo "installing: ${missing[*]}"
+  local log
+  log=$(mktemp)
+  { apt-get -qq update && DEBIAN_FRONTEND=noninteractive apt-get -qq install -y --no-install-recommends "${missing[@]}"; } \
+    >"$log" 2>&1 || { tail -n 20 "$log" >&2; rm -f "$log"; die "apt-get could not install: ${missing[*]}"; }
+  rm -f "$log"
+}
+
+# Configures and builds a preset, quietly unless it fails.
+build() {
+  local preset=$1 log=$PROJECT/build/$1.log
+  mkdir -p "$PROJECT/build"
+  echo "building ($preset)"
+  { cd "$PROJECT" && cmake --preset "$preset" && cmake --build --preset "$preset"; } >"$log" 2>&1 ||
+    { grep -E -A5 'error|FAILED' "$log" | head -n 40 >&2; die "the build failed; all of it is in build/$preset.log"; }
+}
