@@ -53,21 +53,25 @@ class ZORV_EXPORT TaskStatus {
   static int CnvStatusStrToEnumIdx(const std::string& status, CAL_TASK_STATUS& out);
   static int CnvAttrsStrToEnumIdx(const std::string& attr, TASKSTATUS_ATTR& out);
 
-  // Takes the record lock and waits for it; the object holds it until UnlockFile.
+  // Takes the record lock (fcntl(2)) and waits for it; the object holds it until UnlockFile. Every
+  // other member takes and drops the same lock, so none of them is called in between.
   bool LockFile(bool exclusive);
 
   // Drops the lock. False only for an object bound to no task.
   bool UnlockFile();
 
-  // The whole object; null when there is no file.
+  // The whole object; null when there is no file. 1: the file holds JSON that is no object.
   int GetJsonVal(Json::Value& out);
 
-  // Writes one member: a text, a number in decimal, the time text of now.
+  // Writes one member: a text, a number in decimal, the time text of now. All other members of the
+  // file stay. 1 also when the file holds JSON that is no object: it is left as it is. 7 only from
+  // the first; the two others say 1.
   int SetStatusAttr(const TASKSTATUS_ATTR& attr, const std::string& value);
   int SetStatusIntAttr(const TASKSTATUS_ATTR& attr, const int& value);
   int SetStatusNowTimeAttr(const TASKSTATUS_ATTR& attr);
 
-  // Reads one member: as text, as a number, as seconds since the epoch.
+  // Reads one member: as text, as a number (the beginning of the text, as sscanf(3) reads "%d"), as
+  // seconds since the epoch. 7 only from the first; the two others say 1.
   int GetStatusAttr(const TASKSTATUS_ATTR& attr, std::string& out);
   int GetStatusIntAttr(const TASKSTATUS_ATTR& attr, int& out);
   int GetStatusTimeAttr(const TASKSTATUS_ATTR& attr, time_t& out);
@@ -75,12 +79,12 @@ class ZORV_EXPORT TaskStatus {
   // Whether the member is there.
   bool CheckAttrExist(const TASKSTATUS_ATTR& attr);
 
-  // The task's state; with `errorCode`, also its error code: -1 while it is unfinished. A finished
-  // task without an error code is a failure.
+  // The task's state; with `errorCode`, also its error code: -1 while it is unfinished. 0, or 1. A
+  // finished task without an error code is a failure; `out` then holds the state all the same.
   int GetCalculatorStatus(CAL_TASK_STATUS& out);
   int GetCalculatorStatus(CAL_TASK_STATUS& out, int& errorCode);
 
-  // Writes the state word.
+  // Writes the state word. 0, or 1.
   int SetCalculatorStatus(const CAL_TASK_STATUS& status);
 
   // Copies the known members of another status file into this one and takes over the other's ID
