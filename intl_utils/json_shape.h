@@ -25,6 +25,14 @@ inline bool JsonText(const Json::Value& value, std::string& out) {
   return true;
 }
 
+// The truth of a scalar as the JSON library converts it (a number that is not 0 is true, null is
+// false). False: a string, an array or an object; `out` as it was.
+inline bool JsonBool(const Json::Value& value, bool& out) {
+  if (!value.isConvertibleTo(Json::booleanValue)) return false;
+  out = value.asBool();
+  return true;
+}
+
 }  // namespace ZorvBtrfsUsage
 
 #endif  // INTL_UTILS_JSON_SHAPE_H_
