@@ -1,0 +1,44 @@
+// status.h: the outcome of every engine function that can fail.
+#ifndef ENGINE_ONDISK_STATUS_H_
+#define ENGINE_ONDISK_STATUS_H_
+
+#include <string>
+#include <utility>
+
+namespace ZorvEngine {
+
+// Success, or why not.  The text is one sentence for the user; no function that returns a Status
+// prints anything.
+class Status {
+ public:
+  enum Kind {
+    kOk,
+    kBadBlock,  // no copy of a block verifies: reused by a later commit, or damaged
+    kFailed,    // anything else; trying again from a newer superblock does not help
+  };
+
+  Status() = default;
+  static Status BadBlock(std::string text) { return Status(kBadBlock, std::move(text)); }
+  static Status Failed(std::string text) { return Status(kFailed, std::move(text)); }
+
+  bool Ok() const { return kind_ == kOk; }
+  Kind GetKind() const { return kind_; }
+  const std::string& Text() const { return text_; }
+
+ private:
+  Status(Kind kind, std::string text) : kind_(kind), text_(std::move(text)) {}
+
+  Kind kind_ = kOk;
+  std::string text_;
+};
+
+}  // namespace ZorvEngine
+
+// Leaves the enclosing function with the failure of `expression`, if it failed.
+#define ENGINE_TRY(expression)                           \
+  do {                                                   \
+    ::ZorvEngine::Status engineTryStatus = (expression); \
+    if (!engineTryStatus.Ok()) return engineTryStatus;   \
+  } while (0)
+
+#endif  // ENGINE_ONDISK_STATUS_H_
