@@ -1,0 +1,52 @@
+// committed_trees.h: the trees of a file system as one committed superblock has them.
+#ifndef ENGINE_IO_COMMITTED_TREES_H_
+#define ENGINE_IO_COMMITTED_TREES_H_
+
+#include <cstdint>
+
+#include "engine/io/block_reader.h"
+#include "engine/ondisk/format.h"
+#include "engine/ondisk/status.h"
+
+namespace ZorvEngine {
+
+// One committed state of a file system: everything read through it belongs to one point in time.
+class CommittedTrees {
+ public:
+  // Root item of a subvolume.
+  struct Subvolume {
+    BlockPointer root;
+    bool beingDeleted = false;
+  };
+
+  // The reader is the caller's; it is told the chunks of this state.
+  explicit CommittedTrees(BlockReader& reader) : reader_(reader) {}
+
+  // Enters the state of `superblock`: reads its chunks and finds its trees.
+  // Fails when a device, profile or running balance makes exact numbers impossible here.
+  Status Load(const Superblock& superblock);
+
+  // Looks up a subvolume; fails, naming `id`, when there is none with this number.
+  Status FindSubvolume(uint64_t id, Subvolume* out);
+
+  // Root of the extent tree.
+  const BlockPointer& ExtentRoot() const { return extentRoot_; }
+
+  uint64_t Generation() const { return generation_; }
+  BlockReader& Reader() { return reader_; }
+
+ private:
+  Status LoadChunks(const Superblock& superblock);
+  Status FindRoot(uint64_t id, bool* found, Subvolume* out);
+  Status RefuseBalance();
+  Status RefuseDataRelocation();
+
+  BlockReader& reader_;
+  uint64_t generation_ = 0;
+  BlockPointer rootTree_;
+  BlockPointer extentRoot_;
+};
+
+}  // namespace ZorvEngine
+
+#endif  // ENGINE_IO_COMMITTED_TREES_H_

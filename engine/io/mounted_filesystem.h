@@ -1,0 +1,58 @@
+// mounted_filesystem.h: what the kernel says about a mounted btrfs file system.
+#ifndef ENGINE_IO_MOUNTED_FILESYSTEM_H_
+#define ENGINE_IO_MOUNTED_FILESYSTEM_H_
+
+#include <cstdint>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "engine/io/direct_device.h"
+#include "engine/io/superblock.h"
+#include "engine/ondisk/status.h"
+
+namespace ZorvEngine {
+
+// A mounted btrfs file system, held by a descriptor of a directory on it.
+class MountedFilesystem {
+ public:
+  // Opens the file system that the directory `path` lies on (symbolic links are followed).
+  // Fails when it is no directory, not on btrfs or cannot be asked.
+  Status Open(const std::string& path);
+
+  // The number of the subvolume whose root is the opened directory; fails when it is none.
+  // The path of Open stands in the message.
+  Status SubvolumeHere(uint64_t* id) const;
+
+  // Whether both are the same file system, however they were reached.
+  bool SameAs(const MountedFilesystem& other) const;
+
+  // Opens the device of the file system.  Fails when there are several.
+  Status OpenDevice();
+
+  // Reads the newest committed superblock.  Only after OpenDevice.
+  Status ReadSuperblock(Superblock* out);
+
+  // Has the file system commit and reads the superblock of that commit.  When this takes longer
+  // than `kCommitSeconds`, or the kernel refuses, `out` is the newest committed one and `note` says
+  // so; else `note` is empty.
+  static constexpr int kCommitSeconds = 10;
+  Status CommitAndReadSuperblock(Superblock* out, std::string* note);
+
+  ByteSource& Device() { return device_; }
+
+ private:
+  Status FindOnlyDevice(std::string* devicePath);
+  bool StartCommit(uint64_t* generation, std::string* note) const;
+
+  UniqueFd fd_;
+  std::string path_;
+  uint8_t fsid_[kUuidSize] = {};
+  uint8_t deviceUuid_[kUuidSize] = {};
+  uint64_t maxDevid_ = 0;
+  uint64_t numDevices_ = 0;
+  DirectDevice device_;
+};
+
+}  // namespace ZorvEngine
+
+#endif  // ENGINE_IO_MOUNTED_FILESYSTEM_H_

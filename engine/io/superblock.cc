@@ -1,0 +1,126 @@
+#include "engine/io/superblock.h"
+
+#include <string.h>
+#include <time.h>
+
+#include <string>
+
+#include "engine/ondisk/checksum.h"
+
+namespace ZorvEngine {
+namespace {
+
+// Bits of the incompatible features, as in <linux/btrfs.h> and fs/btrfs of Linux 6.18.
+constexpr uint64_t kMetadataUuidFeature = 1ULL << 10;
+constexpr uint64_t kZonedFeature = 1ULL << 12;
+constexpr uint64_t kExtentTreeV2Feature = 1ULL << 13;
+
+// Bits 0 to 11: back references, default subvolume, mixed groups, lzo, zstd, big metadata, extended
+// inode references, raid56, skinny metadata, no holes, metadata uuid, raid1c34.  None of them
+// changes how trees are read, but for those that are looked at where they matter.
+// Bit 14, the raid stripe tree, concerns where data lies; bit 16, simple quotas, adds an inline
+// item that is no reference.
+constexpr uint64_t kReadableFeatures = 0xFFFULL | 1ULL << 14 | 1ULL << 16;
+
+constexpr int kAttempts = 5;
+constexpr timespec kBetweenAttempts = {0, 10'000'000};
+
+constexpr uint32_t kSmallestBlock = 4096;
+constexpr uint32_t kLargestBlock = 65536;
+
+bool IsBlockSize(uint32_t size) {
+  return size >= kSmallestBlock && size <= kLargestBlock && (size & (size - 1)) == 0;
+}
+
+// What one look at all copies has found.
+struct Search {
+  bool found = false;
+  bool foreign = false;  // a sound superblock of another device
+  int unsupportedChecksum = -1;
+  std::string readFailure;
+};
+
+// Looks at the copy at `offset`; keeps it in `out` when it is the newest so far.
+void Consider(ByteSource& source, uint64_t offset, const uint8_t* deviceUuid, uint8_t* buffer,
+              Search* search, Superblock* out) {
+  if (source.Size() < offset + kSuperblockSize) return;
+  const Status read = source.ReadAt(offset, buffer, kSuperblockSize);
+  if (!read.Ok()) {
+    search->readFailure = read.Text();
+    return;
+  }
+
+  const ByteView bytes(buffer, kSuperblockSize);
+  const Superblock* copy = bytes.At<Superblock>(0);
+  if (copy->magic.Get() != kSuperblockMagic || copy->bytenr.Get() != offset) return;
+  if (!IsChecksumSupported(copy->checksumType.Get())) {
+    search->unsupportedChecksum = copy->checksumType.Get();
+    return;
+  }
+  if (!HasValidChecksum(copy->checksumType.Get(), bytes)) return;
+  if (memcmp(copy->device.uuid, deviceUuid, kUuidSize) != 0) {
+    search->foreign = true;
+    return;
+  }
+  if (search->found && copy->generation.Get() <= out->generation.Get()) return;
+  search->found = true;
+  *out = *copy;
+}
+
+Status Unreadable(const Search& search) {
+  if (search.unsupportedChecksum >= 0)
+    return Status::Failed(
+        "the checksum type " +
+        std::string(ChecksumName(static_cast<uint16_t>(search.unsupportedChecksum))) +
+        " cannot be verified by this engine");
+  if (search.foreign)
+    return Status::Failed("the device belongs to another file system than the one mounted");
+  if (!search.readFailure.empty()) return Status::Failed(search.readFailure);
+  return Status::Failed("no valid btrfs superblock on the device");
+}
+
+}  // namespace
+
+Status ReadNewestSuperblock(ByteSource& source, const uint8_t* deviceUuid, Superblock* out) {
+  const AlignedBuffer buffer = MakeAlignedBuffer(kSuperblockSize);
+  if (buffer == nullptr) return Status::Failed("out of memory");
+
+  Search search;
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    if (attempt > 0) (void)nanosleep(&kBetweenAttempts, nullptr);
+    search = Search();
+    Superblock newest;
+    for (const uint64_t offset : kSuperblockOffsets)
+      Consider(source, offset, deviceUuid, buffer.get(), &search, &newest);
+    if (!search.found) continue;
+    *out = newest;
+    return Status();
+  }
+  return Unreadable(search);
+}
+
+Status CheckFeatures(const Superblock& superblock) {
+  const uint64_t features = superblock.incompatFlags.Get();
+  if ((features & kZonedFeature) != 0)
+    return Status::Failed("zoned file systems cannot be read by this engine");
+  if ((features & kExtentTreeV2Feature) != 0)
+    return Status::Failed("the feature extent-tree-v2 cannot be read by this engine");
+  const uint64_t unknown = features & ~kReadableFeatures;
+  if (unknown != 0)
+    return Status::Failed("the file system has a feature that this engine does not know (bit " +
+                          std::to_string(__builtin_ctzll(unknown)) + "); use a newer engine");
+  if (superblock.numDevices.Get() != 1)
+    return Status::Failed("the file system has several devices (" +
+                          std::to_string(superblock.numDevices.Get()) +
+                          "); this engine reads file systems of one device");
+  if (!IsBlockSize(superblock.nodeSize.Get()) || !IsBlockSize(superblock.sectorSize.Get()))
+    return Status::Failed("the superblock has impossible block sizes");
+  return Status();
+}
+
+const uint8_t* TreeBlockFsid(const Superblock& superblock) {
+  const bool own = (superblock.incompatFlags.Get() & kMetadataUuidFeature) != 0;
+  return own ? superblock.metadataUuid : superblock.fsid;
+}
+
+}  // namespace ZorvEngine
