@@ -1,0 +1,60 @@
+#include "engine/size/newest_state_run.h"
+
+#include <string.h>
+
+namespace ZorvEngine {
+namespace {
+
+BlockFormat FormatOf(const Superblock& superblock) {
+  BlockFormat format;
+  format.nodeSize = superblock.nodeSize.Get();
+  format.checksumType = superblock.checksumType.Get();
+  memcpy(format.fsid, TreeBlockFsid(superblock), kUuidSize);
+  return format;
+}
+
+Status Attempt(BlockReader& reader, const Superblock& superblock, ExclusiveSizeMethod& method,
+               const SizeRequest& request, SizeProgress& progress, SizeResult* out) {
+  CommittedTrees trees(reader);
+  ENGINE_TRY(trees.Load(superblock));
+  out->generation = trees.Generation();
+  return method.Run(trees, request, progress, &out->sizes);
+}
+
+}  // namespace
+
+Status RunOnNewestState(MountedFilesystem& filesystem, ExclusiveSizeMethod& method,
+                        const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
+                        SizeResult* out) {
+  ENGINE_TRY(filesystem.OpenDevice());
+  Superblock superblock;
+  std::string commitNote;
+  ENGINE_TRY(filesystem.CommitAndReadSuperblock(&superblock, &commitNote));
+  if (!commitNote.empty()) note(commitNote);
+  ENGINE_TRY(CheckFeatures(superblock));
+
+  BlockReader reader(filesystem.Device(), FormatOf(superblock), progress.meter);
+  for (int attempt = 1;; ++attempt) {
+    SizeResult result;
+    const Status done = Attempt(reader, superblock, method, request, progress, &result);
+    if (done.Ok()) {
+      *out = std::move(result);
+      return Status();
+    }
+    if (done.GetKind() != Status::kBadBlock) return done;
+
+    const uint64_t before = superblock.generation.Get();
+    ENGINE_TRY(filesystem.ReadSuperblock(&superblock));
+    if (superblock.generation.Get() == before)
+      return Status::Failed(done.Text() + "; run btrfs scrub");
+    if (attempt == kMostAttempts)
+      return Status::Failed("the file system changes faster than it can be read (" +
+                            std::to_string(kMostAttempts) +
+                            " attempts); try again when it is quieter");
+    ENGINE_TRY(CheckFeatures(superblock));
+    progress.meter.Abandon();
+    progress.exclusiveBytes = 0;
+  }
+}
+
+}  // namespace ZorvEngine

@@ -1,0 +1,36 @@
+// newest_state_run.h: runs a method on the newest committed state, and again when it was overtaken.
+#ifndef ENGINE_SIZE_NEWEST_STATE_RUN_H_
+#define ENGINE_SIZE_NEWEST_STATE_RUN_H_
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "engine/io/mounted_filesystem.h"
+#include "engine/size/exclusive_size.h"
+
+namespace ZorvEngine {
+
+// The outcome of a run: exact for one point in time.
+struct SizeResult {
+  uint64_t generation = 0;
+  std::vector<ExclusiveSize> sizes;
+};
+
+// Receives one sentence for the user that is no failure.
+using NoteSink = std::function<void(const std::string&)>;
+
+// How often a run that met a reused block begins again from the newer superblock.  The block cache
+// goes on from one attempt to the next, so that each has less to read than the one before.
+constexpr int kMostAttempts = 40;
+
+// Has the file system commit, reads its newest state and runs `method` on it.  A block that does
+// not verify is a reused one when a newer superblock is there by then: the run begins again from
+// that one.  Without a newer superblock the block is damaged and the run fails, naming it.
+Status RunOnNewestState(MountedFilesystem& filesystem, ExclusiveSizeMethod& method,
+                        const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
+                        SizeResult* out);
+
+}  // namespace ZorvEngine
+
+#endif  // ENGINE_SIZE_NEWEST_STATE_RUN_H_

@@ -1,0 +1,139 @@
+#include "engine/size/top_down_walk.h"
+
+#include <algorithm>
+#include <string>
+
+#include "engine/io/tree_cursor.h"
+#include "engine/size/extent_refs.h"
+
+namespace ZorvEngine {
+namespace {
+
+// The walk of one subvolume.
+class SubvolumeWalk {
+ public:
+  SubvolumeWalk(CommittedTrees& trees, bool countMetadata, SizeProgress& progress)
+      : reader_(trees.Reader()),
+        refs_(trees.Reader(), trees.ExtentRoot()),
+        countMetadata_(countMetadata),
+        progress_(progress) {}
+
+  Status Run(const BlockPointer& root, ExclusiveSize* size) {
+    size_ = size;
+    level_.assign(1, root);
+    for (int level = root.level; level >= 0 && !level_.empty(); --level) {
+      ENGINE_TRY(DropShared());
+      CountTreeBlocks();
+      ENGINE_TRY(ReadLevel());
+    }
+    return CountData();
+  }
+
+ private:
+  // Leaves those blocks of the level that nobody else refers to.
+  Status DropShared() {
+    std::sort(level_.begin(), level_.end(),
+              [](const BlockPointer& a, const BlockPointer& b) { return a.bytenr < b.bytenr; });
+    size_t kept = 0;
+    for (size_t i = 0; i < level_.size(); ++i) {
+      uint64_t refs = 0;
+      ENGINE_TRY(refs_.OfTreeBlock(level_[i].bytenr, level_[i].level, &refs));
+      if (refs == 1) level_[kept++] = level_[i];
+    }
+    level_.resize(kept);
+    return Status();
+  }
+
+  void CountTreeBlocks() {
+    const uint64_t bytes = level_.size() * uint64_t{reader_.NodeSize()};
+    size_->metadataBytes += bytes;
+    if (countMetadata_) progress_.exclusiveBytes += bytes;
+  }
+
+  // Replaces the level by the children of its blocks; of leaves, takes the references to data.
+  Status ReadLevel() {
+    std::vector<BlockPointer> children;
+    const Status read = reader_.ReadMany(level_, [&](const TreeBlockView& block) {
+      if (block.IsLeaf()) return TakeLeaf(block);
+      for (uint32_t slot = 0; slot < block.Count(); ++slot)
+        children.push_back(ChildPointer(block, slot));
+      return Status();
+    });
+    level_ = std::move(children);
+    return read;
+  }
+
+  // Notes each reference to a data extent, whatever part of it the file uses.
+  Status TakeLeaf(const TreeBlockView& leaf) {
+    for (uint32_t slot = 0; slot < leaf.Count(); ++slot) {
+      if (leaf.KeyAt(slot).type != kFileExtentType) continue;
+      const ByteView data = leaf.DataAt(slot);
+      const FileExtentHead* head = data.At<FileExtentHead>(0);
+      if (head == nullptr || head->type.Get() > kFileExtentPreallocated) return Damaged(leaf, slot);
+      if (head->type.Get() == kFileExtentInline) continue;
+      const FileExtentPlace* place = data.At<FileExtentPlace>(sizeof(FileExtentHead));
+      if (place == nullptr) return Damaged(leaf, slot);
+      const uint64_t bytenr = place->diskBytenr.Get();
+      if (bytenr != 0) dataReferences_.push_back(bytenr);  // 0 is a hole
+    }
+    return Status();
+  }
+
+  static Status Damaged(const TreeBlockView& leaf, uint32_t slot) {
+    return Status::Failed("item " + std::to_string(slot) + " of tree block " +
+                          std::to_string(leaf.Header().bytenr.Get()) +
+                          " is a damaged file extent; run btrfs scrub and btrfs check");
+  }
+
+  // Counts the extents all of whose references were noted.
+  Status CountData() {
+    std::sort(dataReferences_.begin(), dataReferences_.end());
+    for (size_t at = 0; at < dataReferences_.size();) {
+      const uint64_t bytenr = dataReferences_[at];
+      uint64_t noted = 0;
+      for (; at < dataReferences_.size() && dataReferences_[at] == bytenr; ++at) ++noted;
+
+      uint64_t refs = 0;
+      uint64_t length = 0;
+      ENGINE_TRY(refs_.OfData(bytenr, &refs, &length));
+      if (noted > refs)
+        return Status::Failed("the extent at " + std::to_string(bytenr) +
+                              " has more references than its item counts; run btrfs check");
+      if (noted < refs) continue;
+      size_->dataBytes += length;
+      progress_.exclusiveBytes += length;
+    }
+    return Status();
+  }
+
+  BlockReader& reader_;
+  ExtentRefs refs_;
+  const bool countMetadata_;
+  SizeProgress& progress_;
+  ExclusiveSize* size_ = nullptr;
+  std::vector<BlockPointer> level_;
+  std::vector<uint64_t> dataReferences_;
+};
+
+}  // namespace
+
+Status TopDownWalk::Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
+                        std::vector<ExclusiveSize>* out) {
+  std::vector<ExclusiveSize> sizes;
+  for (const uint64_t id : request.ids) {
+    CommittedTrees::Subvolume subvolume;
+    ENGINE_TRY(trees.FindSubvolume(id, &subvolume));
+    if (subvolume.beingDeleted)
+      return Status::Failed("subvolume " + std::to_string(id) +
+                            " is being deleted; wait with btrfs subvolume sync");
+    ExclusiveSize size;
+    size.id = id;
+    SubvolumeWalk walk(trees, request.countMetadata, progress);
+    ENGINE_TRY(walk.Run(subvolume.root, &size));
+    sizes.push_back(size);
+  }
+  *out = std::move(sizes);
+  return Status();
+}
+
+}  // namespace ZorvEngine
