@@ -1,0 +1,44 @@
+// channel.h: what the worker tells the front, as messages on a pipe.
+#ifndef ENGINE_CHANNEL_H_
+#define ENGINE_CHANNEL_H_
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "engine/size/newest_state_run.h"
+
+namespace ZorvEngine {
+
+// One message.  Both ends are the same program, so numbers go as they stand in memory.
+struct Message {
+  enum Kind : uint32_t { kNote, kFailure, kResult };
+
+  Kind kind = kNote;
+  std::string payload;  // a sentence; of kResult, what EncodeResult made
+};
+
+std::string EncodeResult(const SizeResult& result);
+
+// False when `payload` is no result.
+bool DecodeResult(const std::string& payload, SizeResult* out);
+
+// Writes a message whole; false when the other end has gone.
+bool SendMessage(int fd, const Message& message);
+
+// Puts messages together from the pieces that a pipe delivers.
+class MessageReader {
+ public:
+  // Takes what there is to read, waiting when there is nothing.  False: end of the channel.
+  bool Receive(int fd);
+
+  // The next complete message, if there is one.
+  std::optional<Message> Next();
+
+ private:
+  std::string pending_;
+};
+
+}  // namespace ZorvEngine
+
+#endif  // ENGINE_CHANNEL_H_

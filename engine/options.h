@@ -1,0 +1,45 @@
+// options.h: the command line of `subvolume size`.
+#ifndef ENGINE_OPTIONS_H_
+#define ENGINE_OPTIONS_H_
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "engine/ondisk/status.h"
+
+namespace ZorvEngine {
+
+// The first line of --version.  Programs recognise the engine by it; the real btrfs says another.
+extern const char kVersionLine[];
+
+// The text of --help.
+extern const char kHelpText[];
+
+// What a command line asks for.
+struct Options {
+  bool help = false;
+  bool version = false;
+  bool eachSubvolume = false;  // -v
+  bool progress = false;       // -p
+  bool countMetadata = false;  // -m
+  bool byId = false;           // -r
+  std::string directory;       // of -r
+  std::vector<std::string> arguments;
+};
+
+// Whether `words` (the command line after the program's name) is the command `subvolume size`, in
+// full or by prefixes that mean nothing else among the commands of btrfs.
+bool IsSizeCommand(const std::vector<std::string>& words);
+
+// Reads what follows `subvolume size`.  Options may stand together (-vpm) and anywhere before "--".
+// Fails for an unknown option, a missing directory, -r given twice, an empty argument, and when
+// there is no argument (unless help or version is asked for).
+Status ParseOptions(const std::vector<std::string>& words, Options* out);
+
+// Reads a subvolume ID: decimal digits, leading zeros allowed, at most 64 bits.
+Status ParseSubvolumeId(const std::string& text, uint64_t* id);
+
+}  // namespace ZorvEngine
+
+#endif  // ENGINE_OPTIONS_H_
