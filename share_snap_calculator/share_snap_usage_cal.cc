@@ -512,8 +512,8 @@ int ShareSnapUsageCal::Launch(PLATSZLIST** ppListSnapPath) try {
   if (calculator.Start(&task, SzListRef(subvolIDs)) == RESULT_OK) return RESULT_OK;
   ZLOG(LOG_ERR, "Failed to fire the calculator[0x%04X %s:%d]", PLAT_ERR);
   return FailLaunch(shareStatus, RESULT_INVALID_OBJECT);
-} catch (const std::exception&) {
-  return FailLaunch(shareStatus, RESULT_INVALID_OBJECT);
+} catch (const std::exception&) {  // no memory: the share's status cannot be written either
+  return RESULT_FAILURE;
 }
 
 int ShareSnapUsageCal::Launch(const time_t* start, const time_t* end) try {
