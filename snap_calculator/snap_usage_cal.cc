@@ -43,6 +43,23 @@ bool RunPostAction(POST_CAL_ACTION_FUNCTION fpPostCalAction, TaskStatus& taskSta
   }
 }
 
+// Writes the final state and what belongs to it. Writes that fail have logged themselves; there is
+// nothing left to give up.
+void RecordOutcome(TaskStatus& taskStatus, int ret, const std::string& errMsg,
+                   const std::string& btrfsCmd) {
+  if (ret == RESULT_OK) {
+    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_DONE);
+  } else if (ret == RESULT_STOPPED) {
+    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_STOP);
+  } else {
+    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_FAIL);
+    (void)taskStatus.SetStatusAttr(TASKSTATUS_ATTR_ERROR_MSG, errMsg);
+    (void)taskStatus.SetStatusAttr(TASKSTATUS_ATTR_BTRFS_CMD, btrfsCmd);
+  }
+  (void)taskStatus.SetStatusNowTimeAttr(TASKSTATUS_ATTR_END_TIME);
+  (void)taskStatus.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, ret);
+}
+
 }  // namespace
 
 // ---- The task -----------------------------------------------------------------------------------
@@ -175,25 +192,9 @@ int SnapUsageCalculator::StartTask(_tag_ZORV_BTRFS_USAGE_CAL_TASK* opt_task, PLA
     }
   }
 
-  RecordOutcome(ret, errMsg, btrfsCmd);
+  RecordOutcome(taskStatus, ret, errMsg, btrfsCmd);
   ReportProgress(opt_task->fpProgressUpdate, taskStatus);
   return ret;
-}
-
-void SnapUsageCalculator::RecordOutcome(int ret, const std::string& errMsg,
-                                        const std::string& btrfsCmd) {
-  // Writes that fail have logged themselves; there is nothing left to give up.
-  if (ret == RESULT_OK) {
-    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_DONE);
-  } else if (ret == RESULT_STOPPED) {
-    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_STOP);
-  } else {
-    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_FAIL);
-    (void)taskStatus.SetStatusAttr(TASKSTATUS_ATTR_ERROR_MSG, errMsg);
-    (void)taskStatus.SetStatusAttr(TASKSTATUS_ATTR_BTRFS_CMD, btrfsCmd);
-  }
-  (void)taskStatus.SetStatusNowTimeAttr(TASKSTATUS_ATTR_END_TIME);
-  (void)taskStatus.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, ret);
 }
 
 // Kept: despite its name it leaves the state word alone; the state is "process" by then.

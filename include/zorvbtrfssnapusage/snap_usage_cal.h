@@ -53,9 +53,9 @@ class ZORV_EXPORT SnapUsageCalculator {
   int Start(_tag_ZORV_BTRFS_USAGE_CAL_TASK* opt_task, PLATSZLIST** ppData);
 
   // The whole calculation in the calling process, up to the final state; the post-action is not
-  // run. A result of BtrfsTool::CmdExc, or 1 (state or pid not written), 3 (null record), 5 (unknown
-  // option); also in the status file as "error_code". SIGTERM is blocked meanwhile and let in where
-  // the stop flag is tested; BtrfsTool::CmdExc's handler stays installed.
+  // run. A result of BtrfsTool::CmdExc, or 1 (state or pid not written), 3 (null record), 5
+  // (unknown option); also in the status file as "error_code". SIGTERM is blocked meanwhile and let
+  // in where the stop flag is tested; BtrfsTool::CmdExc's handler stays installed.
   int StartTask(_tag_ZORV_BTRFS_USAGE_CAL_TASK* opt_task, PLATSZLIST** ppData);
 
   // Writes pid, error code -1 and start time; not the state. 0, or 1.
@@ -70,16 +70,16 @@ class ZORV_EXPORT SnapUsageCalculator {
 
   // Asks a running task to stop: SIGTERM to the process in its status file. Does not wait; the task
   // writes state "stop" and code 12 itself. 0: asked, or nothing to stop (not in "process", no such
-  // task, unreadable status, a pid below 2, nobody there); 1: the directories cannot be made, or the
-  // signal not sent; 3: empty ID.
+  // task, unreadable status, a pid below 2, nobody there); 1: the directories cannot be made, or
+  // the signal not sent; 3: empty ID.
   static int Stop(const std::string& taskID);
 
   // Parses the lines of "subvolume size": "processed %llu bytes" and "exclusive %llu bytes" go to
   // the task's status file at once, each followed by the callback (null: none); the pairs of
   // "subvol(%llu) %llu bytes" go to its two result vectors at the end of the output, in order of
   // first appearance. Other lines are skipped. `fp` stays the caller's; `errMsg` is left alone.
-  // FP_PARSE_FAIL: null `fp` (platform error 0x0D00), no task, a line that does not convert, a write
-  // that failed, no memory (0x2A00).
+  // FP_PARSE_FAIL: null `fp` (platform error 0x0D00), no task, a line that does not convert, a
+  // write that failed, no memory (0x2A00).
   static _tag_fp_parse_function_ret ParseCmdFp(std::string taskID, FILE* fp, std::string& errMsg,
                                                PROGRESS_UPDATE_FUNCTION fpProgressUpdate);
 
@@ -91,9 +91,6 @@ class ZORV_EXPORT SnapUsageCalculator {
                           std::string& errMsg, std::string& btrfsCmd);
 
  private:
-  // The final state and what belongs to it. Failed writes are logged and otherwise ignored.
-  void RecordOutcome(int ret, const std::string& errMsg, const std::string& btrfsCmd);
-
   TaskStatus taskStatus;
   std::string taskID;  // empty: no task
 };
