@@ -1,5 +1,6 @@
 #include "tests/support/platform_hook.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -97,6 +98,15 @@ HOOKABLE(localtime_r)
 HOOKABLE(gmtime_r)
 HOOKABLE(mktime)
 HOOKABLE(statfs)
+HOOKABLE(dirfd)
+
+// Variadic in C. Every command takes at most one argument more, which fits a pointer here.
+using Fcntl = int (*)(int, int, void*);
+auto& Hook_fcntl() {
+  static Hookable hookable("fcntl", Fcntl(nullptr));
+  return hookable;
+}
+[[maybe_unused]] const auto& registered_fcntl = Hook_fcntl();
 
 }  // namespace
 }  // namespace ZorvTest
@@ -177,5 +187,13 @@ struct tm* gmtime_r(const time_t* t, struct tm* out) noexcept {
 }
 time_t mktime(struct tm* t) noexcept { return HOOK(mktime)(t); }
 int statfs(const char* path, struct statfs* out) noexcept { return HOOK(statfs)(path, out); }
+int dirfd(DIR* dir) noexcept { return HOOK(dirfd)(dir); }
+int fcntl(int fd, int command, ...) {
+  va_list args;
+  va_start(args, command);
+  void* argument = va_arg(args, void*);
+  va_end(args);
+  return HOOK(fcntl)(fd, command, argument);
+}
 
 }  // extern "C"
