@@ -98,11 +98,15 @@ struct _tag_ZORV_BTRFS_USAGE_CAL_TASK {
 
 }  // namespace ZorvBtrfsUsage
 
+// The symbols bear exactly these names, without the tag that the compiler adds to the type's ABI.
+
 // Attribute to its key in a status file: 11 rows after load.
 // A subscript with a value outside the enumeration adds a row with an empty text.
-extern ZORV_EXPORT std::map<ZorvBtrfsUsage::TASKSTATUS_ATTR, std::string> _task_status_attr_str;
+extern ZORV_EXPORT std::map<ZorvBtrfsUsage::TASKSTATUS_ATTR, std::string> _task_status_attr_str
+    __asm__("_task_status_attr_str");
 
 // State to its word in a status file: 5 rows after load; subscripts as above.
-extern ZORV_EXPORT std::map<ZorvBtrfsUsage::CAL_TASK_STATUS, std::string> _cal_task_status_str;
+extern ZORV_EXPORT std::map<ZorvBtrfsUsage::CAL_TASK_STATUS, std::string> _cal_task_status_str
+    __asm__("_cal_task_status_str");
 
 #endif  // ZORVBTRFSSNAPUSAGE_TYPES_H_
