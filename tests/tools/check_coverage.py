@@ -32,7 +32,7 @@ def exported_operations(library):
                            capture_output=True).stdout.splitlines()
     operations = set()
     for line in lines:
-        match = re.search(r" [TW] .*?ZorvBtrfsUsage::(\w+)::(~?\w+)(?:<[^(]*>)?\(", line)
+        match = re.search(r" [TW] .*?ZorvBtrfsUsage::(\w+)::(~?\w+)(?:<[^(]*>|\[abi:cxx11\])?\(", line)
         if match and match[2].lstrip("~") != match[1]:
             operations.add(f"{match[1]}::{match[2]}")
     return operations

@@ -1,0 +1,132 @@
+#!/usr/bin/env bash
+# The demonstration's inside; run by demo.sh in the private world, with the folder of the programs.
+set -euo pipefail
+bin=$1
+scripts=$(dirname "${BASH_SOURCE[0]}")
+work=/tmp/zorv-demo
+tool=$bin/zorv-snapusage
+stock=/usr/bin/btrfs
+shares=(photos projects mail)
+days=10
+
+say() { printf '\n== %s\n' "$*"; }
+
+# ---- The machine: two volumes, the engine at its place -------------------------------------------
+
+make_volume() { # number
+  truncate -s 1G "$work/volume$1.img"
+  mkfs.btrfs -q "$work/volume$1.img"
+  mkdir -p "/volume$1"
+  mount -o loop "$work/volume$1.img" "/volume$1"
+}
+
+make_share() { # path
+  $stock subvolume create "$1" >/dev/null
+  mkdir "$1/.snapshots"
+}
+
+take_snapshot() { # share path, day
+  $stock subvolume snapshot -r "$1" "$1/.snapshots/$(printf 'GMT-2026.11.%02d-03.00.00' "$2")" >/dev/null
+}
+
+# ---- What people do on three kinds of shares, a day at a time ------------------------------------
+
+random_text() { # kibibytes: compresses to about three quarters
+  head -c $(($1 * 768)) /dev/urandom | base64 -w 76 | head -c $(($1 * 1024))
+}
+
+photos_day() { # compressed; a few files anew, one more each day
+  local file
+  for file in 1 2 3; do random_text 700 >/volume1/photos/album$(((file * $1) % 7)).txt; done
+  random_text 300 >"/volume1/photos/day$1.txt"
+}
+
+projects_day() { # reflinks inside the share, partly overwritten
+  local disk=/volume1/projects/disk.img
+  [ $1 -gt 1 ] || head -c 6M /dev/urandom >$disk
+  cp --reflink=always $disk "/volume1/projects/copy$(($1 % 3)).img"
+  dd if=/dev/urandom of=$disk bs=64K count=5 seek=$(($1 * 7)) conv=notrunc status=none
+  dd if=/dev/urandom of="/volume1/projects/copy$(($1 % 3)).img" bs=4K count=9 seek=$(($1 * 90)) \
+    conv=notrunc status=none
+}
+
+mail_day() { # many small files, most of them inside the metadata
+  local n
+  for n in $(seq $(($1 == 1 ? 3000 : 150))); do
+    printf 'message %d of day %d %0*d\n' "$n" "$1" $((n % 1900)) 7 >"/volume2/mail/$(((n * $1 * 7) % 3000))"
+  done
+}
+
+say "making two volumes and three shares with $days snapshots each"
+mkdir -p "$work"
+install -m 755 "$bin/btrfs" /sbin/btrfs
+make_volume 1
+make_volume 2
+make_share /volume1/photos
+$stock property set /volume1/photos compression zstd
+make_share /volume1/projects
+make_share /volume2/mail
+for day in $(seq $days); do
+  photos_day "$day"
+  projects_day "$day"
+  mail_day "$day"
+  sync
+  for path in /volume1/photos /volume1/projects /volume2/mail; do take_snapshot $path "$day"; done
+done
+
+# ---- Calculations ---------------------------------------------------------------------------------
+
+say "calculating photos and mail at the same time"
+"$tool" run photos >"$work/photos.out" 2>&1 &
+photos=$!
+"$tool" run mail >"$work/mail.out" 2>&1 &
+mail=$!
+failed=0
+wait $photos || failed=1
+wait $mail || failed=1
+for share in photos mail; do
+  echo "-- $share"
+  cat "$work/$share.out"
+done
+[ $failed = 0 ]
+
+say "starting projects and stopping it in the middle"
+"$bin/hold_worker" >"$work/worker" & # the worker stands still from its start, until it is stopped
+holder=$!
+"$tool" start projects
+wait $holder
+begin=$(date +%s%N)
+"$tool" stop projects
+echo "stopped after $((($(date +%s%N) - begin) / 1000000)) ms; what its status says:"
+"$tool" status projects || true
+grep -q '"status":"stop"' /usr/local/zorvbtrfssnapusage/share_task_status/projects
+grep -q '"error_code":"12"' /usr/local/zorvbtrfssnapusage/share_task_status/projects
+
+say "calculating projects to its end"
+"$tool" run projects --quiet
+
+# ---- Held against the kernel ----------------------------------------------------------------------
+
+say "results, from the persistent copies"
+for share in "${shares[@]}"; do
+  ls "/usr/local/zorvbtrfssnapusage/share_task_result/$share/"
+  "$tool" show "$share" --format json >"$work/$share.json"
+done
+
+say "asking the kernel: quotas on a copy of each volume"
+for n in 1 2; do
+  umount "/volume$n"
+  cp --sparse=always "$work/volume$n.img" "$work/copy$n.img"
+  mkdir -p "$work/copy$n"
+  mount -o loop "$work/copy$n.img" "$work/copy$n"
+  $stock quota enable "$work/copy$n"
+  $stock quota rescan -w "$work/copy$n" >/dev/null
+  sync -f "$work/copy$n"
+  $stock qgroup show --raw --sync "$work/copy$n" >"$work/kernel$n.txt"
+  umount "$work/copy$n"
+done
+
+say "each number beside the kernel's"
+python3 "$scripts/demo_compare.py" $((${#shares[@]} * days)) \
+  "$work/photos.json=$work/kernel1.txt" "$work/projects.json=$work/kernel1.txt" \
+  "$work/mail.json=$work/kernel2.txt"
