@@ -51,6 +51,7 @@ TEST(Exports, SonameCarriesTheMajorVersion) {
 
 TEST(Exports, OnlyJsoncppThePlatformAndTheRuntimeAreLinked) {
   for (const std::string& library : Dynamic("NEEDED"))
-    EXPECT_THAT(library, testing::MatchesRegex("lib(jsoncpp|zorvplatform|stdc\\+\\+|gcc_s|c|m|asan|ubsan)"
-                                               "\\.so\\.[0-9]+"));
+    EXPECT_THAT(library,
+                testing::MatchesRegex("lib(jsoncpp|zorvplatform|stdc\\+\\+|gcc_s|c|m|asan|ubsan)"
+                                      "\\.so\\.[0-9]+"));
 }

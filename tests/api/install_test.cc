@@ -23,8 +23,9 @@ class Install : public testing::Test {
  protected:
   static void SetUpTestSuite() {
     MustRun({ZORV_CMAKE, "--install", ZORV_BINARY_DIR, "--prefix", "/opt/zorv"});
-    MustRun({"sh", "-c", "echo $(dirname $(find /opt/zorv -name 'libzorvbtrfssnapusage.so.1')) >"
-                         "/etc/ld.so.conf.d/zorv.conf; ldconfig"});
+    MustRun({"sh", "-c",
+             "echo $(dirname $(find /opt/zorv -name 'libzorvbtrfssnapusage.so.1')) >"
+             "/etc/ld.so.conf.d/zorv.conf; ldconfig"});
     WriteFile("/opt/caller/caller.cc", kCaller);
   }
 
@@ -42,8 +43,8 @@ std::string Sanitizers() { return ZORV_SANITIZE[0] ? "-fsanitize=" ZORV_SANITIZE
 
 TEST_F(Install, PkgConfigCallerBuildsAndRuns) {
   MustRun({"sh", "-c",
-           "PKG_CONFIG_PATH=" + PkgConfigPath() + " && export PKG_CONFIG_PATH && " ZORV_CXX
-           " -std=c++17 " + Sanitizers() +
+           "PKG_CONFIG_PATH=" + PkgConfigPath() +
+               " && export PKG_CONFIG_PATH && " ZORV_CXX " -std=c++17 " + Sanitizers() +
                " -Wall -Wextra -Wpedantic -Werror /opt/caller/caller.cc -o /opt/caller/by_pkg "
                "$(pkg-config --cflags --libs zorvbtrfssnapusage)"});
   EXPECT_EQ("free\n", MustRun({"/opt/caller/by_pkg"}));
@@ -55,10 +56,15 @@ TEST_F(Install, CMakePackageCallerBuildsAndRuns) {
             "project(caller CXX)\n"
             "find_package(zorvbtrfssnapusage 1.0 REQUIRED)\n"
             "add_executable(by_cmake caller.cc)\n"
-            "target_compile_options(by_cmake PRIVATE " + Sanitizers() + ")\n"
-            "target_link_options(by_cmake PRIVATE " + Sanitizers() + ")\n"
-            "target_link_libraries(by_cmake zorvbtrfssnapusage::zorvbtrfssnapusage)\n");
-  MustRun({ZORV_CMAKE, "-S", "/opt/caller", "-B", "/opt/caller/build", "-DCMAKE_PREFIX_PATH=/opt/zorv"});
+            "target_compile_options(by_cmake PRIVATE " +
+                Sanitizers() +
+                ")\n"
+                "target_link_options(by_cmake PRIVATE " +
+                Sanitizers() +
+                ")\n"
+                "target_link_libraries(by_cmake zorvbtrfssnapusage::zorvbtrfssnapusage)\n");
+  MustRun({ZORV_CMAKE, "-S", "/opt/caller", "-B", "/opt/caller/build",
+           "-DCMAKE_PREFIX_PATH=/opt/zorv"});
   MustRun({ZORV_CMAKE, "--build", "/opt/caller/build"});
   EXPECT_EQ("free\n", MustRun({"/opt/caller/build/by_cmake"}));
 }
@@ -71,8 +77,8 @@ TEST_F(Install, ReadmeCallerCompiles) {
   ASSERT_NE(std::string::npos, end);
   WriteFile("/opt/caller/readme.cc", readme.substr(begin + 7, end - begin - 7));
   MustRun({"sh", "-c",
-           "PKG_CONFIG_PATH=" + PkgConfigPath() + " && export PKG_CONFIG_PATH && " ZORV_CXX
-           " -std=c++17 " + Sanitizers() +
+           "PKG_CONFIG_PATH=" + PkgConfigPath() +
+               " && export PKG_CONFIG_PATH && " ZORV_CXX " -std=c++17 " + Sanitizers() +
                " -Wall -Wextra -Werror /opt/caller/readme.cc -o /opt/caller/readme "
                "$(pkg-config --cflags --libs zorvbtrfssnapusage)"});
   EXPECT_TRUE(fs::exists("/opt/caller/readme"));

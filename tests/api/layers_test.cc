@@ -23,13 +23,14 @@ struct Row {
 
 const std::vector<std::string> kPublic = {"zorvbtrfssnapusage/", "zorvplatform/"};
 
-std::vector<std::string> With(std::vector<std::string> base, std::initializer_list<const char*> more) {
+std::vector<std::string> With(std::vector<std::string> base,
+                              std::initializer_list<const char*> more) {
   base.insert(base.end(), more.begin(), more.end());
   return base;
 }
 
-const std::vector<std::string> kLow = With(
-    kPublic, {"base/", "intl_utils/scoped_file_lock.h", "intl_utils/json_shape.h"});
+const std::vector<std::string> kLow =
+    With(kPublic, {"base/", "intl_utils/scoped_file_lock.h", "intl_utils/json_shape.h"});
 
 const Row kRows[] = {
     {"platform/include/", {"zorvplatform/"}},
@@ -73,9 +74,17 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 // Includes of our own files; a header without a folder, or of a system folder, is not ours.
 std::vector<std::string> OwnIncludes(const std::string& text) {
   static const std::regex include("#include\\s+[\"<]([^\">]+)[\">]");
-  static const char* const kOurs[] = {"base/", "engine/", "intl_utils/", "utils/", "cli/", "tests/",
-                                      "snap_calculator/", "share_snap_calculator/", "platform/",
-                                      "zorvbtrfssnapusage/", "zorvplatform/"};
+  static const char* const kOurs[] = {"base/",
+                                      "engine/",
+                                      "intl_utils/",
+                                      "utils/",
+                                      "cli/",
+                                      "tests/",
+                                      "snap_calculator/",
+                                      "share_snap_calculator/",
+                                      "platform/",
+                                      "zorvbtrfssnapusage/",
+                                      "zorvplatform/"};
   std::vector<std::string> found;
   for (std::sregex_iterator it(text.begin(), text.end(), include), end; it != end; ++it)
     for (const char* ours : kOurs)
@@ -113,13 +122,15 @@ TEST(Layers, EachUnitIncludesOnlyWhatItMay) {
   for (const std::string& file : files) {
     const Row* row = RowOf(file);
     ASSERT_NE(nullptr, row) << file << " has no row";
-    for (const std::string& include : OwnIncludes(ReadFile(std::string(ZORV_SOURCE_DIR) + "/" + file)))
+    for (const std::string& include :
+         OwnIncludes(ReadFile(std::string(ZORV_SOURCE_DIR) + "/" + file)))
       EXPECT_TRUE(Allowed(*row, include)) << file << " includes " << include;
   }
 }
 
 TEST(Layers, NoUnitKnowsAHigherOne) {
   for (const auto& [file, headers] : kTooHigh)
-    for (const std::string& include : OwnIncludes(ReadFile(std::string(ZORV_SOURCE_DIR) + "/" + file)))
+    for (const std::string& include :
+         OwnIncludes(ReadFile(std::string(ZORV_SOURCE_DIR) + "/" + file)))
       EXPECT_FALSE(headers.count(fs::path(include).filename())) << file << " includes " << include;
 }

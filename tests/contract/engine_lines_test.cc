@@ -31,7 +31,8 @@ class EngineLines : public testing::Test {
     volume_->Subvolume("share");
     for (unsigned n = 0; n < 3; ++n) {
       WriteRandom(volume_->Path("share/file" + std::to_string(n % 2)), 300000, n);
-      ids_.push_back(SubvolumeID(volume_->Snapshot("share", "share/.snapshots/s" + std::to_string(n))));
+      ids_.push_back(
+          SubvolumeID(volume_->Snapshot("share", "share/.snapshots/s" + std::to_string(n))));
     }
   }
   static void TearDownTestSuite() { volume_.reset(); }
@@ -85,7 +86,8 @@ TEST_F(EngineLines, EachLineIsOneOfTheAgreedForms) {
   const CommandResult run = Engine(ids_);
   ASSERT_EQ(0, run.status) << run.err;
   EXPECT_EQ('\n', run.out.back());
-  const std::regex form("(generation|total|processed|exclusive) [0-9]+( bytes)?|subvol\\([0-9]+\\) [0-9]+ bytes");
+  const std::regex form(
+      "(generation|total|processed|exclusive) [0-9]+( bytes)?|subvol\\([0-9]+\\) [0-9]+ bytes");
   for (const std::string& line : Lines(run.out)) EXPECT_TRUE(std::regex_match(line, form)) << line;
 }
 

@@ -6,8 +6,8 @@
 
 namespace ZorvTest {
 
-// Waits up to `seconds` for a worker (a process of /sbin/btrfs whose parent is one too) and sends it
-// SIGSTOP. Returns its pid, or -1 when none came.
+// Waits up to `seconds` for a worker (a process of /sbin/btrfs whose parent is one too) and sends
+// it SIGSTOP. Returns its pid, or -1 when none came.
 pid_t HoldEngineWorker(double seconds = 20);
 
 }  // namespace ZorvTest
