@@ -1,0 +1,105 @@
+// What the tests of Utils share: a clean world before each case, the log, and its error tail.
+#ifndef TESTS_INTL_UTILS_UTILS_FIXTURE_H_
+#define TESTS_INTL_UTILS_UTILS_FIXTURE_H_
+
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <zorvplatform/platc.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "base/paths.h"
+#include "base/sz_list.h"
+#include "tests/support/command.h"
+#include "tests/support/syslog_capture.h"
+
+namespace ZorvTest {
+
+inline constexpr char kUtilsUnit[] = "intl_utils/utils";
+
+// A directory of the case's own, also for files that other users write.
+inline constexpr char kWorkDir[] = "/tmp/utils";
+
+// The tail of a line about a failed platform call, as the error record stands now.
+inline std::string Tail() {
+  char text[320];
+  snprintf(text, sizeof text, "[0x%04X %s:%u]", PLATCErrGet(), PLATCErrorGetFile(),
+           PLATCErrorGetLine());
+  return text;
+}
+
+// The tail after a hook's failure with `code`.
+inline std::string HookTail(unsigned int code) {
+  char text[64];
+  snprintf(text, sizeof text, "[0x%04X tests/hook:1]", code);
+  return text;
+}
+
+// Covers a directory by a small file system of its own for one scope.
+class ScopedTmpfs {
+ public:
+  ScopedTmpfs(const std::string& dir, const std::string& options, unsigned long flags = 0)
+      : dir_(dir) {
+    std::filesystem::create_directories(dir_);
+    if (mount("tmpfs", dir_.c_str(), "tmpfs", flags, options.c_str()) != 0)
+      throw std::runtime_error("cannot mount at " + dir_);
+  }
+  ~ScopedTmpfs() { (void)umount2(dir_.c_str(), MNT_DETACH); }
+  ScopedTmpfs(const ScopedTmpfs&) = delete;
+  ScopedTmpfs& operator=(const ScopedTmpfs&) = delete;
+
+ private:
+  std::string dir_;
+};
+
+// A platform list with these strings.
+inline ZorvBtrfsUsage::SzList ListOf(const std::vector<std::string>& texts) {
+  ZorvBtrfsUsage::SzList list = ZorvBtrfsUsage::MakeSzList();
+  for (const std::string& text : texts)
+    PLATCSzListPush(ZorvBtrfsUsage::SzListRef(list), text.c_str());
+  return list;
+}
+
+inline std::vector<std::string> TextsOf(const ZorvBtrfsUsage::SzList& list) {
+  return {list->items, list->items + list->count};
+}
+
+// Empties the library's directories and the work directory, and clears the error record.
+class UtilsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* dir : {ZorvBtrfsUsage::kLockDir, ZorvBtrfsUsage::kPersistentDir, kWorkDir})
+      std::filesystem::remove_all(dir);
+    std::filesystem::create_directory(kWorkDir);
+    std::filesystem::permissions(kWorkDir, std::filesystem::perms(0777));
+    umask(022);
+    PLATCErrSetEx(0, "", 0);
+  }
+
+  // A path in the work directory.
+  static std::string At(const std::string& name) { return std::string(kWorkDir) + "/" + name; }
+
+  // Names of all entries of the work directory.
+  static std::vector<std::string> Entries() {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(kWorkDir))
+      names.push_back(entry.path().filename());
+    return names;
+  }
+
+  // How many lines are exactly `message` at `priority`.
+  int Logged(int priority, const std::string& message) {
+    return log.CountExact(priority, kUtilsUnit, message);
+  }
+
+  SyslogCapture log;
+};
+
+}  // namespace ZorvTest
+
+#endif  // TESTS_INTL_UTILS_UTILS_FIXTURE_H_
