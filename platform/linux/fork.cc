@@ -92,10 +92,9 @@ pid_t AwaitTask(pid_t intermediate, UniqueFd readEnd, UniqueFd writeEnd) {
 // with errno.  All signals are blocked here, so that no handler of the caller runs in the new
 // processes.
 pid_t ForkTask() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return -1;
-  UniqueFd readEnd(ends[0]);
-  UniqueFd writeEnd(ends[1]);
+  UniqueFd readEnd;
+  UniqueFd writeEnd;
+  if (!MakeReportPipe(&readEnd, &writeEnd)) return -1;
 
   const pid_t intermediate = fork();
   if (intermediate < 0) return -1;

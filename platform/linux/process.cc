@@ -151,13 +151,9 @@ int ReadStatus(int status) {
 // Starts the program with `output` as its standard output.  Its pid, or -1 with errno: also when
 // the exec failed, and then no process is left behind.
 pid_t Spawn(const char* path, char* const argv[], int output) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return -1;
-  const UniqueFd readEnd(ends[0]);
-  UniqueFd writeEnd(ends[1]);
-  // Out of the way of the standard descriptors, which a caller may have closed.
-  writeEnd.Reset(fcntl(writeEnd.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-  if (!writeEnd.Valid()) return -1;
+  UniqueFd readEnd;
+  UniqueFd writeEnd;
+  if (!MakeReportPipe(&readEnd, &writeEnd)) return -1;
 
   const pid_t child = ForkQuietly();
   if (child < 0) return -1;

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -168,14 +167,6 @@ TEST(PLATCPopen, WhatCannotBeExecutedFailsAsWithPopenv) {
   std::filesystem::remove("/tmp/popenDirectory");
 }
 
-// Descriptors below this number are all that this process may have.
-void LimitDescriptors(rlim_t limit) {
-  rlimit now;
-  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &now));
-  now.rlim_cur = limit;
-  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &now));
-}
-
 TEST(PLATCPopenv, WithoutFreeDescriptorsItFailsAndLeavesNone) {
   EXPECT_EQ(0, InChild([] {
               close_range(3, ~0U, 0);
@@ -184,7 +175,7 @@ TEST(PLATCPopenv, WithoutFreeDescriptorsItFailsAndLeavesNone) {
               // No room for the pipe, for one end of it, for the second pipe and so on, until there
               // is enough.
               int failures = 0;
-              for (rlim_t limit = 3; limit < 20; ++limit) {
+              for (unsigned long limit = 3; limit < 20; ++limit) {
                 LimitDescriptors(limit);
                 ClearError();
                 FILE* stream = PLATCPopenv("/bin/true", "r", argv);

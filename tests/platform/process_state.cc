@@ -79,4 +79,11 @@ void LimitProcesses(unsigned long processes) {
     throw std::runtime_error("cannot become an ordinary user");
 }
 
+void LimitDescriptors(unsigned long limit) {
+  rlimit now;
+  if (getrlimit(RLIMIT_NOFILE, &now) != 0) throw std::runtime_error("no limit of descriptors");
+  now.rlim_cur = limit;
+  if (setrlimit(RLIMIT_NOFILE, &now) != 0) throw std::runtime_error("cannot limit descriptors");
+}
+
 }  // namespace ZorvTest

@@ -53,6 +53,9 @@ void ReapEverything(int);
 // fails.  Only for a child of the test.
 void LimitProcesses(unsigned long processes);
 
+// Descriptors below this number are all that this process may have from now on.
+void LimitDescriptors(unsigned long limit);
+
 }  // namespace ZorvTest
 
 #endif
