@@ -18,6 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+const char kNoCommitInTime[] =
+    "the file system does not commit in time; the numbers are for its last commit";
+
 constexpr auto kBetweenLooks = std::chrono::milliseconds(10);
 
 }  // namespace
@@ -109,7 +112,7 @@ bool MountedFilesystem::StartCommit(uint64_t* generation, std::string* note) con
   }).detach();
 
   if (answer.wait_for(std::chrono::seconds(kCommitSeconds)) != std::future_status::ready) {
-    *note = "the file system does not commit in time; the numbers are for its last commit";
+    *note = kNoCommitInTime;
     return false;
   }
   const Answer got = answer.get();
@@ -124,17 +127,17 @@ bool MountedFilesystem::StartCommit(uint64_t* generation, std::string* note) con
 
 Status MountedFilesystem::CommitAndReadSuperblock(Superblock* out, std::string* note) {
   note->clear();
-  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(kCommitSeconds);
   uint64_t wanted = 0;
   if (!StartCommit(&wanted, note)) return ReadSuperblock(out);
 
+  const Clock::time_point deadline = Clock::now() + std::chrono::seconds(kCommitSeconds);
   for (;;) {
     ENGINE_TRY(ReadSuperblock(out));
     if (out->generation.Get() >= wanted) return Status();
     if (Clock::now() >= deadline) break;
     std::this_thread::sleep_for(kBetweenLooks);
   }
-  *note = "the file system does not commit in time; the numbers are for its last commit";
+  *note = kNoCommitInTime;
   return Status();
 }
 

@@ -7,13 +7,14 @@
 
 #include "base/unique_fd.h"
 #include "engine/io/direct_device.h"
+#include "engine/io/state_source.h"
 #include "engine/io/superblock.h"
 #include "engine/ondisk/status.h"
 
 namespace ZorvEngine {
 
 // A mounted btrfs file system, held by a descriptor of a directory on it.
-class MountedFilesystem {
+class MountedFilesystem : public StateSource {
  public:
   // Opens the file system that the directory `path` lies on (symbolic links are followed).
   // Fails when it is no directory, not on btrfs or cannot be asked.
@@ -29,16 +30,13 @@ class MountedFilesystem {
   // Opens the device of the file system.  Fails when there are several.
   Status OpenDevice();
 
-  // Reads the newest committed superblock.  Only after OpenDevice.
-  Status ReadSuperblock(Superblock* out);
+  // The three below only after OpenDevice.
+  ByteSource& Device() override { return device_; }
+  Status ReadSuperblock(Superblock* out) override;
 
-  // Has the file system commit and reads the superblock of that commit.  When this takes longer
-  // than `kCommitSeconds`, or the kernel refuses, `out` is the newest committed one and `note` says
-  // so; else `note` is empty.
-  static constexpr int kCommitSeconds = 10;
-  Status CommitAndReadSuperblock(Superblock* out, std::string* note);
-
-  ByteSource& Device() { return device_; }
+  // Waits `kCommitSeconds` at most for the kernel to start the commit and again to finish it.
+  static constexpr int kCommitSeconds = 5;
+  Status CommitAndReadSuperblock(Superblock* out, std::string* note) override;
 
  private:
   Status FindOnlyDevice(std::string* devicePath);

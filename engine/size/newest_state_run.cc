@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include "engine/io/superblock.h"
+
 namespace ZorvEngine {
 namespace {
 
@@ -23,17 +25,16 @@ Status Attempt(BlockReader& reader, const Superblock& superblock, ExclusiveSizeM
 
 }  // namespace
 
-Status RunOnNewestState(MountedFilesystem& filesystem, ExclusiveSizeMethod& method,
+Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
                         const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
                         SizeResult* out) {
-  ENGINE_TRY(filesystem.OpenDevice());
   Superblock superblock;
   std::string commitNote;
-  ENGINE_TRY(filesystem.CommitAndReadSuperblock(&superblock, &commitNote));
+  ENGINE_TRY(source.CommitAndReadSuperblock(&superblock, &commitNote));
   if (!commitNote.empty()) note(commitNote);
   ENGINE_TRY(CheckFeatures(superblock));
 
-  BlockReader reader(filesystem.Device(), FormatOf(superblock), progress.meter);
+  BlockReader reader(source.Device(), FormatOf(superblock), progress.meter);
   for (int attempt = 1;; ++attempt) {
     SizeResult result;
     const Status done = Attempt(reader, superblock, method, request, progress, &result);
@@ -44,7 +45,7 @@ Status RunOnNewestState(MountedFilesystem& filesystem, ExclusiveSizeMethod& meth
     if (done.GetKind() != Status::kBadBlock) return done;
 
     const uint64_t before = superblock.generation.Get();
-    ENGINE_TRY(filesystem.ReadSuperblock(&superblock));
+    ENGINE_TRY(source.ReadSuperblock(&superblock));
     if (superblock.generation.Get() == before)
       return Status::Failed(done.Text() + "; run btrfs scrub");
     if (attempt == kMostAttempts)

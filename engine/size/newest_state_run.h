@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "engine/io/mounted_filesystem.h"
+#include "engine/io/state_source.h"
 #include "engine/size/exclusive_size.h"
 
 namespace ZorvEngine {
@@ -24,10 +24,10 @@ using NoteSink = std::function<void(const std::string&)>;
 // goes on from one attempt to the next, so that each has less to read than the one before.
 constexpr int kMostAttempts = 40;
 
-// Has the file system commit, reads its newest state and runs `method` on it.  A block that does
+// Has `source` commit, reads its newest state and runs `method` on it.  A block that does
 // not verify is a reused one when a newer superblock is there by then: the run begins again from
 // that one.  Without a newer superblock the block is damaged and the run fails, naming it.
-Status RunOnNewestState(MountedFilesystem& filesystem, ExclusiveSizeMethod& method,
+Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
                         const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
                         SizeResult* out);
 
