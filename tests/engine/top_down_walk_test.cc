@@ -1,0 +1,291 @@
+// The walk on hand-made file systems: what counts, what is refused, what happens when it is
+// overtaken.
+#include "engine/size/top_down_walk.h"
+
+#include <gtest/gtest.h>
+
+#include "engine/size/newest_state_run.h"
+#include "tests/engine/mini_filesystem.h"
+
+using namespace ZorvEngine;
+using namespace ZorvTest;
+
+namespace {
+
+using Mini = MiniFilesystem;
+
+class WalkTest : public testing::Test {
+ protected:
+  Status Run(std::vector<uint64_t> ids = {Mini::kSubvolumeId}) {
+    return RunOnNewestState(
+        mini_, walk_, {ids, true}, progress_, [&](const std::string& n) { notes_.push_back(n); },
+        &result_);
+  }
+  Status WriteAndRun() {
+    mini_.Write();
+    return Run();
+  }
+
+  Mini mini_;
+  TopDownWalk walk_;
+  SizeProgress progress_;
+  SizeResult result_;
+  std::vector<std::string> notes_;
+};
+
+using TopDownWalkRun = WalkTest;
+using RunOnNewestStateTest = WalkTest;
+using CommittedTreesLoad = WalkTest;
+
+constexpr char kBalance[] =
+    "a balance is running or paused, or a device is being shrunk or removed; try again when it has "
+    "ended (btrfs balance status)";
+
+}  // namespace
+
+TEST_F(TopDownWalkRun, CountsAnExtentOnceWhenAllItsReferencesAreHere) {
+  mini_.AddDataExtent(Mini::kData, 12288, 2);
+  mini_.AddFileExtent(0, Mini::kData);
+  mini_.AddFileExtent(4096, Mini::kData);
+  ASSERT_TRUE(WriteAndRun().Ok());
+  ASSERT_EQ(1u, result_.sizes.size());
+  EXPECT_EQ(Mini::kSubvolumeId, result_.sizes[0].id);
+  EXPECT_EQ(12288u, result_.sizes[0].dataBytes);
+  EXPECT_EQ(kNodeSize, result_.sizes[0].metadataBytes);
+  EXPECT_EQ(12288u + kNodeSize, progress_.exclusiveBytes);
+  EXPECT_EQ(kGeneration, result_.generation);
+}
+
+TEST_F(TopDownWalkRun, LeavesOutAnExtentThatOthersReferToToo) {
+  mini_.AddDataExtent(Mini::kData, 12288, 3);
+  mini_.AddFileExtent(0, Mini::kData);
+  mini_.AddFileExtent(4096, Mini::kData);
+  ASSERT_TRUE(WriteAndRun().Ok());
+  EXPECT_EQ(0u, result_.sizes[0].dataBytes);
+}
+
+TEST_F(TopDownWalkRun, CountsPreallocatedAndNeitherHolesNorInlineData) {
+  mini_.AddDataExtent(Mini::kData, 8192, 1);
+  mini_.AddFileExtent(0, Mini::kData, kFileExtentPreallocated);
+  mini_.AddFileExtent(4096, 0);
+  mini_.AddFileExtent(8192, Mini::kData, kFileExtentInline);
+  ASSERT_TRUE(WriteAndRun().Ok());
+  EXPECT_EQ(8192u, result_.sizes[0].dataBytes);
+}
+
+TEST_F(TopDownWalkRun, PrunesASharedRootBlock) {
+  mini_.Extents().clear();
+  mini_.AddTreeExtent(Mini::kSubvolume, 2);
+  mini_.AddDataExtent(Mini::kData, 8192, 1);
+  mini_.AddFileExtent(0, Mini::kData);
+  ASSERT_TRUE(WriteAndRun().Ok());
+  EXPECT_EQ(0u, result_.sizes[0].dataBytes);
+  EXPECT_EQ(0u, result_.sizes[0].metadataBytes);
+}
+
+TEST_F(TopDownWalkRun, ReadsTreeBlocksEnteredWithTheOldKind) {
+  mini_.Extents().clear();
+  Bytes item = Mini::ExtentBytes(1, kExtentIsTreeBlock);
+  AppendTo(&item, BytesOf(TreeBlockInfo{}));
+  mini_.Extents().push_back({{Mini::kSubvolume, kExtentItemType, kNodeSize}, item});
+  ASSERT_TRUE(WriteAndRun().Ok());
+  EXPECT_EQ(kNodeSize, result_.sizes[0].metadataBytes);
+}
+
+TEST_F(TopDownWalkRun, MeterEndsWithAllThatWasPlanned) {
+  ASSERT_TRUE(WriteAndRun().Ok());
+  EXPECT_EQ(progress_.meter.total, progress_.meter.processed);
+  EXPECT_EQ(4 * kNodeSize, progress_.meter.total);
+}
+
+TEST_F(TopDownWalkRun, RefusesUnknownSubvolumes) {
+  mini_.Write();
+  for (const uint64_t id : {uint64_t{258}, uint64_t{5}, uint64_t{2}, uint64_t{0}, UINT64_MAX}) {
+    SCOPED_TRACE(id);
+    EXPECT_EQ("there is no subvolume " + std::to_string(id) +
+                  " on the file system; see btrfs subvolume list",
+              Run({id}).Text());
+  }
+}
+
+TEST_F(TopDownWalkRun, RefusesASubvolumeBeingDeleted) {
+  mini_.AddRoot(300, Mini::kSubvolume, 0);
+  mini_.Write();
+  EXPECT_EQ("subvolume 300 is being deleted; wait with btrfs subvolume sync", Run({300}).Text());
+}
+
+TEST_F(TopDownWalkRun, NamesWhatIsDamaged) {
+  const uint64_t data = Mini::kData;
+  const std::string extentTree = " (tree block 2105344): ";
+  const std::string check = "; run btrfs scrub and btrfs check";
+  const struct {
+    const char* name;
+    void (*spoil)(Mini*);
+    std::string text;
+  } kCases[] = {
+      {"no item for a tree block", [](Mini* m) { m->Extents().clear(); },
+       "the extent tree is damaged at 2109440: an extent in use has no item" + check},
+      {"no item for data", [](Mini* m) { m->AddFileExtent(0, Mini::kData); },
+       "the extent tree is damaged at 3145728: an extent in use has no item" + check},
+      {"tree block entered as data",
+       [](Mini* m) {
+         m->Extents().clear();
+         m->AddDataExtent(Mini::kSubvolume, kNodeSize, 1);
+       },
+       "the extent tree is damaged at 2109440" + extentTree + "a tree block is entered as data" +
+           check},
+      {"data entered as a tree block",
+       [](Mini* m) {
+         m->AddTreeExtent(Mini::kData, 1);
+         m->AddFileExtent(0, Mini::kData);
+       },
+       "the extent tree is damaged at 3145728" + extentTree + "data is entered as a tree block" +
+           check},
+      {"another level", [](Mini* m) { m->Extents()[0].first.offset = 1; },
+       "the extent tree is damaged at 2109440" + extentTree +
+           "a tree block is entered with another level" + check},
+      {"short extent item", [](Mini* m) { m->Extents()[0].second.resize(sizeof(ExtentItem) - 1); },
+       "the extent tree is damaged at 2109440" + extentTree + "an extent item is short" + check},
+      {"short extent item of the old kind",
+       [](Mini* m) {
+         m->Extents()[0].first = {Mini::kSubvolume, kExtentItemType, kNodeSize};
+       },
+       "the extent tree is damaged at 2109440" + extentTree + "an extent item is short" + check},
+      {"more references than counted",
+       [](Mini* m) {
+         m->AddDataExtent(Mini::kData, 4096, 1);
+         m->AddFileExtent(0, Mini::kData);
+         m->AddFileExtent(4096, Mini::kData);
+       },
+       "the extent at " + std::to_string(data) +
+           " has more references than its item counts; run btrfs check"},
+      {"file extent of an unknown kind", [](Mini* m) { m->AddFileExtent(0, Mini::kData, 3); },
+       "item 0 of tree block 2109440 is a damaged file extent" + check},
+      {"short file extent",
+       [](Mini* m) {
+         m->Files().push_back({{258, kFileExtentType, 0}, Bytes(10)});
+       },
+       "item 0 of tree block 2109440 is a damaged file extent" + check},
+      {"file extent without its place",
+       [](Mini* m) {
+         m->AddFileExtent(0, Mini::kData);
+         m->Files()[0].second.resize(sizeof(FileExtentHead) + 31);
+       },
+       "item 0 of tree block 2109440 is a damaged file extent" + check},
+      {"no extent tree", [](Mini* m) { m->Roots().erase(m->Roots().begin()); },
+       "the file system has no extent tree"},
+      {"short root item", [](Mini* m) { m->Roots()[1].second.resize(100); },
+       "the root item of tree 257 in tree block 2101248 is damaged"},
+      {"root item with an impossible level", [](Mini* m) { m->Roots()[1].second[238] = 8; },
+       "the root item of tree 257 in tree block 2101248 is damaged"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Mini mini;
+    c.spoil(&mini);
+    mini.Write();
+    SizeProgress progress;
+    SizeResult result;
+    TopDownWalk walk;
+    const Status status = RunOnNewestState(
+        mini, walk, {{Mini::kSubvolumeId}, true}, progress, [](const std::string&) {}, &result);
+    EXPECT_EQ(c.text, status.Text());
+    EXPECT_TRUE(result.sizes.empty());
+  }
+}
+
+TEST_F(CommittedTreesLoad, RefusesABalance) {
+  mini_.Roots().push_back({{kBalanceId, kTemporaryItemType, 0}, Bytes(448)});
+  EXPECT_EQ(kBalance, WriteAndRun().Text());
+}
+
+TEST_F(CommittedTreesLoad, RefusesARelocationTree) {
+  mini_.AddRoot(kRelocationTreeId, Mini::kSubvolume);
+  mini_.Roots().back().first.offset = Mini::kSubvolumeId;
+  EXPECT_EQ(kBalance, WriteAndRun().Text());
+}
+
+TEST_F(CommittedTreesLoad, RefusesDataOnItsWayToAnotherPlace) {
+  const uint64_t tree = Mini::kSubvolume + kNodeSize;
+  mini_.AddRoot(kDataRelocationTreeId, tree);
+  std::vector<Item> items = {{{256, 1, 0}, Bytes(160)}, {{256, 12, 256}, Bytes(12)}};
+  mini_.PutLeaf(tree, &items);
+  EXPECT_TRUE(WriteAndRun().Ok());
+
+  items.push_back({{257, 1, 0}, Bytes(160)});
+  mini_.PutLeaf(tree, &items);
+  SetUp();
+  EXPECT_EQ(kBalance, Run().Text());
+}
+
+TEST_F(CommittedTreesLoad, RefusesSeveralDevices) {
+  mini_.Chunks().insert(mini_.Chunks().begin(), {{1, kDeviceItemType, 2}, Bytes(98)});
+  EXPECT_EQ("the file system has several devices; this engine reads file systems of one device",
+            WriteAndRun().Text());
+}
+
+TEST_F(CommittedTreesLoad, RefusesAnotherProfileInTheChunkTree) {
+  mini_.Chunks().insert(
+      mini_.Chunks().begin() + 1,
+      {ChunkKey(64 * Mini::kMiB), MakeChunk(Mini::kMiB, kChunkData | 1 << 3, {0})});
+  EXPECT_EQ("the file system uses the profile raid0; this engine reads single and dup",
+            WriteAndRun().Text());
+}
+
+TEST_F(RunOnNewestStateTest, BeginsAgainFromANewerSuperblock) {
+  mini_.Write();
+  Superblock old =
+      mini_.MakeSuperblock(kGeneration - 1);  // its root tree has been overwritten since
+  mini_.Superblocks() = {old, mini_.MakeSuperblock()};
+  ASSERT_TRUE(Run().Ok());
+  EXPECT_EQ(kGeneration, result_.generation);
+  EXPECT_EQ(kNodeSize, result_.sizes[0].metadataBytes);
+  EXPECT_EQ(kNodeSize, progress_.exclusiveBytes);
+  EXPECT_EQ(progress_.meter.total, progress_.meter.processed);
+}
+
+TEST_F(RunOnNewestStateTest, NamesTheDamagedBlockWhenThereIsNoNewerSuperblock) {
+  mini_.Write();
+  mini_.Memory().Put(Mini::kSubvolume, Bytes(kNodeSize));
+  EXPECT_EQ(
+      "tree block 2109440 (level 0, generation 77) cannot be used: its checksum is wrong; run btrfs "
+      "scrub",
+      Run().Text());
+}
+
+TEST_F(RunOnNewestStateTest, GivesUpWhenItIsOvertakenAgainAndAgain) {
+  mini_.Write();
+  for (int i = 0; i <= kMostAttempts; ++i)
+    mini_.Superblocks().push_back(mini_.MakeSuperblock(kGeneration + 1 + static_cast<unsigned>(i)));
+  EXPECT_EQ(
+      "the file system changes faster than it can be read (40 attempts); try again when it is "
+      "quieter",
+      Run().Text());
+}
+
+TEST_F(RunOnNewestStateTest, PassesOnWhyTheCommitIsNotTheNewest) {
+  mini_.Write();
+  mini_.CommitNote() = "slow";
+  ASSERT_TRUE(Run().Ok());
+  EXPECT_EQ((std::vector<std::string>{"slow"}), notes_);
+}
+
+TEST_F(RunOnNewestStateTest, RefusesFeaturesOfANewerSuperblockToo) {
+  mini_.Write();
+  Superblock newer = mini_.MakeSuperblock();
+  newer.incompatFlags.Set(1 << 12);
+  mini_.Superblocks() = {mini_.MakeSuperblock(kGeneration - 1), newer};
+  EXPECT_EQ("zoned file systems cannot be read by this engine", Run().Text());
+}
+
+TEST_F(RunOnNewestStateTest, AnswersInTheOrderOfTheQuestion) {
+  const uint64_t other = Mini::kSubvolume + kNodeSize;
+  mini_.AddRoot(300, other);
+  mini_.AddTreeExtent(other, 1);
+  std::vector<Item> none;
+  mini_.PutLeaf(other, &none);
+  mini_.Write();
+  ASSERT_TRUE(Run({300, Mini::kSubvolumeId}).Ok());
+  EXPECT_EQ(300u, result_.sizes[0].id);
+  EXPECT_EQ(Mini::kSubvolumeId, result_.sizes[1].id);
+}
