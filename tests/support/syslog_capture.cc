@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -71,6 +72,7 @@ SyslogCapture::SyslogCapture() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEX
   const sockaddr_un address = Address();
   if (bind(socket_.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
     throw std::runtime_error(std::string("cannot bind /dev/log: ") + strerror(errno));
+  (void)chmod(kDevLog, 0666);  // children may be other users
   closelog();
   thread_ = std::thread([this] { Collect(); });
 }
