@@ -49,15 +49,25 @@ int IsSnapshot(DIR* dir, const DirEntry& entry) {
   return IsSubvolume(fd.Get());
 }
 
+// The entries of the share's snapshot directory; none when it has no such directory.  A share that
+// is itself gone, or whose volume is, is an error and not a share without snapshots.
+bool ReadSnapDir(const ZORVSHARE* share, Dir* dir, std::vector<DirEntry>* entries) {
+  const UniqueFd root(open(ShareOf(share).path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!root.Valid()) return false;
+  UniqueFd fd(openat(root.Get(), kSnapDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd.Valid()) return errno == ENOENT;
+  dir->reset(fdopendir(fd.Get()));
+  if (*dir == nullptr) return false;
+  (void)fd.Release();
+  return ReadDir(dir->get(), entries);
+}
+
 // Adds what passes the selectors.  0, or -1 with the error record set.
-int ReadSnapshots(const std::string& path, const ZORVSHARESNAPSELECTOR* selectors,
+int ReadSnapshots(const ZORVSHARE* share, const ZORVSHARESNAPSELECTOR* selectors,
                   std::vector<Snapshot>* snapshots) {
-  const Dir dir(opendir(path.c_str()));
-  if (dir == nullptr && errno == ENOENT) return 0;
+  Dir dir;
   std::vector<DirEntry> entries;
-  if (dir == nullptr || !ReadDir(dir.get(), &entries)) {
-    return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
-  }
+  if (!ReadSnapDir(share, &dir, &entries)) return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
   for (const DirEntry& entry : entries) {
     const int isSnapshot = IsSnapshot(dir.get(), entry);
     if (isSnapshot < 0) return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
@@ -75,7 +85,7 @@ int ReadSnapshots(const std::string& path, const ZORVSHARESNAPSELECTOR* selector
 int ListSnapshots(const ZORVSHARE* share, PLATSZLIST* list,
                   const ZORVSHARESNAPSELECTOR* selectors) {
   std::vector<Snapshot> snapshots;
-  if (ReadSnapshots(SnapDirOf(share), selectors, &snapshots) < 0) return -1;
+  if (ReadSnapshots(share, selectors, &snapshots) < 0) return -1;
   std::sort(snapshots.begin(), snapshots.end(), Before);
 
   std::vector<std::string> names;

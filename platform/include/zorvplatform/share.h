@@ -120,8 +120,8 @@ PLATC_EXPORT void ZORVShareSnapEnumFree(ZORVSHARESNAPSELECTOR *selectors);
 /* Appends the names of the snapshots that pass all `selectors` (null is allowed: all of them), in
  * the order of their times, those of one time in the order of their bytes, those without a time
  * last.  A share without a .snapshots directory has none.  0, or negative: null argument, a selector
- * that failed (its own code), a directory that cannot be read to its end (system call); the list is
- * then as it was. */
+ * that failed (its own code), the share is gone or its directory cannot be read to its end (system
+ * call); the list is then as it was. */
 PLATC_EXPORT int ZORVShareSnapList(const struct _tag_ZORVSHARE *share, PLATSZLIST **names,
                                    const ZORVSHARESNAPSELECTOR *selectors);
 
