@@ -1,0 +1,157 @@
+#include "cli/calculation.h"
+
+#include <errno.h>
+#include <fmt/format.h>
+#include <stdlib.h>
+#include <zorvbtrfssnapusage/share_snap_usage_cal.h>
+#include <zorvbtrfssnapusage/share_task_status.h>
+#include <zorvbtrfssnapusage/utils.h>
+
+#include "cli/failure.h"
+#include "cli/process_watch.h"
+#include "cli/share.h"
+#include "cli/text.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+using namespace ZorvBtrfsUsage;
+
+// One member of a status record; empty when it is not there or no text.
+std::string Attribute(const Json::Value& record, TASKSTATUS_ATTR attribute) {
+  if (!record.isObject()) return "";
+  const Json::Value& value = record[_task_status_attr_str.at(attribute)];
+  return value.isString() ? value.asString() : "";
+}
+
+std::optional<unsigned long long> Number(const std::string& text) {
+  if (text.empty() || text[0] < '0' || text[0] > '9') return std::nullopt;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long number = strtoull(text.c_str(), &end, 10);
+  if (errno != 0 || *end != '\0') return std::nullopt;
+  return number;
+}
+
+std::optional<int> ErrorCode(const std::string& text) {
+  const std::optional<unsigned long long> number = Number(text);
+  if (!number || *number > 255) return std::nullopt;
+  return static_cast<int>(*number);
+}
+
+std::optional<time_t> Time(const std::string& text) {
+  time_t t = 0;
+  if (text.empty() || !Utils::TimeStringToTime_T(text, t)) return std::nullopt;
+  return t;
+}
+
+// The task's own record, null when it has none. Read without its lock, which would leave a lock
+// file behind for a task whose record has just been removed; the file is replaced whole anyway.
+Json::Value TaskRecord(const std::string& taskID) {
+  if (taskID.empty() || !TaskStatus::CheckFile(taskID)) return Json::Value();
+  return Utils::GetJsonAttrByPath(TaskStatus::GetFilePath(taskID).c_str());
+}
+
+std::optional<Json::Value> ShareRecord(const std::string& share) {
+  Json::Value record;
+  ShareTaskStatus status;
+  if (!ShareTaskStatus::CheckShareStatusFile(share)) return std::nullopt;
+  if (!status.Init(share, false) || status.GetJsonVal(record) != RESULT_OK) return std::nullopt;
+  return record;
+}
+
+void FillFrom(const Json::Value& record, Calculation& calculation) {
+  calculation.started = Time(Attribute(record, TASKSTATUS_ATTR_START_TIME));
+  calculation.processedBytes = Number(Attribute(record, TASKSTATUS_ATTR_PROCESSED_IN_BYTES));
+  calculation.exclusiveBytes = Number(Attribute(record, TASKSTATUS_ATTR_ESTIMATED_IN_BYTES));
+  if (!calculation.Finished()) return;
+  calculation.ended = Time(Attribute(record, TASKSTATUS_ATTR_END_TIME));
+  calculation.errorCode = ErrorCode(Attribute(record, TASKSTATUS_ATTR_ERROR_CODE));
+  if (calculation.state != CAL_TASK_STATUS_FAIL) return;
+  calculation.errorMessage = Attribute(record, TASKSTATUS_ATTR_ERROR_MSG);
+  calculation.command = Attribute(record, TASKSTATUS_ATTR_BTRFS_CMD);
+}
+
+}  // namespace
+
+std::optional<std::string> TaskOf(const std::string& share) {
+  std::string taskID;
+  bool expired = false;
+  switch (ShareSnapUsageCal::FindTaskID(share, taskID, expired)) {
+    case RESULT_OK:
+      return taskID;
+    case RESULT_NOT_FOUND:
+      return std::nullopt;
+    default:
+      throw SystemFailure("the record of calculations cannot be read");
+  }
+}
+
+std::string RequireTask(const std::string& share) {
+  const std::optional<std::string> taskID = TaskOf(share);
+  if (taskID) return *taskID;
+  RequireShare(share);
+  throw Failure(kNothingRecorded,
+                fmt::format("no calculation of share {} is recorded", Quoted(share)),
+                fmt::format("start one with: zorv-snapusage run {}", ShellWord(share)));
+}
+
+std::optional<Calculation> ReadCalculation(const std::string& share, const std::string& taskID) {
+  // The task's record first: when it is gone by then, the share's is the final one.
+  const Json::Value task = TaskRecord(taskID);
+  const std::optional<Json::Value> record = ShareRecord(share);
+  if (!record) return std::nullopt;
+  Calculation calculation;
+  calculation.taskID = taskID;
+  calculation.stateWord = Attribute(*record, TASKSTATUS_ATTR_STATUS);
+  if (TaskStatus::CnvStatusStrToEnumIdx(calculation.stateWord, calculation.state) != RESULT_OK)
+    throw SystemFailure(fmt::format("the record of share {} names no known state", Quoted(share)));
+  if (const auto pid = Number(Attribute(task, TASKSTATUS_ATTR_PID)); pid && *pid > 1)
+    calculation.pid = static_cast<pid_t>(*pid);
+  if (!task.isObject() && calculation.Finished())
+    FillFrom(*record, calculation);
+  else
+    FillFrom(task, calculation);
+  // A launch that failed wrote its code into the share's record alone.
+  if (calculation.Finished() && !calculation.errorCode)
+    calculation.errorCode = ErrorCode(Attribute(*record, TASKSTATUS_ATTR_ERROR_CODE));
+  return calculation;
+}
+
+Activity ActivityOf(const std::string& share, const Calculation& calculation) {
+  const bool alive = calculation.pid && ProcessIsAlive(*calculation.pid);
+  if (calculation.state == CAL_TASK_STATUS_DONE)
+    return alive ? Activity::kFinishing : Activity::kNone;
+  if (calculation.Finished()) return Activity::kNone;
+  if (alive) return Activity::kRunning;
+  std::string taskID;
+  const bool recent = ShareSnapUsageCal::FindValidTaskID(share, taskID) == RESULT_OK;
+  if (calculation.pid || !recent)
+    return calculation.state == CAL_TASK_STATUS_PROCESS ? Activity::kDied : Activity::kNone;
+  return Activity::kClaimed;
+}
+
+const char* ReasonOf(int errorCode) {
+  switch (errorCode) {
+    case RESULT_OK:
+      return "no error";
+    case RESULT_FAILURE:
+      return "the command reported a failure, or its output could not be recorded";
+    case RESULT_INVALID_ARGUMENT:
+      return "the snapshots do not lie on one btrfs volume";
+    case RESULT_COMMAND_MISSING:
+      return "/sbin/btrfs is missing";
+    case RESULT_INVALID_OBJECT:
+      return "the calculator did not start";
+    case RESULT_STOPPED:
+      return "stopped";
+    case RESULT_COMMAND_FAILED:
+      return "/sbin/btrfs could not be started";
+    case RESULT_EMPTY_LIST:
+      return "there was no snapshot to calculate";
+    default:
+      return "unexpected";
+  }
+}
+
+}  // namespace ZorvSnapUsage

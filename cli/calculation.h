@@ -1,0 +1,57 @@
+// What is recorded of a share's latest calculation.
+#ifndef CLI_CALCULATION_H_
+#define CLI_CALCULATION_H_
+
+#include <sys/types.h>
+#include <time.h>
+#include <zorvbtrfssnapusage/types.h>
+
+#include <optional>
+#include <string>
+
+namespace ZorvSnapUsage {
+
+// One reading of the records. The state is the share's; the rest comes from the task's own record
+// while there is one, because the share's keeps values of an earlier task until the first progress.
+struct Calculation {
+  std::string taskID;
+  std::string stateWord;  // as recorded; empty: none
+  ZorvBtrfsUsage::CAL_TASK_STATUS state = ZorvBtrfsUsage::CAL_TASK_STATUS_READY;
+  std::optional<pid_t> pid;  // only while the task has a record of its own
+  std::optional<time_t> started;
+  std::optional<time_t> ended;
+  std::optional<unsigned long long> processedBytes;
+  std::optional<unsigned long long> exclusiveBytes;
+  std::optional<int> errorCode;
+  std::string errorMessage;
+  std::string command;
+
+  bool Finished() const { return state >= ZorvBtrfsUsage::CAL_TASK_STATUS_FAIL; }
+};
+
+// What a calculation is doing, its process considered.
+enum class Activity {
+  kNone,       // finished, or claimed so long ago that the claim no longer counts
+  kClaimed,    // about to be launched
+  kRunning,    // its process is at work
+  kFinishing,  // done, its process is handing the results over
+  kDied,       // recorded as running, but its process is gone
+};
+
+// The share's task; nothing when no calculation is recorded.
+std::optional<std::string> TaskOf(const std::string& share);
+
+// As TaskOf, but gives up when there is none: with "no such share" when that is the reason.
+std::string RequireTask(const std::string& share);
+
+// Reads the records of a share's task; nothing when the share has no record.
+std::optional<Calculation> ReadCalculation(const std::string& share, const std::string& taskID);
+
+Activity ActivityOf(const std::string& share, const Calculation& calculation);
+
+// What a recorded error code means, in words.
+const char* ReasonOf(int errorCode);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_CALCULATION_H_

@@ -1,0 +1,90 @@
+// zorv-snapusage show: the last good result of a share.
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+#include <optional>
+
+#include "cli/calculation.h"
+#include "cli/commands.h"
+#include "cli/failure.h"
+#include "cli/launch.h"
+#include "cli/options.h"
+#include "cli/text.h"
+#include "cli/watch.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+struct ShowOptions {
+  std::string share;
+  ReportFormat format;
+};
+
+// Results are taken away and copied anew in the moment after a state has become "done".
+constexpr std::chrono::seconds kTimeToCopy{10};
+
+std::optional<Calculation> LatestCalculation(const std::string& share) {
+  const std::optional<std::string> taskID = TaskOf(share);
+  if (!taskID) return std::nullopt;
+  const std::optional<Calculation> calculation = ReadCalculation(share, *taskID);
+  if (calculation && ActivityOf(share, *calculation) == Activity::kFinishing) {
+    ProcessWatch process;
+    process.Attach(*calculation->pid);
+    (void)process.WaitForEnd(std::chrono::milliseconds(kTimeToCopy).count());
+  }
+  return calculation;
+}
+
+[[noreturn]] void RefuseWithoutResult(const std::string& share,
+                                      const std::optional<Calculation>& latest) {
+  if (!latest) RequireShare(share);
+  throw Failure(
+      kNothingRecorded,
+      fmt::format(
+          "there is no result of share {}{}", Quoted(share),
+          latest ? fmt::format(", its last calculation is in state {}", latest->stateWord) : ""),
+      fmt::format("calculate it with: zorv-snapusage run {}", ShellWord(share)));
+}
+
+void Note(const std::string& text) { fmt::print(stderr, "zorv-snapusage: note: {}\n", text); }
+
+void PrintNotes(const Report& report, const std::optional<Calculation>& latest) {
+  if (latest && latest->taskID != report.taskID)
+    Note(fmt::format("this is an earlier result; the last calculation is in state {}",
+                     latest->stateWord));
+  if (!report.notMeasured.empty())
+    Note(
+        fmt::format("{} snapshots of the share are not in this result", report.notMeasured.size()));
+}
+
+int Show(const ShowOptions& options) {
+  RequireRoot();
+  const std::string& share = options.share;
+  const std::optional<Calculation> latest = LatestCalculation(share);
+  const std::optional<Result> result = NewestResult(share);
+  if (!result) RefuseWithoutResult(share, latest);
+  // Results outlive their share.
+  const std::vector<Snapshot> present =
+      ShareIsThere(share) ? SnapshotsOf(share) : std::vector<Snapshot>();
+  const Report report = MakeReport(share, *result, present, AskedFor(share, *result, present));
+  Print(report, options.format);
+  PrintNotes(report, latest);
+  RequireComplete(report);
+  return kOk;
+}
+
+}  // namespace
+
+void AddShow(CLI::App& program, Action& action) {
+  CLI::App* const command = program.add_subcommand("show", "Show the last good result of a share");
+  const auto options = std::make_shared<ShowOptions>();
+  AddShareArgument(*command, options->share);
+  AddReportFormat(*command, options->format);
+  command->footer(
+      "Exclusive: what the snapshot alone holds. Running total: the sum down to this line.\n"
+      "Example: zorv-snapusage show photos --format json");
+  command->callback([options, &action] { action = [options] { return Show(*options); }; });
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,32 @@
+// How a command gives up.
+#ifndef CLI_FAILURE_H_
+#define CLI_FAILURE_H_
+
+#include <stdexcept>
+#include <string>
+
+#include "cli/exit_status.h"
+
+namespace ZorvSnapUsage {
+
+// Thrown by commands, caught by main alone, which prints one line: what happened, then what to do
+// next. Both are without a period at the end.
+class Failure : public std::runtime_error {
+ public:
+  Failure(ExitStatus status, const std::string& what, const std::string& next)
+      : std::runtime_error(what + "; " + next), status_(status) {}
+
+  ExitStatus Status() const { return status_; }
+
+ private:
+  ExitStatus status_;
+};
+
+// The failure of a library or system call that has no meaning of its own.
+inline Failure SystemFailure(const std::string& what) {
+  return Failure(kSystemFailure, what, "the system log says why (journalctl -t zorv-snapusage)");
+}
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_FAILURE_H_

@@ -1,0 +1,51 @@
+#include "cli/interrupt.h"
+
+#include <unistd.h>
+
+#include "cli/exit_status.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+volatile sig_atomic_t gAsked = 0;
+
+void Note(int) {
+  if (gAsked == 0) {
+    gAsked = 1;
+    return;
+  }
+  // Ends a progress line that stands unfinished on a terminal.
+  (void)!write(STDERR_FILENO, "\n", 1);
+  _exit(kLeftAtOnce);
+}
+
+}  // namespace
+
+Interrupt::Interrupt() {
+  gAsked = 0;
+  struct sigaction action {};
+  action.sa_handler = Note;
+  sigemptyset(&action.sa_mask);
+  sigaddset(&action.sa_mask, SIGINT);
+  sigaddset(&action.sa_mask, SIGTERM);
+  (void)sigaction(SIGINT, &action, &savedInt_);
+  (void)sigaction(SIGTERM, &action, &savedTerm_);
+}
+
+Interrupt::~Interrupt() {
+  (void)sigaction(SIGINT, &savedInt_, nullptr);
+  (void)sigaction(SIGTERM, &savedTerm_, nullptr);
+}
+
+bool Interrupt::Asked() { return gAsked != 0; }
+
+HeldSignals::HeldSignals() {
+  sigset_t held;
+  sigemptyset(&held);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&held, signal);
+  (void)sigprocmask(SIG_BLOCK, &held, &saved_);
+}
+
+HeldSignals::~HeldSignals() { (void)sigprocmask(SIG_SETMASK, &saved_, nullptr); }
+
+}  // namespace ZorvSnapUsage

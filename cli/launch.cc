@@ -1,0 +1,156 @@
+#include "cli/launch.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+#include <zorvbtrfssnapusage/share_snap_usage_cal.h>
+
+#include <algorithm>
+#include <optional>
+#include <set>
+
+#include "cli/calculation.h"
+#include "cli/engine.h"
+#include "cli/failure.h"
+#include "cli/interrupt.h"
+#include "cli/string_list.h"
+#include "cli/text.h"
+#include "cli/time_text.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+using namespace ZorvBtrfsUsage;
+
+struct TimeRange {
+  time_t start;
+  time_t end;
+};
+
+time_t RequireTime(const std::string& text, TimeBound bound) {
+  if (const std::optional<time_t> t = ParseTime(text, bound)) return *t;
+  throw Failure(kWrongUsage, fmt::format("{} is no time", Quoted(text)),
+                "write 2024-03-05, \"2024-03-05 17:04\", \"2024-03-05 17:04:09\" or "
+                "2024.03.05-17.04.09");
+}
+
+// The range that the command line names; nothing when it names none.
+std::optional<TimeRange> RangeOf(const Selection& selection) {
+  if (selection.since.empty() && selection.until.empty()) return std::nullopt;
+  if (!selection.names.empty())
+    throw Failure(kWrongUsage, "snapshots and a time range cannot be asked for together",
+                  "leave one of them out");
+  const TimeRange range = {
+      selection.since.empty() ? 0 : RequireTime(selection.since, TimeBound::kFirstSecond),
+      selection.until.empty() ? time(nullptr)
+                              : RequireTime(selection.until, TimeBound::kLastSecond)};
+  if (range.end < range.start)
+    throw Failure(kWrongUsage, "the range ends before it begins", "exchange --since and --until");
+  return range;
+}
+
+std::vector<Snapshot> Within(const std::vector<Snapshot>& snapshots, const TimeRange& range) {
+  std::vector<Snapshot> selected;
+  for (const Snapshot& snapshot : snapshots)
+    if (snapshot.time && *snapshot.time >= range.start && *snapshot.time <= range.end)
+      selected.push_back(snapshot);
+  return selected;
+}
+
+// The named snapshots, each once, in the order of the share.
+std::vector<Snapshot> Named(const std::vector<Snapshot>& snapshots, const Selection& selection) {
+  std::set<std::string> names(selection.names.begin(), selection.names.end());
+  std::vector<Snapshot> selected;
+  for (const Snapshot& snapshot : snapshots)
+    if (names.erase(snapshot.name) == 1) selected.push_back(snapshot);
+  if (names.empty()) return selected;
+  throw Failure(
+      kUnknownSnapshot,
+      fmt::format("share {} has no snapshot {}", Quoted(selection.share), Quoted(*names.begin())),
+      fmt::format("its snapshots are in {}", Quoted(SnapshotDirectoryOf(selection.share))));
+}
+
+std::vector<Snapshot> Selected(const Selection& selection, const std::optional<TimeRange>& range) {
+  const std::vector<Snapshot> all = SnapshotsOf(selection.share);
+  if (all.empty())
+    throw Failure(kNoSnapshots, fmt::format("share {} has no snapshots", Quoted(selection.share)),
+                  fmt::format("make read-only snapshots of it in {}",
+                              Quoted(SnapshotDirectoryOf(selection.share))));
+  if (!selection.names.empty()) return Named(all, selection);
+  if (!range) return all;
+  std::vector<Snapshot> selected = Within(all, *range);
+  if (!selected.empty()) return selected;
+  throw Failure(kNoSnapshots,
+                fmt::format("share {} has no snapshots from {} to {}", Quoted(selection.share),
+                            TimeForPeople(range->start), TimeForPeople(range->end)),
+                "widen the range; snapshots whose names carry no time are in none");
+}
+
+[[noreturn]] void RefuseBusy(const std::string& share) {
+  throw Failure(
+      kShareBusy, fmt::format("share {} is busy: a calculation of it is under way", Quoted(share)),
+      fmt::format("wait for it, or end it with: zorv-snapusage stop {}", ShellWord(share)));
+}
+
+// The library lets a share be taken over after two minutes, however long its calculation is still
+// at work; that would lose the results of both callers' patience.
+void RequireIdle(const std::string& share) {
+  const std::optional<std::string> taskID = TaskOf(share);
+  if (!taskID) return;
+  const std::optional<Calculation> calculation = ReadCalculation(share, *taskID);
+  if (!calculation) return;
+  const Activity activity = ActivityOf(share, *calculation);
+  if (activity == Activity::kRunning || activity == Activity::kFinishing) RefuseBusy(share);
+  std::string busyTaskID;
+  if (activity == Activity::kDied && !ShareSnapUsageCal::CheckAvail(share, busyTaskID))
+    throw Failure(
+        kShareBusy,
+        fmt::format("the last calculation of share {} was killed, and holds the share "
+                    "for two minutes from its start",
+                    Quoted(share)),
+        fmt::format("wait, or remove its record with: zorv-snapusage clean {}", ShellWord(share)));
+}
+
+void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
+                  const std::vector<Snapshot>& asked, const std::optional<TimeRange>& range) {
+  int code = RESULT_OK;
+  // Two equal times mean every snapshot to the library, here the snapshots of that second.
+  if (range && range->start < range->end) {
+    code = calculation.Launch(&range->start, &range->end);
+  } else {
+    StringList paths;
+    for (const Snapshot& snapshot : asked) paths.Push(snapshot.path);
+    code = calculation.Launch(paths.Ref());
+  }
+  if (code == RESULT_OK) return;
+  throw SystemFailure(fmt::format("the calculation of share {} could not be started (code {}: {})",
+                                  Quoted(share), code, ReasonOf(code)));
+}
+
+}  // namespace
+
+Launched Launch(const Selection& selection) {
+  const std::string& share = selection.share;
+  const std::optional<TimeRange> range = RangeOf(selection);
+  RequireRoot();
+  RequireShare(share);
+  const std::vector<Snapshot> asked = Selected(selection, range);
+  RequireEngine();
+  RequireIdle(share);
+  // A share that is claimed and not launched would stay busy for two minutes.
+  const HeldSignals whole;
+  ShareSnapUsageCal calculation;
+  const int code = calculation.CreateTask(share);
+  if (code == RESULT_SHARE_BUSY) RefuseBusy(share);
+  if (code != RESULT_OK)
+    throw SystemFailure(
+        fmt::format("no calculation of share {} could be created (code {})", Quoted(share), code));
+  LaunchOrFail(calculation, share, asked, range);
+  return {RequireTask(share), asked};
+}
+
+void RequireRoot() {
+  if (geteuid() == 0) return;
+  throw Failure(kNotRoot, "this needs root", "run it with sudo");
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,35 @@
+// Which snapshots a calculation is to measure, and its start.
+#ifndef CLI_LAUNCH_H_
+#define CLI_LAUNCH_H_
+
+#include <string>
+#include <vector>
+
+#include "cli/share.h"
+
+namespace ZorvSnapUsage {
+
+// What the command line says. Without names and times: all snapshots of the share.
+struct Selection {
+  std::string share;
+  std::vector<std::string> names;  // of snapshots; not together with times
+  std::string since;               // time texts; empty: no such end
+  std::string until;
+};
+
+// A calculation that has been started.
+struct Launched {
+  std::string taskID;
+  std::vector<Snapshot> asked;
+};
+
+// Starts a calculation in the background; its process keeps the caller's standard error. Gives up
+// when anything is in its way.
+Launched Launch(const Selection& selection);
+
+// Gives up unless the program runs as root, which volumes and records need.
+void RequireRoot();
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_LAUNCH_H_

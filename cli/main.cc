@@ -1,0 +1,78 @@
+// zorv-snapusage: how much space the snapshots of a share take.
+#include <fmt/format.h>
+#include <stdio.h>
+#include <syslog.h>
+
+#include <CLI/CLI.hpp>
+
+#include "cli/commands.h"
+#include "cli/exit_status.h"
+#include "cli/failure.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+constexpr char kName[] = "zorv-snapusage";
+
+void PrintFailure(const std::string& text) { fmt::print(stderr, "{}: {}\n", kName, text); }
+
+void AddCommands(CLI::App& program, Action& action) {
+  program.set_version_flag("--version", fmt::format("{} {}", kName, ZORV_VERSION),
+                           "Print the version");
+  program.footer(ExitStatusTable());
+  // Also keeps a share that is called like a command from being taken for one.
+  program.require_subcommand(1);
+  AddRun(program, action);
+  AddStart(program, action);
+  AddStatus(program, action);
+  AddShow(program, action);
+  AddStop(program, action);
+  AddClean(program, action);
+}
+
+// Output that could not be written whole, on a full disk for one, is no success.
+int FlushOutput(int status) {
+  if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
+  PrintFailure("the output could not be written; see to the space on its disk");
+  return status == kOk ? static_cast<int>(kSystemFailure) : status;
+}
+
+int Perform(const Action& action) {
+  try {
+    return FlushOutput(action());
+  } catch (const Failure& failure) {
+    // What was printed before comes first, also where both go to one place.
+    const int status = FlushOutput(failure.Status());
+    PrintFailure(failure.what());
+    return status;
+  }
+}
+
+int Main(int argc, char** argv) {
+  openlog(kName, LOG_PID, LOG_USER);
+  CLI::App program("How much space the snapshots of a share take: the bytes that each holds alone.",
+                   kName);
+  Action action;
+  AddCommands(program, action);
+  try {
+    program.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    // Help and version are ends of this kind as well.
+    if (error.get_exit_code() == 0) return program.exit(error);
+    PrintFailure(fmt::format("{}; see zorv-snapusage --help", error.what()));
+    return kWrongUsage;
+  }
+  return Perform(action);
+}
+
+}  // namespace
+}  // namespace ZorvSnapUsage
+
+int main(int argc, char** argv) {
+  try {
+    return ZorvSnapUsage::Main(argc, argv);
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "zorv-snapusage: {}\n", error.what());
+    return ZorvSnapUsage::kSystemFailure;
+  }
+}

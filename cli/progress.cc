@@ -1,0 +1,76 @@
+#include "cli/progress.h"
+
+#include <fmt/format.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "cli/text.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kLineInterval{5};
+
+bool CanRedraw() {
+  const char* const terminal = getenv("TERM");
+  return isatty(STDERR_FILENO) == 1 && (terminal == nullptr || strcmp(terminal, "dumb") != 0);
+}
+
+// Asked each time, because a window may be resized.
+size_t TerminalColumns() {
+  winsize size{};
+  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
+  return size.ws_col;
+}
+
+}  // namespace
+
+Progress::Progress(std::string share, bool quiet)
+    : share_(std::move(share)), quiet_(quiet), redraw_(CanRedraw()) {}
+
+Progress::~Progress() { Clear(); }
+
+void Progress::Show(const Calculation& calculation) {
+  if (quiet_) return;
+  if (redraw_) {
+    // A line as wide as the terminal would wrap. The cursor goes back to its beginning, so that
+    // what the calculation itself says there does not stand behind it.
+    const std::string line = CutToColumns(Line(calculation), TerminalColumns() - 1);
+    fmt::print(stderr, "\r\033[K{}\r", line);
+    fflush(stderr);
+    drawn_ = true;
+  } else if (steady_clock::now() >= nextLine_) {
+    fmt::print(stderr, "{}\n", Line(calculation));
+    nextLine_ = steady_clock::now() + kLineInterval;
+  }
+}
+
+void Progress::Say(const std::string& text) {
+  Clear();
+  fmt::print(stderr, "zorv-snapusage: {}\n", text);
+}
+
+void Progress::Clear() {
+  if (!drawn_) return;
+  fmt::print(stderr, "\r\033[K");
+  fflush(stderr);
+  drawn_ = false;
+}
+
+std::string Progress::Line(const Calculation& calculation) const {
+  const auto elapsed =
+      std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - begin_).count();
+  return fmt::format("{}: read {}, exclusive so far {}, {}  {}", calculation.stateWord,
+                     HumanBytes(calculation.processedBytes.value_or(0)),
+                     HumanBytes(calculation.exclusiveBytes.value_or(0)), ElapsedText(elapsed),
+                     Escaped(share_));
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,59 @@
+// A share's result as it is shown.
+#ifndef CLI_REPORT_H_
+#define CLI_REPORT_H_
+
+#include <time.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/results.h"
+#include "cli/share.h"
+
+namespace ZorvSnapUsage {
+
+// How results are printed.
+struct ReportFormat {
+  bool raw = false;   // bytes instead of human sizes
+  bool json = false;  // for programs
+};
+
+// One snapshot of the result.
+struct ReportRow {
+  std::string name;  // empty: nobody knows it any more
+  std::optional<time_t> time;
+  bool present = true;  // the snapshot is still there
+  unsigned long long subvolumeID = 0;
+  unsigned long long exclusiveBytes = 0;
+  unsigned long long runningTotalBytes = 0;  // this one and all before it, modulo 2^64
+};
+
+struct Report {
+  std::string share;
+  std::string taskID;
+  time_t calculated = 0;
+  std::vector<ReportRow> rows;           // in the order of the calculation
+  std::vector<std::string> missing;      // asked for, but not in the result
+  std::vector<std::string> notMeasured;  // there now, not asked for
+};
+
+// Joins a result with the snapshots that there are now. `asked` are those that the calculation was
+// to measure.
+Report MakeReport(const std::string& share, const Result& result,
+                  const std::vector<Snapshot>& present, const std::vector<Snapshot>& asked);
+
+// Those of the present snapshots that the share's latest calculation was to measure, as far as it
+// is the one that the result is of; else none.
+std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
+                               const std::vector<Snapshot>& present);
+
+// Prints to standard output; names of missing and not measured snapshots in the JSON form only.
+void Print(const Report& report, const ReportFormat& format);
+
+// Gives up with the names of the missing snapshots when there are any.
+void RequireComplete(const Report& report);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_REPORT_H_

@@ -1,0 +1,60 @@
+#include "cli/results.h"
+
+#include <sys/stat.h>
+#include <zorvbtrfssnapusage/share_snap_usage_cal.h>
+#include <zorvbtrfssnapusage/task_result.h>
+#include <zorvplatform/platc.h>
+
+#include "cli/string_list.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+using ZorvBtrfsUsage::ShareSnapUsageCal;
+using ZorvBtrfsUsage::TaskResult;
+
+constexpr char kResultSuffix[] = ".result";
+constexpr char kSubvolumeIDSuffix[] = ".subvol_id";
+
+// Reads a vector whose file has the length that its count announces: the reader of the library
+// accepts shorter ones and repeats the last value.
+bool ReadWhole(const std::string& path, std::vector<unsigned long long>& values,
+               struct stat& file) {
+  if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return false;
+  const auto size = static_cast<unsigned long long>(file.st_size);
+  if (size < 8 || size % 8 != 0) return false;
+  return TaskResult::ReadVtr(path, values) == 0 && values.size() == size / 8 - 1;
+}
+
+}  // namespace
+
+std::optional<Result> ResultOfTask(const std::string& share, const std::string& taskID) {
+  const std::string base = ShareSnapUsageCal::GetResultBasePath(share) + "/" + taskID;
+  Result result;
+  struct stat sizes, ids;
+  if (!ReadWhole(base + kResultSuffix, result.exclusiveBytes, sizes) ||
+      !ReadWhole(base + kSubvolumeIDSuffix, result.subvolumeIDs, ids) ||
+      result.exclusiveBytes.size() != result.subvolumeIDs.size())
+    return std::nullopt;
+  result.taskID = taskID;
+  result.stored = std::max(sizes.st_mtime, ids.st_mtime);
+  return result;
+}
+
+std::optional<Result> NewestResult(const std::string& share) {
+  const std::string directory = ShareSnapUsageCal::GetResultBasePath(share);
+  StringList names;
+  if (PLATCFileEnumDir(directory.c_str(), PLATC_ENUM_THIS_DIR, names.Ref(), PLATC_ENUM_NON_DIRS) <
+      0)
+    return std::nullopt;
+  std::optional<Result> newest;
+  for (const std::string& name : names.Strings()) {
+    const size_t end = name.rfind(kResultSuffix);
+    if (end == std::string::npos || end + sizeof kResultSuffix - 1 != name.size()) continue;
+    std::optional<Result> result = ResultOfTask(share, name.substr(0, end));
+    if (result && (!newest || result->stored > newest->stored)) newest = std::move(result);
+  }
+  return newest;
+}
+
+}  // namespace ZorvSnapUsage

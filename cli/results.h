@@ -1,0 +1,31 @@
+// The stored results of a share.
+#ifndef CLI_RESULTS_H_
+#define CLI_RESULTS_H_
+
+#include <time.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ZorvSnapUsage {
+
+// The two vectors of one calculation: entry i of one belongs to entry i of the other.
+struct Result {
+  std::string taskID;
+  time_t stored = 0;
+  std::vector<unsigned long long> subvolumeIDs;
+  std::vector<unsigned long long> exclusiveBytes;
+};
+
+// The result that the share's calculation with this task ID has left; nothing when it is not there
+// or not complete.
+std::optional<Result> ResultOfTask(const std::string& share, const std::string& taskID);
+
+// The newest complete result of the share, whichever calculation it is of: one that is running, or
+// that failed, does not hide it.
+std::optional<Result> NewestResult(const std::string& share);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_RESULTS_H_

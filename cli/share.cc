@@ -1,0 +1,82 @@
+#include "cli/share.h"
+
+#include <fmt/format.h>
+#include <zorvbtrfssnapusage/btrfs_tool.h>
+#include <zorvbtrfssnapusage/utils.h>
+#include <zorvplatform/share.h>
+
+#include <memory>
+
+#include "cli/failure.h"
+#include "cli/string_list.h"
+#include "cli/text.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+using ZorvBtrfsUsage::BtrfsTool;
+using ZorvBtrfsUsage::Utils;
+
+struct ShareFree {
+  void operator()(ZORVSHARE* share) const { ZORVShareFree(share); }
+};
+using ShareRecord = std::unique_ptr<ZORVSHARE, ShareFree>;
+
+// Null: the platform's error record says why. Asked of the platform itself, because the library's
+// look-up waits up to a minute for a volume that is not there.
+ShareRecord FindShare(const std::string& share) {
+  ZORVSHARE* record = nullptr;
+  return ShareRecord(ZORVShareGet(share.c_str(), &record) == 0 ? record : nullptr);
+}
+
+std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+}  // namespace
+
+void RequireShare(const std::string& share) {
+  if (FindShare(share)) return;
+  switch (PLATCErrGet()) {
+    case PLATC_ERR_NO_SUCH_SHARE:
+      throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)),
+                    "a share is a subvolume directly below /volume1, /volume2, ...");
+    case PLATC_ERR_RETRY:
+      throw Failure(kShareOutOfReach,
+                    fmt::format("share {} cannot be reached for the moment", Quoted(share)),
+                    "mount its volume, or try again");
+    default:
+      throw SystemFailure(fmt::format("share {} cannot be looked up", Quoted(share)));
+  }
+}
+
+bool ShareIsThere(const std::string& share) { return FindShare(share) != nullptr; }
+
+std::vector<Snapshot> SnapshotsOf(const std::string& share) {
+  StringList paths;
+  if (Utils::ShareSnapListGet(share, paths.Ref(), Json::Value()) != 0)
+    throw SystemFailure(fmt::format("the snapshots of share {} cannot be listed", Quoted(share)));
+  std::vector<Snapshot> snapshots;
+  for (const std::string& path : paths.Strings()) {
+    const std::string name = LastComponent(path);
+    unsigned long long subvolumeID = 0;
+    if (BtrfsTool::SubvolRootIdLookup(path.c_str(), subvolumeID) != 0) continue;
+    snapshots.push_back({name, path, subvolumeID, TimeInName(name)});
+  }
+  return snapshots;
+}
+
+std::optional<time_t> TimeInName(const std::string& snapshotName) {
+  time_t time = 0;
+  if (ZORVShareSnapTimeGet(snapshotName.c_str(), &time) < 0) return std::nullopt;
+  return time;
+}
+
+std::string SnapshotDirectoryOf(const std::string& share) {
+  const ShareRecord record = FindShare(share);
+  char directory[4096];
+  if (!record || ZORVShareSnapGetOrCreateSnapDir(record.get(), directory, sizeof directory,
+                                                 ZORV_SNAP_DIR_GET) != 1)
+    return "";
+  return directory;
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,39 @@
+// Shares and their snapshots as they are now.
+#ifndef CLI_SHARE_H_
+#define CLI_SHARE_H_
+
+#include <time.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace ZorvSnapUsage {
+
+// One snapshot of a share.
+struct Snapshot {
+  std::string name;
+  std::string path;
+  unsigned long long subvolumeID;
+  std::optional<time_t> time;  // when the name carries one
+};
+
+// Gives up unless the share exists and can be reached.
+void RequireShare(const std::string& share);
+
+// Whether the share exists and can be reached.
+bool ShareIsThere(const std::string& share);
+
+// The share's snapshots, in the order of their times, those without a time last. A snapshot that is
+// deleted while it is looked at is left out. Gives up when they cannot be listed.
+std::vector<Snapshot> SnapshotsOf(const std::string& share);
+
+// The time that a snapshot's name carries.
+std::optional<time_t> TimeInName(const std::string& snapshotName);
+
+// The directory with the share's snapshots, for messages; empty when it cannot be told.
+std::string SnapshotDirectoryOf(const std::string& share);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_SHARE_H_
