@@ -118,6 +118,13 @@ std::optional<Calculation> ReadCalculation(const std::string& share, const std::
   return calculation;
 }
 
+Calculation RequireCalculation(const std::string& share, const std::string& taskID) {
+  if (std::optional<Calculation> calculation = ReadCalculation(share, taskID)) return *calculation;
+  throw Failure(
+      kNothingRecorded, fmt::format("the record of share {} has no state", Quoted(share)),
+      fmt::format("remove the rest of it with: zorv-snapusage clean {}", ShellWord(share)));
+}
+
 Activity ActivityOf(const std::string& share, const Calculation& calculation) {
   const bool alive = calculation.pid && ProcessIsAlive(*calculation.pid);
   if (calculation.state == CAL_TASK_STATUS_DONE)

@@ -47,6 +47,9 @@ std::string RequireTask(const std::string& share);
 // Reads the records of a share's task; nothing when the share has no record.
 std::optional<Calculation> ReadCalculation(const std::string& share, const std::string& taskID);
 
+// As ReadCalculation, but gives up when the share has no record.
+Calculation RequireCalculation(const std::string& share, const std::string& taskID);
+
 Activity ActivityOf(const std::string& share, const Calculation& calculation);
 
 // What a recorded error code means, in words.

@@ -3,11 +3,10 @@
 
 #include <CLI/CLI.hpp>
 #include <memory>
-#include <optional>
 
 #include "cli/calculation.h"
 #include "cli/commands.h"
-#include "cli/failure.h"
+#include "cli/exit_status.h"
 #include "cli/launch.h"
 #include "cli/options.h"
 #include "cli/text.h"
@@ -55,18 +54,14 @@ void PrintActivity(const std::string& share, const Calculation& calculation) {
 int Status(const std::string& share) {
   RequireRoot();
   const std::string taskID = RequireTask(share);
-  const std::optional<Calculation> calculation = ReadCalculation(share, taskID);
-  if (!calculation)
-    throw Failure(kNothingRecorded,
-                  fmt::format("the record of share {} has no state", Quoted(share)),
-                  fmt::format("run it again with: zorv-snapusage run {}", ShellWord(share)));
+  const Calculation calculation = RequireCalculation(share, taskID);
   PrintLine("share", Escaped(share));
-  PrintLine("state", calculation->stateWord);
+  PrintLine("state", calculation.stateWord);
   PrintLine("task", Escaped(taskID));
-  PrintActivity(share, *calculation);
-  PrintTimes(*calculation);
-  PrintProgress(*calculation);
-  PrintError(*calculation);
+  PrintActivity(share, calculation);
+  PrintTimes(calculation);
+  PrintProgress(calculation);
+  PrintError(calculation);
   return kOk;
 }
 

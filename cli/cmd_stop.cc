@@ -38,11 +38,13 @@ Calculation StopAndWait(const std::string& share, const std::string& taskID) {
 int Stop(const std::string& share) {
   RequireRoot();
   const std::string taskID = RequireTask(share);
-  const std::optional<Calculation> before = ReadCalculation(share, taskID);
-  const bool idle = !before || ActivityOf(share, *before) == Activity::kNone;
-  const Calculation after = idle && before ? *before : StopAndWait(share, taskID);
-  fmt::print("{} share {}: state {}\n", idle ? "nothing to stop," : "stopped the calculation of",
-             Quoted(share), after.stateWord);
+  Calculation calculation = RequireCalculation(share, taskID);
+  const Activity activity = ActivityOf(share, calculation);
+  if (activity == Activity::kDied) FailDied(share);
+  if (activity != Activity::kNone) calculation = StopAndWait(share, taskID);
+  fmt::print("{} share {}: state {}\n",
+             activity == Activity::kNone ? "nothing to stop," : "ended the calculation of",
+             Quoted(share), calculation.stateWord);
   return kOk;
 }
 

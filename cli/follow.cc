@@ -24,6 +24,15 @@ void StopRequest::Repeat() {
         fmt::format("the calculation of share {} cannot be stopped", Quoted(share_)));
 }
 
+void FailDied(const std::string& share) {
+  throw Failure(kCalculationFailed,
+                fmt::format("the calculation of share {} ended without a result: its process is "
+                            "gone (killed, or out of memory)",
+                            Quoted(share)),
+                fmt::format("remove its record with: zorv-snapusage clean {}, and run it again",
+                            ShellWord(share)));
+}
+
 void RequireDone(const std::string& share, const Calculation& calculation) {
   if (calculation.state == CAL_TASK_STATUS_DONE) return;
   if (calculation.state == CAL_TASK_STATUS_STOP)

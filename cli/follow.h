@@ -23,6 +23,9 @@ class StopRequest {
   std::chrono::steady_clock::time_point next_ = std::chrono::steady_clock::now();
 };
 
+// Gives up because the calculation's process is gone and has left no final state.
+[[noreturn]] void FailDied(const std::string& share);
+
 // Gives up with the matching exit status unless the finished calculation is done.
 void RequireDone(const std::string& share, const Calculation& calculation);
 

@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/failure.h"
+#include "cli/text.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -48,6 +49,14 @@ int Perform(const Action& action) {
   }
 }
 
+// What is wrong with a command line.
+std::string Complaint(const CLI::App& program, const CLI::ParseError& error) {
+  const std::vector<std::string> words = program.remaining();
+  if (program.get_subcommands().empty() && !words.empty())
+    return fmt::format("there is no command {}", Quoted(words.front()));
+  return error.what();
+}
+
 int Main(int argc, char** argv) {
   openlog(kName, LOG_PID, LOG_USER);
   CLI::App program("How much space the snapshots of a share take: the bytes that each holds alone.",
@@ -59,7 +68,7 @@ int Main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     // Help and version are ends of this kind as well.
     if (error.get_exit_code() == 0) return program.exit(error);
-    PrintFailure(fmt::format("{}; see zorv-snapusage --help", error.what()));
+    PrintFailure(fmt::format("{}; see zorv-snapusage --help", Complaint(program, error)));
     return kWrongUsage;
   }
   return Perform(action);

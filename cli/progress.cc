@@ -46,7 +46,7 @@ void Progress::Show(const Calculation& calculation) {
     fmt::print(stderr, "\r\033[K{}\r", line);
     fflush(stderr);
     drawn_ = true;
-  } else if (steady_clock::now() >= nextLine_) {
+  } else if (calculation.pid && steady_clock::now() >= nextLine_) {
     fmt::print(stderr, "{}\n", Line(calculation));
     nextLine_ = steady_clock::now() + kLineInterval;
   }

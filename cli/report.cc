@@ -91,8 +91,8 @@ Json::Value RowJson(const ReportRow& row) {
   value["time"] = row.time ? Json::Value(TimeForPrograms(*row.time)) : Json::Value();
   value["timestamp"] = row.time ? Json::Value(Json::Int64{*row.time}) : Json::Value();
   value["subvolume_id"] = Json::UInt64{row.subvolumeID};
-  value["exclusive_bytes"] = Json::UInt64{row.exclusiveBytes};
-  value["running_total_bytes"] = Json::UInt64{row.runningTotalBytes};
+  value["exclusive"] = Json::UInt64{row.exclusiveBytes};
+  value["running_total"] = Json::UInt64{row.runningTotalBytes};
   return value;
 }
 

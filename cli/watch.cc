@@ -1,11 +1,11 @@
 #include "cli/watch.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <utility>
 
 #include "cli/failure.h"
+#include "cli/follow.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -56,12 +56,7 @@ void Watch::CheckCanStillEnd() {
       now_ = *read;
       return;
     }
-    throw Failure(kCalculationFailed,
-                  fmt::format("the calculation of share {} ended without a result: its process is "
-                              "gone (killed, or out of memory)",
-                              Quoted(share_)),
-                  fmt::format("remove its record with: zorv-snapusage clean {}, and run it again",
-                              ShellWord(share_)));
+    FailDied(share_);
   }
   if (!process_.Attached() && steady_clock::now() - begin_ > kTimeToBegin)
     throw SystemFailure(fmt::format("the calculation of share {} does not begin", Quoted(share_)));
