@@ -1,10 +1,10 @@
 // Claiming a share: CheckAvail, CreateTask, and what they leave on the disk.
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
 #include "base/scoped_umask.h"
 #include "tests/share_snap_calculator/share_fixture.h"
@@ -319,10 +319,9 @@ struct DirBreaker {
 };
 
 TEST_F(ShareSnapUsageCalCreateTask, EachDirectoryThatCannotBeMadeFails) {
+  static std::optional<ReadOnlyDir> readOnly;
   const DirBreaker breakers[] = {
-      {"/run/zorvbtrfssnapusage",
-       [] { ASSERT_EQ(0, mount(nullptr, "/run", nullptr, MS_REMOUNT | MS_RDONLY, nullptr)); },
-       [] { ASSERT_EQ(0, mount(nullptr, "/run", nullptr, MS_REMOUNT, nullptr)); },
+      {"/run/zorvbtrfssnapusage", [] { readOnly.emplace("/run"); }, [] { readOnly.reset(); },
        "Read-only file system"},
       {"/run/lock/zorvbtrfssnapusage",
        [] {
@@ -334,16 +333,8 @@ TEST_F(ShareSnapUsageCalCreateTask, EachDirectoryThatCannotBeMadeFails) {
          std::filesystem::rename("/run/lock.aside", "/run/lock");
        },
        "Not a directory"},
-      {"/usr/local/zorvbtrfssnapusage",
-       [] {
-         std::filesystem::rename("/usr/local", "/usr/local.aside");
-         WriteFile("/usr/local", "");
-       },
-       [] {
-         std::filesystem::remove("/usr/local");
-         std::filesystem::rename("/usr/local.aside", "/usr/local");
-       },
-       "Not a directory"},
+      {"/usr/local/zorvbtrfssnapusage", [] { readOnly.emplace("/usr/local"); },
+       [] { readOnly.reset(); }, "Read-only file system"},
       {"/run/lock/zorvbtrfssnapusage/share_task", [] { WriteFile(kLockDir, ""); },
        [] { std::filesystem::remove(kLockDir); }, "Not a directory"},
       {"/usr/local/zorvbtrfssnapusage/share_task_result", [] { WriteFile(kPersistentDir, ""); },
