@@ -93,6 +93,12 @@ class CalcWorld : public testing::Test {
   // Makes /sbin/btrfs print these lines.
   static void FakeOutput(const std::string& lines) { FakeBtrfs("cat <<'END'\n" + lines + "END\n"); }
 
+  // Puts a file where the run-time directory would be: no task can be opened or made.
+  static void SpoilTheDirectories() {
+    std::filesystem::remove_all("/run/zorvbtrfssnapusage");
+    WriteFile("/run/zorvbtrfssnapusage", "in the way");
+  }
+
   static bool Exists(const std::string& path) { return std::filesystem::exists(path); }
 
   SyslogCapture log_;
