@@ -40,7 +40,9 @@ class ResultLock {
   ResultLock(const ResultLock&) = delete;
   ResultLock& operator=(const ResultLock&) = delete;
 
-  bool Take(const std::string& path) { return TaskResult::LockFile(path, /*exclusive=*/true, fd_); }
+  bool TakeExclusive(const std::string& path) {
+    return TaskResult::LockFile(path, /*exclusive=*/true, fd_);
+  }
 
  private:
   int fd_ = -1;
@@ -128,7 +130,7 @@ int TaskResult::WriteResultVtr(const TASK_RESULT_OPT& opt, const std::string& ta
     return RESULT_FAILURE;
   }
   ResultLock lock;
-  if (!lock.Take(lockPath)) {
+  if (!lock.TakeExclusive(lockPath)) {
     ZLOG(LOG_ERR, "lock failed, path (%s)", lockPath.c_str());
     return RESULT_FAILURE;
   }

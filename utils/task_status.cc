@@ -64,21 +64,21 @@ const std::string& TextOf(std::map<Enum, std::string>& table, const Enum& value)
   return table[value];
 }
 
-// The record lock of an object for one scope. The caller says in its own name when it is not held.
+// The record lock of an object for one scope. Callers say in their own name when it is not to be
+// had.
 class TaskFileLock {
  public:
-  TaskFileLock(TaskStatus& status, bool exclusive)
-      : status_(status), held_(status.LockFile(exclusive)) {}
-  // Also after a failed lock: it may have left an open descriptor behind.
+  explicit TaskFileLock(TaskStatus& status) : status_(status) {}
+  // Also when the lock was never taken: a failure may have left an open descriptor behind.
   ~TaskFileLock() { (void)status_.UnlockFile(); }
   TaskFileLock(const TaskFileLock&) = delete;
   TaskFileLock& operator=(const TaskFileLock&) = delete;
 
-  bool Held() const { return held_; }
+  bool TakeShared() { return status_.LockFile(/*exclusive=*/false); }
+  bool TakeExclusive() { return status_.LockFile(/*exclusive=*/true); }
 
  private:
   TaskStatus& status_;
-  const bool held_;
 };
 
 // Copies the members of the vocabulary, the values as they are.
@@ -170,8 +170,8 @@ int TaskStatus::GetJsonVal(Json::Value& out) {
 
   Json::Value document;
   {
-    const TaskFileLock lock(*this, /*exclusive=*/false);
-    if (!lock.Held()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
+    TaskFileLock lock(*this);
+    if (!lock.TakeShared()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
     document = Utils::GetJsonAttrByPath(statusFilePath.c_str());
   }
   if (!CanHoldMembers(document)) return RESULT_FAILURE;
@@ -188,8 +188,8 @@ int TaskStatus::SetStatusAttr(const TASKSTATUS_ATTR& attr, const std::string& va
 
   // Kept: a writer never gives up for want of the lock; a calculation that cannot say how far it is
   // would look dead to its callers.
-  const TaskFileLock lock(*this, /*exclusive=*/true);
-  if (!lock.Held()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
+  TaskFileLock lock(*this);
+  if (!lock.TakeExclusive()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
 
   Json::Value document = Utils::GetJsonAttrByPath(statusFilePath.c_str());
   if (!CanHoldMembers(document)) {  // somebody else's file: not ours to overwrite
@@ -224,8 +224,8 @@ int TaskStatus::GetStatusAttr(const TASKSTATUS_ATTR& attr, std::string& out) {
   Json::Value document;
   {
     // Kept: a reader goes on without the lock; the file is replaced whole, so it reads a whole one.
-    const TaskFileLock lock(*this, /*exclusive=*/false);
-    if (!lock.Held()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
+    TaskFileLock lock(*this);
+    if (!lock.TakeShared()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
     document = Utils::GetJsonAttrByPath(statusFilePath.c_str());
   }
   const Json::Value* member = JsonMember(document, key);
@@ -256,8 +256,8 @@ bool TaskStatus::CheckAttrExist(const TASKSTATUS_ATTR& attr) {
   const std::string& key = TextOf(_task_status_attr_str, attr);
   // Kept: no test of the object's validity; an object bound to nothing has no member, and the
   // failed lock says why.
-  const TaskFileLock lock(*this, /*exclusive=*/false);
-  if (!lock.Held()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
+  TaskFileLock lock(*this);
+  if (!lock.TakeShared()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
   return JsonMember(Utils::GetJsonAttrByPath(statusFilePath.c_str()), key) != nullptr;
 }
 
@@ -296,7 +296,8 @@ bool TaskStatus::Import(TaskStatus& other) {
   // Kept: the ID alone, for log lines; the paths stay this object's.
   taskID = other.taskID;
 
-  // Read before the own lock is taken: the two locks are never held together.
+  // The source is read before the own lock is taken: the two are never held together.
+  TaskFileLock lock(*this);
   Json::Value source;
   if (other.GetJsonVal(source) != RESULT_OK) {
     ZLOG_TASK(LOG_ERR, taskID, "Failed to get json value[0x%04X %s:%d]", PLAT_ERR);
@@ -305,8 +306,7 @@ bool TaskStatus::Import(TaskStatus& other) {
 
   // Kept: unlike the operations on one member, this one needs the lock; half of one task's members
   // among those of another would be worse than none.
-  const TaskFileLock lock(*this, /*exclusive=*/true);
-  if (!lock.Held()) {
+  if (!lock.TakeExclusive()) {
     ZLOG_TASK(LOG_ERR, taskID, "lock failed[0x%04X %s:%d]", PLAT_ERR);
     return false;
   }
