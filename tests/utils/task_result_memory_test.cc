@@ -1,0 +1,86 @@
+// Vectors whose count asks for more memory than there is.
+#include <stdlib.h>
+#include <sys/resource.h>
+
+#include <new>
+#include <vector>
+
+#include "tests/utils/task_files.h"
+#include "zorvbtrfssnapusage/task_result.h"
+
+using namespace ZorvBtrfsUsage;
+using namespace ZorvTest;
+
+namespace {
+
+using Values = std::vector<unsigned long long>;
+
+constexpr char kUnit[] = "utils/task_result";
+const std::string kFile = "/run/zorvbtrfssnapusage/task_result/t1.result";
+
+// Requests above this many bytes are refused, as by a machine without memory.
+size_t refusedAbove = ~size_t{0};
+
+// 2^32 - 1 elements are asked for, the most that the format has; one is there.
+class TaskResultMemory : public TaskFiles {
+ protected:
+  TaskResultMemory() {
+    WriteFile(kFile, std::string("\xff\xff\xff\xff\0\0\0\0\1\0\0\0\0\0\0\0", 16));
+  }
+  ~TaskResultMemory() override { refusedAbove = ~size_t{0}; }
+
+  void ExpectOneMessage() {
+    EXPECT_EQ(1,
+              log.CountExact(LOG_ERR, kUnit, "Some errors occur on input stream, file: " + kFile))
+        << log.Dump();
+  }
+};
+
+}  // namespace
+
+void* operator new(size_t size) {
+  void* memory = size > refusedAbove ? nullptr : malloc(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+void operator delete(void* memory) noexcept { free(memory); }
+void operator delete(void* memory, size_t) noexcept { free(memory); }
+
+TEST_F(TaskResultMemory, RefusedAllocationFails) {
+  Values values;
+  refusedAbove = 1 << 30;
+  EXPECT_EQ(1, TaskResult::ReadVtr(kFile, values));
+  refusedAbove = ~size_t{0};
+  ExpectOneMessage();
+}
+
+TEST_F(TaskResultMemory, RefusedAllocationOfATasksResultFails) {
+  Values values;
+  refusedAbove = 1 << 30;
+  EXPECT_EQ(1, TaskResult::GetResultVtr(TASK_RESULT_OPT_RESULT, "t1", values));
+  refusedAbove = ~size_t{0};
+  EXPECT_EQ(1, log.CountTask(LOG_ERR, kUnit, "GetResultVtr", getpid(), "t1",
+                             "Failed to read task result to file: "
+                             "/run/zorvbtrfssnapusage/task_result/t1.result, resultOpt: 1"))
+      << log.Dump();
+}
+
+#ifndef __SANITIZE_ADDRESS__  // whose own bookkeeping needs the address space
+TEST_F(TaskResultMemory, AddressSpaceLimitFails) {
+  EXPECT_EQ(1, InChild([] {
+              const rlimit limit = {size_t{4} << 30, size_t{4} << 30};
+              if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
+              Values values;
+              return TaskResult::ReadVtr(kFile, values);
+            }));
+  ExpectOneMessage();
+}
+#endif
+
+TEST_F(TaskResultMemory, CountThatFitsIsReadUnderTheSameLimit) {
+  refusedAbove = 1 << 20;
+  WriteFile(kFile, std::string("\2\0\0\0\0\0\0\0\1\0\0\0\0\0\0\0", 16));
+  Values values;
+  EXPECT_EQ(0, TaskResult::ReadVtr(kFile, values));
+  EXPECT_EQ((Values{1, 1}), values);
+}
