@@ -15,7 +15,7 @@ say() { printf '\n== %s\n' "$*"; }
 
 make_volume() { # number
   truncate -s 1G "$work/volume$1.img"
-  mkfs.btrfs -q "$work/volume$1.img"
+  mkfs.btrfs -q "$work/volume$1.img" >/dev/null 2>&1 # it prints what is new in its defaults
   mkdir -p "/volume$1"
   mount -o loop "$work/volume$1.img" "/volume$1"
 }
@@ -32,7 +32,7 @@ take_snapshot() { # share path, day
 # ---- What people do on three kinds of shares, a day at a time ------------------------------------
 
 random_text() { # kibibytes: compresses to about three quarters
-  head -c $(($1 * 768)) /dev/urandom | base64 -w 76 | head -c $(($1 * 1024))
+  head -c $(($1 * 768)) /dev/urandom | base64 -w 76
 }
 
 photos_day() { # compressed; a few files anew, one more each day
@@ -41,13 +41,13 @@ photos_day() { # compressed; a few files anew, one more each day
   random_text 300 >"/volume1/photos/day$1.txt"
 }
 
-projects_day() { # reflinks inside the share, partly overwritten
+projects_day() { # one image, worked on every day and reflinked twice inside the share
   local disk=/volume1/projects/disk.img
   [ $1 -gt 1 ] || head -c 6M /dev/urandom >$disk
+  dd if=/dev/urandom of=$disk bs=64K count=$(($1 % 4 + 2)) conv=notrunc status=none
+  dd if=/dev/urandom of=$disk bs=4K count=9 seek=$(($1 * 90)) conv=notrunc status=none
   cp --reflink=always $disk "/volume1/projects/copy$(($1 % 3)).img"
-  dd if=/dev/urandom of=$disk bs=64K count=5 seek=$(($1 * 7)) conv=notrunc status=none
-  dd if=/dev/urandom of="/volume1/projects/copy$(($1 % 3)).img" bs=4K count=9 seek=$(($1 * 90)) \
-    conv=notrunc status=none
+  cp --reflink=always $disk /volume1/projects/yesterday.img
 }
 
 mail_day() { # many small files, most of them inside the metadata
