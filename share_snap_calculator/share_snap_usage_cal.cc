@@ -403,7 +403,12 @@ bool RecordRangeEnd(ShareTaskStatus& shareStatus, const TASKSTATUS_ATTR& attr, t
 
 ShareSnapUsageCal::ShareSnapUsageCal() = default;
 
-ShareSnapUsageCal::ShareSnapUsageCal(const std::string& id) { (void)calculator.Init(id); }
+ShareSnapUsageCal::ShareSnapUsageCal(const std::string& id) {
+  try {
+    (void)calculator.Init(id);
+  } catch (const std::exception&) {  // no memory: an object that works for no share either way
+  }
+}
 
 ShareSnapUsageCal::~ShareSnapUsageCal() = default;
 
@@ -416,7 +421,7 @@ int ShareSnapUsageCal::CreateTask(const std::string& share) try {
   }
   if (Valid()) return RESULT_OK;
   if (!EnsureDirs(ZLOG_HERE, {kRunDir, kLockDir, kPersistentDir, kShareTaskLockDir,
-                              kShareTaskResultDir, GetResultBasePath(share)}))
+                              kShareTaskResultDir, ShareResultDir(share)}))
     return RESULT_FAILURE;
 
   // Held to the end: between the check and the entry in the map nobody else may claim the share.
@@ -618,7 +623,7 @@ int ShareSnapUsageCal::ExecCalPostAction(TaskStatus& taskStatus, void* /*userDat
 
   for (int i = 0; i < files->count; ++i) {
     const std::string source = files->items[i];
-    const std::string destination = GetResultBasePath(shareName) + "/" + LastComponent(source);
+    const std::string destination = ShareResultDir(shareName) + "/" + LastComponent(source);
     if (ZORVFileCopy(source.c_str(), destination.c_str(), 0) >= 0) continue;
     ZLOG_TASK(LOG_ERR, taskID, "Failed to copy from (%s) to (%s)[0x%04X %s:%d]", source.c_str(),
               destination.c_str(), PLAT_ERR);
@@ -646,8 +651,10 @@ const char* ResultSuffix(const TASK_RESULT_OPT& opt) {
 
 }  // namespace
 
-std::string ShareSnapUsageCal::GetResultBasePath(const std::string& shareName) {
+std::string ShareSnapUsageCal::GetResultBasePath(const std::string& shareName) try {
   return ShareResultDir(shareName);
+} catch (const std::exception&) {
+  return std::string();
 }
 
 template <typename T>
@@ -657,7 +664,7 @@ int ShareSnapUsageCal::GetResultVtr(const TASK_RESULT_OPT& opt, const std::strin
   bool expired = false;
   const int code = FindTaskID(shareName, taskID, expired);
   if (code != RESULT_OK) return code;
-  const std::string copy = GetResultBasePath(shareName) + "/" + taskID + ResultSuffix(opt);
+  const std::string copy = ShareResultDir(shareName) + "/" + taskID + ResultSuffix(opt);
   if (PLATCFileExist(copy.c_str()) == 1) return TaskResult::ReadVtr(copy, out);
   return TaskResult::GetResultVtr(opt, taskID, out);
 } catch (const std::exception&) {
@@ -755,7 +762,7 @@ bool ShareSnapUsageCal::CleanTaskResultFile(const std::string& shareName, bool r
     ZLOG_INVALID_ARG("!shareName.empty()");
     return false;
   }
-  const std::string dir = GetResultBasePath(shareName);
+  const std::string dir = ShareResultDir(shareName);
   SzList names = NewSzList(ZLOG_HERE);
   if (!names) return false;
   SzList paths = NewSzList(ZLOG_HERE);

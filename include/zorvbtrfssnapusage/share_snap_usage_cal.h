@@ -89,7 +89,8 @@ class ZORV_EXPORT ShareSnapUsageCal {
   // ones. 0, or 1; after a copy that failed the directory holds a part of them.
   static int ExecCalPostAction(TaskStatus& taskStatus, void* userData);
 
-  // The directory with a share's results: /usr/local/zorvbtrfssnapusage/share_task_result/<share>.
+  // The directory with a share's results: /usr/local/zorvbtrfssnapusage/share_task_result/<share>;
+  // empty when there is no memory for the text.
   static std::string GetResultBasePath(const std::string& shareName);
 
   // One result vector of the share's current task, from its persistent copy or else from the task's
