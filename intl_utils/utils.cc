@@ -18,6 +18,7 @@
 #include <exception>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <string_view>
 
 #include "base/ensure_dirs.h"
@@ -170,7 +171,11 @@ std::string JsonLine(const Json::Value& value) {
   builder["indentation"] = "";
   builder["commentStyle"] = "None";
   builder["emitUTF8"] = true;
-  return Json::writeString(builder, value);
+  const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
+  std::ostringstream line;
+  line.exceptions(std::ios::badbit);  // or a text that memory ran out for would be cut in silence
+  writer->write(value, &line);
+  return line.str();
 }
 
 // As JsonLine. False: no JSON text can carry `value`, for a key or string of it is not UTF-8 (the
