@@ -20,8 +20,10 @@ bool Grow(PLATSZLIST* list) {
 }
 
 bool Append(PLATSZLIST* list, const char* text) {
-  char* copy = strdup(text);
+  const size_t size = strlen(text) + 1;
+  char* copy = static_cast<char*>(malloc(size));
   if (copy == nullptr) return false;
+  memcpy(copy, text, size);
   if (list->count >= list->capacity && !Grow(list)) {
     free(copy);
     return false;

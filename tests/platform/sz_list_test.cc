@@ -2,12 +2,10 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <string.h>
-#include <sys/resource.h>
 
 #include <string>
 
 #include "tests/platform/platform_error.h"
-#include "tests/support/command.h"
 
 using namespace ZorvTest;
 
@@ -26,18 +24,6 @@ TEST(PLATCSzListAlloc, CapacityBelowOneIsRefused) {
     EXPECT_EQ(nullptr, PLATCSzListAlloc(capacity));
     EXPECT_TRUE(FailedWith(0x0D00));
   }
-}
-
-TEST(PLATCSzListAlloc, OutOfMemoryIsNull) {
-  EXPECT_EQ(0, InChild([] {
-              const rlimit limit = {1 << 28, 1 << 28};
-              EXPECT_EQ(0, setrlimit(RLIMIT_AS, &limit));
-              ClearError();
-              EXPECT_EQ(nullptr, PLATCSzListAlloc(INT_MAX));
-              EXPECT_TRUE(FailedWith(0x2A00));
-              EXPECT_EQ(ENOMEM, errno);
-              return testing::Test::HasFailure() ? 1 : 0;
-            }));
 }
 
 TEST(PLATCSzListPush, GrowsAndKeepsTheOrder) {
@@ -72,22 +58,6 @@ TEST(PLATCSzListPush, BytesAreKeptAsTheyAre) {
     EXPECT_EQ(text, PLATCSzListGet(list, list->count - 1));
   }
   PLATCSzListFree(list);
-}
-
-TEST(PLATCSzListPush, OutOfMemoryLeavesTheListAsItWas) {
-  EXPECT_EQ(0, InChild([] {
-              PLATSZLIST* list = PLATCSzListAlloc(1);
-              PLATCSzListPush(&list, "first");
-              const std::string large(64 << 20, 'x');
-              const rlimit limit = {1 << 20, 1 << 20};
-              EXPECT_EQ(0, setrlimit(RLIMIT_AS, &limit));
-              ClearError();
-              EXPECT_GT(0, PLATCSzListPush(&list, large.c_str()));
-              EXPECT_TRUE(FailedWith(0x2A00));
-              EXPECT_EQ(1, list->count);
-              EXPECT_STREQ("first", PLATCSzListGet(list, 0));
-              return testing::Test::HasFailure() ? 1 : 0;
-            }));
 }
 
 TEST(PLATCSzListGet, NoSuchElementIsNull) {
