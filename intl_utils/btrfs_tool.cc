@@ -234,6 +234,17 @@ int ResultOfParser(_tag_fp_parse_function_ret verdict, const std::string& comman
   }
 }
 
+// Kept: each stream that was read is closed twice, here as for UUIDs. The platform's close answers
+// a closed stream with -1 and harms nothing; what it then says in the error record is of no
+// interest, so the record stays with the failure that it tells of.
+void CloseAgain(FILE* stream) {
+  const unsigned int code = PLATCErrGet();
+  const std::string file = PLATCErrorGetFile();
+  const unsigned int line = PLATCErrorGetLine();
+  (void)PLATCPclose(stream);
+  PLATCErrSetEx(code, file.c_str(), line);
+}
+
 // Starts the command, hands its output to the parser and waits for its end. A ResultCode.
 int RunCommand(char** argv, const std::string& taskID, FP_PARSE_FUNCTION parser,
                PROGRESS_UPDATE_FUNCTION fpProgressUpdate, std::string& errMsg,
@@ -259,9 +270,7 @@ int RunCommand(char** argv, const std::string& taskID, FP_PARSE_FUNCTION parser,
     PLAT_ERR_SET(0x2A00);
     ZLOG(LOG_ERR, "Failed to run\"%s\".", command.c_str());
   }
-  // Kept: closed twice on this path. The platform's close answers a closed stream with -1, and its
-  // other callers (UUIDs) close in the same way.
-  (void)PLATCPclose(stream);
+  CloseAgain(stream);
   return ret;
 }
 

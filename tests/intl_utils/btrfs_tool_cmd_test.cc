@@ -333,11 +333,16 @@ TEST_F(BtrfsToolCmdExc, FailedCommandKeepsTheSuccessOfTheParser) {
 
 TEST_F(BtrfsToolCmdExc, FailedCommandSetsThePlatformError) {
   FakeBtrfs("exit 3\n");
-  PlatformHook<decltype(PLATCPclose)> close("PLATCPclose");
-  close.Replace([&](FILE* stream) { return close.Calls() == 1 ? close.Real(stream) : 0; });
   EXPECT_EQ(0, Exec({"256"}));
   EXPECT_EQ(0x2A00u, PLATCErrGet());
   EXPECT_STREQ(kUnit, PLATCErrorGetFile());
+}
+
+TEST_F(BtrfsToolCmdExc, SecondCloseLeavesThePlatformErrorAlone) {
+  RecordArguments();
+  PLATCErrSetEx(0x1234, "tests/unit", 7);
+  EXPECT_EQ(0, Exec({"256"}));
+  EXPECT_EQ("[0x1234 tests/unit:7]", PlatformErrorTail());
 }
 
 TEST_F(BtrfsToolCmdExc, FailedCommandKeepsTheFailureOfTheParser) {
