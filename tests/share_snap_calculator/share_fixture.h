@@ -123,6 +123,9 @@ class VolumeTest : public ShareTest {
   static std::string SnapPath(const std::string& share, const std::string& snapshot);
   static std::vector<std::string> PhotosPaths();
 
+  static BtrfsVolume& Volume1() { return *volume1_; }
+  static BtrfsVolume& Volume2() { return *volume2_; }
+
   // Lets the started calculator come to its end; its exit status.
   int WaitForCalculator();
 
