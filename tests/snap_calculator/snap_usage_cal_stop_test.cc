@@ -178,7 +178,7 @@ TEST_F(SnapUsageCalculatorStop, AtAnyMomentEndsInStopOrTheTaskHadEnded) {
       "for i in {1..10}; do echo \"processed $i bytes\"; sleep 0.0005; done 2>/dev/null\n"
       "echo 'subvol(257) 1 bytes'\n");
   std::mt19937 random(20240305);
-  std::uniform_int_distribution<useconds_t> delay(0, 40000);
+  std::uniform_int_distribution<useconds_t> delay(0, 60000);
   int stopped = 0;
   int done = 0;
   for (int round = 0; round < 300; ++round) {
