@@ -1,5 +1,7 @@
 // In this file, in order: file locks; files and directories; JSON files; times; identifiers and
 // processes; shares and snapshots; files by prefix; the reminder.
+//
+// Nothing throws out of here: operations that allocate fail when there is no memory.
 #include "zorvbtrfssnapusage/utils.h"
 
 #include <errno.h>
@@ -65,7 +67,7 @@ bool HeldByAnother(int error) { return error == EAGAIN || error == EACCES; }
 
 // A record lock belongs to the process, and closing any descriptor of the file drops it: a lock
 // file must never be opened a second time while it is held.
-bool Utils::GeneralFileLock(const std::string& path, bool exclusive, int& fd) {
+bool Utils::GeneralFileLock(const std::string& path, bool exclusive, int& fd) try {
   if (!EnsureDirs(ZLOG_HERE, {kLockDir})) return false;
 
   // The flags are what other holders of these files use: never written, made by who comes first.
@@ -88,6 +90,8 @@ bool Utils::GeneralFileLock(const std::string& path, bool exclusive, int& fd) {
     ZLOG(LOG_DEBUG, "File [%s] is already locked by another process", path.c_str());
   else
     ZLOG(LOG_ERR, "Failed to lock file [%s], errmgs(%s)", path.c_str(), strerror(errno));
+  return false;
+} catch (const std::exception&) {  // no memory
   return false;
 }
 
@@ -252,16 +256,13 @@ bool ParseJson(std::ifstream& in, Json::Value& value) {
 
 }  // namespace
 
-bool Utils::JsonToFile(const Json::Value& value, const std::string& path) {
-  if (path.empty()) return false;
-  try {
-    return ReplaceByJson(value, path);
-  } catch (const std::exception&) {  // no memory for the text
-    return false;
-  }
+bool Utils::JsonToFile(const Json::Value& value, const std::string& path) try {
+  return !path.empty() && ReplaceByJson(value, path);
+} catch (const std::exception&) {  // no memory
+  return false;
 }
 
-bool Utils::JsonFromFile(Json::Value& value, const std::string& path) {
+bool Utils::JsonFromFile(Json::Value& value, const std::string& path) try {
   if (path.empty()) return false;
 
   std::ifstream in(path);
@@ -276,20 +277,26 @@ bool Utils::JsonFromFile(Json::Value& value, const std::string& path) {
     return false;
   }
   return true;
-}
-
-bool Utils::SetJsonAttrByPath(const char* path, const Json::Value& value) {
-  if (path != nullptr && JsonToFile(value, path)) return true;
-  ZLOG(LOG_DEBUG, "Failed to write Json data to file, path: %s", path != nullptr ? path : "(null)");
+} catch (const std::exception&) {  // no memory
   return false;
 }
 
-Json::Value Utils::GetJsonAttrByPath(const char* path) {
+bool Utils::SetJsonAttrByPath(const char* path, const Json::Value& value) try {
+  if (path != nullptr && JsonToFile(value, path)) return true;
+  ZLOG(LOG_DEBUG, "Failed to write Json data to file, path: %s", path != nullptr ? path : "(null)");
+  return false;
+} catch (const std::exception&) {  // no memory
+  return false;
+}
+
+Json::Value Utils::GetJsonAttrByPath(const char* path) try {
   Json::Value value;
   if (path == nullptr || !JsonFromFile(value, path))
     ZLOG(LOG_DEBUG, "Failed to load Json data from file, path: %s",
          path != nullptr ? path : "(null)");
   return value;
+} catch (const std::exception&) {  // no memory
+  return Json::Value();
 }
 
 namespace {
@@ -306,7 +313,7 @@ void CopyMembers(const PLATSZHASH* hash, const PLATSZLIST* keys, Json::Value& va
 }  // namespace
 
 // Kept: true in every case; callers look at the members, and the log says what went wrong.
-bool Utils::HashToJson(PLATSZHASH* hash, Json::Value& value) {
+bool Utils::HashToJson(PLATSZHASH* hash, Json::Value& value) try {
   SzList keys = MakeSzList();
   if (!keys) {
     ZLOG(LOG_ERR, "PLATCSzListAlloc failed. [0x%04X %s:%d]", PLAT_ERR);
@@ -320,10 +327,9 @@ bool Utils::HashToJson(PLATSZHASH* hash, Json::Value& value) {
     ZLOG_INVALID_ARG("value.isObject()");
     return true;
   }
-  try {
-    CopyMembers(hash, keys.get(), value);
-  } catch (const std::exception&) {  // no memory: `value` holds the members set so far
-  }
+  CopyMembers(hash, keys.get(), value);
+  return true;
+} catch (const std::exception&) {  // no memory: `value` holds the members set so far
   return true;
 }
 
@@ -372,7 +378,7 @@ bool Utils::TimeStringToTime_T(const std::string& text, time_t& t) {
   return true;
 }
 
-bool Utils::Time_tToTimeString(time_t t, std::string& text) {
+bool Utils::Time_tToTimeString(time_t t, std::string& text) try {
   tzset();  // localtime_r need not
   struct tm local;
   if (localtime_r(&t, &local) == nullptr) {
@@ -383,6 +389,9 @@ bool Utils::Time_tToTimeString(time_t t, std::string& text) {
   strftime(buf, sizeof buf, kTimeFormat, &local);
   text = buf;
   return true;
+} catch (const std::exception&) {  // no memory
+  PLAT_ERR_SET(kErrSystemCall);
+  return false;
 }
 
 bool Utils::NowTimeStringGet(std::string& text) {
@@ -432,7 +441,7 @@ std::string Utils::PIDStringGet() {
   return text;
 }
 
-bool Utils::UUIDGen(std::string& uuid) {
+bool Utils::UUIDGen(std::string& uuid) try {
   FILE* pipe = PLATCPopen(kUuidgenProgram, "r");
   if (pipe == nullptr) {
     PLAT_ERR_SET(kErrSystemCall);
@@ -453,6 +462,9 @@ bool Utils::UUIDGen(std::string& uuid) {
   // Kept: closed twice, as the command runner does; the platform's close tolerates it.
   (void)PLATCPclose(pipe);
   return trimmed;
+} catch (const std::exception&) {  // no memory
+  PLAT_ERR_SET(kErrSystemCall);
+  return false;
 }
 
 int Utils::ProcessKill(int pid, int signal) {
@@ -652,7 +664,8 @@ bool BeginsWith(std::string_view name, std::string_view prefix) {
 
 }  // namespace
 
-bool Utils::SearchTaskFile(const std::string& prefix, const std::string& dir, PLATSZLIST** files) {
+bool Utils::SearchTaskFile(const std::string& prefix, const std::string& dir,
+                           PLATSZLIST** files) try {
   const std::unique_ptr<DIR, DirClose> stream(opendir(dir.c_str()));
   if (!stream) return true;  // a missing directory holds no files
 
@@ -663,6 +676,8 @@ bool Utils::SearchTaskFile(const std::string& prefix, const std::string& dir, PL
     if (!PushPath(ZLOG_HERE, files, (dir + "/" + entry->d_name).c_str())) return false;
   }
   return true;
+} catch (const std::exception&) {  // no memory
+  return false;
 }
 
 bool Utils::DeleteCandidateFile(PLATSZLIST** files) {

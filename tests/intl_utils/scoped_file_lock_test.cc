@@ -2,9 +2,7 @@
 #include "intl_utils/scoped_file_lock.h"
 
 #include <errno.h>
-#include <fcntl.h>
 
-#include "base/unique_fd.h"
 #include "tests/intl_utils/utils_fixture.h"
 #include "tests/support/platform_hook.h"
 
@@ -18,17 +16,6 @@ namespace {
 const std::string kLock = std::string(kLockDir) + "/scoped.lock";
 constexpr LogSite kSite = {"tests/caller", 9};
 
-// The type of lock that another process would meet when it wants to write.
-int SeenByOthers() {
-  return InChild([] {
-    const UniqueFd fd(open(kLock.c_str(), O_RDWR | O_CLOEXEC));
-    struct flock lock = {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    return fcntl(fd.Get(), F_GETLK, &lock) == 0 ? lock.l_type : 99;
-  });
-}
-
 class ScopedFileLockTest : public UtilsTest {};
 
 }  // namespace
@@ -37,15 +24,15 @@ TEST_F(ScopedFileLockTest, HoldsForItsScope) {
   {
     const ScopedFileLock lock(kSite, kLock, ScopedFileLock::kExclusive);
     EXPECT_TRUE(lock.Held());
-    EXPECT_EQ(F_WRLCK, SeenByOthers());
+    EXPECT_EQ(F_WRLCK, LockSeenByOthers(kLock).l_type);
   }
-  EXPECT_EQ(F_UNLCK, SeenByOthers());
+  EXPECT_EQ(F_UNLCK, LockSeenByOthers(kLock).l_type);
   {
     const ScopedFileLock lock(kSite, kLock, ScopedFileLock::kShared);
     EXPECT_TRUE(lock.Held());
-    EXPECT_EQ(F_RDLCK, SeenByOthers());
+    EXPECT_EQ(F_RDLCK, LockSeenByOthers(kLock).l_type);
   }
-  EXPECT_EQ(F_UNLCK, SeenByOthers());
+  EXPECT_EQ(F_UNLCK, LockSeenByOthers(kLock).l_type);
   EXPECT_TRUE(log.Lines().empty()) << log.Dump();
 }
 
@@ -67,7 +54,7 @@ TEST_F(ScopedFileLockTest, AFailedLockIsLoggedAsFromTheCaller) {
 }
 
 TEST_F(ScopedFileLockTest, TheDescriptorOfAFailedLockIsClosed) {
-  PlatformHook<int(int, int, void*)> hook("fcntl");
+  FcntlHook hook("fcntl");
   int fd = -1;
   hook.Replace([&](int lock, int command, void* argument) {
     fd = lock;
@@ -84,7 +71,7 @@ TEST_F(ScopedFileLockTest, TheDescriptorOfAFailedLockIsClosed) {
 }
 
 TEST_F(ScopedFileLockTest, AFailedUnlockIsLoggedAsFromTheCaller) {
-  PlatformHook<int(int, int, void*)> hook("fcntl");
+  FcntlHook hook("fcntl");
   int fd = -1;
   hook.Replace([&](int lock, int command, void* argument) {
     fd = lock;

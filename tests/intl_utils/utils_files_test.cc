@@ -85,6 +85,14 @@ TEST_F(UtilsPostfixPathAppend, FailedPushStops) {
       << log.Dump();
 }
 
+TEST_F(UtilsPostfixPathAppend, ANullNameFails) {
+  SzList names = ListOf({"one"});
+  PlatformHook<decltype(PLATCSzListGet)> entry("PLATCSzListGet");
+  entry.AlwaysFails();
+  EXPECT_FALSE(Append("/p", names));
+  EXPECT_EQ(0, paths->count);
+}
+
 TEST_F(UtilsPostfixPathAppend, NullListsFail) {
   SzList names = ListOf({"one"});
   EXPECT_FALSE(Utils::PostfixPathAppend("/p", nullptr, SzListRef(paths)));
@@ -141,6 +149,19 @@ TEST_F(UtilsSearchTaskFile, SubdirectoriesAreNotSearched) {
   WriteFile(At("sub/abc"), "");
   EXPECT_TRUE(Search("abc"));
   EXPECT_EQ(0, files->count);
+}
+
+TEST_F(UtilsSearchTaskFile, EntriesOfUnknownTypeAreLeftOut) {
+  // Directories of this file system do not say what their entries are.
+  const std::string image = "/tmp/no_filetype.image";
+  MustRun({"truncate", "-s", "8M", image});
+  MustRun({"mkfs.ext4", "-q", "-O", "^filetype", image});
+  MustRun({"mount", "-o", "loop", image, kWorkDir});
+  WriteFile(At("abc"), "");
+  EXPECT_TRUE(Search("abc"));
+  EXPECT_EQ(0, files->count);
+  MustRun({"umount", kWorkDir});
+  std::filesystem::remove(image);
 }
 
 TEST_F(UtilsSearchTaskFile, AppendsInTheDirectorysOrder) {
@@ -209,6 +230,14 @@ TEST_F(UtilsDeleteCandidateFile, TheFirstFailureStops) {
   EXPECT_TRUE(std::filesystem::exists(At("two")));
   EXPECT_EQ(1, Logged(LOG_ERR, "Failed to unlink file (" + At("dir") + ") err:(Is a directory) "))
       << log.Dump();
+}
+
+TEST_F(UtilsDeleteCandidateFile, ANullPathFails) {
+  WriteFile(At("one"), "");
+  PlatformHook<decltype(PLATCSzListGet)> entry("PLATCSzListGet");
+  entry.AlwaysFails();
+  EXPECT_FALSE(Delete({At("one")}));
+  EXPECT_TRUE(std::filesystem::exists(At("one")));
 }
 
 TEST_F(UtilsDeleteCandidateFile, NullListsFail) {

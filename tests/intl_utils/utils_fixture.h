@@ -2,20 +2,25 @@
 #ifndef TESTS_INTL_UTILS_UTILS_FIXTURE_H_
 #define TESTS_INTL_UTILS_UTILS_FIXTURE_H_
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <zorvplatform/platc.h>
 
 #include <filesystem>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "base/paths.h"
 #include "base/sz_list.h"
+#include "base/unique_fd.h"
 #include "tests/support/command.h"
+#include "tests/support/platform_hook.h"
 #include "tests/support/syslog_capture.h"
 
 namespace ZorvTest {
@@ -56,6 +61,39 @@ class ScopedTmpfs {
  private:
   std::string dir_;
 };
+
+// fcntl as record locks use it.
+using FcntlHook = PlatformHook<int(int, int, void*)>;
+
+// The record lock on `path` that keeps another process from a lock of type `wanted`; its type is
+// F_UNLCK when none does.
+inline struct flock LockSeenByOthers(const std::string& path, short wanted = F_WRLCK) {
+  int toParent[2];
+  if (pipe(toParent) != 0) throw std::runtime_error("pipe");
+  const UniqueFd in(toParent[0]);
+  const UniqueFd out(toParent[1]);
+  InChild([&] {
+    const UniqueFd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock lock = {};
+    lock.l_type = wanted;
+    lock.l_whence = SEEK_SET;
+    if (fcntl(fd.Get(), F_GETLK, &lock) != 0) lock.l_type = -1;
+    return write(out.Get(), &lock, sizeof lock) == sizeof lock ? 0 : 1;
+  });
+  struct flock seen = {};
+  if (read(in.Get(), &seen, sizeof seen) != sizeof seen) throw std::runtime_error("read");
+  return seen;
+}
+
+// Whether the kernel lists `pid` as waiting for a record lock (proc(5), /proc/locks, "->").
+inline bool WaitsForLock(pid_t pid) {
+  std::istringstream locks(MustRun({"cat", "/proc/locks"}));
+  for (std::string line; std::getline(locks, line);)
+    if (line.find("->") != std::string::npos &&
+        line.find(" " + std::to_string(pid) + " ") != std::string::npos)
+      return true;
+  return false;
+}
 
 // A platform list with these strings.
 inline ZorvBtrfsUsage::SzList ListOf(const std::vector<std::string>& texts) {

@@ -15,40 +15,7 @@ using ZorvBtrfsUsage::Utils;
 
 namespace {
 
-using FcntlHook = PlatformHook<int(int, int, void*)>;
-
 const std::string kLock = std::string(kLockDir) + "/some.lock";
-
-// The record lock on `path` that keeps another process from a write lock; F_UNLCK: none does.
-struct flock LockSeenByOthers(const std::string& path, short wanted = F_WRLCK) {
-  int toParent[2];
-  if (pipe(toParent) != 0) throw std::runtime_error("pipe");
-  InChild([&] {
-    const UniqueFd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
-    struct flock lock = {};
-    lock.l_type = wanted;
-    lock.l_whence = SEEK_SET;
-    if (fcntl(fd.Get(), F_GETLK, &lock) != 0) lock.l_type = -1;
-    return write(toParent[1], &lock, sizeof lock) == sizeof lock ? 0 : 1;
-  });
-  struct flock seen = {};
-  if (read(toParent[0], &seen, sizeof seen) != sizeof seen) throw std::runtime_error("read");
-  close(toParent[0]);
-  close(toParent[1]);
-  return seen;
-}
-
-// Whether the kernel lists `pid` as waiting for a record lock (proc(5), /proc/locks, "->").
-bool WaitsForLock(pid_t pid) {
-  const std::string locks = MustRun({"cat", "/proc/locks"});
-  size_t at = 0;
-  while ((at = locks.find("->", at)) != std::string::npos) {
-    const std::string line = locks.substr(at, locks.find('\n', at) - at);
-    if (line.find(" " + std::to_string(pid) + " ") != std::string::npos) return true;
-    ++at;
-  }
-  return false;
-}
 
 // A process that takes the lock, says so, and holds it until told to let go.
 class Holder {

@@ -5,7 +5,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include "base/unique_fd.h"
 #include "tests/intl_utils/utils_fixture.h"
 #include "tests/support/platform_hook.h"
 #include "zorvbtrfssnapusage/utils.h"
@@ -19,19 +18,13 @@ using ZorvBtrfsUsage::Utils;
 
 namespace {
 
-using FcntlHook = PlatformHook<int(int, int, void*)>;
-
 // Documents that hold no members.
 const char* const kWrongShapes[] = {"[]", "[\"reminder\"]", "7", "\"reminder\"", "true"};
 
 class UtilsReminder : public UtilsTest {
  protected:
-  // What the record says, through the library.
-  int Stored() {
-    bool on = false;
-    if (!Utils::ReminderStatusGet(on)) return -1;
-    return on;
-  }
+  // What the record says, through the library; -1 when it says nothing.
+  int Stored() { return Utils::ReminderStatusGet(on) ? on : -1; }
 
   bool on = false;
 };
@@ -144,14 +137,7 @@ TEST_F(UtilsReminderStatusSet, HoldsTheExclusiveLockWhileItWrites) {
   PlatformHook<int(const char*, const char*)> hook("rename");
   short seen = 0;
   hook.Replace([&](const char* from, const char* to) {
-    // Another process may not even read now.
-    seen = static_cast<short>(InChild([] {
-      const UniqueFd fd(open(kReminderLock, O_RDWR | O_CLOEXEC));
-      struct flock lock = {};
-      lock.l_type = F_RDLCK;
-      lock.l_whence = SEEK_SET;
-      return fcntl(fd.Get(), F_GETLK, &lock) == 0 ? lock.l_type : 99;
-    }));
+    seen = LockSeenByOthers(kReminderLock, F_RDLCK).l_type;
     return hook.Real(from, to);
   });
   EXPECT_TRUE(Utils::ReminderStatusSet(true));
@@ -289,10 +275,7 @@ TEST_F(UtilsReminderStatusGet, WaitsForAWriter) {
     bool read = false;
     _exit(Utils::ReminderStatusGet(read) && read ? 0 : 1);
   }
-  EXPECT_TRUE(WaitUntil([&] {
-    return MustRun({"cat", "/proc/locks"}).find(" " + std::to_string(reader) + " ") !=
-           std::string::npos;
-  }));
+  EXPECT_TRUE(WaitUntil([&] { return WaitsForLock(reader); }));
   EXPECT_EQ(0, waitpid(reader, nullptr, WNOHANG));
   EXPECT_TRUE(Utils::GeneralFileUnlock(fd));
   EXPECT_EQ(0, WaitForExit(reader));

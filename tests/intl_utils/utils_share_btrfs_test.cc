@@ -43,18 +43,22 @@ class UtilsShareBtrfs : public UtilsTest {
   int volume = 77;
 };
 
+class UtilsShareInfoGetBtrfs : public UtilsShareBtrfs {};
+class UtilsShareSnapListGetBtrfs : public UtilsShareBtrfs {};
+class UtilsSameVolumeCheckBtrfs : public UtilsShareBtrfs {};
+
 std::string PathOf(const std::string& snapshot) { return "/volume1/photos/.snapshots/" + snapshot; }
 
 }  // namespace
 
-TEST_F(UtilsShareBtrfs, ShareInfoGetFindsAShare) {
+TEST_F(UtilsShareInfoGetBtrfs, FindsAShare) {
   _tag_ZORVSHARE* share = nullptr;
   ASSERT_EQ(0, Utils::ShareInfoGet("photos", &share));
   EXPECT_STREQ("photos", share->name);
   ZORVShareFree(share);
 }
 
-TEST_F(UtilsShareBtrfs, ShareInfoGetOfAShareThatIsNotThere) {
+TEST_F(UtilsShareInfoGetBtrfs, AShareThatIsNotThereFailsAtOnce) {
   _tag_ZORVSHARE* share = nullptr;
   EXPECT_EQ(-1, Utils::ShareInfoGet("video", &share));
   EXPECT_EQ(nullptr, share);
@@ -62,12 +66,33 @@ TEST_F(UtilsShareBtrfs, ShareInfoGetOfAShareThatIsNotThere) {
   EXPECT_EQ(1u, log.Lines().size());
 }
 
-TEST_F(UtilsShareBtrfs, SnapshotsInTheOrderOfTheirTimes) {
+TEST_F(UtilsShareInfoGetBtrfs, AShareWhoseVolumeIsNotMountedIsTriedAgain) {
+  PlatformHook<unsigned int(unsigned int)> sleeping("sleep");
+  sleeping.Replace([](unsigned int) { return 0u; });
+  PlatformHook<decltype(ZORVShareGet)> get("ZORVShareGet");
+  WriteFile("/etc/fstab", "/dev/loop0 /volume2 btrfs defaults 0 0\n");
+  two.Unmount();
+  _tag_ZORVSHARE* share = nullptr;
+  EXPECT_EQ(-1, Utils::ShareInfoGet("music", &share));
+  EXPECT_EQ(15, get.Calls());
+  EXPECT_EQ(0x0400u, PLATCErrGet());
+
+  get.Replace([&](const char* name, _tag_ZORVSHARE** out) {
+    if (get.Calls() == 18) two.Mount();  // the third try of this call
+    return get.Real(name, out);
+  });
+  EXPECT_EQ(0, Utils::ShareInfoGet("music", &share));
+  EXPECT_EQ(18, get.Calls());
+  ZORVShareFree(share);
+  std::filesystem::remove("/etc/fstab");
+}
+
+TEST_F(UtilsShareSnapListGetBtrfs, SnapshotsInTheOrderOfTheirTimes) {
   EXPECT_EQ(0, List("photos"));
   EXPECT_EQ((std::vector<std::string>{PathOf(kFirst), PathOf(kSecond)}), TextsOf(paths));
 }
 
-TEST_F(UtilsShareBtrfs, SelectorsMustAllHold) {
+TEST_F(UtilsShareSnapListGetBtrfs, SelectorsMustAllHold) {
   EXPECT_EQ(0, List("photos", {std::string(">") + kFirst}));
   EXPECT_EQ(std::vector<std::string>{PathOf(kSecond)}, TextsOf(paths));
   EXPECT_EQ(0, List("photos", {std::string(">=") + kFirst, std::string("<") + kSecond}));
@@ -76,18 +101,18 @@ TEST_F(UtilsShareBtrfs, SelectorsMustAllHold) {
   EXPECT_EQ(0, paths->count);
 }
 
-TEST_F(UtilsShareBtrfs, AShareWithoutSnapshotsHasNone) {
+TEST_F(UtilsShareSnapListGetBtrfs, AShareWithoutSnapshotsHasNone) {
   EXPECT_EQ(0, List("music"));
   EXPECT_EQ(0, paths->count);
   EXPECT_FALSE(std::filesystem::exists("/volume2/music/.snapshots"));
 }
 
-TEST_F(UtilsShareBtrfs, AShareThatIsNotThereFails) {
+TEST_F(UtilsShareSnapListGetBtrfs, AShareThatIsNotThereFails) {
   EXPECT_EQ(-1, List("video"));
   EXPECT_EQ(1, Logged(LOG_ERR, "Failed to get share (video)" + Tail())) << log.Dump();
 }
 
-TEST_F(UtilsShareBtrfs, SameVolumeOfSnapshots) {
+TEST_F(UtilsSameVolumeCheckBtrfs, SnapshotsOfOneShare) {
   EXPECT_EQ(0, SameVolume({PathOf(kFirst)}));
   EXPECT_EQ(1, volume);
   EXPECT_EQ(0, SameVolume({PathOf(kFirst), PathOf(kSecond)}));
@@ -95,18 +120,18 @@ TEST_F(UtilsShareBtrfs, SameVolumeOfSnapshots) {
   EXPECT_EQ(2, volume);
 }
 
-TEST_F(UtilsShareBtrfs, DifferentVolumes) {
+TEST_F(UtilsSameVolumeCheckBtrfs, DifferentVolumes) {
   EXPECT_EQ(1, SameVolume({PathOf(kFirst), "/volume2/music"}));
   EXPECT_EQ(77, volume);
 }
 
-TEST_F(UtilsShareBtrfs, APathThatIsGoneLiesOnNoVolume) {
+TEST_F(UtilsSameVolumeCheckBtrfs, APathThatIsGoneLiesOnNoVolume) {
   EXPECT_EQ(-1, SameVolume({"/volume1/photos/.snapshots/gone"}));
   EXPECT_EQ(0xBE00u, PLATCErrGet());
   EXPECT_EQ(1, log.Count("Fail to parse volume path from [/volume1/photos/.snapshots/gone]"));
 }
 
-TEST_F(UtilsShareBtrfs, AVolumeThatIsNotBtrfsIsOfTheWrongKind) {
+TEST_F(UtilsSameVolumeCheckBtrfs, AVolumeThatIsNotBtrfsIsOfTheWrongKind) {
   const ScopedTmpfs other("/volume3", "");
   WriteFile("/volume3/file", "");
   EXPECT_EQ(-1, SameVolume({"/volume3/file"}));

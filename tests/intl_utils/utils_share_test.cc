@@ -2,10 +2,12 @@
 // on demand. The real ones are in utils_share_btrfs_test.cc.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "tests/intl_utils/utils_fixture.h"
 #include "tests/support/platform_hook.h"
+#include "tests/support/scarce_memory.h"
 #include "zorvbtrfssnapusage/utils.h"
 
 using namespace ZorvTest;
@@ -47,8 +49,8 @@ class UtilsSameVolumeCheck : public UtilsTest {
       snprintf(out, static_cast<size_t>(size), "%.8s", path);
       return 0;
     });
-    info.Replace([this](const char* volume, ZORVMOUNTVOLINFO* out) {
-      const int number = volume[7] - '0';
+    info.Replace([this](const char* volumePath, ZORVMOUNTVOLINFO* out) {
+      const int number = volumePath[7] - '0';
       if (number == lost) {
         PLATCErrSetEx(0x2222, "tests/hook", 1);
         return -1;
@@ -443,6 +445,17 @@ TEST_F(UtilsShareSnapListGet, FailedPushFails) {
                                    HookTail(0x2A00)))
       << log.Dump();
   EXPECT_EQ(1, shareFree.Calls());
+}
+
+TEST_F(UtilsShareSnapListGet, NoMemoryForALogLineIsAFailure) {
+  const Json::Value filter = TimeFilter(Array({Array({std::string(2 << 20, 'x')})}));
+  int result = 0;
+  {
+    const ScarceMemory scarce(1 << 20);
+    result = Get(filter);
+  }
+  EXPECT_EQ(-1, result);
+  ExpectNothingLeft();
 }
 
 TEST_F(UtilsShareSnapListGet, AppendsToTheCallersList) {

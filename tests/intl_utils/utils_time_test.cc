@@ -118,6 +118,13 @@ TEST_F(UtilsTimeStringToTime_T, TextsThatAreNoTime) {
   }
 }
 
+TEST_F(UtilsTimeStringToTime_T, TextBehindTheTimeIsNotLookedAt) {
+  const ScopedZone scope("UTC");
+  time_t t = 0;
+  EXPECT_TRUE(Utils::TimeStringToTime_T("2024.03.05-12.00.00 and more", t));
+  EXPECT_EQ(kNoon, t);
+}
+
 TEST_F(UtilsTimeStringToTime_T, TheSecondBeforeTheEpochIsNoTime) {
   const ScopedZone scope("UTC");
   time_t t = 7;

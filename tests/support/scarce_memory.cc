@@ -3,12 +3,11 @@
 #include <stdint.h>
 #include <stdlib.h>
 
-#include <atomic>
 #include <new>
 
 namespace {
 
-std::atomic<size_t> largest = SIZE_MAX;
+thread_local size_t largest = SIZE_MAX;
 
 }  // namespace
 

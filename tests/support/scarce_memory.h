@@ -6,8 +6,8 @@
 
 namespace ZorvTest {
 
-// While it stands, `new` of more than `bytes` at once throws std::bad_alloc in this program and in
-// the libraries that it uses. The program lists scarce_memory.cc among its sources.
+// While it stands, `new` of more than `bytes` at once throws std::bad_alloc in this thread, also in
+// the libraries that the program uses. The program lists scarce_memory.cc among its sources.
 class ScarceMemory {
  public:
   explicit ScarceMemory(size_t bytes);
