@@ -145,15 +145,26 @@ MUTATIONS = [
              "if (!create) return true;",
              "TaskStatusInit.*"),
     Mutation("a-writer-gives-up-without-the-lock", TASK,
-             '  if (!lock.Held()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");\n\n',
-             "  if (!lock.Held()) {\n"
+             '  if (!lock.TakeExclusive()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");\n',
+             "  if (!lock.TakeExclusive()) {\n"
              '    ZLOG_TASK(LOG_ERR, taskID, "lock failed");\n'
              "    return RESULT_FAILURE;\n"
-             "  }\n\n",
+             "  }\n",
              "TaskStatusSetStatusAttr.*"),
+    Mutation("a-reader-gives-up-without-the-lock", TASK,
+             "so it reads a whole one.\n"
+             "    TaskFileLock lock(*this);\n"
+             '    if (!lock.TakeShared()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");\n',
+             "so it reads a whole one.\n"
+             "    TaskFileLock lock(*this);\n"
+             "    if (!lock.TakeShared()) {\n"
+             '      ZLOG_TASK(LOG_ERR, taskID, "lock failed");\n'
+             "      return RESULT_FAILURE;\n"
+             "    }\n",
+             "TaskStatusGetStatusAttr.*"),
     Mutation("a-finished-task-needs-no-error-code", TASK,
              "if (out < CAL_TASK_STATUS_FAIL) {", "if (out <= CAL_TASK_STATUS_DONE) {",
-             "TaskStatusGetCalculatorStatus.*"),
+             "TaskStatusGetCalculatorStatusWithCode.*"),
     Mutation("import-carries-on-without-the-lock", TASK,
              '    ZLOG_TASK(LOG_ERR, taskID, "lock failed[0x%04X %s:%d]", PLAT_ERR);\n    return false;\n',
              '    ZLOG_TASK(LOG_ERR, taskID, "lock failed[0x%04X %s:%d]", PLAT_ERR);\n',
@@ -273,7 +284,7 @@ MUTATIONS = [
              "ShareSnapUsageCalCreateTask.* ShareSnapUsageCalForeignMap.*"),
     Mutation("equal-times-select-one-second", SHARE,
              "  if (start == end) return Json::Value();\n", "",
-             "ShareSnapUsageCalBuildSnapTimeSelector.*"),
+             "ShareSnapUsageCalLaunchRange.EqualEndsListAllWithoutSelectors"),
     Mutation("an-expired-task-blocks-while-its-state-says-so", SHARE,
              "  if (FindValidTaskID(shareName, taskID) == RESULT_NOT_FOUND) return true;\n",
              "  bool expired = false;\n"

@@ -133,9 +133,14 @@ TEST_F(UtilsJsonToFile, MissingDirectoryFailsAndLeavesNothing) {
 }
 
 TEST_F(UtilsJsonToFile, NewFileIs0600WhateverTheUmask) {
-  umask(0);
-  EXPECT_TRUE(Utils::JsonToFile(1, path));
-  EXPECT_EQ(0600, ModeOf(path));
+  for (const mode_t mask : {0, 022, 077, 0777}) {
+    SCOPED_TRACE(mask);
+    (void)unlink(path.c_str());
+    umask(mask);
+    EXPECT_TRUE(Utils::JsonToFile(1, path));
+    umask(022);
+    EXPECT_EQ(0600, ModeOf(path));
+  }
 }
 
 TEST_F(UtilsJsonToFile, UmaskIsRestored) {
