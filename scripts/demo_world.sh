@@ -41,13 +41,12 @@ photos_day() { # compressed; a few files anew, one more each day
   random_text 300 >"/volume1/photos/day$1.txt"
 }
 
-projects_day() { # one image, worked on every day and reflinked twice inside the share
+projects_day() { # one image, worked on every day, and a reflinked copy of it
   local disk=/volume1/projects/disk.img
   [ $1 -gt 1 ] || head -c 6M /dev/urandom >$disk
   dd if=/dev/urandom of=$disk bs=64K count=$(($1 % 4 + 2)) conv=notrunc status=none
   dd if=/dev/urandom of=$disk bs=4K count=9 seek=$(($1 * 90)) conv=notrunc status=none
-  cp --reflink=always $disk "/volume1/projects/copy$(($1 % 3)).img"
-  cp --reflink=always $disk /volume1/projects/yesterday.img
+  cp --reflink=always $disk /volume1/projects/disk.copy.img
 }
 
 mail_day() { # many small files, most of them inside the metadata
