@@ -1,4 +1,5 @@
 // The file copy.
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -20,6 +21,24 @@ using namespace ZorvTest;
 
 namespace {
 
+int gSyncs = 0;
+int gSyncError = 0;
+
+}  // namespace
+
+// Stands before the C library's function.
+extern "C" int fsync(int fd) {
+  ++gSyncs;
+  if (gSyncError != 0) {
+    errno = gSyncError;
+    return -1;
+  }
+  static auto* const real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
+  return real(fd);
+}
+
+namespace {
+
 const std::string kFrom = "/tmp/copy/from";
 const std::string kTo = "/tmp/copy/out/to";
 
@@ -29,6 +48,7 @@ class ZORVFileCopy : public testing::Test {
     std::filesystem::create_directories("/tmp/copy/out");
     WriteFile(kFrom, "new");
     umask(0022);
+    gSyncs = gSyncError = 0;
   }
   ~ZORVFileCopy() override { std::filesystem::remove_all("/tmp/copy"); }
 
@@ -206,6 +226,24 @@ TEST_F(ZORVFileCopy, AFailedRenameKeepsTheOldFile) {
   hook.AlwaysFails(0, EIO);
   ExpectFailure(EIO);
   EXPECT_EQ(1, hook.Calls());
+  EXPECT_EQ("old", ReadFile(kTo));
+}
+
+TEST_F(ZORVFileCopy, TheNewFileIsOnTheDiskBeforeItTakesThePlace) {
+  PlatformHook<int(const char*, const char*)> hook("rename");
+  int syncsBefore = -1;
+  hook.Replace([&](const char* from, const char* to) {
+    syncsBefore = gSyncs;
+    return hook.Real(from, to);
+  });
+  EXPECT_EQ(0, Copy());
+  EXPECT_EQ(1, syncsBefore);
+}
+
+TEST_F(ZORVFileCopy, AFailedSyncKeepsTheOldFile) {
+  WriteFile(kTo, "old");
+  gSyncError = EIO;
+  ExpectFailure(EIO);
   EXPECT_EQ("old", ReadFile(kTo));
 }
 

@@ -211,7 +211,7 @@ TEST_F(ZORVShareEnum, FstabLinesThatNameNoVolume) {
   WriteFile("/etc/fstab",
             "# UUID=aaaa /volume3 btrfs defaults 0 0\n\nUUID=bbbb none swap sw 0 0\n"
             "UUID=cccc / ext4 defaults 0 1\nUUID=dddd /mnt/unrelated btrfs defaults 0 0\n"
-            "UUID=eeee /volume01 btrfs defaults 0 0\nUUID=ffff /volume1/below btrfs defaults 0 0\n"
+            "UUID=eeee /volume07 btrfs defaults 0 0\nUUID=ffff /volume1/below btrfs defaults 0 0\n"
             "UUID=gggg /srv/volume3 btrfs defaults 0 0\ngarbage\n"
             "/dev/loop0 /volume1 btrfs defaults 0 0\n");
   EXPECT_EQ(Names{"photos"}, Shares());

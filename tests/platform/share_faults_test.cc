@@ -7,6 +7,7 @@
 #include <sys/ioctl.h>
 #include <zorvplatform/share.h>
 
+#include <filesystem>
 #include <string>
 
 #include "tests/platform/platform_error.h"
@@ -22,6 +23,7 @@ namespace {
 struct Fault {
   std::string openatName;  // openat of this name
   bool readdirEnd = false;
+  bool unknownTypes = false;  // readdir does not tell what the entries are, as on some file systems
   bool ioctl = false;
   int error = 0;
 } gFault;
@@ -51,6 +53,7 @@ int openat(int dir, const char* path, int flags, ...) {
 dirent* readdir(DIR* dir) {
   static auto* const real = Real<dirent*(DIR*)>("readdir");
   dirent* entry = real(dir);
+  if (gFault.unknownTypes && entry != nullptr) entry->d_type = DT_UNKNOWN;
   if (!gFault.readdirEnd || entry != nullptr) return entry;
   errno = gFault.error;  // instead of the end
   return nullptr;
@@ -180,7 +183,29 @@ TEST_F(ZORVShareEnum, AShareThatGoesMeanwhileIsLeftOut) {
   EXPECT_EQ(1, Enum());
 }
 
+TEST_F(ZORVShareEnum, AFileSystemThatDoesNotTellTypesInItsDirectories) {
+  WriteFile("/volume1/file", "x");
+  std::filesystem::create_directory("/volume1/directory");
+  std::filesystem::create_symlink("/volume2/photos", "/volume1/link");
+  gFault.unknownTypes = true;
+  EXPECT_EQ(1, Enum());
+}
+
 struct ZORVShareSnapList : ShareFaults {};
+
+TEST_F(ZORVShareSnapList, AFileSystemThatDoesNotTellTypesInItsDirectories) {
+  WriteFile("/volume2/photos/.snapshots/file", "x");
+  std::filesystem::create_directory("/volume2/photos/.snapshots/directory");
+  std::filesystem::create_symlink("GMT-2024.03.05-09.04.09", "/volume2/photos/.snapshots/link");
+  gFault.unknownTypes = true;
+  ZORVSHARE* share = nullptr;
+  ASSERT_EQ(0, ::ZORVShareGet("photos", &share));
+  PLATSZLIST* list = PLATCSzListAlloc(1);
+  EXPECT_EQ(0, ::ZORVShareSnapList(share, &list, nullptr));
+  EXPECT_EQ(Names{"GMT-2024.03.05-09.04.09"}, Texts(list));
+  PLATCSzListFree(list);
+  ::ZORVShareFree(share);
+}
 
 TEST_F(ZORVShareSnapList, EveryErrorMakesItFailAndNoneShorter) {
   ZORVSHARE* share = nullptr;
@@ -221,6 +246,17 @@ TEST_F(PLATCFileEnumDir, AnErrorBeforeTheEndIsNegative) {
   EXPECT_EQ(EIO, errno);
   EXPECT_TRUE(FailedWith(0x2A00));
   EXPECT_EQ(0, list->count);
+  PLATCSzListFree(list);
+}
+
+TEST_F(PLATCFileEnumDir, AFileSystemThatDoesNotTellTypesInItsDirectories) {
+  WriteFile("/volume1/file", "x");
+  std::filesystem::create_directory("/volume1/directory");
+  std::filesystem::create_symlink("directory", "/volume1/link");
+  gFault.unknownTypes = true;
+  PLATSZLIST* list = PLATCSzListAlloc(1);
+  EXPECT_EQ(2, ::PLATCFileEnumDir("/volume1", 0, &list, 128));
+  EXPECT_EQ((Names{"file", "link"}), Texts(list));
   PLATCSzListFree(list);
 }
 
