@@ -468,6 +468,18 @@ TEST_F(BtrfsToolCmdExc, HandlerIsInstalledBeforeTheOptionIsLookedAt) {
   EXPECT_EQ(&SignalHandler::handleSnapUsageCalulate, current.sa_handler);
 }
 
+TEST_F(BtrfsToolCmdExc, HandlerIsAskedForSigtermAndThenForSigkill) {
+  RecordArguments();
+  PlatformHook<__sighandler_t(int, __sighandler_t)> install("signal");
+  std::vector<int> asked;
+  install.Replace([&](int number, __sighandler_t handler) {
+    if (handler == &SignalHandler::handleSnapUsageCalulate) asked.push_back(number);
+    return install.Real(number, handler);
+  });
+  EXPECT_EQ(0, Exec({"256"}));
+  EXPECT_EQ((std::vector<int>{SIGTERM, SIGKILL}), asked);
+}
+
 TEST_F(BtrfsToolCmdExc, HandlerIsNotInstalledWhenTheCommandIsMissing) {
   EXPECT_EQ(6, Exec({"256"}));
   struct sigaction current;

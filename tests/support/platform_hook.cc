@@ -90,6 +90,7 @@ HOOKABLE(ZORVFileCopy)
 HOOKABLE(sleep)
 HOOKABLE(time)
 HOOKABLE(kill)
+HOOKABLE(signal)
 HOOKABLE(chown)
 HOOKABLE(chmod)
 HOOKABLE(rename)
@@ -172,6 +173,9 @@ int ZORVFileCopy(const char* source, const char* destination, int flags) {
 
 unsigned int sleep(unsigned int seconds) { return HOOK(sleep)(seconds); }
 time_t time(time_t* out) noexcept { return HOOK(time)(out); }
+__sighandler_t signal(int number, __sighandler_t handler) noexcept {
+  return HOOK(signal)(number, handler);
+}
 int kill(pid_t pid, int signal) noexcept { return HOOK(kill)(pid, signal); }
 int chown(const char* path, uid_t owner, gid_t group) noexcept {
   return HOOK(chown)(path, owner, group);
