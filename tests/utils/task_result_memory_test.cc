@@ -20,6 +20,7 @@ const std::string kFile = "/run/zorvbtrfssnapusage/task_result/t1.result";
 
 // Requests above this many bytes are refused, as by a machine without memory.
 size_t refusedAbove = ~size_t{0};
+int refused = 0;
 
 // 2^32 - 1 elements are asked for, the most that the format has; one is there.
 class TaskResultMemory : public TaskFiles {
@@ -39,6 +40,7 @@ class TaskResultMemory : public TaskFiles {
 }  // namespace
 
 void* operator new(size_t size) {
+  if (size > refusedAbove) ++refused;
   void* memory = size > refusedAbove ? nullptr : malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
@@ -48,9 +50,23 @@ void operator delete(void* memory, size_t) noexcept { free(memory); }
 
 TEST_F(TaskResultMemory, RefusedAllocationFails) {
   Values values;
+  refused = 0;
   refusedAbove = 1 << 30;
   EXPECT_EQ(1, TaskResult::ReadVtr(kFile, values));
   refusedAbove = ~size_t{0};
+  EXPECT_EQ(1, refused);
+  ExpectOneMessage();
+}
+
+// A machine with enough memory would otherwise fill it from a file of a few bytes.
+TEST_F(TaskResultMemory, CountOfTwoToTheThirtySecondAsksForNone) {
+  WriteFile(kFile, std::string("\0\0\0\0\1\0\0\0\1\0\0\0\0\0\0\0", 16));
+  Values values;
+  refused = 0;
+  refusedAbove = 1 << 30;
+  EXPECT_EQ(1, TaskResult::ReadVtr(kFile, values));
+  refusedAbove = ~size_t{0};
+  EXPECT_EQ(0, refused);
   ExpectOneMessage();
 }
 
