@@ -37,6 +37,10 @@ Status MountedFilesystem::Open(const std::string& path) {
 
   FsInfo info;
   const int failed = info.Run(fd_.Get());
+  // In a snapshot, the place of a nested subvolume is an empty directory that answers nothing.
+  if (failed == -ENOTTY)
+    return Status::Failed(path +
+                          " is the empty place of a nested subvolume; give the subvolume itself");
   if (failed != 0)
     return Status::Failed("cannot ask the file system of " + path + ": " + strerror(-failed));
   memcpy(fsid_, info.Fsid(), kUuidSize);
@@ -49,8 +53,7 @@ Status MountedFilesystem::SubvolumeHere(uint64_t* id) const {
   struct stat here;
   if (fstat(fd_.Get(), &here) != 0)
     return Status::Failed("cannot look at " + path_ + ": " + strerror(errno));
-  // Roots of subvolumes have this inode number, and nothing else has: the place of a nested
-  // subvolume inside a snapshot is an empty directory with number 2.
+  // Roots of subvolumes have this inode number, and nothing else has.
   if (here.st_ino != kFirstInode)
     return Status::Failed(path_ + " is not a subvolume; give the root directory of one");
 
