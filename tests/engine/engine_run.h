@@ -1,0 +1,188 @@
+// Runs the engine's program and takes its lines apart.
+//
+// The engine is at ZORV_ENGINE_PATH; the stock program, which makes the file systems and says the
+// kernel's numbers, is at ZorvTest::kStockBtrfs.
+#ifndef TESTS_ENGINE_ENGINE_RUN_H_
+#define TESTS_ENGINE_ENGINE_RUN_H_
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "tests/support/btrfs_volume.h"
+#include "tests/support/command.h"
+
+namespace ZorvTest {
+
+using Sizes = std::map<unsigned long long, unsigned long long>;
+
+struct EngineRun {
+  int status = -1;
+  std::string out;
+  std::string err;
+  std::vector<std::string> lines;  // of standard output, without their ends
+  Sizes sizes;                     // from the subvol lines
+};
+
+inline std::vector<std::string> EngineCommand(const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {ZORV_ENGINE_PATH, "subvolume", "size"};
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+// Takes the output of an engine that ended apart.
+inline EngineRun ParseRun(const CommandResult& result) {
+  EngineRun run;
+  run.status = result.status;
+  run.out = result.out;
+  run.err = result.err;
+  std::istringstream lines(run.out);
+  for (std::string line; std::getline(lines, line);) {
+    run.lines.push_back(line);
+    unsigned long long id = 0, bytes = 0;
+    if (sscanf(line.c_str(), "subvol(%llu) %llu bytes", &id, &bytes) == 2) run.sizes[id] = bytes;
+  }
+  return run;
+}
+
+inline EngineRun RunEngine(const std::vector<std::string>& args) {
+  return ParseRun(Run(EngineCommand(args)));
+}
+
+// The engine's numbers for subvolumes of a volume by their IDs; the run must succeed.
+inline Sizes EngineSizes(const std::string& options, const std::string& mountPoint,
+                         const std::vector<unsigned long long>& ids) {
+  std::vector<std::string> args = {options, "-r", mountPoint};
+  for (const unsigned long long id : ids) args.push_back(std::to_string(id));
+  const EngineRun run = RunEngine(args);
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("", run.err);
+  return run.sizes;
+}
+
+// Both forms of a failure: exit status, standard error, and the last line of standard output.
+inline void ExpectFailure(const EngineRun& run, const std::string& error,
+                          const std::string& unavailable) {
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("ERROR: " + error + "\n", run.err);
+  ASSERT_FALSE(run.lines.empty());
+  EXPECT_EQ("exclusive sizes unavailable: " + unavailable, run.lines.back());
+  EXPECT_TRUE(run.sizes.empty());
+}
+
+// An engine that runs while the test looks at it; its standard output is a pipe.
+class EngineProcess {
+ public:
+  // `pipeFlags` O_DIRECT: each read of the pipe gives what one write gave.
+  explicit EngineProcess(const std::vector<std::string>& args, int pipeFlags = 0) {
+    int ends[2];
+    if (pipe2(ends, pipeFlags | O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    out_.Reset(ends[0]);
+    UniqueFd write(ends[1]);
+    err_.Reset(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    const std::vector<std::string> command = EngineCommand(args);
+    std::vector<char*> argv;
+    for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    front_ = fork();
+    if (front_ != 0) return;
+    dup2(write.Get(), STDOUT_FILENO);
+    dup2(err_.Get(), STDERR_FILENO);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  ~EngineProcess() {
+    if (worker_ > 0) (void)kill(worker_, SIGCONT);
+    if (front_ <= 0) return;
+    (void)kill(front_, SIGKILL);
+    (void)WaitForExit(front_);
+  }
+  EngineProcess(const EngineProcess&) = delete;
+  EngineProcess& operator=(const EngineProcess&) = delete;
+
+  pid_t Front() const { return front_; }
+  pid_t Worker() const { return worker_; }
+  const UniqueFd& Out() const { return out_; }
+
+  // Waits for the worker, leaves it `delay` microseconds to work, and stops it.  False: it had
+  // ended.
+  bool StopWorker(useconds_t delay = 0) {
+    const std::string children =
+        "/proc/" + std::to_string(front_) + "/task/" + std::to_string(front_) + "/children";
+    while (worker_ == 0 && !FrontEnded()) {
+      std::ifstream list(children);
+      list >> worker_;
+    }
+    if (delay > 0) usleep(delay);
+    return worker_ != 0 && kill(worker_, SIGSTOP) == 0 && StateOfWorker() == 'T';
+  }
+  void ContinueWorker() const { (void)kill(worker_, SIGCONT); }
+
+  // Whether the worker is gone, or at least can do nothing more.
+  bool WorkerEnded() const {
+    const char state = StateOfWorker();
+    return state == 0 || state == 'Z' || state == 'X';
+  }
+
+  // Closes the test's end of the pipe.
+  void LeaveAsReader() { out_.Reset(); }
+
+  // Waits for the end of the front, without reading.  False: not within `seconds`.
+  bool FrontEndsWithin(double seconds) {
+    return WaitUntil([this] { return FrontEnded(); }, seconds);
+  }
+
+  // Reads to the end of the output and waits.
+  EngineRun Finish() {
+    CommandResult result;
+    char buffer[65536];
+    for (ssize_t got; (got = read(out_.Get(), buffer, sizeof buffer)) > 0;)
+      result.out.append(buffer, static_cast<size_t>(got));
+    result.status = WaitForExit(front_);
+    front_ = 0;
+    off_t at = 0;
+    for (ssize_t got; (got = pread(err_.Get(), buffer, sizeof buffer, at)) > 0; at += got)
+      result.err.append(buffer, static_cast<size_t>(got));
+    return ParseRun(result);
+  }
+
+ private:
+  bool FrontEnded() const {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(front_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == front_;
+  }
+
+  // State letter of the worker; 0 when there is no such process.  A stop takes a moment to be seen.
+  char StateOfWorker() const {
+    char state = 0;
+    for (int look = 0; look < 100 && (look == 0 || state == 'R' || state == 'D'); ++look) {
+      if (look > 0) usleep(1000);
+      state = 0;
+      std::ifstream stat("/proc/" + std::to_string(worker_) + "/stat");
+      std::string text;
+      if (std::getline(stat, text)) state = text[text.rfind(')') + 2];
+    }
+    return state;
+  }
+
+  pid_t front_ = 0;
+  pid_t worker_ = 0;
+  UniqueFd out_;
+  UniqueFd err_;
+};
+
+}  // namespace ZorvTest
+
+#endif  // TESTS_ENGINE_ENGINE_RUN_H_

@@ -1,0 +1,535 @@
+// The engine's numbers against the kernel's own, byte for byte, on generated file systems.
+//
+// The kernel's are those of a quota rescan on a copy of the same image.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <random>
+
+#include "base/unique_fd.h"
+#include "tests/engine/engine_run.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+constexpr char kMount[] = "/volume1";
+
+// Options for a volume whose commits come every second: the kernel's cleaning of deleted
+// subvolumes, which tests wait for, begins with a commit.
+BtrfsOptions Options(int sizeMiB = 256, const std::vector<std::string>& mkfs = {},
+                     const std::string& mount = "") {
+  return {sizeMiB, mkfs, mount.empty() ? "commit=1" : "commit=1," + mount};
+}
+
+void Shell(const std::string& script) { MustRun({"bash", "-ec", "cd /volume1\n" + script}); }
+
+// Writes incompressible bytes into a file, without waiting for the disk.
+void Write(const std::string& path, size_t bytes, unsigned seed, size_t offset = 0) {
+  std::mt19937_64 random(seed);
+  std::string data(bytes, '\0');
+  for (char& byte : data) byte = static_cast<char>(random());
+  const UniqueFd fd(open((std::string(kMount) + "/" + path).c_str(), O_WRONLY | O_CREAT, 0644));
+  ASSERT_EQ(static_cast<ssize_t>(bytes),
+            pwrite(fd.Get(), data.data(), bytes, static_cast<off_t>(offset)))
+      << path;
+}
+
+// Files <dir>/<first> to <dir>/<last> of mixed sizes, the smallest inline.
+void WriteFiles(const std::string& dir, unsigned first, unsigned last, unsigned seed) {
+  for (unsigned n = first; n <= last; ++n)
+    Write(dir + "/" + std::to_string(n), 100 + (n * 7919 + seed * 104729) % 60000, seed * 1000 + n);
+}
+
+// Makes `target` share bytes of `source`.
+void Reflink(const std::string& source, const std::string& target, size_t from = 0,
+             size_t length = 0, size_t to = 0) {
+  const std::string base = std::string(kMount) + "/";
+  const UniqueFd in(open((base + source).c_str(), O_RDONLY));
+  const UniqueFd out(open((base + target).c_str(), O_WRONLY | O_CREAT, 0644));
+  file_clone_range range{in.Get(), from, length, to};
+  ASSERT_EQ(0, ioctl(out.Get(), FICLONERANGE, &range)) << source << " to " << target;
+}
+
+// Holds the engine's numbers of every subvolume against the kernel's.
+void ExpectKernelNumbers(BtrfsVolume& volume, size_t atLeast) {
+  MustRun({"sync", "-f", kMount});
+  MustRun({kStockBtrfs, "subvolume", "sync", kMount});
+  const Sizes kernel = volume.KernelExclusive();
+  ASSERT_GE(kernel.size(), atLeast);
+  std::vector<unsigned long long> ids;
+  for (const auto& [id, bytes] : kernel) ids.push_back(id);
+  EXPECT_EQ(kernel, EngineSizes("-vm", kMount, ids));
+  EXPECT_EQ(kernel, EngineSizes("-vpm", kMount, ids));
+}
+
+// A live subvolume that changes between its snapshots, one of which is gone, one written to.
+void MakeHistory(const BtrfsVolume& volume, unsigned files, unsigned snapshots) {
+  volume.Subvolume("live");
+  WriteFiles("live", 1, files, 1);
+  for (unsigned n = 1; n <= snapshots; ++n) {
+    volume.Snapshot("live", "snap" + std::to_string(n));
+    WriteFiles("live", n * 7, n * 7 + files / 20, n + 1);
+    Write("live/" + std::to_string(n), 20000, n + 50, 4096);
+  }
+  volume.DeleteSubvolume("snap" + std::to_string(snapshots / 2));
+  volume.Snapshot("snap" + std::to_string(snapshots), "written", /*readOnly=*/false);
+  WriteFiles("written", 1, files / 10, 99);
+  MustRun({kStockBtrfs, "subvolume", "sync", kMount});  // until then its neighbours' numbers move
+}
+
+struct Format {
+  const char* name;
+  std::vector<std::string> mkfs;
+};
+
+class ExclusiveSizeFormat : public testing::TestWithParam<Format> {};
+
+const Format kFormats[] = {
+    {"Nodes4kSingle", {"-n", "4096", "-m", "single"}},
+    {"Nodes4kDup", {"-n", "4096", "-m", "dup"}},
+    {"Nodes16kSingle", {"-n", "16384", "-m", "single"}},
+    {"Nodes16kDup", {"-n", "16384", "-m", "dup"}},
+    {"Nodes64k", {"-n", "65536"}},
+    {"DataDup", {"-d", "dup"}},
+    {"MixedGroups", {"--mixed"}},
+    {"MixedGroupsDup", {"--mixed", "-m", "dup", "-d", "dup"}},
+    {"NoSkinnyMetadata", {"-O", "^skinny-metadata"}},
+    {"NoSkinnyMetadata4k", {"-O", "^skinny-metadata", "-n", "4096"}},
+    {"WithHoleExtents", {"-O", "^no-holes"}},
+    {"SpaceCacheOne", {"-R", "^free-space-tree"}},
+};
+
+}  // namespace
+
+TEST_P(ExclusiveSizeFormat, EqualsTheKernelAfterAHistory) {
+  BtrfsVolume volume(kMount, Options(256, GetParam().mkfs));
+  MakeHistory(volume, 400, 6);
+  ExpectKernelNumbers(volume, 8);
+}
+
+INSTANTIATE_TEST_SUITE_P(Mkfs, ExclusiveSizeFormat, testing::ValuesIn(kFormats),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+TEST(ExclusiveSize, EqualsTheKernelOnAnEmptyFileSystem) {
+  BtrfsVolume volume(kMount, Options());
+  ExpectKernelNumbers(volume, 1);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelOnTreesOfThreeLevels) {
+  BtrfsVolume volume(kMount, Options(512, {"-n", "4096"}));
+  volume.Subvolume("live");
+  Shell("cd live; for d in $(seq 1 40); do mkdir d$d; (cd d$d; touch f{1..200}); done");
+  for (int n = 1; n <= 4; ++n) {
+    volume.Snapshot("live", "snap" + std::to_string(n));
+    Shell("cd live/d" + std::to_string(n * 9) +
+          "; rm f1*; for f in f2*; do echo changed > $f; done");
+  }
+  const std::string tree = MustRun(
+      {kStockBtrfs, "inspect-internal", "dump-tree", "-t", "256", "--bfs", volume.Device()});
+  EXPECT_NE(std::string::npos, tree.find(" level 2 "));
+  ExpectKernelNumbers(volume, 6);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithReflinksInsideASnapshot) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  Write("live/a", 1 << 20, 1);
+  Write("live/gone", 1 << 20, 2);
+  for (int n = 0; n < 30; ++n) {
+    Reflink("live/a", "live/copy" + std::to_string(n));
+    Reflink("live/gone", "live/gone" + std::to_string(n), 65536, 131072, 8192);
+  }
+  MustRun({"sync", "-f", kMount});
+  volume.Snapshot("live", "snap1");
+  Shell("rm live/gone live/gone?");
+  volume.Snapshot("live", "snap2");
+  Shell("rm live/gone*");
+  ExpectKernelNumbers(volume, 4);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithReflinksBetweenSubvolumes) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("one");
+  volume.Subvolume("two");
+  for (unsigned n = 0; n < 20; ++n) {
+    const std::string name = std::to_string(n);
+    Write("one/" + name, 200000, n);
+    Reflink("one/" + name, "two/" + name, 0, n % 2 == 0 ? 0 : 65536);
+  }
+  volume.Snapshot("one", "snap");
+  Shell("rm one/3 one/4 two/5 two/6; rm one/7 two/7");
+  ExpectKernelNumbers(volume, 4);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithPartlyOverwrittenExtents) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  for (unsigned n = 0; n < 10; ++n) Write("live/" + std::to_string(n), 1 << 20, n);
+  MustRun({"sync", "-f", kMount});
+  for (unsigned round = 1; round <= 4; ++round) {
+    volume.Snapshot("live", "snap" + std::to_string(round));
+    for (unsigned n = 0; n < 10; ++n) {
+      Write("live/" + std::to_string(n), 8192, round * 100 + n, round * 65536);
+      MustRun({"sync", "-f", kMount});
+      Write("live/" + std::to_string(n), 4096, round * 200 + n, round * 65536 + 4096);
+    }
+  }
+  Shell("truncate -s 300000 live/3; fallocate -p -o 100000 -l 200000 live/4");
+  ExpectKernelNumbers(volume, 6);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithPreallocation) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  Shell("for n in $(seq 1 20); do fallocate -l 3M live/$n; done");
+  for (unsigned n = 1; n <= 10; ++n) Write("live/" + std::to_string(n), 65536, n, n * 8192);
+  volume.Snapshot("live", "snap1");
+  for (unsigned n = 5; n <= 15; ++n) Write("live/" + std::to_string(n), 65536, n, 1 << 20);
+  Shell("rm live/19 live/20; fallocate -n -o 3M -l 2M live/18");
+  volume.Snapshot("live", "snap2");
+  Shell("rm live/1 live/18");
+  ExpectKernelNumbers(volume, 4);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithZstdCompression) {
+  BtrfsVolume volume(kMount, Options(256, {}, "compress-force=zstd"));
+  volume.Subvolume("live");
+  Shell("for n in $(seq 1 40); do seq $n $((n * 5000)) > live/$n; done");
+  Write("live/random", 1 << 20, 1);
+  for (int round = 1; round <= 3; ++round) {
+    volume.Snapshot("live", "snap" + std::to_string(round));
+    Shell("for n in $(seq " + std::to_string(round) +
+          " 3 40); do seq 1 3000 | dd of=live/$n bs=1k seek=20 conv=notrunc status=none; done");
+  }
+  ExpectKernelNumbers(volume, 5);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithInlineFiles) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  for (int round = 1; round <= 4; ++round) {
+    Shell("for n in $(seq " + std::to_string(round) + " 3 3000); do echo round " +
+          std::to_string(round) + " $n > live/$n; done");
+    volume.Snapshot("live", "snap" + std::to_string(round));
+  }
+  ExpectKernelNumbers(volume, 6);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithHardLinks) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  WriteFiles("live", 1, 50, 1);
+  Shell(
+      "mkdir live/links; for n in $(seq 1 50); do ln live/$n live/links/$n;"
+      " for k in 1 2 3 4 5; do ln live/$n live/links/$n.$k; done; done");
+  volume.Snapshot("live", "snap1");
+  Shell("rm live/?; rm live/links/1*; rm live/links/2?.3");
+  volume.Snapshot("live", "snap2");
+  Shell("rm -r live/links");
+  ExpectKernelNumbers(volume, 4);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithNestedSubvolumes) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  volume.Subvolume("live/inner");
+  volume.Subvolume("live/inner/deep");
+  for (const char* dir : {"live", "live/inner", "live/inner/deep"}) WriteFiles(dir, 1, 40, 3);
+  volume.Snapshot("live", "snap1");
+  volume.Snapshot("live/inner", "live/innersnap");
+  WriteFiles("live/inner", 10, 20, 4);
+  volume.Snapshot("live", "snap2");
+  ExpectKernelNumbers(volume, 7);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithDeletedSnapshotsInTheHistory) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  WriteFiles("live", 1, 200, 1);
+  for (unsigned n = 1; n <= 12; ++n) {
+    volume.Snapshot("live", "snap" + std::to_string(n));
+    WriteFiles("live", n * 11, n * 11 + 12, n + 5);
+  }
+  for (const char* gone : {"snap1", "snap4", "snap5", "snap6", "snap9", "snap12"})
+    volume.DeleteSubvolume(gone);
+  ExpectKernelNumbers(volume, 8);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWhenTheOriginalIsDeleted) {
+  BtrfsVolume volume(kMount, Options());
+  MakeHistory(volume, 200, 4);
+  volume.DeleteSubvolume("live");
+  ExpectKernelNumbers(volume, 5);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithSendAndReceive) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  WriteFiles("live", 1, 150, 1);
+  std::filesystem::create_directories(volume.Path("received"));
+  volume.Snapshot("live", "snap1");
+  Shell("/usr/bin/btrfs -q send snap1 | /usr/bin/btrfs -q receive received");
+  for (unsigned n = 2; n <= 5; ++n) {
+    WriteFiles("live", n * 9, n * 9 + 15, n);
+    const std::string name = "snap" + std::to_string(n);
+    volume.Snapshot("live", name);
+    Shell("/usr/bin/btrfs -q send -p snap" + std::to_string(n - 1) + " " + name +
+          " | /usr/bin/btrfs -q receive received");
+  }
+  volume.DeleteSubvolume("received/snap2");
+  ExpectKernelNumbers(volume, 11);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithSnapshotsOfSnapshotsWrittenTo) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  WriteFiles("live", 1, 120, 1);
+  std::string source = "live";
+  for (unsigned n = 1; n <= 6; ++n) {
+    const std::string name = "gen" + std::to_string(n);
+    volume.Snapshot(source, name, /*readOnly=*/false);
+    WriteFiles(name, n * 10, n * 10 + 10, n + 20);
+    Write(source + "/own", 50000, n + 40);
+    source = name;
+  }
+  volume.DeleteSubvolume("gen3");
+  ExpectKernelNumbers(volume, 7);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelAfterABalance) {
+  BtrfsVolume volume(kMount, Options(512, {}));
+  MakeHistory(volume, 300, 5);
+  MustRun({kStockBtrfs, "balance", "start", "--full-balance", kMount});
+  ExpectKernelNumbers(volume, 7);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelWithAChangedMetadataUuid) {
+  BtrfsVolume volume(kMount, Options());
+  MakeHistory(volume, 100, 3);
+  volume.Unmount();
+  MustRun({"btrfstune", "-m", volume.Image()});
+  volume.Mount();
+  ExpectKernelNumbers(volume, 5);
+}
+
+TEST(ExclusiveSize, EqualsTheKernelOnAReadOnlyMount) {
+  BtrfsVolume volume(kMount, Options());
+  MakeHistory(volume, 100, 3);
+  MustRun({"sync", "-f", kMount});
+  const Sizes kernel = volume.KernelExclusive();
+  MustRun({"mount", "-o", "remount,ro", kMount});
+  std::vector<unsigned long long> ids;
+  for (const auto& [id, bytes] : kernel) ids.push_back(id);
+  EXPECT_EQ(kernel, EngineSizes("-vm", kMount, ids));
+}
+
+// Without -m there is no number of the kernel's to hold against, but there is what deletion frees.
+TEST(ExclusiveSize, DataAloneIsWhatDeletionFrees) {
+  BtrfsVolume volume(kMount, Options());
+  MakeHistory(volume, 300, 6);
+  const auto dataUsed = [&] {
+    MustRun({kStockBtrfs, "subvolume", "sync", kMount});
+    MustRun({"sync", "-f", kMount});
+    MustRun({"sync", "-f", kMount});
+    const std::string text = MustRun({kStockBtrfs, "filesystem", "df", "--raw", kMount});
+    unsigned long long total = 0, used = 0;
+    EXPECT_EQ(2, sscanf(text.c_str(), "Data, single: total=%llu, used=%llu", &total, &used));
+    return used;
+  };
+  for (const char* name : {"snap2", "snap6", "written", "snap1"}) {
+    SCOPED_TRACE(name);
+    const unsigned long long id = SubvolumeID(volume.Path(name));
+    const unsigned long long before = dataUsed();
+    const unsigned long long size = EngineSizes("-v", kMount, {id}).at(id);
+    EXPECT_GT(size, 0u);
+    volume.DeleteSubvolume(name);
+    EXPECT_EQ(before - dataUsed(), size);
+  }
+}
+
+TEST(ExclusiveSize, TreeBlocksAreCountedOnlyWhenAskedFor) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("one");
+  Write("one/file", 1 << 20, 1);
+  MustRun({"sync", "-f", kMount});
+  const unsigned long long id = SubvolumeID(volume.Path("one"));
+  EXPECT_EQ((Sizes{{id, 1 << 20}}), EngineSizes("-v", kMount, {id}));
+  EXPECT_EQ((Sizes{{id, (1 << 20) + 16384}}), EngineSizes("-vm", kMount, {id}));
+}
+
+TEST(ExclusiveSize, PathsAndIdsGiveTheSameNumbers) {
+  BtrfsVolume volume(kMount, Options());
+  MakeHistory(volume, 100, 4);
+  MustRun({"sync", "-f", kMount});
+  std::vector<std::string> args = {"-vm"};
+  std::vector<unsigned long long> ids;
+  for (const char* name : {"snap4", "live", "snap1", "written"}) {
+    args.push_back(volume.Path(name));
+    ids.push_back(SubvolumeID(volume.Path(name)));
+  }
+  const EngineRun run = RunEngine(args);
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ(run.sizes, EngineSizes("-vm", kMount, ids));
+
+  std::vector<std::string> order;  // that of the arguments
+  for (const std::string& line : run.lines)
+    if (line.rfind("subvol(", 0) == 0) order.push_back(line.substr(7, line.find(')') - 7));
+  std::vector<std::string> expected;
+  for (const unsigned long long id : ids) expected.push_back(std::to_string(id));
+  EXPECT_EQ(expected, order);
+}
+
+// What lies only in memory is committed first, so it is counted.
+TEST(ExclusiveSize, CountsASnapshotMadeJustNow) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  Write("live/file", 300000, 1);
+  volume.Snapshot("live", "snap");
+  Shell("rm live/file");
+  const unsigned long long id = SubvolumeID(volume.Path("snap"));
+  EXPECT_EQ((Sizes{{id, 303104}}), EngineSizes("-v", kMount, {id}));
+}
+
+// The first copy of a leaf is spoilt on the device; the second serves.
+TEST(ExclusiveSize, SurvivesADamagedCopyOfABlock) {
+  BtrfsVolume volume(kMount, Options(256, {"-m", "dup"}));
+  MakeHistory(volume, 100, 3);
+  MustRun({"sync", "-f", kMount});
+  const Sizes kernel = volume.KernelExclusive();
+  const std::string tree =
+      MustRun({kStockBtrfs, "inspect-internal", "dump-tree", "-t",
+               std::to_string(SubvolumeID(volume.Path("live"))), "--bfs", volume.Device()});
+  unsigned long long bytenr = 0;
+  ASSERT_EQ(1, sscanf(tree.c_str() + tree.find("node "), "node %llu", &bytenr));
+  const std::string places =
+      MustRun({"btrfs-map-logical", "-l", std::to_string(bytenr), volume.Image()});
+  unsigned long long physical = 0;
+  ASSERT_EQ(1, sscanf(places.c_str() + places.find("physical "), "physical %llu", &physical));
+
+  const unsigned long long id = SubvolumeID(volume.Path("live"));
+  WriteRandom(volume.Image(), 512, 5, physical + 4096);
+  EXPECT_EQ((Sizes{{id, kernel.at(id)}}), EngineSizes("-vm", kMount, {id}));
+
+  ASSERT_EQ(1, sscanf(places.c_str() + places.rfind("physical "), "physical %llu", &physical));
+  WriteRandom(volume.Image(), 512, 5, physical + 4096);
+  const EngineRun run = RunEngine({"-vm", "-r", kMount, std::to_string(id)});
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ(0u, run.err.find("ERROR: tree block " + std::to_string(bytenr) + " (level "));
+  EXPECT_NE(std::string::npos,
+            run.err.find(") cannot be used: its checksum is wrong; run btrfs scrub\n"));
+}
+
+namespace {
+
+// A process that keeps a subvolume changing, with a commit after each change, until it is told.
+class Writer {
+ public:
+  explicit Writer(const std::string& dir) : pid_(fork()) {
+    if (pid_ != 0) return;
+    for (unsigned round = 0;; ++round) {
+      for (unsigned n = 0; n < 20; ++n)
+        Write(dir + "/" + std::to_string((round * 13 + n) % 400), 9000, round);
+      const UniqueFd fd(open(kMount, O_RDONLY));
+      (void)syncfs(fd.Get());
+    }
+  }
+  ~Writer() {
+    kill(pid_, SIGKILL);
+    (void)WaitForExit(pid_);
+  }
+
+ private:
+  pid_t pid_;
+};
+
+unsigned long long GenerationOf(const EngineRun& run) {
+  unsigned long long generation = 0;
+  for (const std::string& line : run.lines)
+    (void)sscanf(line.c_str(), "generation %llu", &generation);
+  return generation;
+}
+
+}  // namespace
+
+class ExclusiveSizeBusy : public testing::Test {
+ protected:
+  ExclusiveSizeBusy() {
+    MakeHistory(volume_, 800, 6);
+    volume_.Subvolume("busy");
+    WriteFiles("busy", 0, 400, 7);
+    MustRun({"sync", "-f", kMount});
+    args_ = {"-vm"};
+    for (const char* name : {"snap1", "snap2", "snap4", "snap5", "snap6", "live", "written"})
+      args_.push_back(volume_.Path(name));
+    quiet_ = RunEngine(args_);
+    EXPECT_EQ(7u, quiet_.sizes.size()) << quiet_.err;
+  }
+
+  BtrfsVolume volume_{kMount, Options(512, {"-n", "4096"})};
+  std::vector<std::string> args_;
+  EngineRun quiet_;
+};
+
+// Commits come all the time beside the run; what the snapshots own does not change by it.
+TEST_F(ExclusiveSizeBusy, StaysExactWhileOthersAreWrittenTo) {
+  const Writer writer("busy");
+  EngineRun run;
+  for (int round = 0; round < 30; ++round) {
+    run = RunEngine(args_);
+    ASSERT_EQ(0, run.status) << run.err;
+    EXPECT_EQ(quiet_.sizes, run.sizes) << round;
+  }
+  EXPECT_GT(GenerationOf(run), GenerationOf(quiet_) + 60);
+}
+
+// The worker is held in the middle of its reading until blocks that it still wants have been used
+// again by many commits.
+TEST_F(ExclusiveSizeBusy, StaysExactWhenCommitsOvertakeIt) {
+  std::string uuid = MustRun({"findmnt", "-n", "-o", "UUID", "--mountpoint", kMount});
+  uuid.pop_back();
+  const Writer writer("busy");
+  int held = 0;
+  int overtaken = 0;
+  for (useconds_t delay = 0; delay < 20000; delay += 1000) {
+    EngineProcess engine(args_);
+    unsigned long long generation = UINT64_MAX;
+    if (engine.StopWorker(delay)) {
+      ++held;
+      usleep(300000);
+      generation = std::stoull(ReadFile("/sys/fs/btrfs/" + uuid + "/generation"));
+      engine.ContinueWorker();
+    }
+    const EngineRun run = engine.Finish();
+    ASSERT_EQ(0, run.status) << run.err;
+    EXPECT_EQ(quiet_.sizes, run.sizes) << "held after " << delay;
+    overtaken += GenerationOf(run) >= generation ? 1 : 0;
+  }
+  EXPECT_GT(held, 3);
+  EXPECT_GT(overtaken, 0);
+}
+
+// While the live subvolume leaves its snapshot, what the snapshot alone holds only grows.
+TEST(ExclusiveSize, GrowsAsTheLiveSubvolumeMovesAway) {
+  BtrfsVolume volume(kMount, Options(512, {}));
+  volume.Subvolume("busy");
+  WriteFiles("busy", 0, 400, 7);
+  volume.Snapshot("busy", "snap");
+  const unsigned long long id = SubvolumeID(volume.Path("snap"));
+  unsigned long long last = EngineSizes("-vm", kMount, {id}).at(id);
+  const unsigned long long first = last;
+  {
+    const Writer writer("busy");
+    for (int run = 0; run < 15; ++run) {
+      const unsigned long long now = EngineSizes("-vm", kMount, {id}).at(id);
+      EXPECT_GE(now, last);
+      last = now;
+    }
+  }
+  ExpectKernelNumbers(volume, 3);
+  EXPECT_GT(last, first);
+}

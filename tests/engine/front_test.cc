@@ -1,0 +1,285 @@
+// The front: what it prints and when, and that neither a dead worker nor a lost reader goes unseen.
+#include "engine/front.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <poll.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+#include <regex>
+
+#include "tests/engine/engine_run.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+constexpr char kMount[] = "/volume1";
+
+double Seconds() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration<double>(now).count();
+}
+
+// A volume that takes a run a moment: many subvolumes, and changes that wait for a commit.
+class Front : public testing::Test {
+ protected:
+  Front() {
+    volume_.Subvolume("live");
+    for (unsigned n = 0; n < 40; ++n) WriteFile(volume_.Path("live/" + std::to_string(n)), "x");
+    for (unsigned n = 0; n < 20; ++n) {
+      const std::string name = "snap" + std::to_string(n);
+      WriteRandom(volume_.Path("live/file"), 300000, n);
+      paths_.push_back(volume_.Snapshot("live", name));
+    }
+  }
+
+  std::vector<std::string> Args(const std::string& options) const {
+    std::vector<std::string> args = {options};
+    args.insert(args.end(), paths_.begin(), paths_.end());
+    return args;
+  }
+
+  // What a descriptor of the worker is open on.
+  static std::string OpenOn(const EngineProcess& engine, int fd) {
+    std::error_code gone;
+    return std::filesystem::read_symlink(
+        "/proc/" + std::to_string(engine.Worker()) + "/fd/" + std::to_string(fd), gone);
+  }
+
+  // An engine whose worker has been stopped in the middle of its run: after it let the standard
+  // streams go, which is the last of its preparations.
+  std::unique_ptr<EngineProcess> Stopped(const std::string& options, int pipeFlags = 0) {
+    for (int attempt = 0; attempt < 50; ++attempt) {
+      WriteFile(volume_.Path("dirty"), std::to_string(attempt));
+      auto engine = std::make_unique<EngineProcess>(Args(options), pipeFlags);
+      bool stopped = engine->StopWorker();
+      while (stopped && OpenOn(*engine, STDERR_FILENO) != "/dev/null") {
+        engine->ContinueWorker();
+        usleep(100);
+        stopped = engine->StopWorker();
+      }
+      if (stopped) return engine;
+    }
+    throw std::runtime_error("every run ended before it could be stopped");
+  }
+
+  BtrfsVolume volume_{kMount};
+  std::vector<std::string> paths_;
+};
+
+const std::regex kDocumented(
+    "generation \\d+|total \\d+ bytes|processed \\d+ bytes|exclusive \\d+ bytes|"
+    "subvol\\(\\d+\\) \\d+ bytes");
+
+// Checks the relations between the lines of a run that succeeded.
+void ExpectSoundLines(const EngineRun& run, size_t subvolumes) {
+  EXPECT_EQ(0, run.status) << run.err;
+  unsigned long long total = 0, processed = 0, exclusive = 0, sum = 0, value = 0;
+  int generations = 0;
+  for (const std::string& line : run.lines) {
+    EXPECT_TRUE(std::regex_match(line, kDocumented)) << line;
+    if (sscanf(line.c_str(), "total %llu", &value) == 1) {
+      EXPECT_GE(value, total);
+      total = value;
+    }
+    if (sscanf(line.c_str(), "processed %llu", &value) == 1) {
+      EXPECT_GE(value, processed);
+      EXPECT_LE(value, total);
+      processed = value;
+    }
+    if (sscanf(line.c_str(), "exclusive %llu", &value) == 1) exclusive = value;
+    if (sscanf(line.c_str(), "generation %llu", &value) == 1) ++generations;
+  }
+  for (const auto& [id, bytes] : run.sizes) sum += bytes;
+  EXPECT_EQ(1, generations);
+  EXPECT_EQ(total, processed);
+  EXPECT_EQ(sum, exclusive);
+  EXPECT_EQ(subvolumes, run.sizes.size());
+}
+
+}  // namespace
+
+TEST_F(Front, PrintsOnlyTheDocumentedLines) {
+  const EngineRun run = RunEngine(Args("-vpm"));
+  ExpectSoundLines(run, 20);
+  EXPECT_EQ("", run.err);
+}
+
+TEST_F(Front, PrintsWhatTheOptionsAskFor) {
+  const struct {
+    const char* options;
+    const char* kinds;  // first letters of the lines, repeats left out
+  } kCases[] = {{"-m", "gt"}, {"-vm", "gts"}, {"-pm", "gtpe"}, {"-vpm", "gtpes"}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.options);
+    const EngineRun run = RunEngine(Args(c.options));
+    EXPECT_EQ(0, run.status);
+    std::string kinds;
+    for (const std::string& line : run.lines)
+      if (kinds.find(line[0]) == std::string::npos) kinds += line[0];
+    std::sort(kinds.begin(), kinds.end());
+    std::string expected = c.kinds;
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, kinds);
+  }
+}
+
+// On a pipe of packets each read gives what one write gave.
+TEST_F(Front, WritesEachLineWhole) {
+  EngineProcess engine(Args("-vpm"), O_DIRECT);
+  char packet[65536];
+  int packets = 0;
+  for (ssize_t got; (got = read(engine.Out().Get(), packet, sizeof packet)) > 0; ++packets) {
+    ASSERT_LE(got, PIPE_BUF);
+    const std::string text(packet, static_cast<size_t>(got));
+    EXPECT_EQ(text.size() - 1, text.find('\n')) << text;
+  }
+  EXPECT_GE(packets, 24);
+  EXPECT_EQ(0, engine.Finish().status);
+}
+
+TEST_F(Front, ShowsProgressWhileTheWorkerStandsStill) {
+  const auto engine = Stopped("-vpm", O_DIRECT);
+  const double end = Seconds() + 3;
+  double last = Seconds(), longest = 0;
+  int processed = 0;
+  while (Seconds() < end) {
+    char packet[256] = {};
+    ASSERT_GT(read(engine->Out().Get(), packet, sizeof packet - 1), 0);
+    if (strncmp(packet, "processed ", 10) != 0) continue;
+    ++processed;
+    longest = std::max(longest, Seconds() - last);
+    last = Seconds();
+  }
+  EXPECT_GE(processed, 12);
+  EXPECT_LE(processed, 30);  // ten a second at most
+  EXPECT_LT(longest, 0.5);   // 0.2 s and what a busy machine adds
+  engine->ContinueWorker();
+  ExpectSoundLines(RunEngine(Args("-vpm")), 20);
+  EXPECT_EQ(0, engine->Finish().status);
+}
+
+TEST_F(Front, LeavesWhenTheReaderHasGoneWhileTheWorkerStandsStill) {
+  const auto engine = Stopped("-v");
+  const double left = Seconds();
+  engine->LeaveAsReader();
+  EXPECT_TRUE(engine->FrontEndsWithin(1));
+  EXPECT_LT(Seconds() - left, 0.5);
+  EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }, 1));
+}
+
+TEST_F(Front, LeavesWhenTheReaderHasGoneWhileTheWorkerWorks) {
+  for (int round = 0; round < 10; ++round) {
+    EngineProcess engine(Args("-vpm"));
+    usleep(static_cast<useconds_t>(round * 2000));
+    engine.LeaveAsReader();
+    EXPECT_TRUE(engine.FrontEndsWithin(1));
+  }
+}
+
+TEST_F(Front, SaysThatTheWorkerWasKilled) {
+  const auto engine = Stopped("-vpm");
+  kill(engine->Worker(), SIGKILL);
+  ExpectFailure(engine->Finish(), "the worker was ended by a signal (Killed); see the kernel's log",
+                "the worker was ended by a signal (Killed); see the kernel's log");
+}
+
+TEST_F(Front, SaysThatTheWorkerCrashed) {
+  const auto engine = Stopped("-vpm");
+  kill(engine->Worker(), SIGSEGV);
+  engine->ContinueWorker();
+  ExpectFailure(engine->Finish(),
+                "the worker was ended by a signal (Segmentation fault); see the kernel's log",
+                "the worker was ended by a signal (Segmentation fault); see the kernel's log");
+}
+
+TEST_F(Front, TheWorkerDiesWithIt) {
+  for (const int signal : {SIGKILL, SIGTERM}) {
+    SCOPED_TRACE(signal);
+    const auto engine = Stopped("-vpm");
+    kill(engine->Front(), signal);
+    EXPECT_TRUE(engine->FrontEndsWithin(1));
+    EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }, 1));
+  }
+}
+
+// A worker that the kernel does not let go must not keep a reader waiting for the end of the
+// output.
+TEST_F(Front, TheWorkerHoldsNoStandardStream) {
+  const auto engine = Stopped("-vpm");
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    EXPECT_EQ("/dev/null", OpenOn(*engine, fd));
+}
+
+TEST_F(Front, GivesTheSameWithALineThatDoesNotFitAtOnce) {
+  EngineProcess engine(Args("-vpm"));
+  ASSERT_GE(fcntl(engine.Out().Get(), F_SETPIPE_SZ, 4096), 4096);
+  usleep(300000);  // a reader that comes late
+  ExpectSoundLines(engine.Finish(), 20);
+}
+
+TEST_F(Front, SaysWhenTheDiskForItsOutputIsFull) {
+  const std::string command =
+      std::string(ZORV_ENGINE_PATH) + " subvolume size -v /volume1 > /dev/full";
+  const CommandResult result = ZorvTest::Run({"bash", "-c", command});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ("ERROR: cannot write: No space left on device\n", result.err);
+}
+
+TEST_F(Front, FailsWithoutStandardOutput) {
+  const std::string command = std::string(ZORV_ENGINE_PATH) + " subvolume size -v /volume1 >&-";
+  EXPECT_EQ(1, ZorvTest::Run({"bash", "-c", command}).status);
+}
+
+TEST_F(Front, CountsAnIdGivenTwiceOnce) {
+  const std::string id = std::to_string(SubvolumeID(paths_[0]));
+  const EngineRun run = RunEngine({"-vm", "-r", kMount, id, "5", "000" + id, id});
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ(2u, run.sizes.size());
+  const std::string note = "NOTE: subvolume " + id + " is given more than once; it counts once\n";
+  EXPECT_EQ(note + note, run.err);
+  ASSERT_EQ(4u, run.lines.size());
+  EXPECT_EQ(0u, run.lines[2].find("subvol(" + id + ") "));
+  EXPECT_EQ(0u, run.lines[3].find("subvol(5) "));
+}
+
+TEST_F(Front, CountsALinkAndItsTargetOnce) {
+  ASSERT_EQ(0, symlink(paths_[0].c_str(), "/tmp/link"));
+  const unsigned long long id = SubvolumeID(paths_[0]);
+  const EngineRun run = RunEngine({"-vm", "/tmp/link", paths_[0], paths_[0] + "/."});
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ(1u, run.sizes.count(id));
+  EXPECT_EQ(1u, run.sizes.size());
+  const std::string note =
+      "NOTE: subvolume " + std::to_string(id) + " is given more than once; it counts once\n";
+  EXPECT_EQ(note + note, run.err);
+  (void)unlink("/tmp/link");
+}
+
+TEST_F(Front, TakesADirectoryThatIsALinkOrLiesBelowTheMount) {
+  ASSERT_EQ(0, symlink(kMount, "/tmp/volume"));
+  std::filesystem::create_directory(volume_.Path("plain"));
+  const std::string id = std::to_string(SubvolumeID(paths_[3]));
+  const Sizes sizes = RunEngine({"-vm", "-r", kMount, id}).sizes;
+  EXPECT_EQ(1u, sizes.size());
+  EXPECT_EQ(sizes, RunEngine({"-vm", "-r", "/tmp/volume", id}).sizes);
+  EXPECT_EQ(sizes, RunEngine({"-vm", "-r", volume_.Path("plain"), id}).sizes);
+  EXPECT_EQ(sizes, RunEngine({"-vm", "-r", paths_[1], id}).sizes);
+  (void)unlink("/tmp/volume");
+}
+
+TEST_F(Front, AnswersTheSameByPrefixes) {
+  const CommandResult prefixed = ZorvTest::Run({ZORV_ENGINE_PATH, "su", "si", "-v", paths_[2]});
+  EXPECT_EQ(0, prefixed.status);
+  EXPECT_EQ(RunEngine({"-v", paths_[2]}).out, prefixed.out);
+}
+
+TEST(FrontSayFailure, SaysItTwice) {
+  ExpectFailure(RunEngine({"-v", "/nowhere\n257"}),
+                "cannot open /nowhere?257: No such file or directory",
+                "cannot open /nowhere?#: No such file or directory");
+}
