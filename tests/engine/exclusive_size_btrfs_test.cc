@@ -341,7 +341,7 @@ TEST(ExclusiveSize, DataAloneIsWhatDeletionFrees) {
     EXPECT_EQ(2, sscanf(text.c_str(), "Data, single: total=%llu, used=%llu", &total, &used));
     return used;
   };
-  for (const char* name : {"snap2", "snap6", "written", "snap1"}) {
+  for (const char* name : {"snap2", "written", "snap6", "snap1"}) {
     SCOPED_TRACE(name);
     const unsigned long long id = SubvolumeID(volume.Path(name));
     const unsigned long long before = dataUsed();
