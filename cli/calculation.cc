@@ -104,6 +104,7 @@ std::optional<Calculation> ReadCalculation(const std::string& share, const std::
   Calculation calculation;
   calculation.taskID = taskID;
   calculation.stateWord = Attribute(*record, TASKSTATUS_ATTR_STATUS);
+  if (calculation.stateWord.empty()) return std::nullopt;
   if (TaskStatus::CnvStatusStrToEnumIdx(calculation.stateWord, calculation.state) != RESULT_OK)
     throw SystemFailure(fmt::format("the record of share {} names no known state", Quoted(share)));
   if (const auto pid = Number(Attribute(task, TASKSTATUS_ATTR_PID)); pid && *pid > 1)

@@ -15,7 +15,7 @@ namespace ZorvSnapUsage {
 // while there is one, because the share's keeps values of an earlier task until the first progress.
 struct Calculation {
   std::string taskID;
-  std::string stateWord;  // as recorded; empty: none
+  std::string stateWord;  // as recorded
   ZorvBtrfsUsage::CAL_TASK_STATUS state = ZorvBtrfsUsage::CAL_TASK_STATUS_READY;
   std::optional<pid_t> pid;  // only while the task has a record of its own
   std::optional<time_t> started;
@@ -44,10 +44,10 @@ std::optional<std::string> TaskOf(const std::string& share);
 // As TaskOf, but gives up when there is none: with "no such share" when that is the reason.
 std::string RequireTask(const std::string& share);
 
-// Reads the records of a share's task; nothing when the share has no record.
+// Reads the records of a share's task; nothing when the share has none with a state.
 std::optional<Calculation> ReadCalculation(const std::string& share, const std::string& taskID);
 
-// As ReadCalculation, but gives up when the share has no record.
+// As ReadCalculation, but gives up in place of nothing.
 Calculation RequireCalculation(const std::string& share, const std::string& taskID);
 
 Activity ActivityOf(const std::string& share, const Calculation& calculation);

@@ -16,6 +16,9 @@ class Failure : public std::runtime_error {
   Failure(ExitStatus status, const std::string& what, const std::string& next)
       : std::runtime_error(what + "; " + next), status_(status) {}
 
+  // The same with the line as it is printed.
+  Failure(ExitStatus status, const std::string& line) : std::runtime_error(line), status_(status) {}
+
   ExitStatus Status() const { return status_; }
 
  private:

@@ -85,6 +85,18 @@ std::vector<Snapshot> Selected(const Selection& selection, const std::optional<T
                 "widen the range; snapshots whose names carry no time are in none");
 }
 
+// The library keeps names in JSON, which can carry no other bytes.
+void RequireUtf8(const std::string& share, const std::vector<Snapshot>& asked) {
+  if (ValidUtf8(share) != share)
+    throw Failure(kSystemFailure, fmt::format("the name of share {} is not UTF-8", Quoted(share)),
+                  "rename it");
+  for (const Snapshot& snapshot : asked)
+    if (ValidUtf8(snapshot.name) != snapshot.name)
+      throw Failure(kSystemFailure,
+                    fmt::format("the name of snapshot {} is not UTF-8", Quoted(snapshot.name)),
+                    "rename it, or name the snapshots to calculate");
+}
+
 [[noreturn]] void RefuseBusy(const std::string& share) {
   throw Failure(
       kShareBusy, fmt::format("share {} is busy: a calculation of it is under way", Quoted(share)),
@@ -134,6 +146,7 @@ Launched Launch(const Selection& selection) {
   RequireRoot();
   RequireShare(share);
   const std::vector<Snapshot> asked = Selected(selection, range);
+  RequireUtf8(share, asked);
   RequireEngine();
   RequireIdle(share);
   // A share that is claimed and not launched would stay busy for two minutes.
@@ -144,8 +157,9 @@ Launched Launch(const Selection& selection) {
   if (code != RESULT_OK)
     throw SystemFailure(
         fmt::format("no calculation of share {} could be created (code {})", Quoted(share), code));
+  const std::string taskID = RequireTask(share);
   LaunchOrFail(calculation, share, asked, range);
-  return {RequireTask(share), asked};
+  return {taskID, asked};
 }
 
 void RequireRoot() {

@@ -1,0 +1,101 @@
+// `clean`: removes records and results, and says which.
+#include <filesystem>
+
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+namespace fs = std::filesystem;
+
+namespace {
+
+class CmdClean : public CliWorld {
+ protected:
+  void SecondShare() {
+    volume_->Subvolume("mail");
+    volume_->Snapshot("mail", "mail/.snapshots/one");
+    MustRun(Argv({"run", "mail", "--quiet"}));
+  }
+};
+
+TEST_F(CmdClean, OneShare) {
+  SecondShare();
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots\n",
+            MustRun(Argv({"clean", "photos"})));
+  EXPECT_FALSE(fs::exists(kResultsOfPhotos));
+  EXPECT_FALSE(fs::exists(kStatusOfPhotos));
+  EXPECT_EQ(10, Tool({"show", "photos"}).status);
+  EXPECT_EQ(0, Tool({"show", "mail"}).status);
+}
+
+TEST_F(CmdClean, AllShares) {
+  SecondShare();
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  EXPECT_EQ(
+      "removed share 'mail': state done, the result of 1 snapshots\n"
+      "removed share 'photos': state done, the result of 3 snapshots\n",
+      MustRun(Argv({"clean"})));
+  EXPECT_EQ("nothing to remove\n", MustRun(Argv({"clean"})));
+}
+
+TEST_F(CmdClean, NothingRecordedOfTheShare) { EXPECT_EQ(10, Tool({"clean", "photos"}).status); }
+
+TEST_F(CmdClean, FailedTaskLeavesNothing) {
+  FakeEngine("echo 'exclusive sizes unavailable: x'\n");
+  Tool({"run", "photos"});
+  ASSERT_FALSE(fs::is_empty("/run/zorvbtrfssnapusage/task_status"));
+  EXPECT_EQ("removed share 'photos': state fail, no result\n", MustRun(Argv({"clean", "photos"})));
+  EXPECT_TRUE(fs::is_empty("/run/zorvbtrfssnapusage/task_status"));
+}
+
+TEST_F(CmdClean, ShareWithACalculationUnderWayIsKept) {
+  SecondShare();
+  WaitingEngine();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  const CommandResult one = Tool({"clean", "photos"});
+  EXPECT_EQ(4, one.status);
+  EXPECT_EQ("", one.out);
+  EXPECT_EQ(
+      "zorv-snapusage: share 'photos' was kept: a calculation of it is under way; end it first "
+      "with: zorv-snapusage stop photos\n",
+      one.err);
+  const CommandResult all = Tool({"clean"});
+  EXPECT_EQ(4, all.status);
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots\n", all.out);
+  Release();
+  ASSERT_TRUE(Settled());
+  EXPECT_EQ(3u, Shown()["snapshots"].size()) << "its result was not lost";
+}
+
+TEST_F(CmdClean, ShareThatNoLongerExists) {
+  SecondShare();
+  volume_->DeleteSubvolume("mail/.snapshots/one");
+  volume_->DeleteSubvolume("mail");
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots\n",
+            MustRun(Argv({"clean", "mail"})));
+}
+
+TEST_F(CmdClean, SharesDroppedOnTheWayAreNamed) {
+  SecondShare();
+  volume_->Subvolume("zoo");
+  volume_->Snapshot("zoo", "zoo/.snapshots/one");
+  MustRun(Argv({"run", "zoo", "--quiet"}));
+  volume_->DeleteSubvolume("zoo/.snapshots/one");
+  volume_->DeleteSubvolume("zoo");
+  EXPECT_EQ(
+      "removed share 'mail': state done, the result of 1 snapshots\n"
+      "removed share 'zoo': it no longer exists\n",
+      MustRun(Argv({"clean"})));
+}
+
+TEST_F(CmdClean, MapThatCannotBeWrittenIsSaid) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  WriteFile("/etc/fstab", "/dev/sdz /volume2 btrfs defaults 0 0\n");
+  const CommandResult result = Tool({"clean", "photos"});
+  fs::remove("/etc/fstab");
+  EXPECT_EQ(1, result.status);
+  EXPECT_THAT(result.err, HasSubstr("the record of share 'photos' cannot be removed"));
+}
+
+}  // namespace

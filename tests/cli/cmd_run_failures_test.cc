@@ -1,0 +1,237 @@
+// Each way in which a calculation cannot be had: one line that says so, and its exit status.
+#include <signal.h>
+
+#include <filesystem>
+
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+class CmdRunFailures : public CliWorld {
+ protected:
+  // One line on standard error, nothing on standard output, this status.
+  static void ExpectFailure(const CommandResult& result, int status, const std::string& line) {
+    EXPECT_EQ(status, result.status);
+    EXPECT_EQ("zorv-snapusage: " + line + "\n", result.err);
+    EXPECT_EQ("", result.out);
+  }
+
+  static constexpr char kInstall[] = "; install the engine of this package as /sbin/btrfs";
+};
+
+TEST_F(CmdRunFailures, NotRoot) {
+  // The build tree may lie where others cannot look.
+  MustRun({"cp", "-r", ZORV_BINARY_DIR "/bin", ZORV_BINARY_DIR "/lib", "/opt/"});
+  for (const char* command : {"run", "start", "status", "show", "stop", "clean"}) {
+    SCOPED_TRACE(command);
+    ExpectFailure(ZorvTest::Run({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                                 "/opt/bin/zorv-snapusage", command, "photos"}),
+                  3, "this needs root; run it with sudo");
+  }
+}
+
+TEST_F(CmdRunFailures, UnknownShare) {
+  for (const char* command : {"run", "start", "status", "show", "stop", "clean"}) {
+    SCOPED_TRACE(command);
+    ExpectFailure(Tool({command, "nope"}), 5,
+                  "there is no share 'nope'; a share is a subvolume directly below /volume1, "
+                  "/volume2, ...");
+  }
+}
+
+TEST_F(CmdRunFailures, ShareOutOfReach) {
+  WriteFile("/etc/fstab", "/dev/sdz /volume2 btrfs defaults 0 0\n");
+  ExpectFailure(Tool({"run", "elsewhere"}), 15,
+                "share 'elsewhere' cannot be reached for the moment; mount its volume, or try "
+                "again");
+  std::filesystem::remove("/etc/fstab");
+}
+
+TEST_F(CmdRunFailures, CommandMissing) {
+  std::filesystem::remove("/sbin/btrfs");
+  ExpectFailure(Tool({"run", "photos"}), 6, std::string("/sbin/btrfs is missing") + kInstall);
+  ExpectFailure(Tool({"start", "photos"}), 6, std::string("/sbin/btrfs is missing") + kInstall);
+}
+
+TEST_F(CmdRunFailures, StockCommandIsNoEngine) {
+  std::filesystem::copy_file(kStockBtrfs, "/sbin/btrfs",
+                             std::filesystem::copy_options::overwrite_existing);
+  ExpectFailure(
+      Tool({"run", "photos"}), 7,
+      std::string("/sbin/btrfs is not an engine that calculates exclusive sizes") + kInstall);
+  EXPECT_FALSE(std::filesystem::exists(kMap)) << "nothing was claimed";
+}
+
+TEST_F(CmdRunFailures, CommandThatSaysNothingIsNoEngine) {
+  WriteScript("/sbin/btrfs", "exit 0\n");
+  EXPECT_EQ(7, Tool({"run", "photos"}).status);
+}
+
+TEST_F(CmdRunFailures, CommandThatCannotBeStarted) {
+  std::filesystem::permissions("/sbin/btrfs", std::filesystem::perms(0644));
+  ExpectFailure(Tool({"run", "photos"}), 7,
+                std::string("/sbin/btrfs cannot be started (Permission denied)") + kInstall);
+}
+
+TEST_F(CmdRunFailures, UnknownSnapshot) {
+  ExpectFailure(Tool({"run", "photos", kFirst, "GMT-1999.01.01-00.00.00"}), 8,
+                "share 'photos' has no snapshot 'GMT-1999.01.01-00.00.00'; its snapshots are in "
+                "'/volume1/photos/.snapshots'");
+}
+
+TEST_F(CmdRunFailures, ShareWithoutSnapshots) {
+  volume_->Subvolume("empty");
+  ExpectFailure(Tool({"run", "empty"}), 9,
+                "share 'empty' has no snapshots; make read-only snapshots of it in "
+                "'/volume1/empty/.snapshots'");
+}
+
+TEST_F(CmdRunFailures, RangeWithoutSnapshots) {
+  ExpectFailure(Tool({"run", "photos", "--since", "2025-01-01", "--until", "2025-01-31"}), 9,
+                "share 'photos' has no snapshots from 2025-01-01 00:00:00 to 2025-01-31 23:59:59; "
+                "widen the range; snapshots whose names carry no time are in none");
+}
+
+TEST_F(CmdRunFailures, NamesThatAreNotUtf8) {
+  volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
+  ExpectFailure(Tool({"run", "photos"}), 1,
+                "the name of snapshot 'a\\xFFz' is not UTF-8; rename it, or name the snapshots to "
+                "calculate");
+  EXPECT_EQ(0, Tool({"run", "photos", kFirst}).status);
+  volume_->Subvolume("\xFF");
+  volume_->Snapshot("\xFF", "\xFF/.snapshots/one");
+  ExpectFailure(Tool({"run", "\xFF"}), 1, "the name of share '\\xFF' is not UTF-8; rename it");
+}
+
+TEST_F(CmdRunFailures, WrongTimes) {
+  ExpectFailure(Tool({"run", "photos", "--since", "soon"}), 2,
+                "'soon' is no time; write 2024-03-05, \"2024-03-05 17:04\", "
+                "\"2024-03-05 17:04:09\" or 2024.03.05-17.04.09");
+  ExpectFailure(Tool({"run", "photos", "--since", "2024-03-02", "--until", "2024-03-01"}), 2,
+                "the range ends before it begins; exchange --since and --until");
+  ExpectFailure(Tool({"run", "photos", kFirst, "--since", "2024-03-01"}), 2,
+                "snapshots and a time range cannot be asked for together; leave one of them out");
+}
+
+TEST_F(CmdRunFailures, BusyShare) {
+  WaitingEngine();
+  ASSERT_EQ(0, Tool({"start", "photos"}).status);
+  ASSERT_TRUE(EngineWaits());
+  for (const char* command : {"run", "start"}) {
+    SCOPED_TRACE(command);
+    ExpectFailure(Tool({command, "photos"}), 4,
+                  "share 'photos' is busy: a calculation of it is under way; wait for it, or end "
+                  "it with: zorv-snapusage stop photos");
+  }
+}
+
+TEST_F(CmdRunFailures, ShareStaysBusyBeyondTwoMinutes) {
+  WaitingEngine();
+  ASSERT_EQ(0, Tool({"start", "photos"}).status);
+  ASSERT_TRUE(EngineWaits());
+  EditJson(kMap, {"photos", "time"}, 1);
+  EXPECT_EQ(4, Tool({"run", "photos"}).status);
+}
+
+TEST_F(CmdRunFailures, FailedCalculation) {
+  FakeEngine("echo 'exclusive sizes unavailable: a block does not add up'; exit 1\n");
+  const CommandResult result = Tool({"run", "photos", "--quiet"});
+  ExpectFailure(result, 11,
+                "the calculation of share 'photos' failed (code 1: the command reported a failure, "
+                "or its output could not be recorded); the system log says more; earlier results "
+                "are kept");
+}
+
+TEST_F(CmdRunFailures, ReasonOfTheEngineIsSeen) {
+  FakeEngine("echo 'ERROR: no such device' >&2; echo 'exclusive sizes unavailable: x'; exit 1\n");
+  EXPECT_THAT(Tool({"run", "photos", "--quiet"}).err, HasSubstr("ERROR: no such device\n"));
+}
+
+TEST_F(CmdRunFailures, StoppedByAnother) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "--quiet"}));
+  ASSERT_TRUE(EngineWaits());
+  Background stop(Argv({"stop", "photos"}));
+  usleep(300000);
+  Release();
+  EXPECT_EQ(0, stop.Wait().status);
+  ExpectFailure(run.Wait(), 12,
+                "the calculation of share 'photos' was stopped; earlier results are kept: "
+                "zorv-snapusage show photos");
+}
+
+TEST_F(CmdRunFailures, KilledCalculation) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "--quiet"}));
+  ASSERT_TRUE(EngineWaits());
+  ASSERT_EQ(0, kill(CalculatorPid(), SIGKILL));
+  ExpectFailure(run.Wait(), 11,
+                "the calculation of share 'photos' ended without a result: its process is gone "
+                "(killed, or out of memory); remove its record with: zorv-snapusage clean photos, "
+                "and run it again");
+  ExpectFailure(Tool({"run", "photos"}), 4,
+                "the last calculation of share 'photos' was killed, and holds the share for two "
+                "minutes from its start; wait, or remove its record with: zorv-snapusage clean "
+                "photos");
+  EXPECT_EQ(0, Tool({"clean", "photos"}).status);
+  FakeEngine(kAnswer);
+  EXPECT_EQ(0, Tool({"run", "photos"}).status);
+}
+
+TEST_F(CmdRunFailures, RecordRemovedMeanwhile) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "--quiet"}));
+  ASSERT_TRUE(EngineWaits());
+  std::filesystem::remove(kStatusOfPhotos);
+  ExpectFailure(run.Wait(), 11,
+                "the record of share 'photos' was removed while its calculation ran; run it again");
+}
+
+TEST_F(CmdRunFailures, ShareTakenOverMeanwhile) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "--quiet"}));
+  ASSERT_TRUE(EngineWaits());
+  const std::string map = ReadFile(kMap);
+  EditJson(kMap, {"photos", "task_id"}, "another");
+  ExpectFailure(run.Wait(), 11,
+                "another calculation of share 'photos' took the place of this one; follow it with: "
+                "zorv-snapusage status photos");
+  WriteFile(kMap, map);
+}
+
+TEST_F(CmdRunFailures, ResultsThatCannotBeStored) {
+  WriteFile(kResultsOfPhotos, "a file where the directory should be");
+  ExpectFailure(Tool({"run", "photos", "--quiet"}), 1,
+                "the calculation of share 'photos' is done, but its results could not be stored; "
+                "the system log says why (journalctl -t zorv-snapusage)");
+}
+
+TEST_F(CmdRunFailures, ShortResult) {
+  FakeEngine("echo \"subvol($1) 10 bytes\"\n");
+  const CommandResult result = Tool({"run", "photos", "--quiet"});
+  EXPECT_EQ(13, result.status);
+  EXPECT_EQ(
+      "zorv-snapusage: the result of share 'photos' is short: 2 of 3 snapshots are not in it ('" +
+          std::string(kSecond) + "', 'by hand'); run it again with: zorv-snapusage run photos\n",
+      result.err);
+  EXPECT_THAT(result.out, HasSubstr(kFirst)) << "what there is, is shown";
+}
+
+TEST_F(CmdRunFailures, EngineThatDiesLooksLikeNoResult) {
+  FakeEngine("kill -KILL $$\n");
+  const CommandResult result = Tool({"run", "photos", "--quiet"});
+  EXPECT_EQ(13, result.status);
+  EXPECT_THAT(result.err, HasSubstr("3 of 3 snapshots are not in it"));
+}
+
+TEST_F(CmdRunFailures, FullDiskUnderTheOutput) {
+  const CommandResult result =
+      ZorvTest::Run({"bash", "-c", std::string(ZORV_CLI_PATH) + " run photos --quiet > /dev/full"});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ("zorv-snapusage: the output could not be written; see to the space on its disk\n",
+            result.err);
+}
+
+}  // namespace

@@ -1,0 +1,144 @@
+// Progress of `run`: redrawn in a terminal, plain lines elsewhere; Ctrl-C.
+#include <signal.h>
+
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+using CmdRunProgress = CliWorld;
+
+constexpr Background::Terminal kWide = {100};
+constexpr char kRedraw[] = "\r\x1b[K";
+constexpr char kAsked[] =
+    "zorv-snapusage: asked the calculation to stop, waiting for it (Ctrl-C again leaves at once)";
+
+TEST_F(CmdRunProgress, PlainLinesOnAPipe) {
+  WaitingEngine("echo 'processed 1280 bytes'; echo 'exclusive 2048 bytes'");
+  Background run(Argv({"run", "photos"}));
+  ASSERT_TRUE(run.HasSaid("process: read 1.25 KiB, exclusive so far 2.00 KiB, 0:0")) << run.Err();
+  Release();
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.err, Not(HasSubstr("\r")));
+  EXPECT_THAT(result.err, HasSubstr("  photos\n"));
+  EXPECT_THAT(result.out, HasSubstr("EXCLUSIVE")) << "the result alone is on standard output";
+  EXPECT_THAT(result.out, Not(HasSubstr("process:")));
+}
+
+TEST_F(CmdRunProgress, OneLineEveryFewSecondsOnAPipe) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  sleep(2);
+  const std::string text = run.Err();
+  EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text;
+}
+
+TEST_F(CmdRunProgress, RedrawnInATerminal) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(run.HasSaid(std::string(kRedraw) + "process: read 4.00 KiB")) << run.Out();
+  Release();
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(0, result.status);
+  const size_t table = result.out.find("share photos, calculated");
+  ASSERT_NE(std::string::npos, table) << result.out;
+  EXPECT_EQ(std::string::npos, result.out.substr(0, table).find('\n')) << "one line, redrawn";
+  EXPECT_EQ(kRedraw, result.out.substr(table - 4, 4)) << "and taken away before the result";
+}
+
+TEST_F(CmdRunProgress, LineIsCutToTheTerminal) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos"}), Background::Terminal{20});
+  ASSERT_TRUE(run.HasSaid(std::string(kRedraw) + "process: read 4.00 \r")) << run.Out();
+}
+
+TEST_F(CmdRunProgress, DumbTerminalGetsPlainLines) {
+  WaitingEngine();
+  std::vector<std::string> argv = Argv({"run", "photos"});
+  argv.insert(argv.begin(), {"env", "TERM=dumb"});
+  Background run(argv, kWide);
+  ASSERT_TRUE(run.HasSaid("  photos\r\n")) << run.Out();
+  EXPECT_THAT(run.Out(), Not(HasSubstr("\x1b")));
+}
+
+TEST_F(CmdRunProgress, QuietSaysNothing) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "--quiet"}), kWide);
+  ASSERT_TRUE(EngineWaits());
+  usleep(500000);
+  EXPECT_EQ("", run.Out());
+  Release();
+  EXPECT_EQ(0u, run.Wait().out.find("share photos, calculated"));
+}
+
+TEST_F(CmdRunProgress, JsonIsCleanOnAPipe) {
+  const CommandResult result = Tool({"run", "photos", "--format", "json"});
+  EXPECT_EQ(3u, ParseJson(result.out)["snapshots"].size());
+}
+
+class CmdRunInterrupt : public CliWorld {};
+
+TEST_F(CmdRunInterrupt, CtrlCStopsTheCalculation) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(EngineWaits());
+  run.Type('\x03');
+  ASSERT_TRUE(run.HasSaid(kAsked)) << run.Out();
+  Release();
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(12, result.status);
+  EXPECT_THAT(result.out, HasSubstr("the calculation of share 'photos' was stopped"));
+  EXPECT_EQ("stop", ParseJson(ReadFile(kStatusOfPhotos))["status"].asString());
+  EXPECT_EQ("12", ParseJson(ReadFile(kStatusOfPhotos))["error_code"].asString());
+}
+
+TEST_F(CmdRunInterrupt, SigtermStopsItToo) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  kill(run.Pid(), SIGTERM);
+  ASSERT_TRUE(run.HasSaid(kAsked)) << run.Err();
+  Release();
+  EXPECT_EQ(12, run.Wait().status);
+}
+
+TEST_F(CmdRunInterrupt, SaysItOnceAndWaitsAsLongAsItTakes) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "--quiet"}));
+  ASSERT_TRUE(EngineWaits());
+  kill(run.Pid(), SIGINT);
+  sleep(3);
+  EXPECT_EQ(std::string(kAsked) + "\n", run.Err());
+  Release();
+  EXPECT_EQ(12, run.Wait().status);
+}
+
+TEST_F(CmdRunInterrupt, SecondOneLeavesAtOnce) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(EngineWaits());
+  run.Type('\x03');
+  ASSERT_TRUE(run.HasSaid(kAsked)) << run.Out();
+  run.Type('\x03');
+  EXPECT_EQ(130, run.Wait().status);
+  EXPECT_NE(-1, CalculatorPid()) << "the calculation is still stopping";
+  Release();
+  EXPECT_TRUE(Settled());
+  EXPECT_EQ("stop", ParseJson(ReadFile(kStatusOfPhotos))["status"].asString());
+}
+
+TEST_F(CmdRunInterrupt, HangUpLeavesTheCalculationAtWork) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  kill(run.Pid(), SIGHUP);
+  EXPECT_EQ(128 + SIGHUP, run.Wait().status);
+  Release();
+  EXPECT_TRUE(Settled());
+  EXPECT_EQ(3u, Shown()["snapshots"].size());
+}
+
+}  // namespace

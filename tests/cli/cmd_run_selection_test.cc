@@ -1,0 +1,120 @@
+// Which snapshots a calculation measures, and what it prints of them.
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+class CmdRunSelection : public CliWorld {
+ protected:
+  // The names in the result of `run` with these words, in order.
+  static std::vector<std::string> Measured(std::vector<std::string> words) {
+    words.insert(words.begin(), {"run", "photos", "--format", "json", "--quiet"});
+    const CommandResult result = Tool(words);
+    EXPECT_EQ(0, result.status) << result.err;
+    std::vector<std::string> names;
+    if (result.status != 0) return names;
+    const Json::Value shown = ParseJson(result.out);
+    for (const Json::Value& row : shown["snapshots"]) names.push_back(row["name"].asString());
+    return names;
+  }
+
+  using Names = std::vector<std::string>;
+};
+
+TEST_F(CmdRunSelection, AllSnapshotsThoseWithoutATimeLast) {
+  EXPECT_EQ((Names{kFirst, kSecond, kNoTime}), Measured({}));
+}
+
+TEST_F(CmdRunSelection, NamedSnapshotsEachOnceInTheOrderOfTheShare) {
+  EXPECT_EQ((Names{kFirst, kNoTime}), Measured({kNoTime, kFirst, kNoTime}));
+}
+
+TEST_F(CmdRunSelection, RangesIncludeBothEnds) {
+  const struct {
+    const char* name;
+    Names words;
+    Names expected;
+  } cases[] = {
+      {"both ends",
+       {"--since", "2024-03-01 09:04:09", "--until", "2024.03.02-09.04.09"},
+       {kFirst, kSecond}},
+      {"a second after the first", {"--since", "2024-03-01 09:04:10"}, {kSecond}},
+      {"a second before the second", {"--until", "2024-03-02 09:04:08"}, {kFirst}},
+      {"the whole day", {"--since", "2024-03-02", "--until", "2024-03-02"}, {kSecond}},
+      {"the whole minute", {"--until", "2024-03-01 09:04"}, {kFirst}},
+      {"one second",
+       {"--since", "2024-03-01 09:04:09", "--until", "2024-03-01 09:04:09"},
+       {kFirst}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.expected, Measured(c.words));
+  }
+}
+
+TEST_F(CmdRunSelection, RangeIsRecordedForTheShare) {
+  Measured({"--since", "2024-03-01", "--until", "2024-03-02"});
+  const Json::Value status = ParseJson(ReadFile(kStatusOfPhotos));
+  EXPECT_EQ("2024.03.01-00.00.00", status["range_start"].asString());
+  EXPECT_EQ("2024.03.02-23.59.59", status["range_end"].asString());
+}
+
+TEST_F(CmdRunSelection, ShareCalledLikeACommand) {
+  volume_->Subvolume("show");
+  volume_->Snapshot("show", "show/.snapshots/status");
+  EXPECT_EQ(0, Tool({"run", "show", "status"}).status);
+  EXPECT_EQ(0, Tool({"show", "show"}).status);
+}
+
+TEST_F(CmdRunSelection, TableForPeople) {
+  FakeEngine(
+      "echo \"subvol($1) 1280 bytes\"; echo \"subvol($2) 0 bytes\"\n"
+      "echo \"subvol($3) 1073741824 bytes\"\n");
+  const CommandResult result = Tool({"run", "photos", "--quiet"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ("", result.err);
+  EXPECT_THAT(result.out,
+              testing::MatchesRegex("share photos, calculated ....-..-.. ..:..:..\n\n.*"));
+  EXPECT_EQ(
+      "EXCLUSIVE  RUNNING TOTAL   ID                 TIME  SNAPSHOT\n"
+      " 1.25 KiB       1.25 KiB  257  2024-03-01 09:04:09  GMT-2024.03.01-09.04.09\n"
+      "      0 B       1.25 KiB  258  2024-03-02 09:04:09  GMT-2024.03.02-09.04.09\n"
+      " 1.00 GiB       1.00 GiB  259                    -  by hand\n",
+      result.out.substr(result.out.find("EXCLUSIVE")));
+}
+
+TEST_F(CmdRunSelection, RawBytes) {
+  const CommandResult result = Tool({"run", "photos", "--raw", "--quiet"});
+  EXPECT_EQ(
+      "EXCLUSIVE  RUNNING TOTAL   ID                 TIME  SNAPSHOT\n"
+      "     2570           2570  257  2024-03-01 09:04:09  GMT-2024.03.01-09.04.09\n"
+      "     2580           5150  258  2024-03-02 09:04:09  GMT-2024.03.02-09.04.09\n"
+      "     2590           7740  259                    -  by hand\n",
+      result.out.substr(result.out.find("EXCLUSIVE")));
+}
+
+TEST_F(CmdRunSelection, NameWithABlankAndUtf8) {
+  const std::string share = "Fotos für 写真";
+  volume_->Subvolume(share);
+  volume_->Snapshot(share, share + "/.snapshots/één kopie");
+  const CommandResult result = Tool({"run", share, "één kopie", "--quiet"});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("share Fotos für 写真, calculated "));
+  EXPECT_THAT(result.out, HasSubstr("  één kopie\n"));
+  EXPECT_EQ(share, Shown(share)["share"].asString());
+}
+
+TEST_F(CmdRunSelection, NameWithANewlineStaysOnItsLine) {
+  volume_->Snapshot("photos", "photos/.snapshots/two\nlines\x1b[31m");
+  const CommandResult result = Tool({"run", "photos", "two\nlines\x1b[31m", "--quiet"});
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("  two\\nlines\\x1B[31m\n"));
+  EXPECT_EQ("two\nlines\x1b[31m", Shown()["snapshots"][0]["name"].asString());
+}
+
+TEST_F(CmdRunSelection, ResultIsPrintedOnceTheCopiesAreThere) {
+  for (int i = 0; i < 10; ++i) ASSERT_EQ(3u, Measured({}).size());
+}
+
+}  // namespace

@@ -1,0 +1,214 @@
+// `show`: the last good result of a share, whatever came after it.
+#include <filesystem>
+
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+namespace fs = std::filesystem;
+
+namespace {
+
+class CmdShow : public CliWorld {
+ protected:
+  static void RunOnce() { MustRun(Argv({"run", "photos", "--quiet"})); }
+
+  // The only result file with this suffix.
+  static std::string ResultFile(const std::string& suffix) {
+    for (const auto& entry : fs::directory_iterator(kResultsOfPhotos))
+      if (entry.path().extension() == suffix) return entry.path();
+    throw std::runtime_error("no " + suffix);
+  }
+};
+
+TEST_F(CmdShow, NoResultYet) {
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(10, result.status);
+  EXPECT_EQ(
+      "zorv-snapusage: there is no result of share 'photos'; calculate it with: zorv-snapusage run "
+      "photos\n",
+      result.err);
+}
+
+TEST_F(CmdShow, NoResultAfterAFailure) {
+  FakeEngine("echo 'exclusive sizes unavailable: x'\n");
+  Tool({"run", "photos"});
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(10, result.status);
+  EXPECT_EQ(
+      "zorv-snapusage: there is no result of share 'photos', its last calculation is in state fail; "
+      "calculate it with: zorv-snapusage run photos\n",
+      result.err);
+}
+
+TEST_F(CmdShow, ShowsWhatRunShowed) {
+  const std::string run = MustRun(Argv({"run", "photos", "--quiet"}));
+  const CommandResult show = Tool({"show", "photos"});
+  EXPECT_EQ(0, show.status);
+  EXPECT_EQ(run, show.out);
+  EXPECT_EQ("", show.err);
+}
+
+TEST_F(CmdShow, JsonHasNumbersAsNumbers) {
+  RunOnce();
+  const Json::Value shown = Shown();
+  EXPECT_EQ(1, shown["__header"]["version"].asInt());
+  EXPECT_EQ("photos", shown["share"].asString());
+  EXPECT_EQ(36u, shown["task_id"].asString().size());
+  EXPECT_TRUE(shown["calculated_timestamp"].isIntegral());
+  EXPECT_THAT(shown["calculated"].asString(),
+              testing::MatchesRegex("....-..-..T..:..:..[+-]..:.."));
+  EXPECT_TRUE(shown["complete"].asBool());
+  EXPECT_EQ(0u, shown["missing"].size());
+  EXPECT_EQ(0u, shown["not_measured"].size());
+  ASSERT_EQ(3u, shown["snapshots"].size());
+  const Json::Value& second = shown["snapshots"][1];
+  EXPECT_EQ(kSecond, second["name"].asString());
+  EXPECT_TRUE(second["present"].asBool());
+  EXPECT_EQ(1709370249, second["timestamp"].asInt64());
+  EXPECT_EQ("2024-03-02T09:04:09+00:00", second["time"].asString());
+  EXPECT_TRUE(second["subvolume_id"].isUInt64());
+  EXPECT_EQ(ID(kSecond), second["subvolume_id"].asUInt64());
+  EXPECT_EQ(ID(kSecond) * 10, second["exclusive"].asUInt64());
+  EXPECT_EQ((ID(kFirst) + ID(kSecond)) * 10, second["running_total"].asUInt64());
+  EXPECT_TRUE(shown["snapshots"][2]["time"].isNull());
+  EXPECT_TRUE(shown["snapshots"][2]["timestamp"].isNull());
+}
+
+TEST_F(CmdShow, LargestNumbersStayExact) {
+  FakeEngine(
+      "echo \"subvol($1) 18446744073709551615 bytes\"\n"
+      "echo \"subvol($2) 9007199254740993 bytes\"; echo \"subvol($3) 0 bytes\"\n");
+  RunOnce();
+  const std::string text = Tool({"show", "photos", "--format", "json"}).out;
+  EXPECT_THAT(text, HasSubstr("\"exclusive\" : 18446744073709551615,"));
+  EXPECT_THAT(text, HasSubstr("\"exclusive\" : 9007199254740993,"));
+}
+
+TEST_F(CmdShow, RunUnderWayDoesNotHideTheLastResult) {
+  RunOnce();
+  WaitingEngine();
+  MustRun(Argv({"start", "photos", kFirst}));
+  ASSERT_TRUE(EngineWaits());
+  const CommandResult result = Tool({"show", "photos", "--raw"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr("  by hand\n"));
+  EXPECT_EQ(
+      "zorv-snapusage: note: this is an earlier result; the last calculation is in state process\n",
+      result.err);
+}
+
+TEST_F(CmdShow, FailedRunDoesNotHideTheLastResult) {
+  RunOnce();
+  FakeEngine("echo 'exclusive sizes unavailable: x'\n");
+  Tool({"run", "photos"});
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr("  by hand\n"));
+  EXPECT_THAT(result.err, HasSubstr("this is an earlier result; the last calculation is in state "
+                                    "fail\n"));
+}
+
+TEST_F(CmdShow, ResultOutlivesAReboot) {
+  RunOnce();
+  fs::remove_all("/run/zorvbtrfssnapusage");
+  fs::remove_all("/run/lock/zorvbtrfssnapusage");
+  EXPECT_EQ(3u, Shown()["snapshots"].size());
+}
+
+TEST_F(CmdShow, DeletedSnapshotKeepsItsNameAndSaysSo) {
+  RunOnce();
+  volume_->DeleteSubvolume(std::string("photos/.snapshots/") + kFirst);
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out,
+              HasSubstr(std::string("2024-03-01 09:04:09  ") + kFirst + " (deleted)\n"));
+  EXPECT_FALSE(Shown()["snapshots"][0]["present"].asBool());
+}
+
+TEST_F(CmdShow, DeletedSnapshotThatNobodyRemembers) {
+  RunOnce();
+  volume_->DeleteSubvolume(std::string("photos/.snapshots/") + kFirst);
+  EditJson(kMap, {"photos", "snap_list"}, Json::Value());
+  EXPECT_THAT(Tool({"show", "photos"}).out, HasSubstr("-  (deleted)\n"));
+  EXPECT_TRUE(Shown()["snapshots"][0]["name"].isNull());
+}
+
+TEST_F(CmdShow, NewSnapshotIsNoted) {
+  RunOnce();
+  volume_->Snapshot("photos", "photos/.snapshots/new");
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_EQ("zorv-snapusage: note: 1 snapshots of the share are not in this result\n", result.err);
+  EXPECT_EQ("new", Shown()["not_measured"][0].asString());
+  EXPECT_TRUE(Shown()["complete"].asBool());
+}
+
+TEST_F(CmdShow, ShortResultSaysSo) {
+  FakeEngine("echo \"subvol($1) 10 bytes\"\n");
+  Tool({"run", "photos"});
+  const CommandResult result = Tool({"show", "photos", "--format", "json"});
+  EXPECT_EQ(13, result.status);
+  EXPECT_THAT(result.err, HasSubstr("the result of share 'photos' is short: 2 of 3 snapshots"));
+  const Json::Value shown = ParseJson(result.out);
+  EXPECT_FALSE(shown["complete"].asBool());
+  EXPECT_EQ(kSecond, shown["missing"][0].asString());
+  EXPECT_EQ(kNoTime, shown["missing"][1].asString());
+}
+
+TEST_F(CmdShow, ResultOfADeletedShare) {
+  RunOnce();
+  for (const char* snapshot : {kFirst, kSecond, kNoTime})
+    volume_->DeleteSubvolume(std::string("photos/.snapshots/") + snapshot);
+  volume_->DeleteSubvolume("photos");
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr("by hand (deleted)\n"));
+}
+
+TEST_F(CmdShow, FilesThatAreCutShortAreNoResult) {
+  RunOnce();
+  for (const char* suffix : {".result", ".subvol_id"}) {
+    SCOPED_TRACE(suffix);
+    const std::string path = ResultFile(suffix);
+    const std::string whole = ReadFile(path);
+    for (const size_t size : {whole.size() - 8, whole.size() - 1, size_t{4}, size_t{0}}) {
+      WriteFile(path, whole.substr(0, size));
+      EXPECT_EQ(10, Tool({"show", "photos"}).status) << size;
+    }
+    WriteFile(path, whole + std::string(8, '\0'));
+    EXPECT_EQ(10, Tool({"show", "photos"}).status) << "longer than its count";
+    WriteFile(path, whole);
+    EXPECT_EQ(0, Tool({"show", "photos"}).status);
+  }
+}
+
+TEST_F(CmdShow, NewestCompletePairCounts) {
+  RunOnce();
+  const std::string vector("\1\0\0\0\0\0\0\0\7\0\0\0\0\0\0\0", 16);
+  const std::string base = std::string(kResultsOfPhotos) + "/other";
+  WriteFile(base + ".result", vector);
+  EXPECT_EQ(3u, Shown()["snapshots"].size()) << "half a pair is none";
+  WriteFile(base + ".subvol_id", vector);
+  for (const char* suffix : {".result", ".subvol_id"})
+    fs::last_write_time(base + suffix, fs::file_time_type::clock::now() + std::chrono::hours(1));
+  EXPECT_EQ("other", Shown()["task_id"].asString());
+  EXPECT_EQ(7u, Shown()["snapshots"][0]["exclusive"].asUInt64());
+  for (const char* suffix : {".result", ".subvol_id"})
+    fs::last_write_time(base + suffix, fs::file_time_type::clock::now() - std::chrono::hours(1));
+  EXPECT_EQ(3u, Shown()["snapshots"].size());
+}
+
+TEST_F(CmdShow, EmptyResultIsATableWithoutLines) {
+  FakeEngine("true\n");
+  EXPECT_EQ(13, Tool({"run", "photos"}).status);
+  EXPECT_EQ(13, Tool({"show", "photos"}).status);
+  EXPECT_EQ(0u, Shown()["snapshots"].size());
+}
+
+TEST_F(CmdShow, NameThatIsNotUtf8) {
+  RunOnce();
+  volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
+  EXPECT_THAT(Tool({"show", "photos", "--format", "json"}).out, HasSubstr("\"a\xEF\xBF\xBDz\""));
+}
+
+}  // namespace
