@@ -12,6 +12,7 @@
 #include "platform/linux/descriptor.h"
 #include "platform/linux/error.h"
 #include "platform/linux/process.h"
+#include "platform/linux/signals.h"
 #include "zorvplatform/platc.h"
 
 namespace {
@@ -114,20 +115,11 @@ int PLATCProcForkChildNoWait(void) {
   // What is still in a buffer would be written by both processes.
   (void)fflush(nullptr);
 
-  sigset_t all;
-  sigset_t callers;
-  (void)sigfillset(&all);
   LockStreams();
-  if (pthread_sigmask(SIG_BLOCK, &all, &callers) != 0) {
-    UnlockStreams();
-    return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
-  }
+  const sigset_t callers = BlockSignals();
   const pid_t task = ForkTask();
   if (task == 0) return 0;
-
-  const int error = errno;
+  RestoreSignals(callers);
   UnlockStreams();
-  (void)pthread_sigmask(SIG_SETMASK, &callers, nullptr);
-  errno = error;
   return task > 0 ? task : Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
 }

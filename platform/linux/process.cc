@@ -20,6 +20,7 @@
 #include "platform/linux/descriptor.h"
 #include "platform/linux/error.h"
 #include "platform/linux/no_throw.h"
+#include "platform/linux/signals.h"
 #include "zorvplatform/platc.h"
 
 namespace {
@@ -120,24 +121,6 @@ int AwaitChild(pid_t child) {
   return status;
 }
 
-// Forks with all signals blocked, so that no handler of the caller runs in the child.
-pid_t ForkQuietly() {
-  sigset_t all;
-  sigset_t callers;
-  (void)sigfillset(&all);
-  const int blocked = pthread_sigmask(SIG_BLOCK, &all, &callers);
-  if (blocked != 0) {
-    errno = blocked;
-    return -1;
-  }
-  const pid_t child = fork();
-  if (child == 0) return 0;
-  const int error = errno;
-  (void)pthread_sigmask(SIG_SETMASK, &callers, nullptr);
-  errno = error;
-  return child;
-}
-
 // What the child sent: an errno value, or 0 when the exec has closed the pipe.
 int ReadStatus(int status) {
   int error = 0;
@@ -155,9 +138,11 @@ pid_t Spawn(const char* path, char* const argv[], int output) {
   UniqueFd writeEnd;
   if (!MakeReportPipe(&readEnd, &writeEnd)) return -1;
 
-  const pid_t child = ForkQuietly();
-  if (child < 0) return -1;
+  const sigset_t callers = BlockSignals();
+  const pid_t child = fork();
   if (child == 0) BecomeProgram(path, argv, output, writeEnd.Get());
+  RestoreSignals(callers);
+  if (child < 0) return -1;
 
   writeEnd.Reset();
   const int error = ReadStatus(readEnd.Get());

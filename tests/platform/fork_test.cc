@@ -205,6 +205,7 @@ TEST_F(PLATCProcForkChildNoWait, TaskBlocksSigtermAndNothingElse) {
 TEST_F(PLATCProcForkChildNoWait, AStopBeforeTheHandlerIsThereIsNotLost) {
   for (void (*callers)(int) : {SIG_DFL, SIG_IGN}) {
     const ScopedHandler handler(SIGTERM, callers);
+    gTerms = 0;
     int ends[2];
     ASSERT_EQ(0, pipe2(ends, O_CLOEXEC));
     const int task = Fork([&ends] {

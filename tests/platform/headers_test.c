@@ -8,7 +8,7 @@ int UsePlatformFromC(void);
 int UsePlatformFromC(void) {
   BOOL good = 1;
   time_t seconds = 0;
-  PLATSZLIST *list = PLATCSzListAlloc(4);
+  PLATSZLIST* list = PLATCSzListAlloc(4);
   ZORVMOUNTVOLINFO info;
   good = good && PLATCSzListPush(&list, "from C") == 0;
   good = good && strcmp(PLATCSzListGet(list, 0), "from C") == 0 && list->count == 1;

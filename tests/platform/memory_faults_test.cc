@@ -26,15 +26,16 @@ int gFailing = 0;
 
 }  // namespace
 
-// Stand before those of the C++ library, also for the platform.
-void* operator new(size_t size) {
+// Stand before those of the C++ library, also for the platform.  Not inlined, or the compiler takes
+// their malloc and free for a mismatch.
+[[gnu::noinline]] void* operator new(size_t size) {
   if (gFailing > 0 && --gFailing == 0) throw std::bad_alloc();
   void* memory = malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
-void operator delete(void* memory) noexcept { free(memory); }
-void operator delete(void* memory, size_t) noexcept { free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, size_t) noexcept { free(memory); }
 
 // Under AddressSanitizer, whose own memory counts as address space, it sets the limit.
 extern "C" const char* __asan_default_options();

@@ -225,6 +225,7 @@ TEST(PLATCPopenv, ProgramInheritsNoOtherDescriptor) {
   FILE* other = PLATCPopen("/bin/echo x", "r");
   // ls has its own descriptor of the directory, which is number 3 when that is free.
   EXPECT_EQ("0\n1\n2\n3\n", Output({"/bin/ls", "/proc/self/fd"}));
+  EXPECT_EQ("x\n", ReadAll(other));
   EXPECT_EQ(0, PLATCPclose(other));
 }
 

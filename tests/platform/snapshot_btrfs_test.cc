@@ -143,12 +143,10 @@ TEST_F(ZORVShareSnapList, SelectorsAtTheBoundarySecond) {
   EXPECT_EQ((Names{before, at, after, "without a time"}), ListWhere({}));
 }
 
-struct Asked {
-  Names names;
-} gAsked;
+Names gAsked;
 
 int NoteAndTakeShort(const char* snapName, const char* argument) {
-  gAsked.names.push_back(std::string(snapName) + "/" + argument);
+  gAsked.push_back(std::string(snapName) + "/" + argument);
   return strlen(snapName) < 2 ? 1 : 0;
 }
 
@@ -160,12 +158,13 @@ int FailWithCode(const char*, const char*) {
 TEST_F(ZORVShareSnapList, AnotherFunctionMaySelect) {
   Take("a");
   Take("bb");
+  gAsked.clear();
   ZORVSHARESNAPSELECTOR* selectors = nullptr;
   std::string argument = "argument";
   ASSERT_EQ(0, ::ZORVShareSnapSelectorAdd(&selectors, NoteAndTakeShort, argument.c_str()));
   argument = "changed!";
   EXPECT_EQ(Names{"a"}, List(selectors));
-  EXPECT_EQ((Names{"a/argument", "bb/argument"}), gAsked.names);
+  EXPECT_EQ((Names{"a/argument", "bb/argument"}), gAsked);
   ZORVShareSnapEnumFree(selectors);
 }
 

@@ -47,7 +47,7 @@ extern "C" {
 /* One share.  Made by ZORVShareGet alone: behind the name lies what only the platform reads, so a
  * record of a caller's own making must not be handed back to it. */
 typedef struct _tag_ZORVSHARE {
-  char *name; /* belongs to the record */
+  char* name; /* belongs to the record */
   /* the rest is the platform's */
 } ZORVSHARE;
 
@@ -57,10 +57,10 @@ typedef struct _tag_ZORVSHARE {
  *                               found while a volume is not there (see ZORVShareEnum)
  *   PLATC_ERR_NO_SUCH_SHARE     there is none of that name
  *   PLATC_ERR_SYSTEM_CALL       anything else that the system refused */
-PLATC_EXPORT int ZORVShareGet(const char *name, struct _tag_ZORVSHARE **share);
+PLATC_EXPORT int ZORVShareGet(const char* name, struct _tag_ZORVSHARE** share);
 
 /* Null is allowed. */
-PLATC_EXPORT void ZORVShareFree(struct _tag_ZORVSHARE *share);
+PLATC_EXPORT void ZORVShareFree(struct _tag_ZORVSHARE* share);
 
 /* Appends the names of all shares, each once, in the order of their bytes.  `flags` is
  * ZORV_SHARE_ENUM_ALL.  The volumes are read anew each time.  How many, or negative:
@@ -71,7 +71,7 @@ PLATC_EXPORT void ZORVShareFree(struct _tag_ZORVSHARE *share);
  * what is missing from it.  A volume is not there when /etc/fstab names /volumeN, or a directory at
  * or above what the link /volumeN leads to, as a mount point (noauto or not) and nothing is mounted
  * on it, or when /volumeN is a link that leads nowhere. */
-PLATC_EXPORT int ZORVShareEnum(PLATSZLIST **names, int flags);
+PLATC_EXPORT int ZORVShareEnum(PLATSZLIST** names, int flags);
 
 /* ---- Volumes --------------------------------------------------------------------------------- */
 
@@ -79,7 +79,7 @@ PLATC_EXPORT int ZORVShareEnum(PLATSZLIST **names, int flags);
  * `size` bytes.  `path` must exist; it may be of any file type.  0, or negative:
  *   PLATC_ERR_INVALID_ARGUMENT  null argument, or `size` too small
  *   PLATC_ERR_VOLUME_PATH       `path` lies on no volume, or does not exist (errno) */
-PLATC_EXPORT int VolumePathParseEx(const char *path, char *volumePath, int size);
+PLATC_EXPORT int VolumePathParseEx(const char* path, char* volumePath, int size);
 
 typedef struct _tag_ZORVMOUNTVOLINFO {
   int volumeNum;  /* N of /volumeN                                       */
@@ -89,7 +89,7 @@ typedef struct _tag_ZORVMOUNTVOLINFO {
 /* Tells about the volume at `volumePath`, a path as VolumePathParseEx gives it; any other path on
  * the volume serves as well.  0, or negative: PLATC_ERR_INVALID_ARGUMENT (null argument),
  * PLATC_ERR_VOLUME_PATH (as above). */
-PLATC_EXPORT int ZORVMountVolInfoGet(const char *volumePath, ZORVMOUNTVOLINFO *info);
+PLATC_EXPORT int ZORVMountVolInfoGet(const char* volumePath, ZORVMOUNTVOLINFO* info);
 
 /* ---- Snapshots ------------------------------------------------------------------------------- */
 
@@ -99,42 +99,43 @@ typedef struct _tag_ZORVSHARESNAPSELECTOR ZORVSHARESNAPSELECTOR;
 
 /* One condition.  1: the snapshot is selected.  0: it is not.  Negative: the condition makes no
  * sense; the listing fails, with the error record that this function has set. */
-typedef int (*ZORVSHARESNAPSELECTFN)(const char *snapName, const char *argument);
+typedef int (*ZORVSHARESNAPSELECTFN)(const char* snapName, const char* argument);
 
-/* Selects by time.  `argument` is one of ">=NAME", "<=NAME", ">NAME", "<NAME", "=NAME", NAME being a
- * snapshot name that carries a time; two names are compared by their seconds, whatever their zones.
- * 1 or 0; 0 for a snapshot without a time; negative: null argument, or an argument of another form
- * (invalid argument). */
-PLATC_EXPORT int ZORVShareSnapTimeSelector(const char *snapName, const char *argument);
+/* Selects by time.  `argument` is one of ">=NAME", "<=NAME", ">NAME", "<NAME", "=NAME", NAME being
+ * a snapshot name that carries a time; two names are compared by their seconds, whatever their
+ * zones. 1 or 0; 0 for a snapshot without a time; negative: null argument, or an argument of
+ * another form (invalid argument). */
+PLATC_EXPORT int ZORVShareSnapTimeSelector(const char* snapName, const char* argument);
 
 /* Appends a condition to the chain; `*selectors` is null before the first.  `argument` is copied.
  * The chain is freed with ZORVShareSnapEnumFree.  0, or negative: null argument, an argument that
- * ZORVShareSnapTimeSelector does not understand (invalid argument), out of memory (system call); the
- * chain is then as it was. */
-PLATC_EXPORT int ZORVShareSnapSelectorAdd(ZORVSHARESNAPSELECTOR **selectors,
-                                          ZORVSHARESNAPSELECTFN fn, const char *argument);
+ * ZORVShareSnapTimeSelector does not understand (invalid argument), out of memory (system call);
+ * the chain is then as it was. */
+PLATC_EXPORT int ZORVShareSnapSelectorAdd(ZORVSHARESNAPSELECTOR** selectors,
+                                          ZORVSHARESNAPSELECTFN fn, const char* argument);
 
 /* Frees the chain.  Null is allowed. */
-PLATC_EXPORT void ZORVShareSnapEnumFree(ZORVSHARESNAPSELECTOR *selectors);
+PLATC_EXPORT void ZORVShareSnapEnumFree(ZORVSHARESNAPSELECTOR* selectors);
 
 /* Appends the names of the snapshots that pass all `selectors` (null is allowed: all of them), in
  * the order of their times, those of one time in the order of their bytes, those without a time
- * last.  A share without a .snapshots directory has none.  0, or negative: null argument, a selector
- * that failed (its own code), the share is gone or its directory cannot be read to its end (system
- * call); the list is then as it was. */
-PLATC_EXPORT int ZORVShareSnapList(const struct _tag_ZORVSHARE *share, PLATSZLIST **names,
-                                   const ZORVSHARESNAPSELECTOR *selectors);
+ * last.  A share without a .snapshots directory has none.  0, or negative: null argument, a
+ * selector that failed (its own code), the share is gone or its directory cannot be read to its end
+ * (system call); the list is then as it was. */
+PLATC_EXPORT int ZORVShareSnapList(const struct _tag_ZORVSHARE* share, PLATSZLIST** names,
+                                   const ZORVSHARESNAPSELECTOR* selectors);
 
 /* Writes the path of the share's snapshot directory, with its NUL, to `dir` of `size` bytes.
  * `flags` ZORV_SNAP_DIR_GET: creates nothing, also when the directory is missing;
- * ZORV_SNAP_DIR_CREATE: makes it, mode 0755, when it is missing.  1: done.  Negative: null argument,
- * other flags, `size` too small (invalid argument), it could not be made (system call). */
-PLATC_EXPORT int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE *share, char *dir,
+ * ZORV_SNAP_DIR_CREATE: makes it, mode 0755, when it is missing.  1: done.  Negative: null
+ * argument, other flags, `size` too small (invalid argument), it could not be made (system call).
+ */
+PLATC_EXPORT int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* dir,
                                                  int size, int flags);
 
 /* The time that a snapshot's name carries.  0, or negative: null argument, or a name without a time
  * (invalid argument). */
-PLATC_EXPORT int ZORVShareSnapTimeGet(const char *snapName, time_t *time);
+PLATC_EXPORT int ZORVShareSnapTimeGet(const char* snapName, time_t* time);
 
 /* ---- File copy ------------------------------------------------------------------------------- */
 
@@ -145,7 +146,7 @@ PLATC_EXPORT int ZORVShareSnapTimeGet(const char *snapName, time_t *time);
  * `flags` is 0.  0, or negative: null argument, other flags (invalid argument), the source is no
  * regular file, or anything that the system refused (system call); the destination is then as it
  * was, and nothing is left beside it. */
-PLATC_EXPORT int ZORVFileCopy(const char *source, const char *destination, int flags);
+PLATC_EXPORT int ZORVFileCopy(const char* source, const char* destination, int flags);
 
 #ifdef __cplusplus
 }
