@@ -1,8 +1,11 @@
 #include "engine/ondisk/checksum.h"
 
+#include <string.h>
+
 #include <array>
 
 #include "engine/ondisk/format.h"
+#include "engine/ondisk/hashes.h"
 #include "engine/ondisk/le.h"
 
 namespace ZorvEngine {
@@ -29,6 +32,10 @@ constexpr CrcTables MakeCrcTables() {
 
 constexpr CrcTables kCrcTables = MakeCrcTables();
 
+bool IsStored(const Hash256& hash, ByteView block) {
+  return memcmp(hash.data(), block.Data(), hash.size()) == 0;
+}
+
 }  // namespace
 
 const char* ChecksumName(uint16_t type) {
@@ -46,7 +53,7 @@ const char* ChecksumName(uint16_t type) {
   }
 }
 
-bool IsChecksumSupported(uint16_t type) { return type == kCrc32c; }
+bool IsChecksumSupported(uint16_t type) { return type <= kBlake2b; }
 
 uint32_t Crc32c(ByteView bytes) {
   uint32_t crc = ~0u;
@@ -64,7 +71,18 @@ bool HasValidChecksum(uint16_t type, ByteView block) {
   ByteView content;
   if (block.Size() < kChecksumSize) return false;
   if (!block.Sub(kChecksumSize, block.Size() - kChecksumSize, &content)) return false;
-  return type == kCrc32c && block.At<Le32>(0)->Get() == Crc32c(content);
+  switch (type) {
+    case kCrc32c:
+      return block.At<Le32>(0)->Get() == Crc32c(content);
+    case kXxhash64:
+      return block.At<Le64>(0)->Get() == Xxhash64(content);
+    case kSha256:
+      return IsStored(Sha256(content), block);
+    case kBlake2b:
+      return IsStored(Blake2b256(content), block);
+    default:
+      return false;
+  }
 }
 
 }  // namespace ZorvEngine

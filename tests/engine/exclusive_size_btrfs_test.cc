@@ -101,6 +101,9 @@ const Format kFormats[] = {
     {"NoSkinnyMetadata", {"-O", "^skinny-metadata"}},
     {"NoSkinnyMetadata4k", {"-O", "^skinny-metadata", "-n", "4096"}},
     {"WithHoleExtents", {"-O", "^no-holes"}},
+    {"Xxhash", {"--csum", "xxhash"}},
+    {"Sha256", {"--csum", "sha256"}},
+    {"Blake2b", {"--csum", "blake2"}},
     {"SpaceCacheOne", {"-R", "^free-space-tree"}},
 };
 

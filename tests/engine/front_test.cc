@@ -190,11 +190,11 @@ TEST_F(Front, SaysThatTheWorkerWasKilled) {
 
 TEST_F(Front, SaysThatTheWorkerCrashed) {
   const auto engine = Stopped("-vpm");
-  kill(engine->Worker(), SIGSEGV);
+  kill(engine->Worker(), SIGABRT);
   engine->ContinueWorker();
   ExpectFailure(engine->Finish(),
-                "the worker was ended by a signal (Segmentation fault); see the kernel's log",
-                "the worker was ended by a signal (Segmentation fault); see the kernel's log");
+                "the worker was ended by a signal (Aborted); see the kernel's log",
+                "the worker was ended by a signal (Aborted); see the kernel's log");
 }
 
 TEST_F(Front, TheWorkerDiesWithIt) {
