@@ -121,19 +121,20 @@ TEST_F(UtilsFileOrDirOpen, ASocketIsRefused) {
 }
 
 TEST_F(UtilsFileOrDirOpen, ADirectoryThatCannotBeOpenedFails) {
-  EXPECT_EQ(0, WithoutDescriptors([&] {
-              return Utils::FileOrDirOpen(kWorkDir, &stream) == -1 && errno == EMFILE &&
-                             stream == nullptr
-                         ? 0
-                         : 1;
+  EXPECT_EQ(0, WithoutDescriptors([] {
+              DIR* none = nullptr;
+              const int fd = Utils::FileOrDirOpen(kWorkDir, &none);
+              return fd == -1 && errno == EMFILE && none == nullptr ? 0 : 1;
             }));
 }
 
 TEST_F(UtilsFileOrDirOpen, AFileThatCannotBeOpenedFails) {
-  WriteFile(At("file"), "x");
+  const std::string path = At("file");
+  WriteFile(path, "x");
   EXPECT_EQ(0, WithoutDescriptors([&] {
-              return Utils::FileOrDirOpen(At("file").c_str(), &stream) == -1 && errno == EMFILE ? 0
-                                                                                                : 1;
+              DIR* none = nullptr;
+              const int fd = Utils::FileOrDirOpen(path.c_str(), &none);
+              return fd == -1 && errno == EMFILE ? 0 : 1;
             }));
 }
 
