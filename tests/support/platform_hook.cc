@@ -17,10 +17,11 @@
 namespace ZorvTest {
 namespace {
 
-// Filled by the definitions below before main.
+// Filled by the definitions below before main. Never destroyed: the C library's functions are
+// called until the very end of the process.
 std::map<std::string, HookSlot>& Slots() {
-  static std::map<std::string, HookSlot> slots;
-  return slots;
+  static auto* const slots = new std::map<std::string, HookSlot>;
+  return *slots;
 }
 
 }  // namespace

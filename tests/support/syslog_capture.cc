@@ -84,11 +84,10 @@ SyslogCapture::~SyslogCapture() {
 }
 
 void SyslogCapture::Collect() {
-  std::string buffer(1 << 18, '\0');
   for (;;) {
-    const ssize_t n = recv(socket_.Get(), buffer.data(), buffer.size(), 0);
+    const ssize_t n = recv(socket_.Get(), buffer_.data(), buffer_.size(), 0);
     if (n < 0 && errno != EINTR) return;
-    const std::string datagram = buffer.substr(0, n < 0 ? 0 : static_cast<size_t>(n));
+    const std::string datagram = buffer_.substr(0, n < 0 ? 0 : static_cast<size_t>(n));
     if (datagram == kEnd) return;
     const std::lock_guard<std::mutex> lock(mutex_);
     if (datagram == kMark)
