@@ -87,6 +87,8 @@ struct Format {
   std::vector<std::string> mkfs;
 };
 
+void PrintTo(const Format& format, std::ostream* out) { *out << format.name; }
+
 class ExclusiveSizeFormat : public testing::TestWithParam<Format> {};
 
 const Format kFormats[] = {

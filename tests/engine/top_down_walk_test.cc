@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
+
 #include "engine/size/newest_state_run.h"
 #include "tests/engine/mini_filesystem.h"
 
@@ -192,6 +194,37 @@ TEST_F(TopDownWalkRun, NamesWhatIsDamaged) {
     EXPECT_EQ(c.text, status.Text());
     EXPECT_TRUE(result.sizes.empty());
   }
+}
+
+// Blocks whose checksums are right and whose content is not: a result or a reason, never a crash.
+TEST_F(TopDownWalkRun, SurvivesHostileBytesAnywhere) {
+  mini_.AddDataExtent(Mini::kData, 12288, 2);
+  mini_.AddFileExtent(0, Mini::kData);
+  mini_.AddFileExtent(4096, Mini::kData);
+  std::vector<Item> other = {{{256, 1, 0}, Bytes(160)}};
+  mini_.AddRoot(kDataRelocationTreeId, Mini::kSubvolume + kNodeSize);
+  mini_.PutLeaf(Mini::kSubvolume + kNodeSize, &other);
+  const std::pair<uint64_t, std::vector<Item>*> trees[] = {{Mini::kChunkRoot, &mini_.Chunks()},
+                                                           {Mini::kRootTree, &mini_.Roots()},
+                                                           {Mini::kExtentTree, &mini_.Extents()},
+                                                           {Mini::kSubvolume, &mini_.Files()}};
+  std::mt19937 random(20260102);
+  int refused = 0;
+  for (int round = 0; round < 2000; ++round) {
+    mini_.Write();
+    const auto& [bytenr, items] = trees[random() % 4];
+    Bytes block = MakeLeaf(bytenr, *items);
+    const size_t content = random() % 2 == 0 ? sizeof(BlockHeader) : kNodeSize - 600;
+    for (int change = 0; change < 3; ++change)
+      block[content + random() % 400] = static_cast<uint8_t>(random() % 3 == 0 ? 0xFF : random());
+    Seal(&block);
+    mini_.Memory().Put(bytenr, block);
+    const Status status = Run();
+    refused += status.Ok() ? 0 : 1;
+    EXPECT_EQ(status.Ok(), status.Text().empty());
+  }
+  EXPECT_GT(refused, 200);
+  EXPECT_LT(refused, 1990);
 }
 
 TEST_F(CommittedTreesLoad, RefusesABalance) {
