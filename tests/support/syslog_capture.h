@@ -52,9 +52,6 @@ class SyslogCapture {
   void Collect();
 
   UniqueFd socket_;
-  // Here, not on the thread's stack: a forked child that exits has no such thread, and would report
-  // the memory as lost.
-  std::string buffer_ = std::string(1 << 18, '\0');
   std::thread thread_;
   std::mutex mutex_;
   std::vector<SyslogLine> lines_;
