@@ -11,7 +11,7 @@ namespace ZorvEngine {
 // own leaves hold all references to it.  Reads the own blocks of each subvolume and the leaves of
 // the extent tree that speak of their children.
 //
-// Memory: the block cache, one pointer (48 bytes) for each child of one level of one subvolume's
+// Memory: the block cache, one pointer (56 bytes) for each child of one level of one subvolume's
 // own blocks, and 8 bytes for each extent reference in its own leaves.
 class TopDownWalk : public ExclusiveSizeMethod {
  public:

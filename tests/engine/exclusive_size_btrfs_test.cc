@@ -120,6 +120,81 @@ TEST_P(ExclusiveSizeFormat, EqualsTheKernelAfterAHistory) {
 INSTANTIATE_TEST_SUITE_P(Mkfs, ExclusiveSizeFormat, testing::ValuesIn(kFormats),
                          [](const auto& test) { return std::string(test.param.name); });
 
+namespace {
+
+// What users do, in a random order that its seed repeats.
+class RandomHistory {
+ public:
+  RandomHistory(const BtrfsVolume& volume, unsigned seed) : volume_(volume), random_(seed) {
+    subvolumes_ = {"first"};
+    volume_.Subvolume("first");
+  }
+
+  void Step() {
+    const std::string file = Any() + "/" + std::to_string(Below(40));
+    const bool exists = std::filesystem::exists(volume_.Path(file));
+    const std::string path = volume_.Path(file);
+    const unsigned kind = Below(100);
+    if (kind < 45)
+      Write(file, std::vector<size_t>{90, 5000, 60000, 250000}[Below(4)], random_(),
+            Below(40) * 4096);
+    else if (kind < 60 && exists)
+      (void)ZorvTest::Run(
+          {"cp", "--reflink=always", path, volume_.Path(Any() + "/" + std::to_string(Below(40)))});
+    else if (kind < 66 && exists)
+      (void)ZorvTest::Run({"fallocate", "-p", "-o", Offset(), "-l", "40960", path});
+    else if (kind < 72)
+      (void)ZorvTest::Run({"fallocate", "-o", Offset(), "-l", "400000", path});
+    else if (kind < 76 && exists)
+      std::filesystem::resize_file(path, Below(300000));
+    else if (kind < 80 && exists)
+      std::filesystem::remove(path);
+    else if (kind < 82 && exists)
+      (void)ZorvTest::Run({kStockBtrfs, "filesystem", "defragment", path});
+    else if (kind < 92 && subvolumes_.size() < 20)
+      TakeSnapshot();
+    else if (kind < 97 && subvolumes_.size() > 2)
+      DeleteOne();
+    else
+      MustRun({"sync", "-f", kMount});
+  }
+
+ private:
+  unsigned Below(unsigned end) { return static_cast<unsigned>(random_() % end); }
+  std::string Any() { return subvolumes_[Below(static_cast<unsigned>(subvolumes_.size()))]; }
+  std::string Offset() { return std::to_string(Below(50) * 4096); }
+
+  void TakeSnapshot() {
+    const std::string name = "n" + std::to_string(++taken_);
+    volume_.Snapshot(Any(), name, /*readOnly=*/false);
+    subvolumes_.push_back(name);
+  }
+
+  void DeleteOne() {
+    const size_t which = Below(static_cast<unsigned>(subvolumes_.size()));
+    volume_.DeleteSubvolume(subvolumes_[which]);
+    subvolumes_.erase(subvolumes_.begin() + static_cast<long>(which));
+  }
+
+  const BtrfsVolume& volume_;
+  std::mt19937 random_;
+  std::vector<std::string> subvolumes_;
+  int taken_ = 0;
+};
+
+class ExclusiveSizeRandom : public testing::TestWithParam<unsigned> {};
+
+}  // namespace
+
+TEST_P(ExclusiveSizeRandom, EqualsTheKernel) {
+  BtrfsVolume volume(kMount, Options(512, {"-n", GetParam() % 2 == 0 ? "4096" : "16384"}));
+  RandomHistory history(volume, GetParam());
+  for (int step = 0; step < 400; ++step) history.Step();
+  ExpectKernelNumbers(volume, 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, ExclusiveSizeRandom, testing::Range(1u, 7u));
+
 TEST(ExclusiveSize, EqualsTheKernelOnAnEmptyFileSystem) {
   BtrfsVolume volume(kMount, Options());
   ExpectKernelNumbers(volume, 1);
