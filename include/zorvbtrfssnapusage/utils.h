@@ -43,7 +43,8 @@ class ZORV_EXPORT Utils {
 
   // Replaces the file at `path` by the one-line text of `value` in one step (temporary file beside
   // it, then rename). A new file is 0600; a replaced one keeps owner and group and becomes 0644.
-  // False: the file is what it was (empty path, full disk, a text that is not UTF-8, ...).
+  // False: the file is what it was (empty path, full disk, ...). Refused is also what could not be
+  // read back: a key or string that is not UTF-8, more than 999 levels of nesting, infinity.
   static bool JsonToFile(const Json::Value& value, const std::string& path);
 
   // Parses the file at `path` into `value`. False: not opened, or not JSON; then `value` holds what
@@ -56,7 +57,8 @@ class ZORV_EXPORT Utils {
   // What JsonFromFile read; a null value for a missing file or a null path.
   static Json::Value GetJsonAttrByPath(const char* path);
 
-  // Sets a string member of `value` for each key of `hash` that has a value. Always true.
+  // Sets a string member of `value` (an object, or null) for each key of `hash` that has a value.
+  // Always true; failures are logged, and `value` then lacks members.
   static bool HashToJson(PLATSZHASH* hash, Json::Value& value);
 
   // ---- Time, identifiers, processes ------------------------------------------------------------
@@ -82,7 +84,8 @@ class ZORV_EXPORT Utils {
   // representable: 0x2A00). A `size` too small is not reported.
   static int SnapNameGenerateByTime(char* buf, unsigned long size, long t, BOOL local);
 
-  // Sends `signal` to `pid`. 0: sent, or nobody there (also for pid -1); -1: not sent.
+  // Sends `signal` to `pid`, 0 and below -1 being process groups (kill(2)). 0: sent, or nobody
+  // there who may be signalled (also for pid -1); -1: not sent.
   static int ProcessKill(int pid, int signal);
 
   // ---- Shares and snapshots --------------------------------------------------------------------
@@ -99,7 +102,7 @@ class ZORV_EXPORT Utils {
 
   // Appends the full paths of a share's snapshots to `paths`, in the platform's order. `filter` may
   // hold "time", an array of selector strings that must all match; anything else is no filter.
-  // 0, or -1.
+  // 0, or -1: no such share, a selector that is no text or makes no sense, or a failed listing.
   static int ShareSnapListGet(const std::string& shareName, PLATSZLIST** paths,
                               const Json::Value& filter);
 
@@ -116,10 +119,13 @@ class ZORV_EXPORT Utils {
 
   // ---- Reminder --------------------------------------------------------------------------------
 
-  // Stores the system-wide reminder flag. True: the record holds `on`.
+  // Stores the system-wide reminder flag, keeping other members of the record. True: the record
+  // holds `on`. False: no directory, lock or write, or a record that is no JSON object, which
+  // stays.
   static bool ReminderStatusSet(bool on);
 
-  // Reads the reminder flag. False: never set, or not readable; then `on` is as it was.
+  // Reads the reminder flag; a number that is not 0 is true, null is false. False: never set, not
+  // readable, or of another type; then `on` is as it was.
   static bool ReminderStatusGet(bool& on);
 };
 
