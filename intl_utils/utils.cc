@@ -458,9 +458,9 @@ bool Utils::UUIDGen(std::string& uuid) try {
     return false;
   }
   const bool trimmed = PLATCStrTrimSpace(line) >= 0;
-  if (trimmed) uuid = line;
   // Kept: closed twice, as the command runner does; the platform's close tolerates it.
   (void)PLATCPclose(pipe);
+  if (trimmed) uuid = line;
   return trimmed;
 } catch (const std::exception&) {  // no memory
   PLAT_ERR_SET(kErrSystemCall);

@@ -1,4 +1,6 @@
 // No operation lets an exception out, not even for want of memory.
+#include <optional>
+
 #include "tests/intl_utils/utils_fixture.h"
 #include "tests/support/scarce_memory.h"
 #include "zorvbtrfssnapusage/utils.h"
@@ -65,6 +67,24 @@ TEST_F(UtilsWithoutMemory, TextsFail) {
   EXPECT_FALSE(Starved([&] { return Utils::NowTimeStringGet(text); }));
   EXPECT_FALSE(Starved([&] { return Utils::UUIDGen(text); }));
   EXPECT_EQ("", text);
+}
+
+TEST_F(UtilsWithoutMemory, AUuidThatWasReadFails) {
+  PlatformHook<decltype(PLATCPclose)> close("PLATCPclose");
+  PlatformHook<decltype(PLATCStrTrimSpace)> trim("PLATCStrTrimSpace");
+  std::optional<ScarceMemory> nothing;
+  trim.Replace([&](char* text) {
+    const int result = trim.Real(text);
+    nothing.emplace(0);  // from here on
+    return result;
+  });
+  std::string uuid;
+  const bool made = Utils::UUIDGen(uuid);
+  nothing.reset();
+  EXPECT_FALSE(made);
+  EXPECT_EQ("", uuid);
+  EXPECT_EQ(2, close.Calls());
+  EXPECT_EQ(0x2A00u, PLATCErrGet());
 }
 
 TEST_F(UtilsWithoutMemory, SearchFails) {
