@@ -2,6 +2,7 @@
 #ifndef TESTS_INTL_UTILS_UTILS_FIXTURE_H_
 #define TESTS_INTL_UTILS_UTILS_FIXTURE_H_
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -64,6 +65,46 @@ class ScopedTmpfs {
 
 // fcntl as record locks use it.
 using FcntlHook = PlatformHook<int(int, int, void*)>;
+
+// While it stands, the first record lock is real and every later request, the unlock, fails.
+class FailingUnlock {
+ public:
+  FailingUnlock() {
+    hook_.Replace([this](int fd, int command, void* argument) {
+      fd_ = fd;
+      if (hook_.Calls() == 1) return hook_.Real(fd, command, argument);
+      errno = ENOLCK;
+      return -1;
+    });
+  }
+
+  // The line of a caller whose unlock has failed.
+  std::string Message() const { return "Failed to unlock fd(" + std::to_string(fd_) + ")"; }
+
+ private:
+  FcntlHook hook_{"fcntl"};
+  int fd_ = -1;
+};
+
+// While it stands, every record lock request succeeds and does nothing but be remembered.
+class LockRequests {
+ public:
+  LockRequests() {
+    hook_.Replace([this](int, int command, void* lock) {
+      command_ = command;
+      last_ = *static_cast<struct flock*>(lock);
+      return 0;
+    });
+  }
+
+  int Command() const { return command_; }
+  const struct flock& Last() const { return last_; }
+
+ private:
+  FcntlHook hook_{"fcntl"};
+  int command_ = 0;
+  struct flock last_ = {};
+};
 
 // The record lock on `path` that keeps another process from a lock of type `wanted`; its type is
 // F_UNLCK when none does.

@@ -99,21 +99,14 @@ TEST_F(UtilsGeneralFileLock, SharedIsAReadLockOverTheWholeFile) {
 }
 
 TEST_F(UtilsGeneralFileLock, FillsInTheWholeRequest) {
-  FcntlHook hook("fcntl");
-  struct flock asked = {};
-  int command = 0;
-  hook.Replace([&](int, int cmd, void* lock) {
-    command = cmd;
-    asked = *static_cast<struct flock*>(lock);
-    return 0;
-  });
+  const LockRequests requests;
   ASSERT_TRUE(Utils::GeneralFileLock(kLock, true, fd));
-  EXPECT_EQ(F_SETLKW, command);
-  EXPECT_EQ(F_WRLCK, asked.l_type);
-  EXPECT_EQ(SEEK_SET, asked.l_whence);
-  EXPECT_EQ(0, asked.l_start);
-  EXPECT_EQ(0, asked.l_len);
-  EXPECT_EQ(getpid(), asked.l_pid);
+  EXPECT_EQ(F_SETLKW, requests.Command());
+  EXPECT_EQ(F_WRLCK, requests.Last().l_type);
+  EXPECT_EQ(SEEK_SET, requests.Last().l_whence);
+  EXPECT_EQ(0, requests.Last().l_start);
+  EXPECT_EQ(0, requests.Last().l_len);
+  EXPECT_EQ(getpid(), requests.Last().l_pid);
 }
 
 TEST_F(UtilsGeneralFileLock, OpensForTheKindOfLockAndNonBlocking) {
@@ -317,20 +310,13 @@ TEST_F(UtilsGeneralFileUnlock, ReleasesAndCloses) {
 TEST_F(UtilsGeneralFileUnlock, AsksToReleaseTheWholeFile) {
   int fd = -1;
   ASSERT_TRUE(Utils::GeneralFileLock(kLock, true, fd));
-  FcntlHook hook("fcntl");
-  struct flock asked = {};
-  int command = 0;
-  hook.Replace([&](int, int cmd, void* lock) {
-    command = cmd;
-    asked = *static_cast<struct flock*>(lock);
-    return 0;
-  });
+  const LockRequests requests;
   EXPECT_TRUE(Utils::GeneralFileUnlock(fd));
-  EXPECT_EQ(F_SETLKW, command);
-  EXPECT_EQ(F_UNLCK, asked.l_type);
-  EXPECT_EQ(SEEK_SET, asked.l_whence);
-  EXPECT_EQ(0, asked.l_start);
-  EXPECT_EQ(0, asked.l_len);
+  EXPECT_EQ(F_SETLKW, requests.Command());
+  EXPECT_EQ(F_UNLCK, requests.Last().l_type);
+  EXPECT_EQ(SEEK_SET, requests.Last().l_whence);
+  EXPECT_EQ(0, requests.Last().l_start);
+  EXPECT_EQ(0, requests.Last().l_len);
 }
 
 TEST_F(UtilsGeneralFileUnlock, HeldByAnotherIsADebugLineAndASuccess) {

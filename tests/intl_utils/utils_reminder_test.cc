@@ -121,16 +121,9 @@ TEST_F(UtilsReminderStatusSet, FailsWithoutTheLock) {
 }
 
 TEST_F(UtilsReminderStatusSet, FailedUnlockIsLoggedAndChangesNothing) {
-  FcntlHook hook("fcntl");
-  int fd = -1;
-  hook.Replace([&](int lock, int command, void* argument) {
-    if (hook.Calls() == 1) return hook.Real(lock, command, argument);
-    fd = lock;
-    errno = ENOLCK;
-    return -1;
-  });
+  const FailingUnlock failing;
   EXPECT_TRUE(Utils::ReminderStatusSet(true));
-  EXPECT_EQ(1, Logged(LOG_ERR, "Failed to unlock fd(" + std::to_string(fd) + ")")) << log.Dump();
+  EXPECT_EQ(1, Logged(LOG_ERR, failing.Message())) << log.Dump();
 }
 
 TEST_F(UtilsReminderStatusSet, HoldsTheExclusiveLockWhileItWrites) {
@@ -240,17 +233,10 @@ TEST_F(UtilsReminderStatusGet, FailsWithoutTheLock) {
 
 TEST_F(UtilsReminderStatusGet, FailedUnlockIsLoggedAndChangesNothing) {
   ASSERT_TRUE(Utils::ReminderStatusSet(true));
-  FcntlHook hook("fcntl");
-  int fd = -1;
-  hook.Replace([&](int lock, int command, void* argument) {
-    if (hook.Calls() == 1) return hook.Real(lock, command, argument);
-    fd = lock;
-    errno = ENOLCK;
-    return -1;
-  });
+  const FailingUnlock failing;
   EXPECT_TRUE(Utils::ReminderStatusGet(on));
   EXPECT_TRUE(on);
-  EXPECT_EQ(1, Logged(LOG_ERR, "Failed to unlock fd(" + std::to_string(fd) + ")")) << log.Dump();
+  EXPECT_EQ(1, Logged(LOG_ERR, failing.Message())) << log.Dump();
 }
 
 TEST_F(UtilsReminderStatusGet, ReadersShareTheLock) {

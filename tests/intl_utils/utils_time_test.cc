@@ -17,7 +17,17 @@ namespace {
 // 2024-03-05 12:00:00 UTC
 constexpr time_t kNoon = 1709640000;
 
-// Sets TZ for one scope; a POSIX zone text names the hours to ADD for UTC: "XXX-1" is +01:00.
+// Its text in local time; a POSIX zone text names the hours to add for UTC: "XXX-1" is +01:00.
+const struct {
+  const char* zone;
+  const char* text;
+} kNoons[] = {
+    {"UTC", "2024.03.05-12.00.00"},
+    {"XXX-1", "2024.03.05-13.00.00"},
+    {"XXX+3:30", "2024.03.05-08.30.00"},
+};
+
+// Sets TZ for one scope.
 class ScopedZone {
  public:
   explicit ScopedZone(const char* zone) {
@@ -61,15 +71,7 @@ TEST_F(UtilsTimeStringToTime_T, ThereAndBackInOneZone) {
 }
 
 TEST_F(UtilsTimeStringToTime_T, ReadsLocalTime) {
-  const struct {
-    const char* zone;
-    const char* text;
-  } kCases[] = {
-      {"UTC", "2024.03.05-12.00.00"},
-      {"XXX-1", "2024.03.05-13.00.00"},
-      {"XXX+3:30", "2024.03.05-08.30.00"},
-  };
-  for (const auto& c : kCases) {
+  for (const auto& c : kNoons) {
     SCOPED_TRACE(c.zone);
     const ScopedZone scope(c.zone);
     time_t t = 0;
@@ -137,15 +139,7 @@ TEST_F(UtilsTimeStringToTime_T, TheSecondBeforeTheEpochIsNoTime) {
 }
 
 TEST_F(UtilsTime_tToTimeString, WritesLocalTime) {
-  const struct {
-    const char* zone;
-    const char* text;
-  } kCases[] = {
-      {"UTC", "2024.03.05-12.00.00"},
-      {"XXX-1", "2024.03.05-13.00.00"},
-      {"XXX+3:30", "2024.03.05-08.30.00"},
-  };
-  for (const auto& c : kCases) {
+  for (const auto& c : kNoons) {
     SCOPED_TRACE(c.zone);
     const ScopedZone scope(c.zone);
     std::string text = "old";
