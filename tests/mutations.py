@@ -53,7 +53,7 @@ MUTATIONS = [
              'strlen(zone) == 5 && strcmp(zone + 3, "00") == 0', "strlen(zone) == 5",
              "UtilsSnapNameGenerateByTime.*"),
     Mutation("uuidgen-closes-once", UTILS,
-             "  (void)PLATCPclose(pipe);\n  return trimmed;", "  return trimmed;",
+             "  (void)PLATCPclose(pipe);\n  if (trimmed) uuid = line;", "  if (trimmed) uuid = line;",
              "UtilsUUIDGen.*"),
     Mutation("process-kill-takes-minus-one", UTILS,
              "if (pid == -1 || kill(pid, 0) != 0) return 0;", "if (kill(pid, 0) != 0) return 0;",
