@@ -24,28 +24,24 @@ Watch::Watch(std::string share, std::string taskID)
     : share_(std::move(share)), taskID_(std::move(taskID)) {}
 
 bool Watch::Poll() {
-  CheckStillOurs();
+  const std::optional<std::string> taskID = TaskOf(share_);
   const std::optional<Calculation> read = ReadCalculation(share_, taskID_);
-  if (!read)
+  if (!taskID || !read)
     throw Failure(
         kCalculationFailed,
         fmt::format("the record of share {} was removed while its calculation ran", Quoted(share_)),
         "run it again");
+  // After two minutes the library lets another calculation take the share over; this one then goes
+  // on without a record, and its results are lost.
+  if (*taskID != taskID_)
+    throw Failure(
+        kCalculationFailed,
+        fmt::format("another calculation of share {} took the place of this one", Quoted(share_)),
+        fmt::format("follow it with: zorv-snapusage status {}", ShellWord(share_)));
   now_ = *read;
   if (now_.pid) process_.Attach(*now_.pid);
   if (!now_.Finished()) CheckCanStillEnd();
   return now_.Finished();
-}
-
-// After two minutes the library lets another calculation take the share over; this one then goes on
-// without a record, and its results are lost.
-void Watch::CheckStillOurs() const {
-  const std::optional<std::string> taskID = TaskOf(share_);
-  if (taskID == taskID_) return;
-  throw Failure(
-      kCalculationFailed,
-      fmt::format("another calculation of share {} took the place of this one", Quoted(share_)),
-      fmt::format("follow it with: zorv-snapusage status {}", ShellWord(share_)));
 }
 
 void Watch::CheckCanStillEnd() {

@@ -30,7 +30,6 @@ class Watch {
   bool WaitForProcess(std::chrono::seconds limit) const;
 
  private:
-  void CheckStillOurs() const;
   void CheckCanStillEnd();
 
   const std::string share_;
