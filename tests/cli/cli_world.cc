@@ -136,6 +136,15 @@ bool CliWorld::EngineWaits() {
   return WaitUntil([] { return std::filesystem::exists(kWaiting); });
 }
 
+bool CliWorld::StopArrives(const std::string& share) {
+  const std::string status = "/proc/" + std::to_string(CalculatorPid(share)) + "/status";
+  return WaitUntil([&] {
+    const std::string text = ReadFile(status);
+    const size_t at = text.find("ShdPnd:");
+    return (strtoull(text.c_str() + at + sizeof "ShdPnd:", nullptr, 16) >> (SIGTERM - 1) & 1) != 0;
+  });
+}
+
 void CliWorld::Release() {
   // Succeeds only when the engine has the fifo open; it may be just about to.
   if (!std::filesystem::exists(kWaiting)) return;

@@ -93,6 +93,9 @@ class CliWorld : public testing::Test {
   // Waits until the waiting engine of a calculation stands still.
   static bool EngineWaits();
 
+  // Waits until a stop has reached the share's calculation, which takes it at its next line.
+  static bool StopArrives(const std::string& share = "photos");
+
   // Lets the waiting engine go on.
   static void Release();
 

@@ -154,7 +154,7 @@ TEST_F(CmdRunFailures, StoppedByAnother) {
   Background run(Argv({"run", "photos", "--quiet"}));
   ASSERT_TRUE(EngineWaits());
   Background stop(Argv({"stop", "photos"}));
-  usleep(300000);
+  ASSERT_TRUE(StopArrives());
   Release();
   EXPECT_EQ(0, stop.Wait().status);
   ExpectFailure(run.Wait(), 12,
@@ -184,6 +184,9 @@ TEST_F(CmdRunFailures, RecordRemovedMeanwhile) {
   WaitingEngine();
   Background run(Argv({"run", "photos", "--quiet"}));
   ASSERT_TRUE(EngineWaits());
+  // From here on the calculation writes nothing until its next line.
+  ASSERT_TRUE(WaitUntil(
+      [] { return ReadFile(kStatusOfPhotos).find("processed_in_bytes") != std::string::npos; }));
   std::filesystem::remove(kStatusOfPhotos);
   ExpectFailure(run.Wait(), 11,
                 "the record of share 'photos' was removed while its calculation ran; run it again");

@@ -87,6 +87,7 @@ TEST_F(CmdRunInterrupt, CtrlCStopsTheCalculation) {
   ASSERT_TRUE(EngineWaits());
   run.Type('\x03');
   ASSERT_TRUE(run.HasSaid(kAsked)) << run.Out();
+  ASSERT_TRUE(StopArrives());
   Release();
   const CommandResult result = run.Wait();
   EXPECT_EQ(12, result.status);
@@ -101,6 +102,7 @@ TEST_F(CmdRunInterrupt, SigtermStopsItToo) {
   ASSERT_TRUE(EngineWaits());
   kill(run.Pid(), SIGTERM);
   ASSERT_TRUE(run.HasSaid(kAsked)) << run.Err();
+  ASSERT_TRUE(StopArrives());
   Release();
   EXPECT_EQ(12, run.Wait().status);
 }
@@ -112,6 +114,7 @@ TEST_F(CmdRunInterrupt, SaysItOnceAndWaitsAsLongAsItTakes) {
   kill(run.Pid(), SIGINT);
   sleep(3);
   EXPECT_EQ(std::string(kAsked) + "\n", run.Err());
+  ASSERT_TRUE(StopArrives());
   Release();
   EXPECT_EQ(12, run.Wait().status);
 }
@@ -122,6 +125,7 @@ TEST_F(CmdRunInterrupt, SecondOneLeavesAtOnce) {
   ASSERT_TRUE(EngineWaits());
   run.Type('\x03');
   ASSERT_TRUE(run.HasSaid(kAsked)) << run.Out();
+  ASSERT_TRUE(StopArrives());
   run.Type('\x03');
   EXPECT_EQ(130, run.Wait().status);
   EXPECT_NE(-1, CalculatorPid()) << "the calculation is still stopping";

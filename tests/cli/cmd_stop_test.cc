@@ -14,7 +14,7 @@ TEST_F(CmdStop, WaitsForTheFinalState) {
   MustRun(Argv({"start", "photos"}));
   ASSERT_TRUE(EngineWaits());
   Background stop(Argv({"stop", "photos"}));
-  usleep(500000);
+  ASSERT_TRUE(StopArrives());
   EXPECT_EQ("", stop.Out()) << "the engine has not said a word since";
   Release();
   const CommandResult result = stop.Wait();
@@ -36,7 +36,7 @@ TEST_F(CmdStop, EarlierResultIsKept) {
   MustRun(Argv({"start", "photos"}));
   ASSERT_TRUE(EngineWaits());
   Background stop(Argv({"stop", "photos"}));
-  usleep(300000);
+  ASSERT_TRUE(StopArrives());
   Release();
   EXPECT_EQ(0, stop.Wait().status);
   EXPECT_EQ(3u, Shown()["snapshots"].size());
