@@ -107,7 +107,7 @@ CliWorld::CliWorld() : volume_(std::make_unique<BtrfsVolume>("/volume1")) {
 
 CliWorld::~CliWorld() {
   // A calculation that a test left waiting must not meet the next one's volume.
-  Release();
+  if (CalculatorPid() != -1) Release();
   (void)Settled();
 }
 
@@ -146,8 +146,8 @@ bool CliWorld::StopArrives(const std::string& share) {
 }
 
 void CliWorld::Release() {
-  // Succeeds only when the engine has the fifo open; it may be just about to.
-  if (!std::filesystem::exists(kWaiting)) return;
+  // It opens the fifo just after it has said that it waits; the open here succeeds once it has.
+  if (!EngineWaits()) return;
   int fd = -1;
   (void)WaitUntil([&] { return (fd = open(kFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }, 2);
   if (fd >= 0) (void)close(fd);
