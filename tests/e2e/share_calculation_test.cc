@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <filesystem>
-#include <thread>
 
 #include "tests/share_snap_calculator/share_fixture.h"
 #include "tests/support/engine_worker.h"
@@ -58,11 +57,9 @@ class ShareCalculation : public VolumeTest {
   pid_t StartAndHold() {
     for (int attempt = 0; attempt < 20; ++attempt) {
       PutMap("{}");
-      pid_t worker = -1;
-      std::thread holder([&] { worker = HoldEngineWorker(2); });
       ShareSnapUsageCal cal;
       Start(cal, "photos");
-      holder.join();
+      const pid_t worker = HoldEngineWorker(2);
       if (worker > 0 && ShareStatus("photos", "status") == "process") return worker;
       if (worker > 0) kill(worker, SIGKILL);
       (void)WaitForCalculator();
