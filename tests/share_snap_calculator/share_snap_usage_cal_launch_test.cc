@@ -538,8 +538,11 @@ TEST_F(ShareSnapUsageCalStop, FailedLockFails) {
 TEST_F(ShareSnapUsageCalStop, ExpiredTaskIsSignalledAllTheSame) {
   PutRunningTask();
   EXPECT_EQ(0, ShareSnapUsageCal::Stop("photos"));
-  EXPECT_EQ(128 + SIGTERM, WaitForExit(pid_));
+  int status = 0;
+  ASSERT_TRUE(WaitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }));
   pid_ = -1;
+  EXPECT_TRUE(WIFSIGNALED(status));
+  EXPECT_EQ(SIGTERM, WTERMSIG(status));
 }
 
 TEST_F(ShareSnapUsageCalStop, TaskThatDoesNotRunIsNotSignalled) {
