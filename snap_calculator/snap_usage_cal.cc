@@ -1,5 +1,5 @@
 // Three subjects: the task (create, query, clean up), its run in a child process, and the parser of
-// the command's output.
+// the command's output. An operation that runs out of memory fails and throws nothing.
 #include "zorvbtrfssnapusage/snap_usage_cal.h"
 
 #include <errno.h>
@@ -66,11 +66,16 @@ void RecordOutcome(TaskStatus& taskStatus, int ret, const std::string& errMsg,
 
 SnapUsageCalculator::SnapUsageCalculator() = default;
 
-SnapUsageCalculator::SnapUsageCalculator(const std::string& id) : taskID(id) {}
+SnapUsageCalculator::SnapUsageCalculator(const std::string& id) {
+  try {
+    taskID = id;
+  } catch (const std::exception&) {  // an object that holds no task
+  }
+}
 
 SnapUsageCalculator::~SnapUsageCalculator() = default;
 
-bool SnapUsageCalculator::GenTaskID(std::string& taskID) {
+bool SnapUsageCalculator::GenTaskID(std::string& taskID) try {
   for (;;) {
     std::string candidate;
     if (!Utils::UUIDGen(candidate)) {
@@ -82,16 +87,20 @@ bool SnapUsageCalculator::GenTaskID(std::string& taskID) {
       return true;
     }
   }
+} catch (const std::exception&) {
+  return false;
 }
 
-int SnapUsageCalculator::Init(const std::string& id) {
+int SnapUsageCalculator::Init(const std::string& id) try {
   taskID = id;
   if (taskStatus.Init(taskID, /*create=*/true)) return RESULT_OK;
   ZLOG_TASK(LOG_ERR, taskID, "Failed to initilize task status[0x%04X %s:%d]", PLAT_ERR);
   return RESULT_FAILURE;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
-bool SnapUsageCalculator::CreateTask(SnapUsageCalculator& calc) {
+bool SnapUsageCalculator::CreateTask(SnapUsageCalculator& calc) try {
   std::string id;
   if (!GenTaskID(id)) {
     ZLOG(LOG_ERR, "Failed to generate task ID");
@@ -102,15 +111,19 @@ bool SnapUsageCalculator::CreateTask(SnapUsageCalculator& calc) {
     return false;
   }
   return true;
+} catch (const std::exception&) {
+  return false;
 }
 
 bool SnapUsageCalculator::Valid() const { return !taskID.empty() && taskStatus.Valid(); }
 
-int SnapUsageCalculator::GetTaskStatus(const TASKSTATUS_ATTR& attr, std::string& value) {
+int SnapUsageCalculator::GetTaskStatus(const TASKSTATUS_ATTR& attr, std::string& value) try {
   std::string text;
   if (taskStatus.GetStatusAttr(attr, text) != RESULT_OK) return RESULT_FAILURE;
   value = text;
   return RESULT_OK;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
 int SnapUsageCalculator::GetCalculatorStatus(CAL_TASK_STATUS& state, int& errorCode) {
@@ -256,7 +269,7 @@ int SnapUsageCalculator::Stop(const std::string& taskID) {
 
 int SnapUsageCalculator::CalculateByPath(const _tag_ZORV_BTRFS_USAGE_CAL_TASK& task,
                                          PLATSZLIST** ppList, std::string& errMsg,
-                                         std::string& btrfsCmd) {
+                                         std::string& btrfsCmd) try {
   const int ret = BtrfsTool::CmdExc(task, taskID, ppList, &ParseCmdFp, errMsg, btrfsCmd, nullptr);
   // Kept: logs a stop too, unlike CalculateBySubvolID.
   if (ret != RESULT_OK)
@@ -264,11 +277,13 @@ int SnapUsageCalculator::CalculateByPath(const _tag_ZORV_BTRFS_USAGE_CAL_TASK& t
               "Failed to calcuate read-only snapshot usage, errno: %s[0x%04X %s:%d]",
               strerror(errno), PLAT_ERR);
   return ret;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
 int SnapUsageCalculator::CalculateBySubvolID(const _tag_ZORV_BTRFS_USAGE_CAL_TASK& task,
                                              PLATSZLIST** ppList, std::string& errMsg,
-                                             std::string& btrfsCmd) {
+                                             std::string& btrfsCmd) try {
   const int ret = BtrfsTool::CmdExc(task, taskID, ppList, &ParseCmdFp, errMsg, btrfsCmd, nullptr);
   // Kept: a stop is silent here. This is the way of the shares, where a stop is an everyday
   // request.
@@ -277,6 +292,8 @@ int SnapUsageCalculator::CalculateBySubvolID(const _tag_ZORV_BTRFS_USAGE_CAL_TAS
               "Failed to calcuate read-only snapshot usage, errno: %s[0x%04X %s:%d]",
               strerror(errno), PLAT_ERR);
   return ret;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
 // ---- The parser ---------------------------------------------------------------------------------

@@ -1,9 +1,13 @@
-// The status file of a share: where it is, and how an object is bound to it.
+// The status file of a share: where it is, and how an object is bound to it. An operation that runs
+// out of memory fails and throws nothing.
 #include "zorvbtrfssnapusage/share_task_status.h"
 
 #include <errno.h>
 #include <string.h>
 #include <unistd.h>
+
+#include <exception>
+#include <utility>
 
 #include "base/ensure_dirs.h"
 #include "base/log.h"
@@ -20,7 +24,7 @@ ShareTaskStatus::ShareTaskStatus() = default;
 
 ShareTaskStatus::~ShareTaskStatus() = default;
 
-bool ShareTaskStatus::Init(const std::string& name, bool create) {
+bool ShareTaskStatus::Init(const std::string& name, bool create) try {
   if (name.empty()) {
     ZLOG_INVALID_ARG("!shareName.empty()");
     return false;
@@ -32,17 +36,23 @@ bool ShareTaskStatus::Init(const std::string& name, bool create) {
     return false;
 
   // Kept: no task ID; log lines name a task only after an Import.
-  shareName = name;
-  statusFilePath = ShareStatusPath(name);
-  lockFilePath = ShareStatusLock(name);
+  std::string newName = name;
+  std::string newStatusPath = ShareStatusPath(name);
+  std::string newLockPath = ShareStatusLock(name);
+  // From here nothing fails: the object is bound to one share, never to parts of two.
+  shareName = std::move(newName);
+  statusFilePath = std::move(newStatusPath);
+  lockFilePath = std::move(newLockPath);
 
   if (!create || CheckAttrExist(TASKSTATUS_ATTR_STATUS)) return true;
   if (SetCalculatorStatus(CAL_TASK_STATUS_READY) == RESULT_OK) return true;
   ZLOG(LOG_ERR, "Failed to initialize status of ShareTaskStatus, share:[%s]", shareName.c_str());
   return false;
+} catch (const std::exception&) {
+  return false;
 }
 
-bool ShareTaskStatus::CleanShareStatus(const std::string& name) {
+bool ShareTaskStatus::CleanShareStatus(const std::string& name) try {
   if (name.empty()) {
     ZLOG_INVALID_ARG("!shareName.empty()");
     return false;
@@ -52,14 +62,18 @@ bool ShareTaskStatus::CleanShareStatus(const std::string& name) {
     ZLOG(LOG_ERR, "Failed to unlink file (%s) err:(%s) ", path.c_str(), strerror(errno));
   }
   return true;
+} catch (const std::exception&) {
+  return false;
 }
 
-bool ShareTaskStatus::CheckShareStatusFile(const std::string& name) {
+bool ShareTaskStatus::CheckShareStatusFile(const std::string& name) try {
   if (name.empty()) {
     ZLOG_INVALID_ARG("!shareName.empty()");
     return false;
   }
   return PLATCFileExist(ShareStatusPath(name).c_str()) == 1;
+} catch (const std::exception&) {
+  return false;
 }
 
 }  // namespace ZorvBtrfsUsage

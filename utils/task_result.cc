@@ -1,4 +1,5 @@
-// The result vectors of a task: names, directories, locks, bytes, removal.
+// The result vectors of a task: names, directories, locks, bytes, removal. An operation that runs
+// out of memory fails and throws nothing.
 #include "zorvbtrfssnapusage/task_result.h"
 
 #include <stdint.h>
@@ -86,16 +87,22 @@ void GetElements(std::istream& in, uint64_t count, std::vector<T>& values) {
 
 }  // namespace
 
-std::string TaskResult::GetFileBasePath(const std::string& taskID) {
+std::string TaskResult::GetFileBasePath(const std::string& taskID) try {
   return PathIn(kTaskResultDir, taskID);
+} catch (const std::exception&) {
+  return std::string();
 }
 
-std::string TaskResult::GetFileLockBasePath(const std::string& taskID) {
+std::string TaskResult::GetFileLockBasePath(const std::string& taskID) try {
   return PathIn(kTaskResultLockDir, taskID);
+} catch (const std::exception&) {
+  return std::string();
 }
 
-bool TaskResult::InitWorkingDir() {
+bool TaskResult::InitWorkingDir() try {
   return EnsureDirs(ZLOG_HERE, {kRunDir, kLockDir, kTaskResultLockDir, kTaskResultDir});
+} catch (const std::exception&) {
+  return false;
 }
 
 bool TaskResult::LockFile(const std::string& fileLockPath, bool exclusive, int& fd) {
@@ -117,13 +124,13 @@ bool TaskResult::UnlockFile(int& fd) {
 
 template <typename T>
 int TaskResult::WriteResultVtr(const TASK_RESULT_OPT& opt, const std::string& taskID,
-                               const std::vector<T>& values) {
+                               const std::vector<T>& values) try {
   if (taskID.empty()) {
     ZLOG_INVALID_ARG("!taskID.empty()");
     return RESULT_INVALID_ARGUMENT;
   }
-  const std::string path = PathOfKind(GetFileBasePath(taskID), opt);
-  const std::string lockPath = PathOfKind(GetFileLockBasePath(taskID), opt);
+  const std::string path = PathOfKind(PathIn(kTaskResultDir, taskID), opt);
+  const std::string lockPath = PathOfKind(PathIn(kTaskResultLockDir, taskID), opt);
 
   if (!InitWorkingDir()) {
     ZLOG(LOG_ERR, "Failed to check or make working path of task result[0x%04X %s:%d]", PLAT_ERR);
@@ -140,27 +147,31 @@ int TaskResult::WriteResultVtr(const TASK_RESULT_OPT& opt, const std::string& ta
     return RESULT_FAILURE;
   }
   return RESULT_OK;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
 template <typename T>
 int TaskResult::GetResultVtr(const TASK_RESULT_OPT& opt, const std::string& taskID,
-                             std::vector<T>& values) {
+                             std::vector<T>& values) try {
   if (taskID.empty()) {
     ZLOG_INVALID_ARG("!taskID.empty()");
     return RESULT_INVALID_ARGUMENT;
   }
   // No lock: results are read only when the task's state says that they are complete.
-  const std::string path = PathOfKind(GetFileBasePath(taskID), opt);
+  const std::string path = PathOfKind(PathIn(kTaskResultDir, taskID), opt);
   if (ReadVtr(path, values) != RESULT_OK) {
     ZLOG_TASK(LOG_ERR, taskID, "Failed to read task result to file: %s, resultOpt: %d",
               path.c_str(), static_cast<int>(opt));
     return RESULT_FAILURE;
   }
   return RESULT_OK;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
 template <typename T>
-int TaskResult::WriteVtr(const std::string& filePath, const std::vector<T>& values) {
+int TaskResult::WriteVtr(const std::string& filePath, const std::vector<T>& values) try {
   if (filePath.empty()) {
     ZLOG_INVALID_ARG("!filePath.empty()");
     return RESULT_INVALID_ARGUMENT;
@@ -179,10 +190,12 @@ int TaskResult::WriteVtr(const std::string& filePath, const std::vector<T>& valu
     return RESULT_FAILURE;
   }
   return RESULT_OK;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
 template <typename T>
-int TaskResult::ReadVtr(const std::string& filePath, std::vector<T>& values) {
+int TaskResult::ReadVtr(const std::string& filePath, std::vector<T>& values) try {
   if (filePath.empty()) {
     ZLOG_INVALID_ARG("!filePath.empty()");
     return RESULT_INVALID_ARGUMENT;
@@ -203,9 +216,11 @@ int TaskResult::ReadVtr(const std::string& filePath, std::vector<T>& values) {
     return RESULT_FAILURE;
   }
   return RESULT_OK;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
-bool TaskResult::CleanFile(const std::string& taskID) {
+bool TaskResult::CleanFile(const std::string& taskID) try {
   SzList files = MakeSzList();
   if (!files) {
     ZLOG(LOG_ERR, "PLATCSzListAlloc failed. [0x%04X %s:%d]", PLAT_ERR);
@@ -224,6 +239,8 @@ bool TaskResult::CleanFile(const std::string& taskID) {
     return false;
   }
   return true;
+} catch (const std::exception&) {
+  return false;
 }
 
 template int TaskResult::WriteResultVtr<unsigned long long>(const TASK_RESULT_OPT&,

@@ -1,12 +1,14 @@
 // The vocabulary of status files, and the status file of one task: each operation locks, reads,
-// changes, writes and unlocks it by itself.
+// changes, writes and unlocks it by itself. One that runs out of memory fails and throws nothing.
 #include "zorvbtrfssnapusage/task_status.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <exception>
 #include <utility>
 
 #include "base/ensure_dirs.h"
@@ -100,22 +102,35 @@ TaskStatus::~TaskStatus() = default;
 
 bool TaskStatus::Valid() const { return !statusFilePath.empty(); }
 
-std::string TaskStatus::GetFilePath(const std::string& id) { return TaskStatusPath(id); }
-
-std::string TaskStatus::GetFileLockPath(const std::string& id) { return TaskStatusLock(id); }
-
-bool TaskStatus::CheckFile(const std::string& id) {
-  return PLATCFileExist(GetFilePath(id).c_str()) == 1;
+std::string TaskStatus::GetFilePath(const std::string& id) try {
+  return TaskStatusPath(id);
+} catch (const std::exception&) {
+  return std::string();
 }
 
-bool TaskStatus::CleanFile(const std::string& id) {
+std::string TaskStatus::GetFileLockPath(const std::string& id) try {
+  return TaskStatusLock(id);
+} catch (const std::exception&) {
+  return std::string();
+}
+
+bool TaskStatus::CheckFile(const std::string& id) {
+  // Takes no memory: a task must not look gone for want of it. What does not fit is no path.
+  char path[PATH_MAX];
+  const int length = snprintf(path, sizeof path, "%s/%s", kTaskStatusDir, id.c_str());
+  return length > 0 && static_cast<size_t>(length) < sizeof path && PLATCFileExist(path) == 1;
+}
+
+bool TaskStatus::CleanFile(const std::string& id) try {
   // Kept: without a status file its lock file is left alone, somebody may be about to use it.
   if (!CheckFile(id)) return true;
 
-  for (const std::string& path : {GetFilePath(id), GetFileLockPath(id)}) {
+  for (const std::string& path : {TaskStatusPath(id), TaskStatusLock(id)}) {
     if (unlink(path.c_str()) == 0 || errno == ENOENT) continue;
     ZLOG_TASK(LOG_ERR, id, "Failed to unlink file (%s) err:(%s) ", path.c_str(), strerror(errno));
   }
+  return true;
+} catch (const std::exception&) {
   return true;
 }
 
@@ -127,20 +142,26 @@ int TaskStatus::CnvAttrsStrToEnumIdx(const std::string& attr, TASKSTATUS_ATTR& o
   return EnumOf(_task_status_attr_str, attr, out);
 }
 
-bool TaskStatus::Init(const std::string& id, bool create) {
+bool TaskStatus::Init(const std::string& id, bool create) try {
   // Kept: also with `create` nothing is tested or written. After an Import the ID is the other
   // task's while the paths are still this object's: Init with that ID returns here too.
   if (Valid() && id == taskID) return true;
   if (id.empty()) return false;
   if (!EnsureDirs(ZLOG_HERE, {kRunDir, kLockDir, kTaskStatusDir, kTaskStatusLockDir})) return false;
 
-  taskID = id;
-  statusFilePath = GetFilePath(id);
-  lockFilePath = GetFileLockPath(id);
+  std::string newID = id;
+  std::string newStatusPath = TaskStatusPath(id);
+  std::string newLockPath = TaskStatusLock(id);
+  // From here nothing fails: the object is bound to one task, never to parts of two.
+  taskID = std::move(newID);
+  statusFilePath = std::move(newStatusPath);
+  lockFilePath = std::move(newLockPath);
 
   if (!create || CheckAttrExist(TASKSTATUS_ATTR_STATUS)) return true;
   if (SetCalculatorStatus(CAL_TASK_STATUS_READY) == RESULT_OK) return true;
   ZLOG_TASK(LOG_ERR, id, "Failed to initialize status of TaskStatus");
+  return false;
+} catch (const std::exception&) {
   return false;
 }
 
@@ -162,7 +183,7 @@ bool TaskStatus::UnlockFile() {
   return true;
 }
 
-int TaskStatus::GetJsonVal(Json::Value& out) {
+int TaskStatus::GetJsonVal(Json::Value& out) try {
   if (!Valid()) {
     ZLOG_TASK(LOG_ERR, taskID, "Invalid object[0x%04X %s:%d]", PLAT_ERR);
     return RESULT_INVALID_OBJECT;
@@ -177,9 +198,11 @@ int TaskStatus::GetJsonVal(Json::Value& out) {
   if (!CanHoldMembers(document)) return RESULT_FAILURE;
   out = std::move(document);
   return RESULT_OK;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
-int TaskStatus::SetStatusAttr(const TASKSTATUS_ATTR& attr, const std::string& value) {
+int TaskStatus::SetStatusAttr(const TASKSTATUS_ATTR& attr, const std::string& value) try {
   const std::string& key = TextOf(_task_status_attr_str, attr);
   if (!Valid()) {
     ZLOG_TASK(LOG_ERR, taskID, "Invalid object");
@@ -199,6 +222,8 @@ int TaskStatus::SetStatusAttr(const TASKSTATUS_ATTR& attr, const std::string& va
   }
   document[key] = value;
   return Utils::SetJsonAttrByPath(statusFilePath.c_str(), document) ? RESULT_OK : RESULT_FAILURE;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
 int TaskStatus::SetStatusIntAttr(const TASKSTATUS_ATTR& attr, const int& value) {
@@ -214,7 +239,7 @@ int TaskStatus::SetStatusNowTimeAttr(const TASKSTATUS_ATTR& attr) {
   return SetStatusAttr(attr, now) == RESULT_OK ? RESULT_OK : RESULT_FAILURE;
 }
 
-int TaskStatus::GetStatusAttr(const TASKSTATUS_ATTR& attr, std::string& out) {
+int TaskStatus::GetStatusAttr(const TASKSTATUS_ATTR& attr, std::string& out) try {
   const std::string& key = TextOf(_task_status_attr_str, attr);
   if (!Valid()) {
     ZLOG_TASK(LOG_ERR, taskID, "Invalid object");
@@ -231,6 +256,8 @@ int TaskStatus::GetStatusAttr(const TASKSTATUS_ATTR& attr, std::string& out) {
   const Json::Value* member = JsonMember(document, key);
   if (member != nullptr && JsonText(*member, out)) return RESULT_OK;
   ZLOG_TASK(LOG_DEBUG, taskID, "Do not have member (%s)", key.c_str());
+  return RESULT_FAILURE;
+} catch (const std::exception&) {
   return RESULT_FAILURE;
 }
 
@@ -252,13 +279,15 @@ int TaskStatus::GetStatusTimeAttr(const TASKSTATUS_ATTR& attr, time_t& out) {
   return Utils::TimeStringToTime_T(text, out) ? RESULT_OK : RESULT_FAILURE;
 }
 
-bool TaskStatus::CheckAttrExist(const TASKSTATUS_ATTR& attr) {
+bool TaskStatus::CheckAttrExist(const TASKSTATUS_ATTR& attr) try {
   const std::string& key = TextOf(_task_status_attr_str, attr);
   // Kept: no test of the object's validity; an object bound to nothing has no member, and the
   // failed lock says why.
   TaskFileLock lock(*this);
   if (!lock.TakeShared()) ZLOG_TASK(LOG_ERR, taskID, "lock failed");
   return JsonMember(Utils::GetJsonAttrByPath(statusFilePath.c_str()), key) != nullptr;
+} catch (const std::exception&) {
+  return false;
 }
 
 int TaskStatus::GetCalculatorStatus(CAL_TASK_STATUS& out) {
@@ -285,14 +314,16 @@ int TaskStatus::GetCalculatorStatus(CAL_TASK_STATUS& out, int& errorCode) {
   return RESULT_FAILURE;
 }
 
-int TaskStatus::SetCalculatorStatus(const CAL_TASK_STATUS& status) {
+int TaskStatus::SetCalculatorStatus(const CAL_TASK_STATUS& status) try {
   const std::string& word = TextOf(_cal_task_status_str, status);
   if (SetStatusAttr(TASKSTATUS_ATTR_STATUS, word) == RESULT_OK) return RESULT_OK;
   ZLOG_TASK(LOG_ERR, taskID, "Failed to initialize status of TaskStatus");
   return RESULT_FAILURE;
+} catch (const std::exception&) {
+  return RESULT_FAILURE;
 }
 
-bool TaskStatus::Import(TaskStatus& other) {
+bool TaskStatus::Import(TaskStatus& other) try {
   // Kept: the ID alone, for log lines; the paths stay this object's.
   taskID = other.taskID;
 
@@ -318,6 +349,8 @@ bool TaskStatus::Import(TaskStatus& other) {
   if (isObject && Utils::SetJsonAttrByPath(statusFilePath.c_str(), target)) return true;
   ZLOG_TASK(LOG_ERR, taskID, "Failed to write task attr. to file [%s][0x%04X %s:%d]",
             statusFilePath.c_str(), PLAT_ERR);
+  return false;
+} catch (const std::exception&) {
   return false;
 }
 
