@@ -221,7 +221,8 @@ MUTATIONS = [
              "  if (name == shareName) return true;\n  if (!EnsureDirs(ZLOG_HERE,\n",
              "ShareTaskStatusInit.*"),
     Mutation("share-init-sets-a-task-id", SHARE_STATUS,
-             "  shareName = name;\n", "  taskID = shareName = name;\n",
+             "  shareName = std::move(newName);\n",
+             "  taskID = newName;\n  shareName = std::move(newName);\n",
              "ShareTaskStatusInit.*"),
 
     # ---- utils/task_result ------------------------------------------------------------------------
@@ -235,7 +236,7 @@ MUTATIONS = [
              "  out.flush();  // or what a full disk refuses would be noticed by nobody\n", "",
              "TaskResultWriteVtr.*"),
     Mutation("an-unknown-kind-has-a-path", RESULT,
-             "  return std::string();\n", "  return base;\n",
+             "  }\n  return std::string();\n", "  }\n  return base;\n",
              "TaskResultWriteResultVtr.*"),
 
     # ---- snap_calculator/snap_usage_cal -----------------------------------------------------------
