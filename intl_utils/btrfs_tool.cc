@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
-#include <exception>
 #include <memory>
 
 #include "base/log.h"
@@ -316,7 +315,7 @@ int BtrfsTool::CmdExc(const _tag_ZORV_BTRFS_USAGE_CAL_TASK& task, std::string ta
   if (StopAsked()) return RESULT_STOPPED;
   try {
     return RunCommand(argv.get(), taskID, pCmdFpParser, task.fpProgressUpdate, errMsg, btrfsCmd);
-  } catch (const std::exception&) {  // no memory for the command line, or the parser threw
+  } catch (...) {  // no memory for the command line, or the parser threw, whatever that is
     PLAT_ERR_SET(0x2A00);
     return RESULT_FAILURE;
   }

@@ -23,12 +23,12 @@ namespace {
 constexpr char kLogUnit[] = "snap_calculator/snap_usage_cal";
 
 // Tells the caller's callback that the status file has news. It is a guest: whatever it says, or
-// throws, the calculation goes on.
+// throws (anything, not only what the standard library knows), the calculation goes on.
 void ReportProgress(PROGRESS_UPDATE_FUNCTION fpProgressUpdate, TaskStatus& taskStatus) {
   if (fpProgressUpdate == nullptr) return;
   try {
     if (fpProgressUpdate(taskStatus, nullptr) == PROGRESS_UPDATE_OK) return;
-  } catch (const std::exception&) {
+  } catch (...) {
   }
   ZLOG(LOG_ERR, "Failed to execute progress updating call-back function");
 }
@@ -38,7 +38,7 @@ bool RunPostAction(POST_CAL_ACTION_FUNCTION fpPostCalAction, TaskStatus& taskSta
   if (fpPostCalAction == nullptr) return true;
   try {
     return fpPostCalAction(taskStatus, nullptr) == 0;
-  } catch (const std::exception&) {
+  } catch (...) {
     return false;
   }
 }
@@ -173,7 +173,7 @@ int SnapUsageCalculator::Start(_tag_ZORV_BTRFS_USAGE_CAL_TASK* opt_task, PLATSZL
                 PLAT_ERR);
       ret = RESULT_POST_ACTION_FAILED;
     }
-  } catch (const std::exception&) {  // no memory
+  } catch (...) {  // whatever it is, it must not come out in the caller's code
     ret = RESULT_FAILURE;
   }
   exit(ret);

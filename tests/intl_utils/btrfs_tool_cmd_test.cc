@@ -55,6 +55,10 @@ _tag_fp_parse_function_ret Throw(std::string, FILE*, std::string&, PROGRESS_UPDA
   throw std::runtime_error("parser");
 }
 
+_tag_fp_parse_function_ret ThrowNumber(std::string, FILE*, std::string&, PROGRESS_UPDATE_FUNCTION) {
+  throw 7;
+}
+
 _tag_progress_update_function_ret Progress(TaskStatus&, void*) { return PROGRESS_UPDATE_OK; }
 
 class CmdWorld : public CalcWorld {
@@ -249,10 +253,14 @@ TEST_F(BtrfsToolCmdExc, UnknownVerdictOfTheParserIsOne) {
 
 TEST_F(BtrfsToolCmdExc, ParserThatThrowsIsOneAndThePipeIsClosed) {
   RecordArguments();
-  PlatformHook<decltype(PLATCPclose)> close("PLATCPclose");
-  EXPECT_EQ(1, Exec({"256"}, &Throw));
-  EXPECT_EQ(0x2A00u, PLATCErrGet());
-  EXPECT_EQ(1, close.Calls());
+  for (const auto parserThatThrows : {&Throw, &ThrowNumber}) {
+    SCOPED_TRACE(parserThatThrows == &Throw ? "an exception" : "a number");
+    PlatformHook<decltype(PLATCPclose)> close("PLATCPclose");
+    PLATCErrSetEx(0, "", 0);
+    EXPECT_EQ(1, Exec({"256"}, parserThatThrows));
+    EXPECT_EQ(0x2A00u, PLATCErrGet());
+    EXPECT_EQ(1, close.Calls());
+  }
 }
 
 TEST_F(BtrfsToolCmdExc, CommandThatIsNotReadToItsEndIsNotWaitedForInVain) {

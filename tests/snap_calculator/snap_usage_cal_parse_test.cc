@@ -55,6 +55,8 @@ _tag_progress_update_function_ret ThrowingProgress(TaskStatus&, void*) {
   throw std::runtime_error("progress");
 }
 
+_tag_progress_update_function_ret NumberThrowingProgress(TaskStatus&, void*) { throw 7; }
+
 class ParseWorld : public CalcWorld {
  protected:
   ParseWorld() {
@@ -268,10 +270,14 @@ TEST_F(SnapUsageCalculatorParseCmdFp, FailedCallbackIsLoggedAndIgnored) {
 }
 
 TEST_F(SnapUsageCalculatorParseCmdFp, CallbackThatThrowsHasFailed) {
-  EXPECT_EQ(FP_PARSE_OK, Parse("processed 1 bytes\n", &ThrowingProgress));
-  EXPECT_EQ(
-      1, log_.CountExact(LOG_ERR, kUnit, "Failed to execute progress updating call-back function"))
-      << log_.Dump();
+  for (const auto callback : {&ThrowingProgress, &NumberThrowingProgress}) {
+    SCOPED_TRACE(callback == &ThrowingProgress ? "an exception" : "a number");
+    log_.Clear();
+    EXPECT_EQ(FP_PARSE_OK, Parse("processed 1 bytes\n", callback));
+    EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit,
+                                 "Failed to execute progress updating call-back function"))
+        << log_.Dump();
+  }
 }
 
 TEST_F(SnapUsageCalculatorParseCmdFp, FailedStatusWriteEndsTheRunSilently) {

@@ -32,6 +32,7 @@ int PostAction(TaskStatus& status, void* data) {
 }
 
 int ThrowingPostAction(TaskStatus&, void*) { throw std::runtime_error("action"); }
+int NumberThrowingPostAction(TaskStatus&, void*) { throw 7; }
 
 class TaskWorld : public CalcWorld {
  protected:
@@ -336,9 +337,12 @@ TEST_F(SnapUsageCalculatorPostCalAction, FailureOfAnObjectWithoutTaskIsLoggedWit
 TEST_F(SnapUsageCalculatorPostCalAction, ActionThatThrowsHasFailed) {
   SnapUsageCalculator calc;
   TaskWithResults(calc, "t1");
-  task_.fpPostCalAction = &ThrowingPostAction;
-  EXPECT_EQ(1, calc.PostCalAction(&task_));
-  ExpectFiles("t1", true);
+  for (const auto action : {&ThrowingPostAction, &NumberThrowingPostAction}) {
+    SCOPED_TRACE(action == &ThrowingPostAction ? "an exception" : "a number");
+    task_.fpPostCalAction = action;
+    EXPECT_EQ(1, calc.PostCalAction(&task_));
+    ExpectFiles("t1", true);
+  }
 }
 
 TEST_F(SnapUsageCalculatorPostCalAction, NullRecordIsAnInvalidArgument) {
