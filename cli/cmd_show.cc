@@ -10,6 +10,7 @@
 #include "cli/failure.h"
 #include "cli/launch.h"
 #include "cli/options.h"
+#include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/watch.h"
 
@@ -47,7 +48,9 @@ std::optional<Calculation> LatestCalculation(const std::string& share) {
       fmt::format("calculate it with: zorv-snapusage run {}", ShellWord(share)));
 }
 
-void Note(const std::string& text) { fmt::print(stderr, "zorv-snapusage: note: {}\n", text); }
+void Note(const std::string& text) {
+  ToStandardError(fmt::format("zorv-snapusage: note: {}\n", text));
+}
 
 void PrintNotes(const Report& report, const std::optional<Calculation>& latest) {
   if (latest && latest->taskID != report.taskID)

@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/failure.h"
+#include "cli/standard_streams.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -15,7 +16,9 @@ namespace {
 
 constexpr char kName[] = "zorv-snapusage";
 
-void PrintFailure(const std::string& text) { fmt::print(stderr, "{}: {}\n", kName, text); }
+void PrintFailure(const std::string& text) {
+  ToStandardError(fmt::format("{}: {}\n", kName, text));
+}
 
 void AddCommands(CLI::App& program, Action& action) {
   program.set_version_flag("--version", fmt::format("{} {}", kName, ZORV_VERSION),
@@ -58,6 +61,7 @@ std::string Complaint(const CLI::App& program, const CLI::ParseError& error) {
 }
 
 int Main(int argc, char** argv) {
+  if (!HoldStandardStreams()) return kSystemFailure;
   openlog(kName, LOG_PID, LOG_USER);
   CLI::App program("How much space the snapshots of a share take: the bytes that each holds alone.",
                    kName);
@@ -67,7 +71,7 @@ int Main(int argc, char** argv) {
     program.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     // Help and version are ends of this kind as well.
-    if (error.get_exit_code() == 0) return program.exit(error);
+    if (error.get_exit_code() == 0) return FlushOutput(program.exit(error));
     PrintFailure(fmt::format("{}; see zorv-snapusage --help", Complaint(program, error)));
     return kWrongUsage;
   }
@@ -81,7 +85,7 @@ int main(int argc, char** argv) {
   try {
     return ZorvSnapUsage::Main(argc, argv);
   } catch (const std::exception& error) {
-    fmt::print(stderr, "zorv-snapusage: {}\n", error.what());
+    ZorvSnapUsage::ToStandardError(fmt::format("zorv-snapusage: {}\n", error.what()));
     return ZorvSnapUsage::kSystemFailure;
   }
 }

@@ -1,7 +1,6 @@
 #include "cli/progress.h"
 
 #include <fmt/format.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -9,6 +8,7 @@
 
 #include <utility>
 
+#include "cli/standard_streams.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -43,24 +43,22 @@ void Progress::Show(const Calculation& calculation) {
     // A line as wide as the terminal would wrap. The cursor goes back to its beginning, so that
     // what the calculation itself says there does not stand behind it.
     const std::string line = CutToColumns(Line(calculation), TerminalColumns() - 1);
-    fmt::print(stderr, "\r\033[K{}\r", line);
-    fflush(stderr);
+    ToStandardError(fmt::format("\r\033[K{}\r", line));
     drawn_ = true;
   } else if (calculation.pid && steady_clock::now() >= nextLine_) {
-    fmt::print(stderr, "{}\n", Line(calculation));
+    ToStandardError(Line(calculation) + "\n");
     nextLine_ = steady_clock::now() + kLineInterval;
   }
 }
 
 void Progress::Say(const std::string& text) {
   Clear();
-  fmt::print(stderr, "zorv-snapusage: {}\n", text);
+  ToStandardError(fmt::format("zorv-snapusage: {}\n", text));
 }
 
 void Progress::Clear() {
   if (!drawn_) return;
-  fmt::print(stderr, "\r\033[K");
-  fflush(stderr);
+  ToStandardError("\r\033[K");
   drawn_ = false;
 }
 

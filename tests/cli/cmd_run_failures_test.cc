@@ -237,4 +237,56 @@ TEST_F(CmdRunFailures, FullDiskUnderTheOutput) {
             result.err);
 }
 
+TEST_F(CmdRunFailures, EmptyTimeIsNotNoTime) {
+  for (const char* option : {"--since", "--until"})
+    for (const char* command : {"run", "start"}) {
+      SCOPED_TRACE(std::string(command) + option);
+      const CommandResult result = Tool({command, "photos", option, ""});
+      EXPECT_EQ(2, result.status) << "a variable that is empty by mistake measures not everything";
+      EXPECT_THAT(result.err, HasSubstr("a time is expected"));
+      EXPECT_EQ("", result.out);
+    }
+}
+
+TEST_F(CmdRunFailures, NothingSinceATimeToCome) {
+  ExpectFailure(Tool({"run", "photos", "--since", "2198-12-31"}), 9,
+                "share 'photos' has no snapshots from 2198-12-31 00:00:00 on; widen the range; "
+                "snapshots whose names carry no time are in none");
+}
+
+TEST_F(CmdRunFailures, FullDiskUnderTheHelp) {
+  for (const char* option : {"--help", "--version"}) {
+    SCOPED_TRACE(option);
+    const CommandResult result =
+        ZorvTest::Run({"bash", "-c", std::string(ZORV_CLI_PATH) + " " + option + " > /dev/full"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ("zorv-snapusage: the output could not be written; see to the space on its disk\n",
+              result.err);
+  }
+}
+
+TEST_F(CmdRunFailures, StandardErrorThatTakesNothingChangesNoStatus) {
+  for (const char* redirect : {"2> /dev/full", "2>&-"}) {
+    SCOPED_TRACE(redirect);
+    const std::string tool = std::string(ZORV_CLI_PATH) + " ";
+    const CommandResult result = ZorvTest::Run({"bash", "-c", tool + "run photos " + redirect});
+    EXPECT_EQ(0, result.status);
+    EXPECT_THAT(result.out, HasSubstr("by hand\n"));
+    EXPECT_EQ(5, ZorvTest::Run({"bash", "-c", tool + "run nope " + redirect}).status);
+    EXPECT_EQ(2, ZorvTest::Run({"bash", "-c", tool + "bogus " + redirect}).status);
+    EXPECT_EQ(0, ZorvTest::Run({"bash", "-c", tool + "show photos " + redirect}).status);
+  }
+}
+
+TEST_F(CmdRunFailures, ClosedStandardStreamsAreTakenByNoFile) {
+  const std::string tool = std::string(ZORV_CLI_PATH) + " ";
+  EXPECT_EQ(1, ZorvTest::Run({"bash", "-c", tool + "run photos <&- >&- 2>&-"}).status)
+      << "the result cannot be written";
+  EXPECT_EQ("", ZorvTest::Run({"grep", "-rlE", "exclusive so far|could not be written", "/run",
+                               "/usr/local/zorvbtrfssnapusage"})
+                    .out);
+  EXPECT_EQ("done", ParseJson(ReadFile(kStatusOfPhotos))["status"].asString());
+  EXPECT_THAT(MustRun(Argv({"show", "photos"})), HasSubstr("by hand\n"));
+}
+
 }  // namespace

@@ -35,6 +35,13 @@ TEST_F(CmdStart, CallerThatIgnoresItsChildren) {
   EXPECT_THAT(MustRun({"bash", "-c", tool + " run photos"}), HasSubstr("by hand\n"));
 }
 
+TEST_F(CmdStart, CallerWithoutStandardStreams) {
+  const std::string start = std::string(ZORV_CLI_PATH) + " start photos <&- >&- 2>&-";
+  EXPECT_EQ(1, ZorvTest::Run({"bash", "-c", start}).status) << "what it says cannot be written";
+  ASSERT_TRUE(Settled());
+  EXPECT_EQ(3u, Shown()["snapshots"].size());
+}
+
 TEST_F(CmdStart, TakesTheSameSelectionAsRun) {
   EXPECT_EQ("started the calculation of 1 snapshots of share 'photos'\n",
             MustRun(Argv({"start", "photos", "--until", "2024-03-01"})));
