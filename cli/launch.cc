@@ -21,6 +21,10 @@ namespace {
 
 using namespace ZorvBtrfsUsage;
 
+// The last second that four digits of a year reach, in every zone. An end that is not named is not
+// now: names may carry the time of a clock that is ahead.
+constexpr time_t kEndOfTime = 253402214400;
+
 struct TimeRange {
   time_t start;
   time_t end;
@@ -41,11 +45,16 @@ std::optional<TimeRange> RangeOf(const Selection& selection) {
                   "leave one of them out");
   const TimeRange range = {
       selection.since.empty() ? 0 : RequireTime(selection.since, TimeBound::kFirstSecond),
-      selection.until.empty() ? time(nullptr)
-                              : RequireTime(selection.until, TimeBound::kLastSecond)};
+      selection.until.empty() ? kEndOfTime : RequireTime(selection.until, TimeBound::kLastSecond)};
   if (range.end < range.start)
     throw Failure(kWrongUsage, "the range ends before it begins", "exchange --since and --until");
   return range;
+}
+
+std::string RangeText(const TimeRange& range) {
+  const std::string end =
+      range.end == kEndOfTime ? "on" : fmt::format("to {}", TimeForPeople(range.end));
+  return fmt::format("from {} {}", TimeForPeople(range.start), end);
 }
 
 std::vector<Snapshot> Within(const std::vector<Snapshot>& snapshots, const TimeRange& range) {
@@ -79,10 +88,10 @@ std::vector<Snapshot> Selected(const Selection& selection, const std::optional<T
   if (!range) return all;
   std::vector<Snapshot> selected = Within(all, *range);
   if (!selected.empty()) return selected;
-  throw Failure(kNoSnapshots,
-                fmt::format("share {} has no snapshots from {} to {}", Quoted(selection.share),
-                            TimeForPeople(range->start), TimeForPeople(range->end)),
-                "widen the range; snapshots whose names carry no time are in none");
+  throw Failure(
+      kNoSnapshots,
+      fmt::format("share {} has no snapshots {}", Quoted(selection.share), RangeText(*range)),
+      "widen the range; snapshots whose names carry no time are in none");
 }
 
 // The library keeps names in JSON, which can carry no other bytes.

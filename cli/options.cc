@@ -3,6 +3,14 @@
 #include <CLI/CLI.hpp>
 
 namespace ZorvSnapUsage {
+namespace {
+
+// A text that is empty, by a variable that was never set for one, would be taken for no option.
+std::string RefuseEmptyTime(const std::string& text) {
+  return text.empty() ? "a time is expected" : "";
+}
+
+}  // namespace
 
 void AddShareArgument(CLI::App& command, std::string& share) {
   command.add_option("SHARE", share, "Name of the share")->required();
@@ -12,12 +20,14 @@ void AddSelection(CLI::App& command, Selection& selection) {
   AddShareArgument(command, selection.share);
   command.add_option("SNAPSHOT", selection.names, "Names of snapshots (default: all of the share)");
   command.add_option("--since", selection.since, "Only snapshots of this time or later")
-      ->type_name("TIME");
+      ->type_name("TIME")
+      ->check(RefuseEmptyTime);
   command
       .add_option("--until", selection.until,
                   "Only snapshots of this time or earlier; without seconds the whole minute, "
                   "without a time the whole day")
-      ->type_name("TIME");
+      ->type_name("TIME")
+      ->check(RefuseEmptyTime);
 }
 
 void AddReportFormat(CLI::App& command, ReportFormat& format) {

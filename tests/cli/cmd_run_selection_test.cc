@@ -53,6 +53,13 @@ TEST_F(CmdRunSelection, RangesIncludeBothEnds) {
   }
 }
 
+TEST_F(CmdRunSelection, SinceAloneTakesSnapshotsOfALaterTimeThanNow) {
+  // The clock that named it was ahead of this one.
+  volume_->Snapshot("photos", "photos/.snapshots/GMT-2199.01.01-00.00.00");
+  EXPECT_EQ((Names{"GMT-2199.01.01-00.00.00"}), Measured({"--since", "2198-12-31"}));
+  EXPECT_EQ((Names{kSecond, "GMT-2199.01.01-00.00.00"}), Measured({"--since", "2024-03-02"}));
+}
+
 TEST_F(CmdRunSelection, RangeIsRecordedForTheShare) {
   Measured({"--since", "2024-03-01", "--until", "2024-03-02"});
   const Json::Value status = ParseJson(ReadFile(kStatusOfPhotos));
