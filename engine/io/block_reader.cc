@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <numeric>
 
 #include "engine/ondisk/checksum.h"
 
@@ -47,10 +48,34 @@ Status BlockReader::Read(const BlockPointer& pointer, TreeBlockPtr* out) {
 Status BlockReader::ReadMany(std::vector<BlockPointer> pointers, const Visitor& visit) {
   std::sort(pointers.begin(), pointers.end(),
             [](const BlockPointer& a, const BlockPointer& b) { return a.bytenr < b.bytenr; });
+  return ReadSorted(pointers, [&](size_t, const TreeBlockPtr& block) {
+    Keep(block);
+    return visit(*block->view);
+  });
+}
+
+Status BlockReader::ReadAll(const std::vector<BlockPointer>& pointers,
+                            std::vector<TreeBlockPtr>* out) {
+  std::vector<size_t> order(pointers.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  std::sort(order.begin(), order.end(),
+            [&](size_t a, size_t b) { return pointers[a].bytenr < pointers[b].bytenr; });
+  std::vector<BlockPointer> sorted;
+  for (const size_t at : order) sorted.push_back(pointers[at]);
+
+  out->assign(pointers.size(), nullptr);
+  return ReadSorted(sorted, [&](size_t index, const TreeBlockPtr& block) {
+    (*out)[order[index]] = block;
+    return Status();
+  });
+}
+
+Status BlockReader::ReadSorted(const std::vector<BlockPointer>& pointers,
+                               const IndexedVisitor& visit) {
   meter_.Plan(pointers.size() * uint64_t{format_.nodeSize});
   for (size_t at = 0; at < pointers.size();) {
     const size_t count = RunLength(pointers, at);
-    ENGINE_TRY(ReadRun(&pointers[at], count, visit));
+    ENGINE_TRY(ReadRun(pointers, at, count, visit));
     meter_.Done(count * uint64_t{format_.nodeSize});
     at += count;
   }
@@ -67,29 +92,29 @@ size_t BlockReader::RunLength(const std::vector<BlockPointer>& pointers, size_t 
   return count;
 }
 
-// Reads blocks that lie side by side: those of the cache from there, the others with one request
-// when that works, one by one (with all their copies) when it does not.
-Status BlockReader::ReadRun(const BlockPointer* pointers, size_t count, const Visitor& visit) {
+// Reads `count` blocks from `first` on, which lie side by side: those of the cache from there, the
+// others with one request when that works, one by one (with all their copies) when it does not.
+Status BlockReader::ReadRun(const std::vector<BlockPointer>& pointers, size_t first, size_t count,
+                            const IndexedVisitor& visit) {
   std::vector<TreeBlockPtr> blocks(count);
   bool complete = true;
   for (size_t i = 0; i < count; ++i) {
-    blocks[i] = FindCached(pointers[i]);
+    blocks[i] = FindCached(pointers[first + i]);
     complete = complete && blocks[i] != nullptr;
   }
 
   const size_t size = count * format_.nodeSize;
   if (!complete && buffer_ != nullptr) {
-    const std::vector<uint64_t> places = chunks_.Find(pointers[0].bytenr, size);
+    const std::vector<uint64_t> places = chunks_.Find(pointers[first].bytenr, size);
     if (!places.empty() && source_.ReadAt(places[0], buffer_.get(), size).Ok())
       for (size_t i = 0; i < count; ++i)
         if (blocks[i] == nullptr)
-          (void)Verify(pointers[i], buffer_.get() + i * format_.nodeSize, &blocks[i]);
+          (void)Verify(pointers[first + i], buffer_.get() + i * format_.nodeSize, &blocks[i]);
   }
 
   for (size_t i = 0; i < count; ++i) {
-    if (blocks[i] == nullptr) ENGINE_TRY(ReadUncached(pointers[i], &blocks[i]));
-    Keep(blocks[i]);
-    ENGINE_TRY(visit(*blocks[i]->view));
+    if (blocks[i] == nullptr) ENGINE_TRY(ReadUncached(pointers[first + i], &blocks[i]));
+    ENGINE_TRY(visit(first + i, blocks[i]));
   }
   return Status();
 }

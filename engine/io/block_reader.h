@@ -74,12 +74,20 @@ class BlockReader {
   using Visitor = std::function<Status(const TreeBlockView&)>;
   Status ReadMany(std::vector<BlockPointer> pointers, const Visitor& visit);
 
+  // Reads all blocks as ReadMany does, and gives them in the order of `pointers`.  They do not stay
+  // in the cache: who reads so many has no use for them twice.
+  Status ReadAll(const std::vector<BlockPointer>& pointers, std::vector<TreeBlockPtr>* out);
+
  private:
+  // Takes a block and the index of its pointer.
+  using IndexedVisitor = std::function<Status(size_t index, const TreeBlockPtr& block)>;
   using CacheList = std::list<TreeBlockPtr>;
 
   TreeBlockPtr FindCached(const BlockPointer& pointer);
   void Keep(const TreeBlockPtr& block);
-  Status ReadRun(const BlockPointer* pointers, size_t count, const Visitor& visit);
+  Status ReadSorted(const std::vector<BlockPointer>& pointers, const IndexedVisitor& visit);
+  Status ReadRun(const std::vector<BlockPointer>& pointers, size_t first, size_t count,
+                 const IndexedVisitor& visit);
   Status ReadUncached(const BlockPointer& pointer, TreeBlockPtr* out);
   size_t RunLength(const std::vector<BlockPointer>& pointers, size_t first) const;
   std::string Verify(const BlockPointer& pointer, const uint8_t* bytes, TreeBlockPtr* out) const;

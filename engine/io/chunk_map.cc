@@ -46,7 +46,7 @@ Status ChunkMap::Add(const Key& key, ByteView item) {
   if (length == 0 || length > UINT64_MAX - logical)
     return Corrupt(logical, "its length is impossible");
 
-  Chunk added{length, {}};
+  Chunk added{length, chunk->type.Get(), {}};
   for (uint16_t i = 0; i < stripeCount; ++i) {
     if (stripes[i].devid.Get() != devid_)
       return Status::Failed(
@@ -98,6 +98,18 @@ std::vector<uint64_t> ChunkMap::Find(uint64_t logical, uint64_t length) const {
   if (within >= chunk->second.length || length > chunk->second.length - within) return places;
   for (const uint64_t copy : chunk->second.copies) places.push_back(copy + within);
   return places;
+}
+
+std::vector<LogicalRange> ChunkMap::Ranges(uint64_t kind) const {
+  std::vector<LogicalRange> ranges;
+  for (const auto& [logical, chunk] : chunks_) {
+    if ((chunk.type & kind) == 0) continue;
+    if (!ranges.empty() && ranges.back().end == logical)
+      ranges.back().end += chunk.length;
+    else
+      ranges.push_back({logical, logical + chunk.length});
+  }
+  return ranges;
 }
 
 }  // namespace ZorvEngine

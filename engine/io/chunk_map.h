@@ -13,6 +13,12 @@
 
 namespace ZorvEngine {
 
+// Logical addresses from `begin` up to, not including, `end`.
+struct LogicalRange {
+  uint64_t begin;
+  uint64_t end;
+};
+
 // The chunks of a file system on one device, profiles single and dup.
 class ChunkMap {
  public:
@@ -30,9 +36,14 @@ class ChunkMap {
   // the range is not inside one chunk.
   std::vector<uint64_t> Find(uint64_t logical, uint64_t length) const;
 
+  // The ranges of all chunks whose type has the bit `kind`, such as kChunkData; sorted, neighbours
+  // joined.
+  std::vector<LogicalRange> Ranges(uint64_t kind) const;
+
  private:
   struct Chunk {
     uint64_t length;
+    uint64_t type;
     std::vector<uint64_t> copies;  // device address of each
   };
 

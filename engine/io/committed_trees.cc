@@ -57,6 +57,8 @@ Status CommittedTrees::LoadChunks(const Superblock& superblock) {
   if (devices != 1)
     return Status::Failed(
         "the file system has several devices; this engine reads file systems of one device");
+  metadataRanges_ = all.Ranges(kChunkMetadata);
+  dataRanges_ = all.Ranges(kChunkData);
   reader_.UseChunks(std::move(all));
   return Status();
 }
@@ -83,6 +85,14 @@ Status CommittedTrees::FindSubvolume(uint64_t id, Subvolume* out) {
   if (!found)
     return Status::Failed("there is no subvolume " + std::to_string(id) +
                           " on the file system; see btrfs subvolume list");
+  return Status();
+}
+
+Status CommittedTrees::FindAskedSubvolume(uint64_t id, Subvolume* out) {
+  ENGINE_TRY(FindSubvolume(id, out));
+  if (out->beingDeleted)
+    return Status::Failed("subvolume " + std::to_string(id) +
+                          " is being deleted; wait with btrfs subvolume sync");
   return Status();
 }
 

@@ -3,6 +3,7 @@
 #define ENGINE_IO_COMMITTED_TREES_H_
 
 #include <cstdint>
+#include <vector>
 
 #include "engine/io/block_reader.h"
 #include "engine/ondisk/format.h"
@@ -29,6 +30,14 @@ class CommittedTrees {
   // Looks up a subvolume; fails, naming `id`, when there is none with this number.
   Status FindSubvolume(uint64_t id, Subvolume* out);
 
+  // Looks up a subvolume that is asked about: as FindSubvolume, and fails for one that is being
+  // deleted.
+  Status FindAskedSubvolume(uint64_t id, Subvolume* out);
+
+  // Where tree blocks and where data may lie; with mixed block groups they are the same.
+  const std::vector<LogicalRange>& MetadataRanges() const { return metadataRanges_; }
+  const std::vector<LogicalRange>& DataRanges() const { return dataRanges_; }
+
   // Root of the extent tree.
   const BlockPointer& ExtentRoot() const { return extentRoot_; }
 
@@ -45,6 +54,8 @@ class CommittedTrees {
   uint64_t generation_ = 0;
   BlockPointer rootTree_;
   BlockPointer extentRoot_;
+  std::vector<LogicalRange> metadataRanges_;
+  std::vector<LogicalRange> dataRanges_;
 };
 
 }  // namespace ZorvEngine
