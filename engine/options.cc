@@ -57,8 +57,27 @@ class Parser {
       options_->help = true;
     else if (word == "--version")
       options_->version = true;
+    else if (word == "--verify")
+      options_->verify = true;
+    else if (StartsWith(word, "--method"))
+      return SetMethod(word);
     else
       return Unknown(word);
+    return Status();
+  }
+
+  // The name of the method stands behind "=", or is the next word.
+  Status SetMethod(const std::string& word) {
+    std::string name;
+    if (StartsWith(word, "--method="))
+      name = word.substr(word.find('=') + 1);
+    else if (word != "--method")
+      return Unknown(word);
+    else if (at_ + 1 < words_.size())
+      name = words_[++at_];
+    if (name != "scan" && name != "walk")
+      return Status::Failed(std::string("--method is scan or walk") + kSeeHelp);
+    options_->method = name == "scan" ? Method::kScan : Method::kWalk;
     return Status();
   }
 
@@ -123,6 +142,9 @@ const char kHelpText[] =
     "              without it they are root directories of subvolumes\n"
     "  -h, --help  this text\n"
     "  --version   name and version of this engine\n"
+    "  --method M  scan (the default): read the extent tree once; walk: read each\n"
+    "              subvolume's own blocks.  The numbers are the same.\n"
+    "  --verify    count in both ways, and fail when they differ\n"
     "\n"
     "examples:\n"
     "  btrfs subvolume size -vm /volume1/photos/.snapshots/*\n"

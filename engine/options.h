@@ -16,6 +16,12 @@ extern const char kVersionLine[];
 // The text of --help.
 extern const char kHelpText[];
 
+// Ways of counting; all give the same numbers.
+enum class Method {
+  kScan,  // the extent tree, once
+  kWalk,  // each subvolume's own blocks, from its root down
+};
+
 // What a command line asks for.
 struct Options {
   bool help = false;
@@ -25,6 +31,8 @@ struct Options {
   bool countMetadata = false;  // -m
   bool byId = false;           // -r
   std::string directory;       // of -r
+  Method method = Method::kScan;
+  bool verify = false;  // count in both ways and compare
   std::vector<std::string> arguments;
 };
 

@@ -11,6 +11,8 @@
 
 #include "engine/channel.h"
 #include "engine/io/mounted_filesystem.h"
+#include "engine/size/cross_check.h"
+#include "engine/size/extent_tree_scan.h"
 #include "engine/size/newest_state_run.h"
 #include "engine/size/top_down_walk.h"
 
@@ -84,8 +86,14 @@ Status Work(const Options& options, SizeProgress& progress, const NoteSink& note
                           : IdsOfPaths(options.arguments, &filesystem, &ids));
   ENGINE_TRY(filesystem.OpenDevice());
   const SizeRequest request{OnceEach(ids, note), options.countMetadata};
+  ExtentTreeScan scan;
   TopDownWalk walk;
-  return RunOnNewestState(filesystem, walk, request, progress, note, result);
+  CrossCheck both(scan, walk);
+  ExclusiveSizeMethod& chosen = options.method == Method::kScan
+                                    ? static_cast<ExclusiveSizeMethod&>(scan)
+                                    : static_cast<ExclusiveSizeMethod&>(walk);
+  return RunOnNewestState(filesystem, options.verify ? both : chosen, request, progress, note,
+                          result);
 }
 
 // Work with every exception turned into a failure: memory can run out anywhere.

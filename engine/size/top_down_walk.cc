@@ -5,6 +5,7 @@
 
 #include "engine/io/tree_cursor.h"
 #include "engine/size/extent_refs.h"
+#include "engine/size/file_extents.h"
 
 namespace ZorvEngine {
 namespace {
@@ -65,24 +66,7 @@ class SubvolumeWalk {
 
   // Notes each reference to a data extent, whatever part of it the file uses.
   Status TakeLeaf(const TreeBlockView& leaf) {
-    for (uint32_t slot = 0; slot < leaf.Count(); ++slot) {
-      if (leaf.KeyAt(slot).type != kFileExtentType) continue;
-      const ByteView data = leaf.DataAt(slot);
-      const FileExtentHead* head = data.At<FileExtentHead>(0);
-      if (head == nullptr || head->type.Get() > kFileExtentPreallocated) return Damaged(leaf, slot);
-      if (head->type.Get() == kFileExtentInline) continue;
-      const FileExtentPlace* place = data.At<FileExtentPlace>(sizeof(FileExtentHead));
-      if (place == nullptr) return Damaged(leaf, slot);
-      const uint64_t bytenr = place->diskBytenr.Get();
-      if (bytenr != 0) dataReferences_.push_back(bytenr);  // 0 is a hole
-    }
-    return Status();
-  }
-
-  static Status Damaged(const TreeBlockView& leaf, uint32_t slot) {
-    return Status::Failed("item " + std::to_string(slot) + " of tree block " +
-                          std::to_string(leaf.Header().bytenr.Get()) +
-                          " is a damaged file extent; run btrfs scrub and btrfs check");
+    return VisitFileExtents(leaf, [&](uint64_t bytenr) { dataReferences_.push_back(bytenr); });
   }
 
   // Counts the extents all of whose references were noted.
@@ -122,10 +106,7 @@ Status TopDownWalk::Run(CommittedTrees& trees, const SizeRequest& request, SizeP
   std::vector<ExclusiveSize> sizes;
   for (const uint64_t id : request.ids) {
     CommittedTrees::Subvolume subvolume;
-    ENGINE_TRY(trees.FindSubvolume(id, &subvolume));
-    if (subvolume.beingDeleted)
-      return Status::Failed("subvolume " + std::to_string(id) +
-                            " is being deleted; wait with btrfs subvolume sync");
+    ENGINE_TRY(trees.FindAskedSubvolume(id, &subvolume));
     ExclusiveSize size;
     size.id = id;
     SubvolumeWalk walk(trees, request.countMetadata, progress);

@@ -60,10 +60,13 @@ inline EngineRun RunEngine(const std::vector<std::string>& args) {
   return ParseRun(Run(EngineCommand(args)));
 }
 
-// The engine's numbers for subvolumes of a volume by their IDs; the run must succeed.
+// The engine's numbers for subvolumes of a volume by their IDs; the run must succeed. `options` are
+// words with blanks between them.
 inline Sizes EngineSizes(const std::string& options, const std::string& mountPoint,
                          const std::vector<unsigned long long>& ids) {
-  std::vector<std::string> args = {options, "-r", mountPoint};
+  std::vector<std::string> args = {"-r", mountPoint};
+  std::istringstream words(options);
+  for (std::string word; words >> word;) args.push_back(word);
   for (const unsigned long long id : ids) args.push_back(std::to_string(id));
   const EngineRun run = RunEngine(args);
   EXPECT_EQ(0, run.status) << run.err;

@@ -55,7 +55,8 @@ void Reflink(const std::string& source, const std::string& target, size_t from =
   ASSERT_EQ(0, ioctl(out.Get(), FICLONERANGE, &range)) << source << " to " << target;
 }
 
-// Holds the engine's numbers of every subvolume against the kernel's.
+// Holds the engine's numbers of every subvolume against the kernel's: in both ways of counting, all
+// together and each alone.
 void ExpectKernelNumbers(BtrfsVolume& volume, size_t atLeast) {
   MustRun({"sync", "-f", kMount});
   MustRun({kStockBtrfs, "subvolume", "sync", kMount});
@@ -63,8 +64,10 @@ void ExpectKernelNumbers(BtrfsVolume& volume, size_t atLeast) {
   ASSERT_GE(kernel.size(), atLeast);
   std::vector<unsigned long long> ids;
   for (const auto& [id, bytes] : kernel) ids.push_back(id);
-  EXPECT_EQ(kernel, EngineSizes("-vm", kMount, ids));
-  EXPECT_EQ(kernel, EngineSizes("-vpm", kMount, ids));
+  EXPECT_EQ(kernel, EngineSizes("-vm --method scan", kMount, ids));
+  EXPECT_EQ(kernel, EngineSizes("-vpm --method=walk", kMount, ids));
+  for (const auto& [id, bytes] : kernel)
+    EXPECT_EQ((Sizes{{id, bytes}}), EngineSizes("-vm --verify", kMount, {id}));
 }
 
 // A live subvolume that changes between its snapshots, one of which is gone, one written to.

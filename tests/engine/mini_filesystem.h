@@ -71,6 +71,7 @@ class MiniFilesystem : public ZorvEngine::StateSource {
   static Bytes ExtentBytes(uint64_t refs, uint64_t flags) {
     ZorvEngine::ExtentItem item{};
     item.refs.Set(refs);
+    item.generation.Set(kGeneration);
     item.flags.Set(flags);
     return BytesOf(item);
   }

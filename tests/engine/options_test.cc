@@ -74,6 +74,29 @@ TEST(OptionsParse, NeedsNoArgumentForHelpAndVersion) {
   EXPECT_TRUE(options.version);
 }
 
+TEST(OptionsParse, ReadsTheWayOfCounting) {
+  const struct {
+    const char* name;
+    std::vector<std::string> words;
+    Method method;
+    bool verify;
+  } kCases[] = {
+      {"nothing said", {"/a"}, Method::kScan, false},
+      {"next word", {"--method", "walk", "/a"}, Method::kWalk, false},
+      {"same word", {"/a", "--method=walk"}, Method::kWalk, false},
+      {"last one counts", {"--method=walk", "--method=scan", "/a"}, Method::kScan, false},
+      {"verify", {"--verify", "/a"}, Method::kScan, true},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Options options;
+    ASSERT_TRUE(ParseOptions(c.words, &options).Ok());
+    EXPECT_EQ(c.method, options.method);
+    EXPECT_EQ(c.verify, options.verify);
+    EXPECT_EQ(std::vector<std::string>{"/a"}, options.arguments);
+  }
+}
+
 TEST(OptionsParse, SaysWhatIsWrong) {
   const std::string see = "; see btrfs subvolume size --help";
   const struct {
@@ -89,6 +112,10 @@ TEST(OptionsParse, SaysWhatIsWrong) {
       {{"-x", "/a"}, "-x is neither an option nor a subvolume" + see},
       {{"-vx", "/a"}, "-vx is neither an option nor a subvolume" + see},
       {{"--table", "/a"}, "--table is neither an option nor a subvolume" + see},
+      {{"--method", "fast", "/a"}, "--method is scan or walk" + see},
+      {{"--method"}, "--method is scan or walk" + see},
+      {{"--method=", "/a"}, "--method is scan or walk" + see},
+      {{"--methodical", "/a"}, "--methodical is neither an option nor a subvolume" + see},
       {{"-", "/a"}, "- is neither an option nor a subvolume" + see},
       {{"-r", "/a", "-5"}, "-5 is neither an option nor a subvolume" + see},
       {{"/a", ""}, "an argument is empty" + see},
