@@ -303,6 +303,21 @@ namespace {
 // A longer line arrives in pieces, each taken for a line of its own.
 constexpr size_t kLineSize = 1024;
 
+// Reads a line, or the first piece of one that is longer. False: the end of the output, or a read
+// error, which is treated alike. A signal handler of the calling program that interrupts the read
+// (one without SA_RESTART) is neither: taken for the end, it would make a part look like a whole.
+bool ReadLine(FILE* fp, char (&line)[kLineSize]) {
+  memset(line, 0, sizeof line);
+  size_t length = 0;
+  for (;;) {
+    if (fgets(line + length, static_cast<int>(sizeof line - length), fp) != nullptr) return true;
+    length = strlen(line);  // what came before the interruption
+    if (!ferror(fp)) return length > 0;
+    if (errno != EINTR) return false;
+    clearerr(fp);
+  }
+}
+
 bool BeginsWith(const char* line, const char* prefix) {
   return strncmp(line, prefix, strlen(prefix)) == 0;
 }
@@ -391,7 +406,7 @@ _tag_fp_parse_function_ret SnapUsageCalculator::ParseCmdFp(
 
   OutputRecorder recorder(status, fpProgressUpdate);
   char line[kLineSize] = {};
-  while (fgets(line, sizeof line, fp) != nullptr) {
+  while (ReadLine(fp, line)) {
     if (StopAsked()) return FP_PARSE_SIGNALED;
     const OutputRecorder::Verdict verdict = recorder.Take(line);
     if (verdict == OutputRecorder::kNotConverted)
