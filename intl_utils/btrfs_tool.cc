@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "base/log.h"
@@ -295,7 +296,9 @@ int BtrfsTool::CmdExc(const _tag_ZORV_BTRFS_USAGE_CAL_TASK& task, std::string ta
   const StopGate shut(StopGate::kShut);
   InstallStopHandler();
 
-  const size_t entries = static_cast<size_t>((*ppListParam)->count) + kArgsBesideParameters;
+  // A negative count takes no parameter below, and must not take from the room of the others.
+  const int parameters = std::max((*ppListParam)->count, 0);
+  const size_t entries = static_cast<size_t>(parameters) + kArgsBesideParameters;
   const ArgVector argv(static_cast<char**>(calloc(entries, sizeof(char*))));
   if (argv == nullptr) {
     PLAT_ERR_SET(0x2A00);

@@ -165,6 +165,19 @@ TEST_F(BtrfsToolCmdExc, VolumeNumberIsPrintedAsItIs) {
   }
 }
 
+// A list that the caller has damaged: no word of it may be taken, none beside it be written.
+TEST_F(BtrfsToolCmdExc, NegativeCountRunsWithoutParameters) {
+  RecordArguments();
+  for (const int count : {-1, -10, -1000000000}) {
+    SCOPED_TRACE(count);
+    SzList list = ListOf({"256"});
+    list->count = count;
+    EXPECT_EQ(0, Exec(SzListRef(list)));
+    list->count = 1;
+    EXPECT_EQ("/sbin/btrfs subvolume size -vpm -r /volume1 ", btrfsCmd_);
+  }
+}
+
 TEST_F(BtrfsToolCmdExc, EmptyListRunsWithoutParameters) {
   RecordArguments();
   EXPECT_EQ(0, Exec(std::vector<std::string>{}));
