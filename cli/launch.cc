@@ -1,6 +1,9 @@
 #include "cli/launch.h"
 
+#include <errno.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <string.h>
 #include <unistd.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 
@@ -131,6 +134,32 @@ void RequireIdle(const std::string& share) {
         fmt::format("wait, or remove its record with: zorv-snapusage clean {}", ShellWord(share)));
 }
 
+// Held from the look at a share to its claim by every copy of this program, of whatever share: a
+// calculation that began and was done in between would lose its results to the claim. A lock of
+// fcntl(2), which the calculation's process does not inherit.
+class LaunchLock {
+ public:
+  LaunchLock() : fd_(open(kPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    int code = -1;
+    do code = fcntl(fd_, F_SETLKW, &whole);
+    while (code != 0 && errno == EINTR);
+    if (code == 0) return;
+    const int error = errno;
+    if (fd_ >= 0) (void)close(fd_);
+    throw Failure(kSystemFailure, fmt::format("{} cannot be locked ({})", kPath, strerror(error)),
+                  "see to /run");
+  }
+  ~LaunchLock() { (void)close(fd_); }
+  LaunchLock(const LaunchLock&) = delete;
+  LaunchLock& operator=(const LaunchLock&) = delete;
+
+ private:
+  static constexpr char kPath[] = "/run/zorv-snapusage.lock";
+  const int fd_;
+};
+
 void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
                   const std::vector<Snapshot>& asked, const std::optional<TimeRange>& range) {
   int code = RESULT_OK;
@@ -157,6 +186,7 @@ Launched Launch(const Selection& selection) {
   const std::vector<Snapshot> asked = Selected(selection, range);
   RequireUtf8(share, asked);
   RequireEngine();
+  const LaunchLock lock;
   RequireIdle(share);
   // A share that is claimed and not launched would stay busy for two minutes.
   const HeldSignals whole;

@@ -6,6 +6,7 @@
 
 #include "cli/failure.h"
 #include "cli/follow.h"
+#include "cli/results.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -26,6 +27,8 @@ Watch::Watch(std::string share, std::string taskID)
 bool Watch::Poll() {
   const std::optional<std::string> taskID = TaskOf(share_);
   const std::optional<Calculation> read = ReadCalculation(share_, taskID_);
+  const bool ours = taskID && *taskID == taskID_ && read;
+  if (!ours && DoneBefore()) return true;
   if (!taskID || !read)
     throw Failure(
         kCalculationFailed,
@@ -44,6 +47,15 @@ bool Watch::Poll() {
   return now_.Finished();
 }
 
+// Whether the results are stored: then it was done before its record went, to the next calculation
+// of the share for one.
+bool Watch::DoneBefore() {
+  if (!ResultOfTask(share_, taskID_)) return false;
+  now_.state = ZorvBtrfsUsage::CAL_TASK_STATUS_DONE;
+  now_.stateWord = "done";
+  return true;
+}
+
 void Watch::CheckCanStillEnd() {
   if (process_.Attached() && process_.WaitForEnd(0)) {
     // The final state is written before the process ends: it may be there by now.
@@ -52,7 +64,7 @@ void Watch::CheckCanStillEnd() {
       now_ = *read;
       return;
     }
-    FailDied(share_);
+    if (!DoneBefore()) FailDied(share_);
   }
   if (!process_.Attached() && steady_clock::now() - begin_ > kTimeToBegin)
     throw SystemFailure(fmt::format("the calculation of share {} does not begin", Quoted(share_)));

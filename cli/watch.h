@@ -30,6 +30,7 @@ class Watch {
   bool WaitForProcess(std::chrono::seconds limit) const;
 
  private:
+  bool DoneBefore();
   void CheckCanStillEnd();
 
   const std::string share_;

@@ -1,4 +1,5 @@
 // Each way in which a calculation cannot be had: one line that says so, and its exit status.
+#include <fcntl.h>
 #include <signal.h>
 
 #include <filesystem>
@@ -202,6 +203,33 @@ TEST_F(CmdRunFailures, ShareTakenOverMeanwhile) {
                 "another calculation of share 'photos' took the place of this one; follow it with: "
                 "zorv-snapusage status photos");
   WriteFile(kMap, map);
+}
+
+TEST_F(CmdRunFailures, ShareTakenOverOnceTheResultsAreStored) {
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "--quiet"}));
+  ASSERT_TRUE(EngineWaits());
+  ASSERT_EQ(0, kill(run.Pid(), SIGSTOP));
+  Release();
+  ASSERT_TRUE(WaitUntil([] { return Tool({"start", "photos"}).status == 0; }));
+  ASSERT_TRUE(EngineWaits());
+  ASSERT_EQ(0, kill(run.Pid(), SIGCONT));
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_THAT(result.out, HasSubstr("by hand\n"));
+}
+
+TEST_F(CmdRunFailures, OneLaunchAtATime) {
+  // Between the look at a share and its claim nobody else may begin and be done.
+  const UniqueFd other(open("/run/zorv-snapusage.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(0, fcntl(other.Get(), F_SETLK, &whole));
+  Background run(Argv({"run", "photos", "--quiet"}));
+  EXPECT_FALSE(WaitUntil([] { return std::filesystem::exists(kStatusOfPhotos); }, 1));
+  whole.l_type = F_UNLCK;
+  ASSERT_EQ(0, fcntl(other.Get(), F_SETLK, &whole));
+  EXPECT_EQ(0, run.Wait().status);
 }
 
 TEST_F(CmdRunFailures, ResultsThatCannotBeStored) {
