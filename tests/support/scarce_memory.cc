@@ -25,7 +25,8 @@ bool OneAllocationFails::Failed() const { return untilFailure == 0; }
 
 }  // namespace ZorvTest
 
-// The forms without alignment; the others end in these, except those for over-aligned types.
+// The forms without alignment; the others end in these, except those for over-aligned types. Those
+// for arrays are written out, since the sanitizers bring their own.
 void* operator new(size_t bytes) {
   void* memory = Refused(bytes) ? nullptr : malloc(bytes != 0 ? bytes : 1);
   if (memory == nullptr) throw std::bad_alloc();
@@ -33,3 +34,6 @@ void* operator new(size_t bytes) {
 }
 void operator delete(void* memory) noexcept { free(memory); }
 void operator delete(void* memory, size_t) noexcept { free(memory); }
+void* operator new[](size_t bytes) { return operator new(bytes); }
+void operator delete[](void* memory) noexcept { free(memory); }
+void operator delete[](void* memory, size_t) noexcept { free(memory); }
