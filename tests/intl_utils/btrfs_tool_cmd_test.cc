@@ -327,7 +327,7 @@ TEST_F(BtrfsToolCmdExc, WhatCannotBeExecutedIsThirteen) {
     EXPECT_EQ(13, Exec({"256"}));
     EXPECT_EQ(0x0900u, PLATCErrGet());
     EXPECT_EQ(1, log_.CountExact(LOG_WARNING, kUnit,
-                                 "Faild to open pipe" + PlatformErrorTail() + " [" +
+                                 "Faild to open pipe" + Tail() + " [" +
                                      std::to_string(c.error) + "]"))
         << log_.Dump();
   }
@@ -338,7 +338,7 @@ TEST_F(BtrfsToolCmdExc, TooLongAnArgumentListIsThirteen) {
   EXPECT_EQ(13, Exec(std::vector<std::string>(400000, "1234567890123456789")));
   EXPECT_EQ(1, log_.CountExact(
                    LOG_WARNING, kUnit,
-                   "Faild to open pipe" + PlatformErrorTail() + " [" + std::to_string(E2BIG) + "]"))
+                   "Faild to open pipe" + Tail() + " [" + std::to_string(E2BIG) + "]"))
       << log_.Dump();
 }
 
@@ -363,7 +363,7 @@ TEST_F(BtrfsToolCmdExc, SecondCloseLeavesThePlatformErrorAlone) {
   RecordArguments();
   PLATCErrSetEx(0x1234, "tests/unit", 7);
   EXPECT_EQ(0, Exec({"256"}));
-  EXPECT_EQ("[0x1234 tests/unit:7]", PlatformErrorTail());
+  EXPECT_EQ("[0x1234 tests/unit:7]", Tail());
 }
 
 TEST_F(BtrfsToolCmdExc, FailedCommandKeepsTheFailureOfTheParser) {

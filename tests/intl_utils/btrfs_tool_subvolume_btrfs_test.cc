@@ -307,7 +307,7 @@ TEST_F(BtrfsToolPathToRootId, PathOnNoVolumeFailsAtTheSameVolumeCheck) {
   EXPECT_EQ(-1, BtrfsTool::PathToRootId(SzListRef(paths), SzListRef(ids)));
   EXPECT_EQ(std::vector<std::string>{"old"}, TextsOf(ids));
   EXPECT_EQ(0xBE00u, PLATCErrGet());
-  EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit, "Same volume check fails" + PlatformErrorTail()))
+  EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit, "Same volume check fails" + Tail()))
       << log_.Dump();
 }
 

@@ -22,6 +22,7 @@
 #include "base/unique_fd.h"
 #include "tests/support/command.h"
 #include "tests/support/platform_hook.h"
+#include "tests/support/platform_values.h"
 #include "tests/support/syslog_capture.h"
 
 namespace ZorvTest {
@@ -30,14 +31,6 @@ inline constexpr char kUtilsUnit[] = "intl_utils/utils";
 
 // A directory of the case's own, also for files that other users write.
 inline constexpr char kWorkDir[] = "/tmp/utils";
-
-// The tail of a line about a failed platform call, as the error record stands now.
-inline std::string Tail() {
-  char text[320];
-  snprintf(text, sizeof text, "[0x%04X %s:%u]", PLATCErrGet(), PLATCErrorGetFile(),
-           PLATCErrorGetLine());
-  return text;
-}
 
 // The tail after a hook's failure with `code`.
 inline std::string HookTail(unsigned int code) {
@@ -134,18 +127,6 @@ inline bool WaitsForLock(pid_t pid) {
         line.find(" " + std::to_string(pid) + " ") != std::string::npos)
       return true;
   return false;
-}
-
-// A platform list with these strings.
-inline ZorvBtrfsUsage::SzList ListOf(const std::vector<std::string>& texts) {
-  ZorvBtrfsUsage::SzList list = ZorvBtrfsUsage::MakeSzList();
-  for (const std::string& text : texts)
-    PLATCSzListPush(ZorvBtrfsUsage::SzListRef(list), text.c_str());
-  return list;
-}
-
-inline std::vector<std::string> TextsOf(const ZorvBtrfsUsage::SzList& list) {
-  return {list->items, list->items + list->count};
 }
 
 // Empties the library's directories and the work directory, and clears the error record.

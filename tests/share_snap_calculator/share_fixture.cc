@@ -24,20 +24,7 @@ std::string Tail(unsigned int code, const std::string& file, unsigned int line) 
   return text;
 }
 
-std::string Tail() { return Tail(PLATCErrGet(), PLATCErrorGetFile(), PLATCErrorGetLine()); }
-
 std::string HookTail(unsigned int code) { return Tail(code, "tests/hook", 1); }
-
-std::vector<std::string> TextsOf(const PLATSZLIST* list) {
-  return std::vector<std::string>(list->items, list->items + list->count);
-}
-
-SzList ListOf(const std::vector<std::string>& texts) {
-  SzList list = MakeSzList();
-  for (const std::string& text : texts)
-    if (PLATCSzListPush(SzListRef(list), text.c_str()) < 0) throw std::runtime_error("no list");
-  return list;
-}
 
 std::string TimeText(time_t t) {
   std::string text;

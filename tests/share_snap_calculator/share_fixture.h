@@ -16,6 +16,7 @@
 #include "tests/support/btrfs_volume.h"
 #include "tests/support/command.h"
 #include "tests/support/platform_hook.h"
+#include "tests/support/platform_values.h"
 #include "tests/support/syslog_capture.h"
 #include "zorvbtrfssnapusage/share_snap_usage_cal.h"
 
@@ -23,15 +24,10 @@ namespace ZorvTest {
 
 inline constexpr char kShareUnit[] = "share_snap_calculator/share_snap_usage_cal";
 
-// The end "[0x%04X file:line]" of a message; without arguments that of the record as it is now.
+// The end "[0x%04X file:line]" of a message about this error.
 std::string Tail(unsigned int code, const std::string& file, unsigned int line);
-std::string Tail();
 // That of a failure which a hook brings about.
 std::string HookTail(unsigned int code);
-
-// The elements of a list, and a list of elements.
-std::vector<std::string> TextsOf(const PLATSZLIST* list);
-ZorvBtrfsUsage::SzList ListOf(const std::vector<std::string>& texts);
 
 // Seconds since the epoch of a time text like those in status files.
 std::string TimeText(time_t t);

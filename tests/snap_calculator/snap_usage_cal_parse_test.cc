@@ -130,7 +130,7 @@ TEST_F(SnapUsageCalculatorParseCmdFp, TaskThatCannotBeOpenedFails) {
   EXPECT_EQ(FP_PARSE_FAIL, Parse("subvol(257) 1 bytes\n"));
   EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit,
                                std::string("Failed to initialize object, taskID:(") + kTask + ")" +
-                                   PlatformErrorTail()))
+                                   Tail()))
       << log_.Dump();
   ExpectNoResult();
 }

@@ -65,7 +65,7 @@ TEST_F(SnapUsageCalculatorStop, TaskThatCannotBeOpenedIsOne) {
   SpoilTheDirectories();
   EXPECT_EQ(1, SnapUsageCalculator::Stop("t1"));
   EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit,
-                               "Failed to initialize object, taskID:(t1)" + PlatformErrorTail()))
+                               "Failed to initialize object, taskID:(t1)" + Tail()))
       << log_.Dump();
 }
 

@@ -122,7 +122,7 @@ TEST_F(SnapUsageCalculatorGenTaskID, NoUuidIsAFailure) {
   EXPECT_FALSE(SnapUsageCalculator::GenTaskID(taskID));
   EXPECT_EQ("untouched", taskID);
   EXPECT_EQ(0x2A00u, PLATCErrGet());
-  EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit, "Failed to gen UUID." + PlatformErrorTail()))
+  EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit, "Failed to gen UUID." + Tail()))
       << log_.Dump();
 }
 
@@ -156,7 +156,7 @@ TEST_F(SnapUsageCalculatorInit, FailureIsLoggedWithTheID) {
   EXPECT_EQ(1, calc.Init("t1"));
   EXPECT_FALSE(calc.Valid());
   EXPECT_EQ(1, log_.CountTask(LOG_ERR, kUnit, "Init", getpid(), "t1",
-                              "Failed to initilize task status" + PlatformErrorTail()))
+                              "Failed to initilize task status" + Tail()))
       << log_.Dump();
 }
 

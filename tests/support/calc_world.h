@@ -20,6 +20,7 @@
 #include "base/sz_list.h"
 #include "tests/support/command.h"
 #include "tests/support/platform_hook.h"
+#include "tests/support/platform_values.h"
 #include "tests/support/syslog_capture.h"
 #include "zorvbtrfssnapusage/btrfs_tool.h"
 #include "zorvbtrfssnapusage/snap_usage_cal.h"
@@ -29,25 +30,6 @@ namespace ZorvTest {
 inline constexpr char kBtrfs[] = "/sbin/btrfs";
 inline constexpr char kStatusDir[] = "/run/zorvbtrfssnapusage/task_status/";
 inline constexpr char kResultDir[] = "/run/zorvbtrfssnapusage/task_result/";
-
-// The tail of a message about the platform error that stands now.
-inline std::string PlatformErrorTail() {
-  char tail[512];
-  snprintf(tail, sizeof tail, "[0x%04X %s:%d]", PLATCErrGet(), PLATCErrorGetFile(),
-           static_cast<int>(PLATCErrorGetLine()));
-  return tail;
-}
-
-inline ZorvBtrfsUsage::SzList ListOf(const std::vector<std::string>& texts) {
-  ZorvBtrfsUsage::SzList list = ZorvBtrfsUsage::MakeSzList();
-  for (const std::string& text : texts)
-    PLATCSzListPush(ZorvBtrfsUsage::SzListRef(list), text.c_str());
-  return list;
-}
-
-inline std::vector<std::string> TextsOf(const ZorvBtrfsUsage::SzList& list) {
-  return {list->items, list->items + list->count};
-}
 
 // A status file's members; empty when there is no such file.
 inline std::map<std::string, std::string> StatusOf(const std::string& taskID) {
