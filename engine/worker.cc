@@ -84,7 +84,6 @@ Status Work(const Options& options, SizeProgress& progress, const NoteSink& note
   std::vector<uint64_t> ids;
   ENGINE_TRY(options.byId ? IdsAsGiven(options, &filesystem, &ids)
                           : IdsOfPaths(options.arguments, &filesystem, &ids));
-  ENGINE_TRY(filesystem.OpenDevice());
   const SizeRequest request{OnceEach(ids, note), options.countMetadata};
   ExtentTreeScan scan;
   TopDownWalk walk;

@@ -3,14 +3,14 @@
 #include <string.h>
 
 #include <algorithm>
-#include <numeric>
 
 #include "engine/ondisk/checksum.h"
 
 namespace ZorvEngine {
 namespace {
 
-// The failure of a block: all its copies were tried, `why` is what was wrong with the last.
+// The failure of a block: all its copies on devices that are there were tried, `why` is what was
+// wrong with the last.
 Status Bad(const BlockPointer& pointer, const std::string& why) {
   return Status::BadBlock("tree block " + std::to_string(pointer.bytenr) + " (level " +
                           std::to_string(pointer.level) + ", generation " +
@@ -26,8 +26,11 @@ bool IsMeant(const BlockPointer& pointer, const TreeBlockView& view) {
 
 }  // namespace
 
-BlockReader::BlockReader(ByteSource& source, const BlockFormat& format, ReadMeter& meter)
-    : source_(source), format_(format), meter_(meter), buffer_(MakeAlignedBuffer(kRequestBytes)) {}
+BlockReader::BlockReader(const DeviceSet& devices, const BlockFormat& format, ReadMeter& meter)
+    : devices_(devices),
+      format_(format),
+      meter_(meter),
+      buffer_(MakeAlignedBuffer(kRequestBytes)) {}
 
 void BlockReader::ExpectChunkTree(const uint8_t* uuid) {
   chunkTreeUuid_ = std::vector<uint8_t>(uuid, uuid + kUuidSize);
@@ -46,9 +49,7 @@ Status BlockReader::Read(const BlockPointer& pointer, TreeBlockPtr* out) {
 }
 
 Status BlockReader::ReadMany(std::vector<BlockPointer> pointers, const Visitor& visit) {
-  std::sort(pointers.begin(), pointers.end(),
-            [](const BlockPointer& a, const BlockPointer& b) { return a.bytenr < b.bytenr; });
-  return ReadSorted(pointers, [&](size_t, const TreeBlockPtr& block) {
+  return ReadInOrderOfPlaces(pointers, [&](size_t, const TreeBlockPtr& block) {
     Keep(block);
     return visit(*block->view);
   });
@@ -56,89 +57,110 @@ Status BlockReader::ReadMany(std::vector<BlockPointer> pointers, const Visitor& 
 
 Status BlockReader::ReadAll(const std::vector<BlockPointer>& pointers,
                             std::vector<TreeBlockPtr>* out) {
-  std::vector<size_t> order(pointers.size());
-  std::iota(order.begin(), order.end(), size_t{0});
-  std::sort(order.begin(), order.end(),
-            [&](size_t a, size_t b) { return pointers[a].bytenr < pointers[b].bytenr; });
-  std::vector<BlockPointer> sorted;
-  for (const size_t at : order) sorted.push_back(pointers[at]);
-
   out->assign(pointers.size(), nullptr);
-  return ReadSorted(sorted, [&](size_t index, const TreeBlockPtr& block) {
-    (*out)[order[index]] = block;
+  return ReadInOrderOfPlaces(pointers, [&](size_t index, const TreeBlockPtr& block) {
+    (*out)[index] = block;
     return Status();
   });
 }
 
-Status BlockReader::ReadSorted(const std::vector<BlockPointer>& pointers,
-                               const IndexedVisitor& visit) {
+// Neighbours on a device need not be neighbours in the file system: a striped chunk deals its
+// pieces to several devices, and on each they lie side by side.
+Status BlockReader::ReadInOrderOfPlaces(const std::vector<BlockPointer>& pointers,
+                                        const IndexedVisitor& visit) {
   meter_.Plan(pointers.size() * uint64_t{format_.nodeSize});
-  for (size_t at = 0; at < pointers.size();) {
-    const size_t count = RunLength(pointers, at);
-    ENGINE_TRY(ReadRun(pointers, at, count, visit));
+  std::vector<Wanted> wanted;
+  wanted.reserve(pointers.size());
+  for (size_t i = 0; i < pointers.size(); ++i) wanted.push_back({FirstPlace(pointers[i]), i});
+  std::sort(wanted.begin(), wanted.end(),
+            [](const Wanted& a, const Wanted& b) { return a.place < b.place; });
+
+  for (size_t at = 0; at < wanted.size();) {
+    const size_t count = RunLength(wanted, at);
+    ENGINE_TRY(ReadRun(pointers, &wanted[at], count, visit));
     meter_.Done(count * uint64_t{format_.nodeSize});
     at += count;
   }
   return Status();
 }
 
+// Where the first copy lies that is on a device that is there.
+Place BlockReader::FirstPlace(const BlockPointer& pointer) const {
+  for (const Place& place : chunks_.Find(pointer.bytenr, format_.nodeSize))
+    if (devices_.Find(place.devid) != nullptr) return place;
+  return kNowhere;
+}
+
 // How many blocks from `first` on lie side by side and fit into one request.
-size_t BlockReader::RunLength(const std::vector<BlockPointer>& pointers, size_t first) const {
+size_t BlockReader::RunLength(const std::vector<Wanted>& wanted, size_t first) const {
+  const Place start = wanted[first].place;
+  if (start == kNowhere) return 1;
   const size_t most = kRequestBytes / format_.nodeSize;
   size_t count = 1;
-  while (count < most && first + count < pointers.size() &&
-         pointers[first + count].bytenr == pointers[first].bytenr + count * format_.nodeSize)
+  while (count < most && first + count < wanted.size() &&
+         wanted[first + count].place ==
+             Place{start.devid, start.offset + count * uint64_t{format_.nodeSize}})
     ++count;
   return count;
 }
 
-// Reads `count` blocks from `first` on, which lie side by side: those of the cache from there, the
-// others with one request when that works, one by one (with all their copies) when it does not.
-Status BlockReader::ReadRun(const std::vector<BlockPointer>& pointers, size_t first, size_t count,
-                            const IndexedVisitor& visit) {
+// Reads `count` blocks, which lie side by side: those of the cache from there, the others with one
+// request when that works, one by one (with all their copies) when it does not.
+Status BlockReader::ReadRun(const std::vector<BlockPointer>& pointers, const Wanted* run,
+                            size_t count, const IndexedVisitor& visit) {
   std::vector<TreeBlockPtr> blocks(count);
   bool complete = true;
   for (size_t i = 0; i < count; ++i) {
-    blocks[i] = FindCached(pointers[first + i]);
+    blocks[i] = FindCached(pointers[run[i].index]);
     complete = complete && blocks[i] != nullptr;
   }
 
+  const Device* device = devices_.Find(run->place.devid);
   const size_t size = count * format_.nodeSize;
-  if (!complete && buffer_ != nullptr) {
-    const std::vector<uint64_t> places = chunks_.Find(pointers[first].bytenr, size);
-    if (!places.empty() && source_.ReadAt(places[0], buffer_.get(), size).Ok())
-      for (size_t i = 0; i < count; ++i)
-        if (blocks[i] == nullptr)
-          (void)Verify(pointers[first + i], buffer_.get() + i * format_.nodeSize, &blocks[i]);
-  }
+  if (!complete && device != nullptr && buffer_ != nullptr &&
+      device->source->ReadAt(run->place.offset, buffer_.get(), size).Ok())
+    for (size_t i = 0; i < count; ++i)
+      if (blocks[i] == nullptr)
+        (void)Verify(pointers[run[i].index], *device, buffer_.get() + i * format_.nodeSize,
+                     &blocks[i]);
 
   for (size_t i = 0; i < count; ++i) {
-    if (blocks[i] == nullptr) ENGINE_TRY(ReadUncached(pointers[first + i], &blocks[i]));
-    ENGINE_TRY(visit(first + i, blocks[i]));
+    if (blocks[i] == nullptr) ENGINE_TRY(ReadUncached(pointers[run[i].index], &blocks[i]));
+    ENGINE_TRY(visit(run[i].index, blocks[i]));
   }
   return Status();
 }
 
 Status BlockReader::ReadUncached(const BlockPointer& pointer, TreeBlockPtr* out) {
   if (buffer_ == nullptr) return Status::Failed("out of memory");
-  const std::vector<uint64_t> places = chunks_.Find(pointer.bytenr, format_.nodeSize);
-  if (places.empty()) return Bad(pointer, "no chunk holds it");
+  const Places places = chunks_.Find(pointer.bytenr, format_.nodeSize);
+  if (places.Empty()) return Bad(pointer, "no chunk holds it");
 
   std::string why;
-  for (const uint64_t place : places) {
-    const Status read = source_.ReadAt(place, buffer_.get(), format_.nodeSize);
-    why = read.Ok() ? Verify(pointer, buffer_.get(), out) : read.Text();
+  for (const Place& place : places) {
+    const Device* device = devices_.Find(place.devid);
+    if (device == nullptr) continue;
+    const Status read = device->source->ReadAt(place.offset, buffer_.get(), format_.nodeSize);
+    why = read.Ok() ? Verify(pointer, *device, buffer_.get(), out) : read.Text();
     if (why.empty()) return Status();
   }
-  return Bad(pointer, why);
+  return why.empty() ? OnMissingDevice(pointer, places.begin()->devid) : Bad(pointer, why);
 }
 
-// Sets `out` to a verified copy of the block at `bytes`; else says what is wrong with it.
-std::string BlockReader::Verify(const BlockPointer& pointer, const uint8_t* bytes,
-                                TreeBlockPtr* out) const {
+Status BlockReader::OnMissingDevice(const BlockPointer& pointer, uint64_t devid) const {
+  return Status::Failed("device " + std::to_string(devid) + " " + devices_.WhyMissing(devid) +
+                        " and tree block " + std::to_string(pointer.bytenr) +
+                        " lies nowhere else; attach the device or replace it (btrfs replace), then "
+                        "try again");
+}
+
+// Sets `out` to a verified copy of the block at `bytes`, which were read from `device`; else says
+// what is wrong with it.
+std::string BlockReader::Verify(const BlockPointer& pointer, const Device& device,
+                                const uint8_t* bytes, TreeBlockPtr* out) const {
   const ByteView raw(bytes, format_.nodeSize);
   if (!HasValidChecksum(format_.checksumType, raw)) return "its checksum is wrong";
-  const std::string wrongHeader = CheckHeader(pointer, *raw.At<BlockHeader>(0));
+  const std::string wrongHeader = CheckHeader(pointer, device, *raw.At<BlockHeader>(0));
   if (!wrongHeader.empty()) return wrongHeader;
 
   auto block = std::make_shared<TreeBlock>();
@@ -150,9 +172,11 @@ std::string BlockReader::Verify(const BlockPointer& pointer, const uint8_t* byte
   return "";
 }
 
-std::string BlockReader::CheckHeader(const BlockPointer& pointer, const BlockHeader& header) const {
+std::string BlockReader::CheckHeader(const BlockPointer& pointer, const Device& device,
+                                     const BlockHeader& header) const {
   if (header.bytenr.Get() != pointer.bytenr) return "it belongs to another place";
-  if (memcmp(header.fsid, format_.fsid, kUuidSize) != 0) return "it belongs to another file system";
+  if (memcmp(header.fsid, device.blockFsid, kUuidSize) != 0)
+    return "it belongs to another file system";
   if (chunkTreeUuid_ && memcmp(header.chunkTreeUuid, chunkTreeUuid_->data(), kUuidSize) != 0)
     return "it belongs to another chunk tree";
   if (header.generation.Get() != pointer.generation)

@@ -13,6 +13,7 @@
 
 #include "engine/io/byte_source.h"
 #include "engine/io/chunk_map.h"
+#include "engine/io/device_set.h"
 #include "engine/io/read_meter.h"
 #include "engine/ondisk/format.h"
 #include "engine/ondisk/status.h"
@@ -39,14 +40,15 @@ using TreeBlockPtr = std::shared_ptr<const TreeBlock>;
 struct BlockFormat {
   uint32_t nodeSize = 0;
   uint16_t checksumType = 0;
-  uint8_t fsid[kUuidSize] = {};
 };
 
-// Reads tree blocks of one file system from a byte source.
+// Reads tree blocks of one file system from its devices.
 //
 // Each block is verified before anybody sees it: checksum, place, file system, chunk tree, level,
-// generation, first key and structure.  When a copy does not verify, the next is tried; when none
-// does, the outcome is Status::kBadBlock.  Place and generation together name one content for ever,
+// generation, first key and structure.  When a copy does not verify or its device is missing, the
+// next is tried; when none does, the outcome is Status::kBadBlock.  A block that lies on missing
+// devices alone is a failure that names the first of them: nothing is rebuilt from parity here.
+// Place and generation together name one content for ever,
 // so blocks stay in the cache when the reader moves on to a newer superblock.
 class BlockReader {
  public:
@@ -55,8 +57,8 @@ class BlockReader {
   // Bytes of one request at most, when neighbours are read together.
   static constexpr size_t kRequestBytes = 1u << 20;
 
-  // Source and meter are the caller's and outlive the reader.
-  BlockReader(ByteSource& source, const BlockFormat& format, ReadMeter& meter);
+  // Devices and meter are the caller's and outlive the reader; the set may change between reads.
+  BlockReader(const DeviceSet& devices, const BlockFormat& format, ReadMeter& meter);
 
   // Makes all further reads use `chunks`; without this nothing can be read.
   void UseChunks(ChunkMap chunks) { chunks_ = std::move(chunks); }
@@ -69,8 +71,8 @@ class BlockReader {
   // Reads one block; `out` is written on success only.
   Status Read(const BlockPointer& pointer, TreeBlockPtr* out);
 
-  // Reads all blocks, in the order of their places, neighbours in one request, and gives each to
-  // `visit`.  Ends at the first failure, `visit`'s included.
+  // Reads all blocks, in the order of their places on the devices, neighbours there in one request,
+  // and gives each to `visit`.  Ends at the first failure, `visit`'s included.
   using Visitor = std::function<Status(const TreeBlockView&)>;
   Status ReadMany(std::vector<BlockPointer> pointers, const Visitor& visit);
 
@@ -83,20 +85,32 @@ class BlockReader {
   using IndexedVisitor = std::function<Status(size_t index, const TreeBlockPtr& block)>;
   using CacheList = std::list<TreeBlockPtr>;
 
+  // A block that is to be read, by the index of its pointer, and where.
+  struct Wanted {
+    Place place;  // kNowhere when it cannot be read from any device that is there
+    size_t index;
+  };
+  static constexpr Place kNowhere = {UINT64_MAX, UINT64_MAX};
+
   TreeBlockPtr FindCached(const BlockPointer& pointer);
   void Keep(const TreeBlockPtr& block);
-  Status ReadSorted(const std::vector<BlockPointer>& pointers, const IndexedVisitor& visit);
-  Status ReadRun(const std::vector<BlockPointer>& pointers, size_t first, size_t count,
+  Status ReadInOrderOfPlaces(const std::vector<BlockPointer>& pointers,
+                             const IndexedVisitor& visit);
+  Status ReadRun(const std::vector<BlockPointer>& pointers, const Wanted* run, size_t count,
                  const IndexedVisitor& visit);
+  Place FirstPlace(const BlockPointer& pointer) const;
   Status ReadUncached(const BlockPointer& pointer, TreeBlockPtr* out);
-  size_t RunLength(const std::vector<BlockPointer>& pointers, size_t first) const;
-  std::string Verify(const BlockPointer& pointer, const uint8_t* bytes, TreeBlockPtr* out) const;
-  std::string CheckHeader(const BlockPointer& pointer, const BlockHeader& header) const;
+  size_t RunLength(const std::vector<Wanted>& wanted, size_t first) const;
+  std::string Verify(const BlockPointer& pointer, const Device& device, const uint8_t* bytes,
+                     TreeBlockPtr* out) const;
+  std::string CheckHeader(const BlockPointer& pointer, const Device& device,
+                          const BlockHeader& header) const;
+  Status OnMissingDevice(const BlockPointer& pointer, uint64_t devid) const;
 
-  ByteSource& source_;
+  const DeviceSet& devices_;
   BlockFormat format_;
   ReadMeter& meter_;
-  ChunkMap chunks_{0};
+  ChunkMap chunks_;
   std::optional<std::vector<uint8_t>> chunkTreeUuid_;
   AlignedBuffer buffer_;
   CacheList recent_;  // front: used last

@@ -1,32 +1,64 @@
 #include "engine/io/chunk_map.h"
 
+#include <iterator>
 #include <string>
 
 namespace ZorvEngine {
+
+// How a profile spreads a chunk over its stripes.  Bits as in <linux/btrfs_tree.h>.
+struct ChunkProfile {
+  uint64_t bit;
+  uint16_t fewest;  // stripes that a chunk has at least,
+  uint16_t most;    // and at most
+  uint16_t copies;  // of each byte
+  uint16_t parity;  // stripes of each row that hold no data
+  bool striped;
+};
+
 namespace {
 
-// The profile bits of a chunk type and what users call them, as in <linux/btrfs_tree.h>.
-const struct {
-  uint64_t bit;
-  const char* name;
-} kProfiles[] = {
-    {1ULL << 3, "raid0"}, {1ULL << 4, "raid1"}, {kChunkDup, "dup"},     {1ULL << 6, "raid10"},
-    {1ULL << 7, "raid5"}, {1ULL << 8, "raid6"}, {1ULL << 9, "raid1c3"}, {1ULL << 10, "raid1c4"},
+constexpr uint16_t kAnyNumber = UINT16_MAX;
+
+constexpr ChunkProfile kProfiles[] = {
+    {0, 1, 1, 1, 0, false},                  // single
+    {1ULL << 3, 1, kAnyNumber, 1, 0, true},  // raid0
+    {1ULL << 4, 2, 2, 2, 0, false},          // raid1
+    {kChunkDup, 2, 2, 2, 0, false},          // dup
+    {1ULL << 6, 2, kAnyNumber, 2, 0, true},  // raid10
+    {1ULL << 7, 2, kAnyNumber, 1, 1, true},  // raid5
+    {1ULL << 8, 3, kAnyNumber, 1, 2, true},  // raid6
+    {1ULL << 9, 3, 3, 3, 0, false},          // raid1c3
+    {1ULL << 10, 4, 4, 4, 0, false},         // raid1c4
 };
+
+constexpr uint64_t KnownProfileBits() {
+  uint64_t bits = 0;
+  for (const ChunkProfile& profile : kProfiles) bits |= profile.bit;
+  return bits;
+}
 
 Status Corrupt(uint64_t logical, const char* what) {
   return Status::Failed("the chunk at " + std::to_string(logical) + " is damaged: " + what);
 }
 
-// Fails unless the type of a chunk means the profile single or dup.
-Status CheckProfile(uint64_t logical, uint64_t type) {
-  const uint64_t profile = type & ~kChunkKinds;
-  if (profile == 0 || profile == kChunkDup) return Status();
-  for (const auto& known : kProfiles)
-    if (profile == known.bit)
-      return Status::Failed(std::string("the file system uses the profile ") + known.name +
-                            "; this engine reads single and dup");
-  return Corrupt(logical, "its profile is unknown");
+// Finds the profile that the type of a chunk means.
+Status FindProfile(uint64_t logical, uint64_t type, const ChunkProfile** out) {
+  const uint64_t unknown = type & ~(kChunkKinds | KnownProfileBits());
+  if (unknown != 0)
+    return Status::Failed("the chunk at " + std::to_string(logical) +
+                          " has a profile that this engine does not know (bit " +
+                          std::to_string(__builtin_ctzll(unknown)) + "); use a newer engine");
+  for (const ChunkProfile& profile : kProfiles) {
+    if ((type & ~kChunkKinds) != profile.bit) continue;
+    *out = &profile;
+    return Status();
+  }
+  return Corrupt(logical, "it has two profiles");
+}
+
+// How many stripes hold different data.
+uint64_t DataStripes(const ChunkProfile& profile, size_t stripes) {
+  return profile.striped ? (stripes - profile.parity) / profile.copies : 1;
 }
 
 }  // namespace
@@ -38,21 +70,28 @@ Status ChunkMap::Add(const Key& key, ByteView item) {
   const uint16_t stripeCount = chunk->numStripes.Get();
   const ChunkStripe* stripes = item.At<ChunkStripe>(sizeof(ChunkItem), stripeCount);
   if (stripes == nullptr) return Corrupt(logical, "its item is short");
-  ENGINE_TRY(CheckProfile(logical, chunk->type.Get()));
 
-  const uint16_t expected = (chunk->type.Get() & kChunkDup) != 0 ? 2 : 1;
-  if (stripeCount != expected) return Corrupt(logical, "its number of stripes is impossible");
   const uint64_t length = chunk->length.Get();
+  Chunk added{length, chunk->type.Get(), nullptr, {}};
+  ENGINE_TRY(FindProfile(logical, added.type, &added.profile));
+  const ChunkProfile& profile = *added.profile;
+  if (stripeCount < profile.fewest || stripeCount > profile.most ||
+      (stripeCount - profile.parity) % profile.copies != 0)
+    return Corrupt(logical, "its number of stripes is impossible");
+  if (profile.striped && chunk->stripeLength.Get() != kStripeBytes)
+    return Corrupt(logical, "its stripe length is impossible");
+  if (profile.striped && profile.copies != 1 && chunk->subStripes.Get() != profile.copies)
+    return Corrupt(logical, "its number of copies is impossible");
   if (length == 0 || length > UINT64_MAX - logical)
     return Corrupt(logical, "its length is impossible");
 
-  Chunk added{length, chunk->type.Get(), {}};
+  // The last row may be there in part only: a row more than the quotient is room enough.
+  const uint64_t room = length / DataStripes(profile, stripeCount);
   for (uint16_t i = 0; i < stripeCount; ++i) {
-    if (stripes[i].devid.Get() != devid_)
-      return Status::Failed(
-          "the file system has several devices; this engine reads file systems of one device");
-    if (length > UINT64_MAX - stripes[i].offset.Get()) return Corrupt(logical, "it lies nowhere");
-    added.copies.push_back(stripes[i].offset.Get());
+    const Place place{stripes[i].devid.Get(), stripes[i].offset.Get()};
+    if (place.offset > UINT64_MAX - kStripeBytes || room > UINT64_MAX - kStripeBytes - place.offset)
+      return Corrupt(logical, "it lies nowhere");
+    added.stripes.push_back(place);
   }
 
   const auto next = chunks_.upper_bound(logical);
@@ -89,14 +128,38 @@ Status ChunkMap::AddSystemChunks(const Superblock& superblock) {
   return Status();
 }
 
-std::vector<uint64_t> ChunkMap::Find(uint64_t logical, uint64_t length) const {
-  std::vector<uint64_t> places;
-  auto chunk = chunks_.upper_bound(logical);
-  if (chunk == chunks_.begin()) return places;
-  --chunk;
-  const uint64_t within = logical - chunk->first;
-  if (within >= chunk->second.length || length > chunk->second.length - within) return places;
-  for (const uint64_t copy : chunk->second.copies) places.push_back(copy + within);
+Places ChunkMap::Find(uint64_t logical, uint64_t length) const {
+  auto found = chunks_.upper_bound(logical);
+  if (found == chunks_.begin()) return Places();
+  --found;
+  const Chunk& chunk = found->second;
+  const uint64_t within = logical - found->first;
+  if (within >= chunk.length || length > chunk.length - within) return Places();
+  if (chunk.profile->striped) return FindStriped(chunk, within, length);
+
+  Places places;
+  for (const Place& stripe : chunk.stripes) places.Add({stripe.devid, stripe.offset + within});
+  return places;
+}
+
+// Pieces are dealt to the stripes row by row.  With parity each row begins one stripe further on
+// than the row before, so that every device gets its share of the parity, which ends the row.
+Places ChunkMap::FindStriped(const Chunk& chunk, uint64_t within, uint64_t length) {
+  const uint64_t inPiece = within % kStripeBytes;
+  if (length > kStripeBytes - inPiece) return Places();
+
+  const ChunkProfile& profile = *chunk.profile;
+  const uint64_t perRow = DataStripes(profile, chunk.stripes.size());
+  const uint64_t piece = within / kStripeBytes;
+  const uint64_t row = piece / perRow;
+  uint64_t first = piece % perRow * profile.copies;
+  if (profile.parity != 0) first = (first + row) % chunk.stripes.size();
+
+  Places places;
+  for (uint64_t copy = 0; copy < profile.copies; ++copy) {
+    const Place& stripe = chunk.stripes[first + copy];
+    places.Add({stripe.devid, stripe.offset + row * kStripeBytes + inPiece});
+  }
   return places;
 }
 

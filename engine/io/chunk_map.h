@@ -1,9 +1,11 @@
-// chunk_map.h: from logical addresses to places on the device.
+// chunk_map.h: from logical addresses to places on the devices.
 #ifndef ENGINE_IO_CHUNK_MAP_H_
 #define ENGINE_IO_CHUNK_MAP_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
+#include <tuple>
 #include <vector>
 
 #include "engine/ondisk/byte_view.h"
@@ -19,22 +21,52 @@ struct LogicalRange {
   uint64_t end;
 };
 
-// The chunks of a file system on one device, profiles single and dup.
+// An address on one of the devices.
+struct Place {
+  uint64_t devid = 0;
+  uint64_t offset = 0;
+};
+
+inline auto PlaceOrder(const Place& place) { return std::tie(place.devid, place.offset); }
+inline bool operator==(const Place& a, const Place& b) { return PlaceOrder(a) == PlaceOrder(b); }
+inline bool operator<(const Place& a, const Place& b) { return PlaceOrder(a) < PlaceOrder(b); }
+
+// The places of all copies of something, first copy first.  No profile has more than four.
+class Places {
+ public:
+  static constexpr size_t kMost = 4;
+
+  void Add(const Place& place) { places_[count_++] = place; }
+  bool Empty() const { return count_ == 0; }
+  const Place* begin() const { return places_; }
+  const Place* end() const { return places_ + count_; }
+
+ private:
+  Place places_[kMost];
+  size_t count_ = 0;
+};
+
+struct ChunkProfile;
+
+// The chunks of a file system, of any profile, on any number of devices.
+//
+// Striped profiles put kStripeBytes on one device, then go on to the next.  A tree block lies
+// within one such piece, since chunks and pieces begin at multiples of its size.
 class ChunkMap {
  public:
-  // `devid` is the number of the only device; a chunk elsewhere is refused.
-  explicit ChunkMap(uint64_t devid) : devid_(devid) {}
+  // Bytes of one piece; the kernel knows no other size (BTRFS_STRIPE_LEN).
+  static constexpr uint64_t kStripeBytes = 64 << 10;
 
   // Adds the chunk of one chunk item; the same chunk may be added twice.
-  // Fails for an item that does not add up, another profile, another device, and an overlap.
+  // Fails for an item that does not add up, an unknown profile, and an overlap.
   Status Add(const Key& key, ByteView item);
 
   // Adds the chunks that the superblock carries, which are those of the chunk tree itself.
   Status AddSystemChunks(const Superblock& superblock);
 
-  // The device addresses of all copies of `length` bytes at `logical`, first copy first; empty when
-  // the range is not inside one chunk.
-  std::vector<uint64_t> Find(uint64_t logical, uint64_t length) const;
+  // The places of all copies of `length` bytes at `logical`; parity is no copy.  Empty when the
+  // range is not inside one chunk, or not inside one piece of a striped one.
+  Places Find(uint64_t logical, uint64_t length) const;
 
   // The ranges of all chunks whose type has the bit `kind`, such as kChunkData; sorted, neighbours
   // joined.
@@ -44,10 +76,12 @@ class ChunkMap {
   struct Chunk {
     uint64_t length;
     uint64_t type;
-    std::vector<uint64_t> copies;  // device address of each
+    const ChunkProfile* profile;
+    std::vector<Place> stripes;
   };
 
-  uint64_t devid_;
+  static Places FindStriped(const Chunk& chunk, uint64_t within, uint64_t length);
+
   std::map<uint64_t, Chunk> chunks_;  // by logical start
 };
 

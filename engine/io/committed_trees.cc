@@ -31,8 +31,7 @@ Status CommittedTrees::Load(const Superblock& superblock) {
 
 // The superblock's own chunks lead to the chunk tree, which has all of them.
 Status CommittedTrees::LoadChunks(const Superblock& superblock) {
-  const uint64_t devid = superblock.device.devid.Get();
-  ChunkMap bootstrap(devid);
+  ChunkMap bootstrap;
   ENGINE_TRY(bootstrap.AddSystemChunks(superblock));
   reader_.UseChunks(std::move(bootstrap));
 
@@ -44,19 +43,14 @@ Status CommittedTrees::LoadChunks(const Superblock& superblock) {
   ENGINE_TRY(reader_.Read(chunkRoot, &block));
   reader_.ExpectChunkTree(block->view->Header().chunkTreeUuid);
 
-  ChunkMap all(devid);
-  int devices = 0;
+  ChunkMap all;
   TreeCursor cursor(reader_, chunkRoot);
   ENGINE_TRY(cursor.Seek(Key()));
   while (cursor.AtItem()) {
     const Key key = cursor.ItemKey();
-    if (key.objectid == kDeviceItemsId && key.type == kDeviceItemType) ++devices;
     if (key.type == kChunkItemType) ENGINE_TRY(all.Add(key, cursor.ItemData()));
     ENGINE_TRY(cursor.Next());
   }
-  if (devices != 1)
-    return Status::Failed(
-        "the file system has several devices; this engine reads file systems of one device");
   metadataRanges_ = all.Ranges(kChunkMetadata);
   dataRanges_ = all.Ranges(kChunkData);
   reader_.UseChunks(std::move(all));

@@ -24,7 +24,7 @@ class CommittedTrees {
   explicit CommittedTrees(BlockReader& reader) : reader_(reader) {}
 
   // Enters the state of `superblock`: reads its chunks and finds its trees.
-  // Fails when a device, profile or running balance makes exact numbers impossible here.
+  // Fails when a profile or running balance makes exact numbers impossible here.
   Status Load(const Superblock& superblock);
 
   // Looks up a subvolume; fails, naming `id`, when there is none with this number.

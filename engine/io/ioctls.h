@@ -14,14 +14,13 @@
 
 namespace ZorvEngine {
 
-// The file system behind a descriptor: its id and how many devices it has.
+// The file system behind a descriptor: its id and the highest number of its devices.
 struct FsInfo {
   btrfs_ioctl_fs_info_args args{};
 
   // 0 or -errno, as for all Run functions here.
   int Run(int fd) { return ioctl(fd, BTRFS_IOC_FS_INFO, &args) < 0 ? -errno : 0; }
   const uint8_t* Fsid() const { return args.fsid; }
-  uint64_t NumDevices() const { return args.num_devices; }
   uint64_t MaxDevid() const { return args.max_id; }
 };
 

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "engine/io/ioctls.h"
+#include "engine/io/mounted_devices.h"
 #include "engine/ondisk/keys.h"
 
 namespace ZorvEngine {
@@ -44,8 +45,6 @@ Status MountedFilesystem::Open(const std::string& path) {
   if (failed != 0)
     return Status::Failed("cannot ask the file system of " + path + ": " + strerror(-failed));
   memcpy(fsid_, info.Fsid(), kUuidSize);
-  maxDevid_ = info.MaxDevid();
-  numDevices_ = info.NumDevices();
   return Status();
 }
 
@@ -70,33 +69,9 @@ bool MountedFilesystem::SameAs(const MountedFilesystem& other) const {
   return memcmp(fsid_, other.fsid_, kUuidSize) == 0;
 }
 
-Status MountedFilesystem::OpenDevice() {
-  std::string devicePath;
-  ENGINE_TRY(FindOnlyDevice(&devicePath));
-  return device_.Open(devicePath);
-}
-
-// Numbers of devices may have holes, so all up to the highest are asked for.
-Status MountedFilesystem::FindOnlyDevice(std::string* devicePath) {
-  if (numDevices_ != 1)
-    return Status::Failed("the file system has several devices (" + std::to_string(numDevices_) +
-                          "); this engine reads file systems of one device");
-  for (uint64_t devid = 0; devid <= maxDevid_; ++devid) {
-    DevInfo device(devid);
-    const int failed = device.Run(fd_.Get());
-    if (failed == -ENODEV) continue;
-    if (failed != 0)
-      return Status::Failed(std::string("cannot ask for the device of the file system: ") +
-                            strerror(-failed));
-    memcpy(deviceUuid_, device.Uuid(), kUuidSize);
-    *devicePath = device.Path();
-    return Status();
-  }
-  return Status::Failed("the kernel names no device of the file system");
-}
-
 Status MountedFilesystem::ReadSuperblock(Superblock* out) {
-  return ReadNewestSuperblock(device_, deviceUuid_, out);
+  ENGINE_TRY(OpenMountedDevices(fd_.Get(), fsid_, &devices_));
+  return devices_.ReadNewestSuperblock(out);
 }
 
 // Asks for a commit on a thread of its own: on a stalled file system the request does not return,
@@ -134,12 +109,12 @@ Status MountedFilesystem::CommitAndReadSuperblock(Superblock* out, std::string* 
   if (!StartCommit(&wanted, note)) return ReadSuperblock(out);
 
   const Clock::time_point deadline = Clock::now() + std::chrono::seconds(kCommitSeconds);
-  for (;;) {
-    ENGINE_TRY(ReadSuperblock(out));
-    if (out->generation.Get() >= wanted) return Status();
-    if (Clock::now() >= deadline) break;
+  ENGINE_TRY(ReadSuperblock(out));
+  while (out->generation.Get() < wanted && Clock::now() < deadline) {
     std::this_thread::sleep_for(kBetweenLooks);
+    ENGINE_TRY(devices_.ReadNewestSuperblock(out));
   }
+  if (out->generation.Get() >= wanted) return Status();
   *note = kNoCommitInTime;
   return Status();
 }

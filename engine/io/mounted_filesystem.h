@@ -6,9 +6,8 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "engine/io/direct_device.h"
+#include "engine/io/device_set.h"
 #include "engine/io/state_source.h"
-#include "engine/io/superblock.h"
 #include "engine/ondisk/status.h"
 
 namespace ZorvEngine {
@@ -27,28 +26,23 @@ class MountedFilesystem : public StateSource {
   // Whether both are the same file system, however they were reached.
   bool SameAs(const MountedFilesystem& other) const;
 
-  // Opens the device of the file system.  Fails when there are several.
-  Status OpenDevice();
+  const DeviceSet& Devices() const override { return devices_; }
 
-  // The three below only after OpenDevice.
-  ByteSource& Device() override { return device_; }
+  // Opens the devices anew first: some may have come, gone or been replaced since.
   Status ReadSuperblock(Superblock* out) override;
 
-  // Waits `kCommitSeconds` at most for the kernel to start the commit and again to finish it.
+  // As ReadSuperblock.  Waits `kCommitSeconds` at most for the kernel to start the commit and again
+  // to finish it.
   static constexpr int kCommitSeconds = 5;
   Status CommitAndReadSuperblock(Superblock* out, std::string* note) override;
 
  private:
-  Status FindOnlyDevice(std::string* devicePath);
   bool StartCommit(uint64_t* generation, std::string* note) const;
 
   UniqueFd fd_;
   std::string path_;
   uint8_t fsid_[kUuidSize] = {};
-  uint8_t deviceUuid_[kUuidSize] = {};
-  uint64_t maxDevid_ = 0;
-  uint64_t numDevices_ = 0;
-  DirectDevice device_;
+  DeviceSet devices_;
 };
 
 }  // namespace ZorvEngine

@@ -4,19 +4,19 @@
 
 #include <string>
 
-#include "engine/io/byte_source.h"
+#include "engine/io/device_set.h"
 #include "engine/ondisk/format.h"
 #include "engine/ondisk/status.h"
 
 namespace ZorvEngine {
 
-// A device and the superblocks that say what on it belongs together.
+// Devices and the superblocks that say what on them belongs together.
 class StateSource {
  public:
   virtual ~StateSource() = default;
 
-  // The device; the source's own.
-  virtual ByteSource& Device() = 0;
+  // The devices; the source's own.  Both functions below may change the set.
+  virtual const DeviceSet& Devices() const = 0;
 
   // Has what was written until now committed, and reads the superblock of that commit.  When this
   // is not to be had in time, `out` is the newest committed one and `note` says so; else `note` is

@@ -109,10 +109,6 @@ Status CheckFeatures(const Superblock& superblock) {
   if (unknown != 0)
     return Status::Failed("the file system has a feature that this engine does not know (bit " +
                           std::to_string(__builtin_ctzll(unknown)) + "); use a newer engine");
-  if (superblock.numDevices.Get() != 1)
-    return Status::Failed("the file system has several devices (" +
-                          std::to_string(superblock.numDevices.Get()) +
-                          "); this engine reads file systems of one device");
   if (!IsBlockSize(superblock.nodeSize.Get()) || !IsBlockSize(superblock.sectorSize.Get()))
     return Status::Failed("the superblock has impossible block sizes");
   return Status();

@@ -18,7 +18,7 @@ namespace ZorvEngine {
 Status ReadNewestSuperblock(ByteSource& source, const uint8_t* deviceUuid, Superblock* out);
 
 // Fails, naming the feature, when a file system with this superblock cannot be read exactly:
-// several devices, zoned, extent-tree-v2, unknown incompatible features, impossible sizes.
+// zoned, extent-tree-v2, unknown incompatible features, impossible sizes.
 Status CheckFeatures(const Superblock& superblock);
 
 // The uuid (16 bytes) that stands in the header of each tree block.

@@ -47,7 +47,6 @@ static_assert(sizeof(DiskKey) == 17 && alignof(DiskKey) == 1, "17 bytes, unpadde
 
 // Object numbers.  The "negative" ones are stored as 64-bit complements.
 constexpr uint64_t kExtentTreeId = 2;
-constexpr uint64_t kDeviceItemsId = 1;
 constexpr uint64_t kTopLevelTreeId = 5;
 constexpr uint64_t kFirstFreeId = 256;
 constexpr uint64_t kLastFreeId = static_cast<uint64_t>(-256);

@@ -1,7 +1,5 @@
 #include "engine/size/newest_state_run.h"
 
-#include <string.h>
-
 #include "engine/io/superblock.h"
 
 namespace ZorvEngine {
@@ -11,7 +9,6 @@ BlockFormat FormatOf(const Superblock& superblock) {
   BlockFormat format;
   format.nodeSize = superblock.nodeSize.Get();
   format.checksumType = superblock.checksumType.Get();
-  memcpy(format.fsid, TreeBlockFsid(superblock), kUuidSize);
   return format;
 }
 
@@ -34,7 +31,7 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
   if (!commitNote.empty()) note(commitNote);
   ENGINE_TRY(CheckFeatures(superblock));
 
-  BlockReader reader(source.Device(), FormatOf(superblock), progress.meter);
+  BlockReader reader(source.Devices(), FormatOf(superblock), progress.meter);
   for (int attempt = 1;; ++attempt) {
     SizeResult result;
     const Status done = Attempt(reader, superblock, method, request, progress, &result);

@@ -1,0 +1,52 @@
+#include "engine/io/device_set.h"
+
+#include <utility>
+
+#include "engine/io/superblock.h"
+
+namespace ZorvEngine {
+
+void DeviceSet::Add(uint64_t devid, Device device) {
+  missing_.erase(devid);
+  devices_[devid] = std::move(device);
+}
+
+void DeviceSet::AddMissing(uint64_t devid, std::string why) {
+  devices_.erase(devid);
+  missing_[devid] = std::move(why);
+}
+
+const Device* DeviceSet::Find(uint64_t devid) const {
+  const auto found = devices_.find(devid);
+  return found == devices_.end() ? nullptr : &found->second;
+}
+
+std::string DeviceSet::WhyMissing(uint64_t devid) const {
+  const auto found = missing_.find(devid);
+  if (found == missing_.end() || found->second.empty()) return "is missing";
+  return "cannot be used (" + found->second + ")";
+}
+
+Status DeviceSet::ReadNewestSuperblock(Superblock* out) const {
+  bool found = false;
+  Status firstFailure;
+  for (const auto& [devid, why] : missing_)
+    if (firstFailure.Ok() && !why.empty()) firstFailure = Status::Failed(why);
+
+  for (const auto& [devid, device] : devices_) {
+    Superblock superblock;
+    const Status read = ZorvEngine::ReadNewestSuperblock(*device.source, device.uuid, &superblock);
+    if (!read.Ok()) {
+      if (firstFailure.Ok()) firstFailure = read;
+      continue;
+    }
+    if (found && superblock.generation.Get() <= out->generation.Get()) continue;
+    found = true;
+    *out = superblock;
+  }
+  if (found) return Status();
+  return firstFailure.Ok() ? Status::Failed("every device of the file system is missing")
+                           : firstFailure;
+}
+
+}  // namespace ZorvEngine
