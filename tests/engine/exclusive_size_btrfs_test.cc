@@ -11,39 +11,11 @@
 #include <random>
 
 #include "base/unique_fd.h"
-#include "tests/engine/engine_run.h"
+#include "tests/engine/history.h"
 
 using namespace ZorvTest;
 
 namespace {
-
-constexpr char kMount[] = "/volume1";
-
-// Options for a volume whose commits come every second: the kernel's cleaning of deleted
-// subvolumes, which tests wait for, begins with a commit.
-BtrfsOptions Options(int sizeMiB = 256, const std::vector<std::string>& mkfs = {},
-                     const std::string& mount = "") {
-  return {sizeMiB, mkfs, mount.empty() ? "commit=1" : "commit=1," + mount};
-}
-
-void Shell(const std::string& script) { MustRun({"bash", "-ec", "cd /volume1\n" + script}); }
-
-// Writes incompressible bytes into a file, without waiting for the disk.
-void Write(const std::string& path, size_t bytes, unsigned seed, size_t offset = 0) {
-  std::mt19937_64 random(seed);
-  std::string data(bytes, '\0');
-  for (char& byte : data) byte = static_cast<char>(random());
-  const UniqueFd fd(open((std::string(kMount) + "/" + path).c_str(), O_WRONLY | O_CREAT, 0644));
-  ASSERT_EQ(static_cast<ssize_t>(bytes),
-            pwrite(fd.Get(), data.data(), bytes, static_cast<off_t>(offset)))
-      << path;
-}
-
-// Files <dir>/<first> to <dir>/<last> of mixed sizes, the smallest inline.
-void WriteFiles(const std::string& dir, unsigned first, unsigned last, unsigned seed) {
-  for (unsigned n = first; n <= last; ++n)
-    Write(dir + "/" + std::to_string(n), 100 + (n * 7919 + seed * 104729) % 60000, seed * 1000 + n);
-}
 
 // Makes `target` share bytes of `source`.
 void Reflink(const std::string& source, const std::string& target, size_t from = 0,
@@ -53,36 +25,6 @@ void Reflink(const std::string& source, const std::string& target, size_t from =
   const UniqueFd out(open((base + target).c_str(), O_WRONLY | O_CREAT, 0644));
   file_clone_range range{in.Get(), from, length, to};
   ASSERT_EQ(0, ioctl(out.Get(), FICLONERANGE, &range)) << source << " to " << target;
-}
-
-// Holds the engine's numbers of every subvolume against the kernel's: in both ways of counting, all
-// together and each alone.
-void ExpectKernelNumbers(BtrfsVolume& volume, size_t atLeast) {
-  MustRun({"sync", "-f", kMount});
-  MustRun({kStockBtrfs, "subvolume", "sync", kMount});
-  const Sizes kernel = volume.KernelExclusive();
-  ASSERT_GE(kernel.size(), atLeast);
-  std::vector<unsigned long long> ids;
-  for (const auto& [id, bytes] : kernel) ids.push_back(id);
-  EXPECT_EQ(kernel, EngineSizes("-vm --method scan", kMount, ids));
-  EXPECT_EQ(kernel, EngineSizes("-vpm --method=walk", kMount, ids));
-  for (const auto& [id, bytes] : kernel)
-    EXPECT_EQ((Sizes{{id, bytes}}), EngineSizes("-vm --verify", kMount, {id}));
-}
-
-// A live subvolume that changes between its snapshots, one of which is gone, one written to.
-void MakeHistory(const BtrfsVolume& volume, unsigned files, unsigned snapshots) {
-  volume.Subvolume("live");
-  WriteFiles("live", 1, files, 1);
-  for (unsigned n = 1; n <= snapshots; ++n) {
-    volume.Snapshot("live", "snap" + std::to_string(n));
-    WriteFiles("live", n * 7, n * 7 + files / 20, n + 1);
-    Write("live/" + std::to_string(n), 20000, n + 50, 4096);
-  }
-  volume.DeleteSubvolume("snap" + std::to_string(snapshots / 2));
-  volume.Snapshot("snap" + std::to_string(snapshots), "written", /*readOnly=*/false);
-  WriteFiles("written", 1, files / 10, 99);
-  MustRun({kStockBtrfs, "subvolume", "sync", kMount});  // until then its neighbours' numbers move
 }
 
 struct Format {

@@ -15,54 +15,7 @@ namespace {
 
 constexpr char kMount[] = "/volume1";
 
-// Two loop devices with one file system over both.
-class TwoDevices {
- public:
-  explicit TwoDevices(const std::vector<std::string>& options) {
-    std::vector<std::string> mkfs = {"mkfs.btrfs", "-q", "-f"};
-    mkfs.insert(mkfs.end(), options.begin(), options.end());
-    for (std::string& loop : loops_) {
-      const std::string image = "/tmp/two." + std::to_string(images_++);
-      MustRun({"truncate", "-s", "256M", image});
-      loop = MustRun({"losetup", "-f", "--show", image});
-      loop.pop_back();
-      mkfs.push_back(loop);
-    }
-    MustRun(mkfs);
-    MustRun({kStockBtrfs, "device", "scan", loops_[0], loops_[1]});
-    std::filesystem::create_directories(kMount);
-    MustRun({"mount", loops_[0], kMount});
-  }
-  ~TwoDevices() {
-    (void)umount(kMount);
-    for (const std::string& loop : loops_) (void)ZorvTest::Run({"losetup", "-d", loop});
-    for (int n = 0; n < images_; ++n) (void)unlink(("/tmp/two." + std::to_string(n)).c_str());
-  }
-
- private:
-  std::string loops_[2];
-  int images_ = 0;
-};
-
 }  // namespace
-
-TEST(EngineRefuses, SeveralDevices) {
-  const TwoDevices devices({"-d", "single", "-m", "single"});
-  ExpectFailure(RunEngine({"-vpm", "-r", kMount, "5"}),
-                "the file system has several devices (2); this engine reads file systems of one "
-                "device",
-                "the file system has several devices (#); this engine reads file systems of one "
-                "device");
-}
-
-TEST(EngineRefuses, RaidOne) {
-  const TwoDevices devices({"-d", "raid1", "-m", "raid1"});
-  ExpectFailure(RunEngine({"-vpm", kMount}),
-                "the file system has several devices (2); this engine reads file systems of one "
-                "device",
-                "the file system has several devices (#); this engine reads file systems of one "
-                "device");
-}
 
 TEST(EngineRefuses, AFileSystemWhileABalanceRuns) {
   BtrfsVolume volume(kMount, {512, {}, ""});

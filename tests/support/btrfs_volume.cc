@@ -16,11 +16,25 @@
 namespace ZorvTest {
 namespace {
 
-std::string NewFile() {
+// An empty sparse image of `sizeMiB`.
+std::string NewImage(int sizeMiB) {
   char name[] = "/tmp/volume.XXXXXX";
   const UniqueFd fd(mkstemp(name));
   if (!fd.Valid()) throw std::runtime_error("no temporary file");
+  std::filesystem::resize_file(name, static_cast<uintmax_t>(sizeMiB) << 20);
   return name;
+}
+
+std::string AttachLoop(const std::string& image) {
+  std::string loop = MustRun({"losetup", "--find", "--show", image});
+  loop.pop_back();
+  return loop;
+}
+
+// Has the kernel forget what it has seen on a loop device: a copy of it may come next.
+void ForgetLoop(const std::string& loop) {
+  (void)Run({kStockBtrfs, "device", "scan", "--forget", loop});
+  (void)Run({"losetup", "--detach", loop});
 }
 
 // Lines "0/257  16384  16384 ..." of `qgroup show --raw`.
@@ -37,19 +51,33 @@ std::map<unsigned long long, unsigned long long> ParseQgroups(const std::string&
 }  // namespace
 
 BtrfsVolume::BtrfsVolume(const std::string& mountPoint, const BtrfsOptions& options)
-    : mountPoint_(mountPoint), image_(NewFile()), options_(options.mount) {
-  std::filesystem::resize_file(image_, static_cast<uintmax_t>(options.sizeMiB) << 20);
+    : mountPoint_(mountPoint), options_(options.mount) {
+  const bool several = !options.devicesMiB.empty();
+  for (const int size : several ? options.devicesMiB : std::vector<int>{options.sizeMiB})
+    images_.push_back(NewImage(size));
+  if (several) loops_.resize(images_.size());
   std::vector<std::string> mkfs = {"mkfs.btrfs", "-q", "-f"};
   mkfs.insert(mkfs.end(), options.mkfs.begin(), options.mkfs.end());
-  mkfs.push_back(image_);
+  mkfs.insert(mkfs.end(), images_.begin(), images_.end());
   MustRun(mkfs);
   std::filesystem::create_directories(mountPoint_);
   Mount();
 }
 
+BtrfsVolume::BtrfsVolume(const BtrfsVolume& original, const std::string& mountPoint)
+    : mountPoint_(mountPoint), options_(original.options_) {
+  for (const std::string& image : original.images_) {
+    images_.push_back(NewImage(0));
+    MustRun({"cp", "--sparse=always", image, images_.back()});
+  }
+  loops_.resize(original.loops_.size());
+  std::filesystem::create_directories(mountPoint_);
+}
+
 BtrfsVolume::~BtrfsVolume() {
   (void)umount2(mountPoint_.c_str(), MNT_DETACH);
-  (void)unlink(image_.c_str());
+  Detach();
+  for (const std::string& image : images_) (void)unlink(image.c_str());
 }
 
 std::string BtrfsVolume::Device() const {
@@ -58,11 +86,53 @@ std::string BtrfsVolume::Device() const {
 }
 
 void BtrfsVolume::Mount() {
-  MustRun({"mount", "-t", "btrfs", "-o", options_.empty() ? "loop" : "loop," + options_, image_,
-           mountPoint_});
+  if (!HasOwnLoops()) {
+    MustRun({"mount", "-t", "btrfs", "-o", options_.empty() ? "loop" : "loop," + options_,
+             images_[0], mountPoint_});
+    return;
+  }
+  Attach();
+  std::string options = options_;
+  for (const std::string& loop : loops_)
+    options += (options.empty() ? "device=" : ",device=") + loop;
+  try {
+    // By the last device: the first may be a seed of it.
+    MustRun({"mount", "-t", "btrfs", "-o", options, loops_.back(), mountPoint_});
+  } catch (...) {
+    Detach();
+    throw;
+  }
 }
 
-void BtrfsVolume::Unmount() { MustRun({"umount", mountPoint_}); }
+void BtrfsVolume::Unmount() {
+  MustRun({"umount", mountPoint_});
+  Detach();
+}
+
+void BtrfsVolume::Attach() {
+  for (size_t i = 0; i < loops_.size(); ++i)
+    if (loops_[i].empty()) loops_[i] = AttachLoop(images_[i]);
+}
+
+void BtrfsVolume::Detach() {
+  for (std::string& loop : loops_) {
+    if (!loop.empty()) ForgetLoop(loop);
+    loop.clear();
+  }
+}
+
+std::string BtrfsVolume::AddDevice(int sizeMiB) {
+  images_.push_back(NewImage(sizeMiB));
+  loops_.push_back(AttachLoop(images_.back()));
+  return loops_.back();
+}
+
+void BtrfsVolume::RemoveDevice(size_t index) {
+  if (!loops_.at(index).empty()) ForgetLoop(loops_[index]);
+  (void)unlink(images_[index].c_str());
+  loops_.erase(loops_.begin() + static_cast<long>(index));
+  images_.erase(images_.begin() + static_cast<long>(index));
+}
 
 std::string BtrfsVolume::Subvolume(const std::string& path) const {
   std::filesystem::create_directories(std::filesystem::path(Path(path)).parent_path());
@@ -86,19 +156,16 @@ void BtrfsVolume::DeleteSubvolume(const std::string& path) const {
 }
 
 std::map<unsigned long long, unsigned long long> BtrfsVolume::KernelExclusive() {
-  const std::string copy = NewFile();
-  const std::string at = copy + ".mnt";
-  std::filesystem::create_directories(at);
   Unmount();
-  MustRun({"cp", "--sparse=always", image_, copy});
-  MustRun({"mount", "-t", "btrfs", "-o", "loop", copy, at});
+  BtrfsVolume copy(*this, images_[0] + ".copy");
+  copy.Mount();
+  const std::string& at = copy.MountPoint();
   MustRun({kStockBtrfs, "subvolume", "sync", at});
   MustRun({kStockBtrfs, "quota", "enable", at});
   MustRun({kStockBtrfs, "quota", "rescan", "-w", at});
   MustRun({"sync", "-f", at});
   const std::string text = MustRun({kStockBtrfs, "qgroup", "show", "--raw", "--sync", at});
-  MustRun({"umount", at});
-  (void)unlink(copy.c_str());
+  copy.Unmount();
   Mount();
   return ParseQgroups(text);
 }

@@ -15,6 +15,9 @@ struct BtrfsOptions {
   int sizeMiB = 256;              // of the sparse image, which lies in memory
   std::vector<std::string> mkfs;  // further arguments of mkfs.btrfs
   std::string mount;              // mount options, such as "compress-force=zstd"
+  // One size for each device, in place of sizeMiB: the images are loop devices of the volume's own,
+  // so that others can join them.
+  std::vector<int> devicesMiB = {};
 };
 
 // Makes and mounts a file system; unmounts it when it goes.
@@ -26,13 +29,28 @@ class BtrfsVolume {
   BtrfsVolume& operator=(const BtrfsVolume&) = delete;
 
   const std::string& MountPoint() const { return mountPoint_; }
-  const std::string& Image() const { return image_; }
+  const std::string& Image() const { return images_[0]; }
 
   // The loop device that is mounted, such as /dev/loop3.
   std::string Device() const;
 
   void Mount();
   void Unmount();
+
+  // The loop devices, in the order of the options and then of AddDevice; only with devicesMiB.
+  const std::vector<std::string>& Devices() const { return loops_; }
+
+  // Attaches the devices without mounting; Mount does it too.
+  void Attach();
+
+  // Makes a further device and attaches it; it is not part of the file system yet.
+  std::string AddDevice(int sizeMiB);
+
+  // Takes a device away, with its image.
+  void RemoveDevice(size_t index);
+
+  // Mount options from the next Mount on, the copies of KernelExclusive included.
+  void SetMountOptions(const std::string& options) { options_ = options; }
 
   // <mount point>/<path>
   std::string Path(const std::string& path) const { return mountPoint_ + "/" + path; }
@@ -44,12 +62,19 @@ class BtrfsVolume {
   void DeleteSubvolume(const std::string& path) const;
 
   // The kernel's own exclusive bytes of every subvolume by its ID: quotas enabled and rescanned on
-  // a copy of the image. The volume is unmounted meanwhile and mounted again.
+  // copies of all images. The volume is unmounted meanwhile and mounted again.
   std::map<unsigned long long, unsigned long long> KernelExclusive();
 
  private:
+  // A copy of an unmounted volume, not mounted yet.
+  BtrfsVolume(const BtrfsVolume& original, const std::string& mountPoint);
+
+  bool HasOwnLoops() const { return !loops_.empty(); }
+  void Detach();
+
   std::string mountPoint_;
-  std::string image_;
+  std::vector<std::string> images_;
+  std::vector<std::string> loops_;  // empty strings while detached
   std::string options_;
 };
 
