@@ -1,4 +1,5 @@
-// Blocks are verified, mirrors used, neighbours read together, the cache kept within its bound.
+// Blocks are verified, mirrors used, neighbours on a device read together, missing devices named,
+// the cache kept within its bound.
 #include "engine/io/block_reader.h"
 
 #include <gtest/gtest.h>
@@ -14,21 +15,21 @@ namespace {
 constexpr uint64_t kMiB = 1 << 20;
 constexpr uint64_t kMirror = 4 * kMiB;  // distance of the second copy
 
+BlockFormat Format() {
+  BlockFormat format;
+  format.nodeSize = kNodeSize;
+  format.checksumType = kCrc32c;
+  return format;
+}
+
 // Logical addresses 0 to 4 MiB, stored twice.
 class BlockReaderTest : public testing::Test {
  protected:
   BlockReaderTest() {
-    ChunkMap chunks(1);
+    ChunkMap chunks;
     const Bytes chunk = MakeChunk(4 * kMiB, kChunkMetadata | kChunkDup, {0, kMirror});
     EXPECT_TRUE(chunks.Add(ChunkKey(0), View(chunk)).Ok());
     reader_.UseChunks(chunks);
-  }
-
-  static BlockFormat Format() {
-    BlockFormat format;
-    format.nodeSize = kNodeSize;
-    format.checksumType = kCrc32c;
-    return format;
   }
 
   void PutBoth(uint64_t bytenr, const Bytes& block) {
@@ -46,9 +47,10 @@ class BlockReaderTest : public testing::Test {
     return status.Text();
   }
 
-  MemoryDevice device_{8 * kMiB};
+  DeviceSet devices_;
+  MemoryDevice& device_ = AddMemoryDevice(&devices_, 1, 8 * kMiB);
   ReadMeter meter_;
-  BlockReader reader_{device_, Format(), meter_};
+  BlockReader reader_{devices_, Format(), meter_};
 };
 
 using BlockReaderRead = BlockReaderTest;
@@ -233,15 +235,169 @@ TEST_F(BlockReaderReadMany, EndsAtTheVisitorsFailure) {
   EXPECT_EQ("enough", status.Text());
 }
 
+// Logical addresses 0 to 4 MiB over three devices, in any profile; each device's part begins at 0.
+class BlockReaderDevices : public testing::Test {
+ protected:
+  static constexpr uint8_t kSeedFsid[kUuidSize] = {9, 9, 9};
+
+  BlockReaderDevices() {
+    for (uint64_t devid = 1; devid <= 3; ++devid)
+      memory_.push_back(&AddMemoryDevice(&devices_, devid, 4 * kMiB));
+  }
+
+  void UseProfile(uint64_t profile, uint64_t stripeCount) {
+    std::vector<Place> stripes;
+    for (uint64_t devid = 1; devid <= stripeCount; ++devid) stripes.push_back({devid, 0});
+    const Bytes chunk = MakeChunkOn(4 * kMiB, kChunkMetadata | profile, stripes);
+    ASSERT_EQ("", chunks_.Add(ChunkKey(0), View(chunk)).Text());
+    reader_.UseChunks(chunks_);
+  }
+
+  // Puts an empty leaf of file system `fsid` (16 bytes; null: none) wherever the chunk has it.
+  void Put(uint64_t bytenr, const uint8_t* fsid = nullptr) {
+    Bytes block = MakeLeaf(bytenr, {});
+    if (fsid != nullptr) memcpy(HeaderOf(&block).fsid, fsid, kUuidSize);
+    Seal(&block);
+    for (const Place& place : chunks_.Find(bytenr, kNodeSize))
+      memory_[place.devid - 1]->Put(place.offset, block);
+  }
+
+  Status Read(uint64_t bytenr) {
+    TreeBlockPtr block;
+    return reader_.Read({bytenr, kGeneration, 0, {}}, &block);
+  }
+
+  DeviceSet devices_;
+  std::vector<MemoryDevice*> memory_;
+  ReadMeter meter_;
+  ChunkMap chunks_;
+  BlockReader reader_{devices_, Format(), meter_};
+};
+
+TEST_F(BlockReaderDevices, ReadsStripedNeighboursOnEachDeviceTogether) {
+  UseProfile(kRaid0, 3);
+  std::vector<BlockPointer> pointers;
+  for (uint64_t bytenr = 0; bytenr < 18 * 65536; bytenr += kNodeSize) {
+    Put(bytenr);
+    pointers.push_back({bytenr, kGeneration, 0, {}});
+  }
+  std::vector<TreeBlockPtr> blocks;
+  ASSERT_EQ("", reader_.ReadAll(pointers, &blocks).Text());
+  for (size_t i = 0; i < pointers.size(); ++i)
+    EXPECT_EQ(pointers[i].bytenr, blocks[i]->view->Header().bytenr.Get());
+  for (const MemoryDevice* memory : memory_) EXPECT_EQ(1, memory->Reads());
+  EXPECT_EQ(18u * 65536, meter_.processed);
+}
+
+TEST_F(BlockReaderDevices, UsesTheMirrorOfAMissingDevice) {
+  UseProfile(kRaid1c3, 3);
+  Put(kMiB);
+  Put(kMiB + kNodeSize);
+  devices_.AddMissing(1, "");
+  EXPECT_EQ("", Read(kMiB).Text());
+  std::vector<TreeBlockPtr> blocks;
+  EXPECT_EQ(
+      "",
+      reader_.ReadAll({{kMiB, kGeneration, 0, {}}, {kMiB + kNodeSize, kGeneration, 0, {}}}, &blocks)
+          .Text());
+  EXPECT_EQ(0, memory_[2]->Reads());
+  EXPECT_EQ(2, memory_[1]->Reads());
+}
+
+TEST_F(BlockReaderDevices, NamesTheMissingDevice) {
+  const struct {
+    const char* name;
+    uint64_t profile;
+    uint64_t stripes;
+    uint64_t bytenr;
+    std::vector<uint64_t> missing;
+    uint64_t named;
+  } kCases[] = {
+      {"single", 0, 1, 4096, {1}, 1},        {"raid0", kRaid0, 3, 65536, {2}, 2},
+      {"raid1", kRaid1, 2, 4096, {1, 2}, 1}, {"raid5, second row", kRaid5, 3, 3 * 65536, {3}, 3},
+      {"raid6", kRaid6, 3, 65536, {2}, 2},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    chunks_ = ChunkMap();
+    UseProfile(c.profile, c.stripes);
+    DeviceSet devices;
+    for (uint64_t devid = 1; devid <= 3; ++devid) (void)AddMemoryDevice(&devices, devid, kMiB);
+    for (const uint64_t devid : c.missing) devices.AddMissing(devid, "");
+    BlockReader reader(devices, Format(), meter_);
+    reader.UseChunks(chunks_);
+    TreeBlockPtr block;
+    std::vector<TreeBlockPtr> blocks;
+    const BlockPointer pointer = {c.bytenr, kGeneration, 0, {}};
+    for (const Status& read : {reader.Read(pointer, &block), reader.ReadAll({pointer}, &blocks)}) {
+      EXPECT_EQ(Status::kFailed, read.GetKind());
+      EXPECT_EQ("device " + std::to_string(c.named) + " is missing and tree block " +
+                    std::to_string(c.bytenr) +
+                    " lies nowhere else; attach the device or replace it (btrfs replace), then try "
+                    "again",
+                read.Text());
+    }
+  }
+}
+
+TEST_F(BlockReaderDevices, SaysWhyADeviceCannotBeUsed) {
+  UseProfile(0, 1);
+  devices_.AddMissing(1, "cannot open device /dev/sdx: No such file or directory");
+  EXPECT_EQ(
+      "device 1 cannot be used (cannot open device /dev/sdx: No such file or directory) and tree "
+      "block 0 lies nowhere else; attach the device or replace it (btrfs replace), then try again",
+      Read(0).Text());
+}
+
+TEST_F(BlockReaderDevices, ReadsParityNeverAsACopy) {
+  UseProfile(kRaid5, 3);
+  Put(0);
+  Bytes spoilt = MakeLeaf(0, {});
+  spoilt.back() ^= 1;
+  memory_[0]->Put(0, spoilt);
+  memory_[1]->Put(0, MakeLeaf(0, {}));
+  memory_[2]->Put(0, MakeLeaf(0, {}));
+  EXPECT_EQ("tree block 0 (level 0, generation 77) cannot be used: its checksum is wrong",
+            Read(0).Text());
+}
+
+// A missing copy and a bad one: the bad one may be a block that was used again, so it can be tried
+// from a newer superblock.
+TEST_F(BlockReaderDevices, ABadCopyBesideAMissingOneIsABadBlock) {
+  UseProfile(kRaid1, 2);
+  devices_.AddMissing(1, "");
+  EXPECT_EQ(Status::kBadBlock, Read(kMiB).GetKind());
+}
+
+TEST_F(BlockReaderDevices, HoldsTheBlocksOfASeedAgainstTheSeedsFsid) {
+  UseProfile(kRaid0, 3);
+  auto seed = std::make_unique<MemoryDevice>(4 * kMiB);
+  memory_[1] = seed.get();
+  Device device{std::move(seed), {}, {}};
+  memcpy(device.blockFsid, kSeedFsid, kUuidSize);
+  devices_.Add(2, std::move(device));
+
+  Put(65536, kSeedFsid);
+  Put(2 * 65536);
+  EXPECT_EQ("", Read(65536).Text());
+  EXPECT_EQ("", Read(2 * 65536).Text());
+
+  Put(65536 + kNodeSize);  // on the seed, but not the seed's
+  Put(2 * 65536 + kNodeSize, kSeedFsid);
+  for (const uint64_t piece : {1, 2})
+    EXPECT_EQ("tree block " + std::to_string(piece * 65536 + kNodeSize) +
+                  " (level 0, generation 77) cannot be used: it belongs to another file system",
+              Read(piece * 65536 + kNodeSize).Text());
+}
+
 TEST(BlockReaderCache, StaysWithinItsBound) {
   const uint64_t blocks = 2 * BlockReader::kCacheBytes / kNodeSize;
-  MemoryDevice device(blocks * kNodeSize);
+  DeviceSet devices;
+  MemoryDevice& device = AddMemoryDevice(&devices, 1, blocks * kNodeSize);
   ReadMeter meter;
-  BlockFormat format;
-  format.nodeSize = kNodeSize;
-  BlockReader reader(device, format, meter);
-  ChunkMap chunks(1);
-  const Bytes chunk = MakeChunk(blocks * kNodeSize, kChunkMetadata, {0});
+  BlockReader reader(devices, Format(), meter);
+  ChunkMap chunks;
+  const Bytes chunk = MakeChunkOn(blocks * kNodeSize, kChunkMetadata, {{1, 0}});
   ASSERT_TRUE(chunks.Add(ChunkKey(0), View(chunk)).Ok());
   reader.UseChunks(chunks);
 

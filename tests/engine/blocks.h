@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <cstdint>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
@@ -12,6 +13,8 @@
 
 #include "engine/io/block_reader.h"
 #include "engine/io/byte_source.h"
+#include "engine/io/chunk_map.h"
+#include "engine/io/device_set.h"
 #include "engine/ondisk/checksum.h"
 #include "engine/ondisk/format.h"
 #include "engine/ondisk/keys.h"
@@ -22,6 +25,16 @@ using Bytes = std::vector<uint8_t>;
 
 inline constexpr uint32_t kNodeSize = 4096;
 inline constexpr uint64_t kGeneration = 77;
+
+// Profile bits of chunk types, as in <linux/btrfs_tree.h>.
+inline constexpr uint64_t kRaid0 = 1 << 3;
+inline constexpr uint64_t kRaid1 = 1 << 4;
+inline constexpr uint64_t kDup = 1 << 5;
+inline constexpr uint64_t kRaid10 = 1 << 6;
+inline constexpr uint64_t kRaid5 = 1 << 7;
+inline constexpr uint64_t kRaid6 = 1 << 8;
+inline constexpr uint64_t kRaid1c3 = 1 << 9;
+inline constexpr uint64_t kRaid1c4 = 1 << 10;
 
 template <typename T>
 Bytes BytesOf(const T& object) {
@@ -100,21 +113,30 @@ inline Bytes MakeNode(uint64_t bytenr, uint8_t level, const std::vector<Child>& 
   return block;
 }
 
-// A chunk item with one stripe on device 1 for each of `places`.
-inline Bytes MakeChunk(uint64_t length, uint64_t type, const std::vector<uint64_t>& places,
-                       uint64_t devid = 1) {
+// A chunk item with a stripe at each of `stripes`.
+inline Bytes MakeChunkOn(uint64_t length, uint64_t type,
+                         const std::vector<ZorvEngine::Place>& stripes) {
   ZorvEngine::ChunkItem chunk{};
   chunk.length.Set(length);
+  chunk.stripeLength.Set(ZorvEngine::ChunkMap::kStripeBytes);
   chunk.type.Set(type);
-  chunk.numStripes.Set(static_cast<uint16_t>(places.size()));
+  chunk.numStripes.Set(static_cast<uint16_t>(stripes.size()));
+  chunk.subStripes.Set((type & kRaid10) != 0 ? 2 : 1);
   Bytes bytes = BytesOf(chunk);
-  for (const uint64_t place : places) {
+  for (const ZorvEngine::Place& place : stripes) {
     ZorvEngine::ChunkStripe stripe{};
-    stripe.devid.Set(devid);
-    stripe.offset.Set(place);
+    stripe.devid.Set(place.devid);
+    stripe.offset.Set(place.offset);
     AppendTo(&bytes, BytesOf(stripe));
   }
   return bytes;
+}
+
+// The same with all stripes on device 1.
+inline Bytes MakeChunk(uint64_t length, uint64_t type, const std::vector<uint64_t>& offsets) {
+  std::vector<ZorvEngine::Place> stripes;
+  for (const uint64_t offset : offsets) stripes.push_back({1, offset});
+  return MakeChunkOn(length, type, stripes);
 }
 
 inline ZorvEngine::Key ChunkKey(uint64_t logical) {
@@ -149,6 +171,14 @@ class MemoryDevice : public ZorvEngine::ByteSource {
   std::set<uint64_t> broken_;
   int reads_ = 0;
 };
+
+// Puts a device in memory into a set; the reference is good as long as the set holds it.
+inline MemoryDevice& AddMemoryDevice(ZorvEngine::DeviceSet* devices, uint64_t devid, size_t size) {
+  auto memory = std::make_unique<MemoryDevice>(size);
+  MemoryDevice& device = *memory;
+  devices->Add(devid, {std::move(memory), {}, {}});
+  return device;
+}
 
 }  // namespace ZorvTest
 

@@ -26,7 +26,7 @@ class MiniFilesystem : public ZorvEngine::StateSource {
   MiniFilesystem() {
     ZorvEngine::DeviceItem deviceItem{};
     chunks_.push_back({{1, ZorvEngine::kDeviceItemType, 1}, BytesOf(deviceItem)});
-    chunks_.push_back({ChunkKey(0), MakeChunk(4 * kMiB, ZorvEngine::kChunkMetadata, {0})});
+    chunks_.push_back({ChunkKey(0), OnlyMetadataChunk()});
     AddRoot(ZorvEngine::kExtentTreeId, kExtentTree);
     AddRoot(kSubvolumeId, kSubvolume);
     AddTreeExtent(kSubvolume, 1);
@@ -68,6 +68,8 @@ class MiniFilesystem : public ZorvEngine::StateSource {
     files_.push_back({{258, ZorvEngine::kFileExtentType, at}, bytes});
   }
 
+  static Bytes OnlyMetadataChunk() { return MakeChunk(4 * kMiB, ZorvEngine::kChunkMetadata, {0}); }
+
   static Bytes ExtentBytes(uint64_t refs, uint64_t flags) {
     ZorvEngine::ExtentItem item{};
     item.refs.Set(refs);
@@ -104,7 +106,7 @@ class MiniFilesystem : public ZorvEngine::StateSource {
     ZorvEngine::DiskKey key{};
     key.Set(ChunkKey(0));
     AppendTo(&array, BytesOf(key));
-    AppendTo(&array, chunks_.back().second);
+    AppendTo(&array, OnlyMetadataChunk());
     superblock.systemChunkArraySize.Set(static_cast<uint32_t>(array.size()));
     std::copy(array.begin(), array.end(), superblock.systemChunkArray);
     return superblock;
@@ -115,7 +117,7 @@ class MiniFilesystem : public ZorvEngine::StateSource {
   std::string& CommitNote() { return commitNote_; }
   MemoryDevice& Memory() { return device_; }
 
-  ZorvEngine::ByteSource& Device() override { return device_; }
+  const ZorvEngine::DeviceSet& Devices() const override { return devices_; }
   ZorvEngine::Status CommitAndReadSuperblock(ZorvEngine::Superblock* out,
                                              std::string* note) override {
     *note = commitNote_;
@@ -129,7 +131,8 @@ class MiniFilesystem : public ZorvEngine::StateSource {
   }
 
  private:
-  MemoryDevice device_{4 * kMiB};
+  ZorvEngine::DeviceSet devices_;
+  MemoryDevice& device_ = AddMemoryDevice(&devices_, 1, 4 * kMiB);
   std::vector<Item> chunks_, roots_, extents_, files_;
   std::vector<ZorvEngine::Superblock> superblocks_;
   size_t next_ = 0;

@@ -130,8 +130,6 @@ TEST(SuperblockCheckFeatures, NamesWhatItRefuses) {
        "the file system has a feature that this engine does not know (bit 15); use a newer engine"},
       {"bit 63", [](Superblock* s) { s->incompatFlags.Set(1ULL << 63); },
        "the file system has a feature that this engine does not know (bit 63); use a newer engine"},
-      {"devices", [](Superblock* s) { s->numDevices.Set(2); },
-       "the file system has several devices (2); this engine reads file systems of one device"},
       {"node size", [](Superblock* s) { s->nodeSize.Set(12288); },
        "the superblock has impossible block sizes"},
       {"huge node size", [](Superblock* s) { s->nodeSize.Set(131072); },

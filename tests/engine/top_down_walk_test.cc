@@ -251,18 +251,21 @@ TEST_F(CommittedTreesLoad, RefusesDataOnItsWayToAnotherPlace) {
   EXPECT_EQ(kBalance, Run().Text());
 }
 
-TEST_F(CommittedTreesLoad, RefusesSeveralDevices) {
-  mini_.Chunks().insert(mini_.Chunks().begin(), {{1, kDeviceItemType, 2}, Bytes(98)});
-  EXPECT_EQ("the file system has several devices; this engine reads file systems of one device",
-            WriteAndRun().Text());
-}
-
-TEST_F(CommittedTreesLoad, RefusesAnotherProfileInTheChunkTree) {
+TEST_F(CommittedTreesLoad, RefusesAnUnknownProfileInTheChunkTree) {
   mini_.Chunks().insert(
       mini_.Chunks().begin() + 1,
-      {ChunkKey(64 * Mini::kMiB), MakeChunk(Mini::kMiB, kChunkData | 1 << 3, {0})});
-  EXPECT_EQ("the file system uses the profile raid0; this engine reads single and dup",
-            WriteAndRun().Text());
+      {ChunkKey(64 * Mini::kMiB), MakeChunk(Mini::kMiB, kChunkData | 1 << 11, {Mini::kMiB})});
+  EXPECT_EQ(
+      "the chunk at 67108864 has a profile that this engine does not know (bit 11); use a newer "
+      "engine",
+      WriteAndRun().Text());
+}
+
+TEST_F(CommittedTreesLoad, TakesDataOfAnyProfileOnDevicesThatAreMissing) {
+  mini_.Chunks().insert(
+      mini_.Chunks().begin() + 1,
+      {ChunkKey(64 * Mini::kMiB), MakeChunkOn(Mini::kMiB, kChunkData | kRaid0, {{2, 0}, {3, 0}})});
+  EXPECT_TRUE(WriteAndRun().Ok());
 }
 
 TEST_F(RunOnNewestStateTest, BeginsAgainFromANewerSuperblock) {
