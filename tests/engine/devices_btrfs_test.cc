@@ -161,10 +161,9 @@ TEST(Devices, EqualsTheKernelWhenOneOfAMirrorIsMissing) {
   }
 }
 
-TEST(Devices, EqualsTheKernelWhenTwoOfRaid10AreMissing) {
-  BtrfsVolume volume(kMount, OnDevices({256, 256, 256, 256}, {"-d", "raid10", "-m", "raid1c3"}));
+TEST(Devices, EqualsTheKernelWhenOneOfRaid10IsMissing) {
+  BtrfsVolume volume(kMount, OnDevices({256, 256, 256, 256}, Profile("raid10")));
   MakeHistory(volume, 200, 4);
-  MustRun({"sync", "-f", kMount});
   volume.Unmount();
   volume.RemoveDevice(2);
   volume.SetMountOptions("commit=1,degraded");
@@ -226,6 +225,33 @@ TEST(Devices, EqualsTheKernelOnASproutOfASeed) {
   WriteFiles("live", 1, 30, 9);
   volume.Snapshot("live", "late");
   ExpectKernelNumbers(volume, 7);
+}
+
+TEST(Devices, EqualsTheKernelOnASproutWhoseSeedIsRemoved) {
+  BtrfsVolume volume(kMount, OnDevices({256}, {"-n", "4096"}));
+  MakeHistory(volume, 200, 4);
+  volume.Unmount();
+  MustRun({"btrfstune", "-S", "1", volume.Image()});
+  volume.Mount();
+  Stock({"device", "add", volume.AddDevice(256), kMount});
+  MustRun({"mount", "-o", "remount,rw", kMount});
+  Stock({"device", "remove", volume.Devices()[0], kMount});
+  volume.RemoveDevice(0);
+  ExpectKernelNumbers(volume, 6);
+}
+
+TEST(Devices, EqualsTheKernelOnASproutOfAMirroredSeed) {
+  BtrfsVolume volume(kMount, OnDevices({256, 256}, Profile("raid1")));
+  MakeHistory(volume, 200, 4);
+  volume.Unmount();
+  volume.Attach();
+  Stock({"device", "scan", volume.Devices()[0], volume.Devices()[1]});
+  MustRun({"btrfstune", "-S", "1", volume.Devices()[0]});
+  volume.Mount();
+  Stock({"device", "add", volume.AddDevice(256), kMount});
+  MustRun({"mount", "-o", "remount,rw", kMount});
+  WriteFiles("live", 1, 10, 9);
+  ExpectKernelNumbers(volume, 6);
 }
 
 TEST(Devices, EqualsTheKernelOnASproutOfASprout) {
@@ -304,4 +330,22 @@ TEST(Devices, AreFoundWhenTheKernelsPathLeadsNowhere) {
                              ": No such file or directory) and tree block "))
       << run.err;
   std::filesystem::rename(node + ".hidden", node);
+}
+
+TEST(Devices, AreFoundByTheirNamesWhenTheKernelWasToldAnother) {
+  BtrfsVolume volume(kMount, OnDevices({256, 256}, Profile("raid0")));
+  MakeHistory(volume, 100, 2);
+  const std::vector<unsigned long long> ids = AllSubvolumes(volume);
+  const Sizes kernel = volume.KernelExclusive();
+  volume.Unmount();
+  volume.Attach();
+  const std::string alias = "/tmp/a-disk";
+  struct stat device;
+  ASSERT_EQ(0, stat(volume.Devices()[0].c_str(), &device));
+  ASSERT_EQ(0, mknod(alias.c_str(), S_IFBLK | 0600, device.st_rdev));
+  MustRun({"mount", "-o", "device=" + alias, volume.Devices()[1], kMount});
+  std::filesystem::remove(alias);
+  const std::string devices = MustRun({kStockBtrfs, "device", "stats", kMount});
+  EXPECT_NE(std::string::npos, devices.find(alias)) << devices;
+  EXPECT_EQ(kernel, RunOn(ids).sizes);
 }
