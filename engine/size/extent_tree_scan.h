@@ -17,7 +17,7 @@ namespace ZorvEngine {
 // must be read, to see which children they have; those of the first need not.
 //
 // Cost: the leaves of the extent tree, once, and the own blocks that must be read. Memory: the
-// leaves below one node of the extent tree, 40 bytes and 8 for each parent of each tree block that
+// leaves below one node of the extent tree, 48 bytes and 8 for each parent of each tree block that
 // only asked trees hold, and 16 for each reference read in own blocks.
 class ExtentTreeScan : public ExclusiveSizeMethod {
  public:
