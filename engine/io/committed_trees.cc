@@ -90,6 +90,23 @@ Status CommittedTrees::FindAskedSubvolume(uint64_t id, Subvolume* out) {
   return Status();
 }
 
+// Each subvolume that is being deleted has an orphan item in the root tree; one whose subvolume is
+// gone already, or was not to go, means nothing.
+Status CommittedTrees::FindDeletion(bool* found) {
+  *found = false;
+  TreeCursor cursor(reader_, rootTree_);
+  ENGINE_TRY(cursor.Seek(Key{kOrphanId, kOrphanItemType, 0}));
+  while (cursor.AtItem() && cursor.ItemKey().objectid == kOrphanId &&
+         cursor.ItemKey().type == kOrphanItemType && !*found) {
+    bool exists = false;
+    Subvolume subvolume;
+    ENGINE_TRY(FindRoot(cursor.ItemKey().offset, &exists, &subvolume));
+    *found = exists && subvolume.beingDeleted;
+    ENGINE_TRY(cursor.Next());
+  }
+  return Status();
+}
+
 // While blocks are being moved, relocation trees hold what subvolumes hold; counted without them,
 // numbers would be too low, and nothing would show it.
 Status CommittedTrees::RefuseBalance() {

@@ -34,6 +34,9 @@ class CommittedTrees {
   // deleted.
   Status FindAskedSubvolume(uint64_t id, Subvolume* out);
 
+  // Whether a subvolume is being deleted.  Until that has ended it holds what it shared.
+  Status FindDeletion(bool* found);
+
   // Where tree blocks and where data may lie; with mixed block groups they are the same.
   const std::vector<LogicalRange>& MetadataRanges() const { return metadataRanges_; }
   const std::vector<LogicalRange>& DataRanges() const { return dataRanges_; }

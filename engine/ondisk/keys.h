@@ -51,11 +51,13 @@ constexpr uint64_t kTopLevelTreeId = 5;
 constexpr uint64_t kFirstFreeId = 256;
 constexpr uint64_t kLastFreeId = static_cast<uint64_t>(-256);
 constexpr uint64_t kFirstInode = 256;
+constexpr uint64_t kOrphanId = static_cast<uint64_t>(-5);
 constexpr uint64_t kBalanceId = static_cast<uint64_t>(-4);
 constexpr uint64_t kRelocationTreeId = static_cast<uint64_t>(-8);
 constexpr uint64_t kDataRelocationTreeId = static_cast<uint64_t>(-9);
 
 // Item types.
+constexpr uint8_t kOrphanItemType = 48;
 constexpr uint8_t kFileExtentType = 108;
 constexpr uint8_t kRootItemType = 132;
 constexpr uint8_t kExtentItemType = 168;

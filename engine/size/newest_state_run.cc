@@ -17,7 +17,8 @@ Status Attempt(BlockReader& reader, const Superblock& superblock, ExclusiveSizeM
   CommittedTrees trees(reader);
   ENGINE_TRY(trees.Load(superblock));
   out->generation = trees.Generation();
-  return method.Run(trees, request, progress, &out->sizes);
+  ENGINE_TRY(method.Run(trees, request, progress, &out->sizes));
+  return trees.FindDeletion(&out->deletionGoesOn);
 }
 
 }  // namespace
@@ -36,6 +37,10 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
     SizeResult result;
     const Status done = Attempt(reader, superblock, method, request, progress, &result);
     if (done.Ok()) {
+      if (result.deletionGoesOn)
+        note(
+            "a subvolume is being deleted; what it shares is held by it until that has ended "
+            "(btrfs subvolume sync)");
       *out = std::move(result);
       return Status();
     }

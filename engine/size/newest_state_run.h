@@ -15,6 +15,7 @@ namespace ZorvEngine {
 struct SizeResult {
   uint64_t generation = 0;
   std::vector<ExclusiveSize> sizes;
+  bool deletionGoesOn = false;  // another subvolume was being deleted at that time
 };
 
 // Receives one sentence for the user that is no failure.

@@ -306,6 +306,24 @@ TEST_F(RunOnNewestStateTest, PassesOnWhyTheCommitIsNotTheNewest) {
   EXPECT_EQ((std::vector<std::string>{"slow"}), notes_);
 }
 
+TEST_F(RunOnNewestStateTest, SaysThatASubvolumeIsBeingDeleted) {
+  mini_.AddRoot(300, Mini::kSubvolume + kNodeSize, /*refs=*/0);
+  mini_.Roots().push_back({{kOrphanId, kOrphanItemType, 300}, {}});
+  ASSERT_TRUE(WriteAndRun().Ok());
+  EXPECT_EQ(
+      std::vector<std::string>{
+          "a subvolume is being deleted; what it shares is held by it until that has ended "
+          "(btrfs subvolume sync)"},
+      notes_);
+}
+
+TEST_F(RunOnNewestStateTest, SaysNothingOfDeletionsThatHaveEnded) {
+  mini_.Roots().push_back({{kOrphanId, kOrphanItemType, 300}, {}});
+  mini_.Roots().push_back({{kOrphanId, kOrphanItemType, Mini::kSubvolumeId}, {}});
+  ASSERT_TRUE(WriteAndRun().Ok());
+  EXPECT_TRUE(notes_.empty());
+}
+
 TEST_F(RunOnNewestStateTest, RefusesFeaturesOfANewerSuperblockToo) {
   mini_.Write();
   Superblock newer = mini_.MakeSuperblock();

@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "tests/support/calc_world.h"
+#include "tests/support/sanitizer.h"
 #include "zorvbtrfssnapusage/btrfs_tool.h"
 #include "zorvbtrfssnapusage/signal_handler.h"
 
@@ -326,9 +327,9 @@ TEST_F(BtrfsToolCmdExc, WhatCannotBeExecutedIsThirteen) {
     c.make();
     EXPECT_EQ(13, Exec({"256"}));
     EXPECT_EQ(0x0900u, PLATCErrGet());
-    EXPECT_EQ(1, log_.CountExact(LOG_WARNING, kUnit,
-                                 "Faild to open pipe" + Tail() + " [" +
-                                     std::to_string(c.error) + "]"))
+    EXPECT_EQ(1,
+              log_.CountExact(LOG_WARNING, kUnit,
+                              "Faild to open pipe" + Tail() + " [" + std::to_string(c.error) + "]"))
         << log_.Dump();
   }
 }
@@ -336,9 +337,8 @@ TEST_F(BtrfsToolCmdExc, WhatCannotBeExecutedIsThirteen) {
 TEST_F(BtrfsToolCmdExc, TooLongAnArgumentListIsThirteen) {
   RecordArguments();
   EXPECT_EQ(13, Exec(std::vector<std::string>(400000, "1234567890123456789")));
-  EXPECT_EQ(1, log_.CountExact(
-                   LOG_WARNING, kUnit,
-                   "Faild to open pipe" + Tail() + " [" + std::to_string(E2BIG) + "]"))
+  EXPECT_EQ(1, log_.CountExact(LOG_WARNING, kUnit,
+                               "Faild to open pipe" + Tail() + " [" + std::to_string(E2BIG) + "]"))
       << log_.Dump();
 }
 
@@ -391,8 +391,8 @@ TEST_F(BtrfsToolCmdExc, ThePipeIsClosedTwice) {
   EXPECT_EQ(0, log_.Count("Failed to run")) << log_.Dump();
 }
 
-#ifndef __SANITIZE_ADDRESS__  // its allocator ends the program where calloc fails
 TEST_F(BtrfsToolCmdExc, NoMemoryForTheArgumentsIsOne) {
+  NEEDS_MEMORY_LIMITS();
   RecordArguments();
   EXPECT_EQ(0, InChild([&] {
               SzList list = ListOf({});
@@ -404,7 +404,6 @@ TEST_F(BtrfsToolCmdExc, NoMemoryForTheArgumentsIsOne) {
               return ret == 1 && PLATCErrGet() == 0x2A00 && !Exists(kArgsFile) ? 0 : 1;
             }));
 }
-#endif
 
 // ---- Stops --------------------------------------------------------------------------------------
 

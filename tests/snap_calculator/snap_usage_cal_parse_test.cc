@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "tests/support/calc_world.h"
+#include "tests/support/sanitizer.h"
 #include "zorvbtrfssnapusage/btrfs_tool.h"
 #include "zorvbtrfssnapusage/snap_usage_cal.h"
 #include "zorvbtrfssnapusage/task_status.h"
@@ -128,9 +129,9 @@ TEST_F(SnapUsageCalculatorParseCmdFp, TaskThatCannotBeOpenedFails) {
   SpoilTheDirectories();
   PLATCErrSetEx(0x1234, "tests/unit", 7);
   EXPECT_EQ(FP_PARSE_FAIL, Parse("subvol(257) 1 bytes\n"));
-  EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit,
-                               std::string("Failed to initialize object, taskID:(") + kTask + ")" +
-                                   Tail()))
+  EXPECT_EQ(1, log_.CountExact(
+                   LOG_ERR, kUnit,
+                   std::string("Failed to initialize object, taskID:(") + kTask + ")" + Tail()))
       << log_.Dump();
   ExpectNoResult();
 }
@@ -446,8 +447,8 @@ TEST_F(SnapUsageCalculatorParseCmdFp, WaitingSignalWithoutOurHandlerIsLeftWaitin
 
 // ---- Memory -------------------------------------------------------------------------------------
 
-#ifndef __SANITIZE_ADDRESS__  // it needs terabytes of address space
 TEST_F(SnapUsageCalculatorParseCmdFp, NoMemoryIsAFailure) {
+  NEEDS_MEMORY_LIMITS();
   EXPECT_EQ(0, InChild([&] {
               WriteScript("/tmp/endless", "seq -f 'subvol(%.0f) 1 bytes' 1 100000000\n");
               const Stream stream(popen("/tmp/endless", "r"));
@@ -457,4 +458,3 @@ TEST_F(SnapUsageCalculatorParseCmdFp, NoMemoryIsAFailure) {
             }));
   ExpectNoResult();
 }
-#endif

@@ -5,6 +5,7 @@
 #include <new>
 #include <vector>
 
+#include "tests/support/sanitizer.h"
 #include "tests/utils/task_files.h"
 #include "zorvbtrfssnapusage/task_result.h"
 
@@ -81,8 +82,8 @@ TEST_F(TaskResultMemory, RefusedAllocationOfATasksResultFails) {
       << log.Dump();
 }
 
-#ifndef __SANITIZE_ADDRESS__  // whose own bookkeeping needs the address space
 TEST_F(TaskResultMemory, AddressSpaceLimitFails) {
+  NEEDS_MEMORY_LIMITS();
   EXPECT_EQ(1, InChild([] {
               const rlimit limit = {size_t{4} << 30, size_t{4} << 30};
               if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
@@ -91,7 +92,6 @@ TEST_F(TaskResultMemory, AddressSpaceLimitFails) {
             }));
   ExpectOneMessage();
 }
-#endif
 
 TEST_F(TaskResultMemory, CountThatFitsIsReadUnderTheSameLimit) {
   refusedAbove = 1 << 20;
