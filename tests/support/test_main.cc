@@ -6,6 +6,13 @@
 
 namespace {
 
+// Puts the reason of a skipped test into the report, where GoogleTest leaves it out.
+class SkipReasons : public testing::EmptyTestEventListener {
+  void OnTestPartResult(const testing::TestPartResult& result) override {
+    if (result.skipped()) testing::Test::RecordProperty("skip_reason", result.message());
+  }
+};
+
 // In CI a skipped test is a failure: what was not tried is not known to work.
 class SkipIsFailure : public testing::EmptyTestEventListener {
   void OnTestEnd(const testing::TestInfo& info) override {
@@ -24,6 +31,7 @@ class SkipIsFailure : public testing::EmptyTestEventListener {
 
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
+  testing::UnitTest::GetInstance()->listeners().Append(new SkipReasons);
   const char* ci = getenv("CI");
   if (ci != nullptr && std::string(ci) == "true")
     testing::UnitTest::GetInstance()->listeners().Append(new SkipIsFailure);

@@ -28,7 +28,6 @@ def add_case(results, name, case):
     if case.get("failures"):
         results.failed.append(name)
     elif case.get("result") == "SKIPPED":
-        messages = [skip.get("message", "") for skip in case.get("skipped", [])]
-        results.skipped[name] = " ".join(messages).strip() or "no reason given"
+        results.skipped[name] = case.get("skip_reason", "no reason given")
     elif case.get("status") == "RUN":
         results.passed.add(name)
