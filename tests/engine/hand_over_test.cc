@@ -36,7 +36,7 @@ class HandOver : public testing::Test {
 TEST_F(HandOver, GivesTheRealProgramEveryOtherCommand) {
   for (const std::vector<std::string>& words : {std::vector<std::string>{"--version"},
                                                 {"subvolume", "--help"},
-                                                {"filesystem", "show"},
+                                                {"filesystem", "df", "/"},
                                                 {"subvolume", "list", "/"},
                                                 {"help"},
                                                 {"nonsense"},
