@@ -14,7 +14,61 @@ struct MessageHead {
 
 template <typename T>
 void Append(const T& value, std::string* bytes) {
+  static_assert(std::is_trivially_copyable_v<T>, "copied as bytes");
   bytes->append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+template <typename T>
+void AppendAll(const std::vector<T>& values, std::string* bytes) {
+  static_assert(std::is_trivially_copyable_v<T>, "copied as bytes");
+  Append(uint64_t{values.size()}, bytes);
+  bytes->append(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(T));
+}
+
+// Takes values in the order in which they were appended; each function is false when there are not
+// enough bytes.
+class Unpacker {
+ public:
+  explicit Unpacker(const std::string& bytes) : bytes_(bytes) {}
+
+  template <typename T>
+  bool Take(T* value) {
+    return TakeBytes(sizeof *value, value);
+  }
+
+  template <typename T>
+  bool TakeAll(std::vector<T>* values) {
+    uint64_t count = 0;
+    if (!Take(&count) || count > Left() / sizeof(T)) return false;
+    values->resize(count);
+    return TakeBytes(count * sizeof(T), values->data());
+  }
+
+  size_t Left() const { return bytes_.size() - at_; }
+
+ private:
+  bool TakeBytes(size_t size, void* out) {
+    if (Left() < size) return false;
+    if (size > 0) memcpy(out, bytes_.data() + at_, size);
+    at_ += size;
+    return true;
+  }
+
+  const std::string& bytes_;
+  size_t at_ = 0;
+};
+
+bool TakeTable(Unpacker* from, SizeTable* table) {
+  uint64_t rows = 0;
+  if (!from->TakeAll(&table->ids) || !from->TakeAll(&table->redundancies) || !from->Take(&rows))
+    return false;
+  for (uint64_t i = 0; i < rows; ++i) {
+    SetRow row;
+    if (!from->TakeAll(&row.members) || !from->Take(&row.complete) || !from->TakeAll(&row.bytes))
+      return false;
+    table->rows.push_back(std::move(row));
+  }
+  return from->Left() == 0;
 }
 
 }  // namespace
@@ -22,18 +76,22 @@ void Append(const T& value, std::string* bytes) {
 std::string EncodeResult(const SizeResult& result) {
   std::string bytes;
   Append(result.generation, &bytes);
-  for (const ExclusiveSize& size : result.sizes) Append(size, &bytes);
+  AppendAll(result.table.ids, &bytes);
+  AppendAll(result.table.redundancies, &bytes);
+  Append(uint64_t{result.table.rows.size()}, &bytes);
+  for (const SetRow& row : result.table.rows) {
+    AppendAll(row.members, &bytes);
+    Append(row.complete, &bytes);
+    AppendAll(row.bytes, &bytes);
+  }
   return bytes;
 }
 
 bool DecodeResult(const std::string& payload, SizeResult* out) {
-  static_assert(std::is_trivially_copyable_v<ExclusiveSize>, "copied as bytes");
-  if (payload.size() < sizeof out->generation) return false;
-  const size_t bytes = payload.size() - sizeof out->generation;
-  if (bytes % sizeof(ExclusiveSize) != 0) return false;
-  memcpy(&out->generation, payload.data(), sizeof out->generation);
-  out->sizes.resize(bytes / sizeof(ExclusiveSize));
-  if (bytes > 0) memcpy(out->sizes.data(), payload.data() + sizeof out->generation, bytes);
+  SizeResult result;
+  Unpacker from(payload);
+  if (!from.Take(&result.generation) || !TakeTable(&from, &result.table)) return false;
+  *out = std::move(result);
   return true;
 }
 

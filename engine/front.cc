@@ -98,13 +98,14 @@ class Front {
 
   bool PrintNumbers(const SizeResult& result) {
     uint64_t all = 0;
-    for (const ExclusiveSize& size : result.sizes) all += Counted(size);
+    const std::vector<ExclusiveSize> sizes = result.table.ExclusiveSizes();
+    for (const ExclusiveSize& size : sizes) all += Counted(size);
 
     if (!WriteLine(STDOUT_FILENO, GenerationLine(result.generation)) || !PrintTotal()) return false;
     if (options_.progress &&
         !(WriteLine(STDOUT_FILENO, ProcessedLine(*printedTotal_)) && PrintExclusive(all)))
       return false;
-    for (const ExclusiveSize& size : result.sizes)
+    for (const ExclusiveSize& size : sizes)
       if (options_.eachSubvolume &&
           !WriteLine(STDOUT_FILENO, SubvolumeLine(size.id, Counted(size))))
         return false;

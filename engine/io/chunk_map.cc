@@ -1,5 +1,6 @@
 #include "engine/io/chunk_map.h"
 
+#include <algorithm>
 #include <iterator>
 #include <string>
 
@@ -8,6 +9,7 @@ namespace ZorvEngine {
 // How a profile spreads a chunk over its stripes.  Bits as in <linux/btrfs_tree.h>.
 struct ChunkProfile {
   uint64_t bit;
+  const char* name;
   uint16_t fewest;  // stripes that a chunk has at least,
   uint16_t most;    // and at most
   uint16_t copies;  // of each byte
@@ -20,15 +22,15 @@ namespace {
 constexpr uint16_t kAnyNumber = UINT16_MAX;
 
 constexpr ChunkProfile kProfiles[] = {
-    {0, 1, 1, 1, 0, false},                  // single
-    {1ULL << 3, 1, kAnyNumber, 1, 0, true},  // raid0
-    {1ULL << 4, 2, 2, 2, 0, false},          // raid1
-    {kChunkDup, 2, 2, 2, 0, false},          // dup
-    {1ULL << 6, 2, kAnyNumber, 2, 0, true},  // raid10
-    {1ULL << 7, 2, kAnyNumber, 1, 1, true},  // raid5
-    {1ULL << 8, 3, kAnyNumber, 1, 2, true},  // raid6
-    {1ULL << 9, 3, 3, 3, 0, false},          // raid1c3
-    {1ULL << 10, 4, 4, 4, 0, false},         // raid1c4
+    {0, "single", 1, 1, 1, 0, false},
+    {1ULL << 3, "raid0", 1, kAnyNumber, 1, 0, true},
+    {1ULL << 4, "raid1", 2, 2, 2, 0, false},
+    {kChunkDup, "dup", 2, 2, 2, 0, false},
+    {1ULL << 6, "raid10", 2, kAnyNumber, 2, 0, true},
+    {1ULL << 7, "raid5", 2, kAnyNumber, 1, 1, true},
+    {1ULL << 8, "raid6", 3, kAnyNumber, 1, 2, true},
+    {1ULL << 9, "raid1c3", 3, 3, 3, 0, false},
+    {1ULL << 10, "raid1c4", 4, 4, 4, 0, false},
 };
 
 constexpr uint64_t KnownProfileBits() {
@@ -62,6 +64,12 @@ uint64_t DataStripes(const ChunkProfile& profile, size_t stripes) {
 }
 
 }  // namespace
+
+const char* ProfileName(uint64_t profile) {
+  for (const ChunkProfile& known : kProfiles)
+    if (known.bit == profile) return known.name;
+  return "unknown";
+}
 
 Status ChunkMap::Add(const Key& key, ByteView item) {
   const uint64_t logical = key.offset;
@@ -171,6 +179,21 @@ std::vector<LogicalRange> ChunkMap::Ranges(uint64_t kind) const {
       ranges.back().end += chunk.length;
     else
       ranges.push_back({logical, logical + chunk.length});
+  }
+  return ranges;
+}
+
+std::vector<RedundantRange> ChunkMap::RedundantRanges(std::vector<Redundancy>* redundancies) const {
+  std::vector<RedundantRange> ranges;
+  for (const auto& [logical, chunk] : chunks_) {
+    const ChunkProfile& profile = *chunk.profile;
+    const uint64_t dataStripes = DataStripes(profile, chunk.stripes.size());
+    const Redundancy own{profile.bit, static_cast<uint32_t>(chunk.stripes.size()),
+                         static_cast<uint32_t>(dataStripes)};
+    const auto found = std::find(redundancies->begin(), redundancies->end(), own);
+    ranges.push_back(
+        {logical, logical + chunk.length, static_cast<size_t>(found - redundancies->begin())});
+    if (found == redundancies->end()) redundancies->push_back(own);
   }
   return ranges;
 }

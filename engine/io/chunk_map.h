@@ -21,6 +21,27 @@ struct LogicalRange {
   uint64_t end;
 };
 
+// How much room on the devices something takes in a chunk.
+struct Redundancy {
+  uint64_t profile = 0;      // bit as in <linux/btrfs_tree.h>; 0: single
+  uint32_t stripes = 1;      // of the chunk, copies and parity included;
+  uint32_t dataStripes = 1;  // of these, how many hold different data
+};
+
+inline bool operator==(const Redundancy& a, const Redundancy& b) {
+  return a.profile == b.profile && a.stripes == b.stripes && a.dataStripes == b.dataStripes;
+}
+
+// The name by which users know a profile, such as "raid1".
+const char* ProfileName(uint64_t profile);
+
+// A chunk, and which of several redundancies it has.
+struct RedundantRange {
+  uint64_t begin;
+  uint64_t end;
+  size_t redundancy;
+};
+
 // An address on one of the devices.
 struct Place {
   uint64_t devid = 0;
@@ -71,6 +92,10 @@ class ChunkMap {
   // The ranges of all chunks whose type has the bit `kind`, such as kChunkData; sorted, neighbours
   // joined.
   std::vector<LogicalRange> Ranges(uint64_t kind) const;
+
+  // All chunks, sorted, each with its redundancy as a position in `redundancies`, which receives
+  // the different ones.
+  std::vector<RedundantRange> RedundantRanges(std::vector<Redundancy>* redundancies) const;
 
  private:
   struct Chunk {

@@ -53,6 +53,8 @@ Status CommittedTrees::LoadChunks(const Superblock& superblock) {
   }
   metadataRanges_ = all.Ranges(kChunkMetadata);
   dataRanges_ = all.Ranges(kChunkData);
+  redundancies_.clear();
+  redundantRanges_ = all.RedundantRanges(&redundancies_);
   reader_.UseChunks(std::move(all));
   return Status();
 }

@@ -41,6 +41,10 @@ class CommittedTrees {
   const std::vector<LogicalRange>& MetadataRanges() const { return metadataRanges_; }
   const std::vector<LogicalRange>& DataRanges() const { return dataRanges_; }
 
+  // All chunks, sorted, and the different redundancies that they have.
+  const std::vector<RedundantRange>& RedundantRanges() const { return redundantRanges_; }
+  const std::vector<Redundancy>& Redundancies() const { return redundancies_; }
+
   // Root of the extent tree.
   const BlockPointer& ExtentRoot() const { return extentRoot_; }
 
@@ -59,6 +63,8 @@ class CommittedTrees {
   BlockPointer extentRoot_;
   std::vector<LogicalRange> metadataRanges_;
   std::vector<LogicalRange> dataRanges_;
+  std::vector<RedundantRange> redundantRanges_;
+  std::vector<Redundancy> redundancies_;
 };
 
 }  // namespace ZorvEngine

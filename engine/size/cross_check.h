@@ -15,7 +15,7 @@ class CrossCheck : public ExclusiveSizeMethod {
 
   // Progress is that of the first method, but for what both read.
   Status Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
-             std::vector<ExclusiveSize>* out) override;
+             SizeTable* out) override;
 
  private:
   ExclusiveSizeMethod& first_;

@@ -9,15 +9,9 @@
 #include "engine/io/committed_trees.h"
 #include "engine/io/read_meter.h"
 #include "engine/ondisk/status.h"
+#include "engine/size/size_table.h"
 
 namespace ZorvEngine {
-
-// Bytes that one subvolume alone reaches.
-struct ExclusiveSize {
-  uint64_t id = 0;
-  uint64_t dataBytes = 0;      // data extents, each with its whole length on disk
-  uint64_t metadataBytes = 0;  // tree blocks
-};
 
 // What a run shows of itself while it goes on; may live in memory shared between processes.
 struct SizeProgress {
@@ -29,6 +23,11 @@ struct SizeProgress {
 struct SizeRequest {
   std::vector<uint64_t> ids;   // no number twice
   bool countMetadata = false;  // whether tree blocks are part of the progress's exclusive bytes
+  // Memory for the sets of several subvolumes.  0: which they are need not be known; the outcome
+  // then has exclusive sizes, and what comes free in the order of `ids`.
+  size_t mostSetBytes = 0;
+  // Memory for large arrays; beyond it they go to an unlinked file.
+  size_t mostArrayBytes = 256u << 20;
 };
 
 // A way of counting.  Each gives the same numbers, at another cost.
@@ -36,10 +35,10 @@ class ExclusiveSizeMethod {
  public:
   virtual ~ExclusiveSizeMethod() = default;
 
-  // Fills `out` with one entry for each ID, in their order; on success only.
-  // Status::kBadBlock: try again from a newer superblock.
+  // Fills `out`, on success only.  Status::kBadBlock: try again from a newer superblock, with the
+  // same object and request: it may have kept what it has read.
   virtual Status Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
-                     std::vector<ExclusiveSize>* out) = 0;
+                     SizeTable* out) = 0;
 };
 
 }  // namespace ZorvEngine

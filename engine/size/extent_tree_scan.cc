@@ -7,6 +7,7 @@
 #include "engine/io/extent_leaves.h"
 #include "engine/ondisk/extent_item.h"
 #include "engine/size/file_extents.h"
+#include "engine/size/set_sums.h"
 
 namespace ZorvEngine {
 namespace {
@@ -117,29 +118,25 @@ Status VisitExtents(CommittedTrees& trees, const std::vector<LogicalRange>& rang
 // One scan.
 class Scan {
  public:
-  Scan(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
-       std::vector<ExclusiveSize>* sizes)
-      : trees_(trees),
-        request_(request),
-        progress_(progress),
-        sizes_(*sizes),
-        asked_(request.ids) {}
+  Scan(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress)
+      : trees_(trees), request_(request), sums_(request, trees, progress), asked_(request.ids) {}
 
-  Status Run() {
+  Status Run(SizeTable* out) {
     ENGINE_TRY(FindRoots());
     ENGINE_TRY(CollectBlocks());
     for (int level = kMaxLevel; level >= 0; --level) ENGINE_TRY(ResolveLevel(level));
-    return CountData();
+    ENGINE_TRY(CountData());
+    *out = sums_.Table();
+    return Status();
   }
 
  private:
   Status FindRoots() {
+    Holder index = 0;
     for (const uint64_t id : request_.ids) {
       CommittedTrees::Subvolume subvolume;
       ENGINE_TRY(trees_.FindAskedSubvolume(id, &subvolume));
-      blockHolds_[subvolume.root.level].Add(subvolume.root.bytenr,
-                                            static_cast<Holder>(sizes_.size()));
-      sizes_.push_back({id, 0, 0});
+      blockHolds_[subvolume.root.level].Add(subvolume.root.bytenr, index++);
     }
     return Status();
   }
@@ -166,7 +163,7 @@ class Scan {
       if (count.References() > block.refs) return TooManyReferences(block.bytenr);
       block.holder = count.OfAll(block.refs);
       if (block.holder == kNobody) continue;
-      CountOwnBlock(block.holder);
+      sums_.AddTreeBlock(HolderSets::Only(block.holder), block.bytenr, trees_.Reader().NodeSize());
       if (!block.fullBackref) toRead.push_back({block.bytenr, block.generation, block.level, {}});
     }
     blockHolds_[level] = Holds();
@@ -222,20 +219,9 @@ class Scan {
       dataHolds_.Take(extent.bytenr, [&](Holder holder) { count.Add(holder, 1); });
       if (count.References() > extent.refs) return TooManyReferences(extent.bytenr);
       const Holder holder = count.OfAll(extent.refs);
-      if (holder != kNobody) CountOwnData(holder, extent.length);
+      if (holder != kNobody) sums_.AddData(HolderSets::Only(holder), extent.bytenr, extent.length);
       return Status();
     });
-  }
-
-  void CountOwnBlock(Holder holder) {
-    const uint64_t bytes = trees_.Reader().NodeSize();
-    sizes_[holder].metadataBytes += bytes;
-    if (request_.countMetadata) progress_.exclusiveBytes += bytes;
-  }
-
-  void CountOwnData(Holder holder, uint64_t bytes) {
-    sizes_[holder].dataBytes += bytes;
-    progress_.exclusiveBytes += bytes;
   }
 
   static Status TooManyReferences(uint64_t bytenr) {
@@ -245,8 +231,7 @@ class Scan {
 
   CommittedTrees& trees_;
   const SizeRequest& request_;
-  SizeProgress& progress_;
-  std::vector<ExclusiveSize>& sizes_;
+  SetSums sums_;
   const Asked asked_;
   std::vector<Block> blocks_;                              // by place
   std::vector<uint64_t> parents_;                          // of all blocks, in their order
@@ -258,11 +243,8 @@ class Scan {
 }  // namespace
 
 Status ExtentTreeScan::Run(CommittedTrees& trees, const SizeRequest& request,
-                           SizeProgress& progress, std::vector<ExclusiveSize>* out) {
-  std::vector<ExclusiveSize> sizes;
-  ENGINE_TRY(Scan(trees, request, progress, &sizes).Run());
-  *out = std::move(sizes);
-  return Status();
+                           SizeProgress& progress, SizeTable* out) {
+  return Scan(trees, request, progress).Run(out);
 }
 
 }  // namespace ZorvEngine

@@ -22,7 +22,7 @@ namespace ZorvEngine {
 class ExtentTreeScan : public ExclusiveSizeMethod {
  public:
   Status Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
-             std::vector<ExclusiveSize>* out) override;
+             SizeTable* out) override;
 };
 
 }  // namespace ZorvEngine

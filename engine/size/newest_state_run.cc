@@ -17,7 +17,7 @@ Status Attempt(BlockReader& reader, const Superblock& superblock, ExclusiveSizeM
   CommittedTrees trees(reader);
   ENGINE_TRY(trees.Load(superblock));
   out->generation = trees.Generation();
-  ENGINE_TRY(method.Run(trees, request, progress, &out->sizes));
+  ENGINE_TRY(method.Run(trees, request, progress, &out->table));
   return trees.FindDeletion(&out->deletionGoesOn);
 }
 

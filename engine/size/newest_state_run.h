@@ -14,7 +14,7 @@ namespace ZorvEngine {
 // The outcome of a run: exact for one point in time.
 struct SizeResult {
   uint64_t generation = 0;
-  std::vector<ExclusiveSize> sizes;
+  SizeTable table;
   bool deletionGoesOn = false;  // another subvolume was being deleted at that time
 };
 

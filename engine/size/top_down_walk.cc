@@ -6,6 +6,7 @@
 #include "engine/io/tree_cursor.h"
 #include "engine/size/extent_refs.h"
 #include "engine/size/file_extents.h"
+#include "engine/size/set_sums.h"
 
 namespace ZorvEngine {
 namespace {
@@ -13,14 +14,13 @@ namespace {
 // The walk of one subvolume.
 class SubvolumeWalk {
  public:
-  SubvolumeWalk(CommittedTrees& trees, bool countMetadata, SizeProgress& progress)
+  SubvolumeWalk(CommittedTrees& trees, HolderId holder, SetSums& sums)
       : reader_(trees.Reader()),
         refs_(trees.Reader(), trees.ExtentRoot()),
-        countMetadata_(countMetadata),
-        progress_(progress) {}
+        holder_(holder),
+        sums_(sums) {}
 
-  Status Run(const BlockPointer& root, ExclusiveSize* size) {
-    size_ = size;
+  Status Run(const BlockPointer& root) {
     level_.assign(1, root);
     for (int level = root.level; level >= 0 && !level_.empty(); --level) {
       ENGINE_TRY(DropShared());
@@ -46,9 +46,8 @@ class SubvolumeWalk {
   }
 
   void CountTreeBlocks() {
-    const uint64_t bytes = level_.size() * uint64_t{reader_.NodeSize()};
-    size_->metadataBytes += bytes;
-    if (countMetadata_) progress_.exclusiveBytes += bytes;
+    for (const BlockPointer& block : level_)
+      sums_.AddTreeBlock(holder_, block.bytenr, reader_.NodeSize());
   }
 
   // Replaces the level by the children of its blocks; of leaves, takes the references to data.
@@ -84,17 +83,15 @@ class SubvolumeWalk {
         return Status::Failed("the extent at " + std::to_string(bytenr) +
                               " has more references than its item counts; run btrfs check");
       if (noted < refs) continue;
-      size_->dataBytes += length;
-      progress_.exclusiveBytes += length;
+      sums_.AddData(holder_, bytenr, length);
     }
     return Status();
   }
 
   BlockReader& reader_;
   ExtentRefs refs_;
-  const bool countMetadata_;
-  SizeProgress& progress_;
-  ExclusiveSize* size_ = nullptr;
+  const HolderId holder_;
+  SetSums& sums_;
   std::vector<BlockPointer> level_;
   std::vector<uint64_t> dataReferences_;
 };
@@ -102,18 +99,16 @@ class SubvolumeWalk {
 }  // namespace
 
 Status TopDownWalk::Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
-                        std::vector<ExclusiveSize>* out) {
-  std::vector<ExclusiveSize> sizes;
+                        SizeTable* out) {
+  SetSums sums(request, trees, progress);
+  size_t position = 0;
   for (const uint64_t id : request.ids) {
     CommittedTrees::Subvolume subvolume;
     ENGINE_TRY(trees.FindAskedSubvolume(id, &subvolume));
-    ExclusiveSize size;
-    size.id = id;
-    SubvolumeWalk walk(trees, request.countMetadata, progress);
-    ENGINE_TRY(walk.Run(subvolume.root, &size));
-    sizes.push_back(size);
+    SubvolumeWalk walk(trees, HolderSets::Only(position++), sums);
+    ENGINE_TRY(walk.Run(subvolume.root));
   }
-  *out = std::move(sizes);
+  *out = sums.Table();
   return Status();
 }
 

@@ -16,7 +16,7 @@ namespace ZorvEngine {
 class TopDownWalk : public ExclusiveSizeMethod {
  public:
   Status Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
-             std::vector<ExclusiveSize>* out) override;
+             SizeTable* out) override;
 };
 
 }  // namespace ZorvEngine

@@ -79,10 +79,9 @@ class ScanTest : public testing::Test {
     CrossCheck both(scan_, walk_);
     const Status status = Run(both);
     ASSERT_TRUE(status.Ok()) << status.Text();
-    ASSERT_EQ(1u, result_.sizes.size());
-    EXPECT_EQ(Mini::kSubvolumeId, result_.sizes[0].id);
-    EXPECT_EQ(dataBytes, result_.sizes[0].dataBytes);
-    EXPECT_EQ(metadataBytes, result_.sizes[0].metadataBytes);
+    ASSERT_EQ(std::vector<uint64_t>{Mini::kSubvolumeId}, result_.table.ids);
+    EXPECT_EQ(dataBytes, result_.table.Exclusive(0).data);
+    EXPECT_EQ(metadataBytes, result_.table.Exclusive(0).metadata);
     EXPECT_EQ(dataBytes + metadataBytes, progress_.exclusiveBytes);
   }
 
@@ -99,15 +98,18 @@ using CrossCheckRun = ScanTest;
 // A method that says what it is told.
 class Fixed : public ExclusiveSizeMethod {
  public:
-  explicit Fixed(ExclusiveSize size) : size_(size) {}
-  Status Run(CommittedTrees&, const SizeRequest&, SizeProgress&,
-             std::vector<ExclusiveSize>* out) override {
-    out->assign(1, size_);
+  explicit Fixed(HeldBytes held) {
+    table_.ids = {Mini::kSubvolumeId};
+    table_.redundancies = {{}};
+    table_.rows = {{{0}, true, {held}}};
+  }
+  Status Run(CommittedTrees&, const SizeRequest&, SizeProgress&, SizeTable* out) override {
+    *out = table_;
     return Status();
   }
 
  private:
-  ExclusiveSize size_;
+  SizeTable table_;
 };
 
 }  // namespace
@@ -214,10 +216,8 @@ TEST_F(ExtentTreeScanRun, SurvivesHostileBytesAnywhere) {
 
 TEST_F(CrossCheckRun, FailsWhenTheMethodsDisagree) {
   AddRootLeaf({Mini::kSubvolumeId});
-  const ExclusiveSize right = {Mini::kSubvolumeId, 4096, 8192};
-  const ExclusiveSize others[] = {{Mini::kSubvolumeId, 4097, 8192},
-                                  {Mini::kSubvolumeId, 4096, 8191}};
-  for (const ExclusiveSize& wrong : others) {
+  const HeldBytes right = {4096, 8192};
+  for (const HeldBytes& wrong : {HeldBytes{4097, 8192}, HeldBytes{4096, 8191}}) {
     Fixed first(right);
     Fixed second(wrong);
     CrossCheck both(first, second);
@@ -231,7 +231,7 @@ TEST_F(CrossCheckRun, FailsWhenTheMethodsDisagree) {
 TEST_F(CrossCheckRun, PassesOnAFailureOfEither) {
   AddRootLeaf({Mini::kSubvolumeId, kOther});
   mini_.Extents()[0].second.pop_back();
-  Fixed fixed({Mini::kSubvolumeId, 0, 0});
+  Fixed fixed({0, 0});
   CrossCheck first(scan_, fixed);
   EXPECT_NE("", Run(first).Text());
   CrossCheck second(fixed, scan_);

@@ -96,7 +96,11 @@ TEST(LinesWriteLine, TakesBackALineThatAFullDiskHasCut) {
 TEST(ChannelMessages, ArriveWholeHoweverTheyAreCut) {
   SizeResult sent;
   sent.generation = 12;
-  for (uint64_t id = 256; id < 10256; ++id) sent.sizes.push_back({id, id * 4096, id * 16384});
+  sent.table.redundancies.push_back({1 << 7, 4, 3});
+  for (uint32_t i = 0; i < 10000; ++i) {
+    sent.table.ids.push_back(256 + i);
+    sent.table.rows.push_back({{i}, i % 2 == 0, {{i * 4096u, i * 16384u}}});
+  }
 
   int ends[2];
   ASSERT_EQ(0, pipe(ends));
@@ -123,18 +127,27 @@ TEST(ChannelMessages, ArriveWholeHoweverTheyAreCut) {
   SizeResult received;
   ASSERT_TRUE(DecodeResult(got[2].payload, &received));
   EXPECT_EQ(12u, received.generation);
-  ASSERT_EQ(10000u, received.sizes.size());
-  EXPECT_EQ(10255u, received.sizes.back().id);
-  EXPECT_EQ(10255u * 16384, received.sizes.back().metadataBytes);
+  EXPECT_EQ(sent.table.ids, received.table.ids);
+  EXPECT_EQ(sent.table.redundancies, received.table.redundancies);
+  ASSERT_EQ(10000u, received.table.rows.size());
+  EXPECT_TRUE(received.table.rows[9998].complete);
+  EXPECT_FALSE(received.table.rows[9999].complete);
+  EXPECT_EQ(std::vector<uint32_t>{9999}, received.table.rows[9999].members);
+  EXPECT_EQ(9999u * 4096, received.table.Exclusive(9999).data);
+  EXPECT_EQ(9999u * 16384, received.table.Exclusive(9999).metadata);
 }
 
 TEST(ChannelDecodeResult, RefusesWhatIsCut) {
   SizeResult result;
-  result.sizes.push_back({257, 1, 2});
+  result.table.ids = {257};
+  result.table.redundancies = {{}};
+  result.table.rows = {{{0}, true, {{1, 2}}}};
   const std::string payload = EncodeResult(result);
+  EXPECT_TRUE(DecodeResult(payload, &result));
+  EXPECT_FALSE(DecodeResult(payload + "x", &result));
   for (size_t size = 0; size < payload.size(); ++size) {
     SizeResult out;
-    const bool whole = size == sizeof(uint64_t);  // a generation and no sizes
-    EXPECT_EQ(whole, DecodeResult(payload.substr(0, size), &out)) << size;
+    EXPECT_FALSE(DecodeResult(payload.substr(0, size), &out)) << size;
+    EXPECT_TRUE(out.table.ids.empty());
   }
 }

@@ -50,10 +50,10 @@ TEST_F(TopDownWalkRun, CountsAnExtentOnceWhenAllItsReferencesAreHere) {
   mini_.AddFileExtent(0, Mini::kData);
   mini_.AddFileExtent(4096, Mini::kData);
   ASSERT_TRUE(WriteAndRun().Ok());
-  ASSERT_EQ(1u, result_.sizes.size());
-  EXPECT_EQ(Mini::kSubvolumeId, result_.sizes[0].id);
-  EXPECT_EQ(12288u, result_.sizes[0].dataBytes);
-  EXPECT_EQ(kNodeSize, result_.sizes[0].metadataBytes);
+  ASSERT_EQ(1u, result_.table.ids.size());
+  EXPECT_EQ(Mini::kSubvolumeId, result_.table.ids[0]);
+  EXPECT_EQ(12288u, result_.table.Exclusive(0).data);
+  EXPECT_EQ(kNodeSize, result_.table.Exclusive(0).metadata);
   EXPECT_EQ(12288u + kNodeSize, progress_.exclusiveBytes);
   EXPECT_EQ(kGeneration, result_.generation);
 }
@@ -63,7 +63,7 @@ TEST_F(TopDownWalkRun, LeavesOutAnExtentThatOthersReferToToo) {
   mini_.AddFileExtent(0, Mini::kData);
   mini_.AddFileExtent(4096, Mini::kData);
   ASSERT_TRUE(WriteAndRun().Ok());
-  EXPECT_EQ(0u, result_.sizes[0].dataBytes);
+  EXPECT_EQ(0u, result_.table.Exclusive(0).data);
 }
 
 TEST_F(TopDownWalkRun, CountsPreallocatedAndNeitherHolesNorInlineData) {
@@ -72,7 +72,7 @@ TEST_F(TopDownWalkRun, CountsPreallocatedAndNeitherHolesNorInlineData) {
   mini_.AddFileExtent(4096, 0);
   mini_.AddFileExtent(8192, Mini::kData, kFileExtentInline);
   ASSERT_TRUE(WriteAndRun().Ok());
-  EXPECT_EQ(8192u, result_.sizes[0].dataBytes);
+  EXPECT_EQ(8192u, result_.table.Exclusive(0).data);
 }
 
 TEST_F(TopDownWalkRun, PrunesASharedRootBlock) {
@@ -81,8 +81,8 @@ TEST_F(TopDownWalkRun, PrunesASharedRootBlock) {
   mini_.AddDataExtent(Mini::kData, 8192, 1);
   mini_.AddFileExtent(0, Mini::kData);
   ASSERT_TRUE(WriteAndRun().Ok());
-  EXPECT_EQ(0u, result_.sizes[0].dataBytes);
-  EXPECT_EQ(0u, result_.sizes[0].metadataBytes);
+  EXPECT_EQ(0u, result_.table.Exclusive(0).data);
+  EXPECT_EQ(0u, result_.table.Exclusive(0).metadata);
 }
 
 TEST_F(TopDownWalkRun, ReadsTreeBlocksEnteredWithTheOldKind) {
@@ -91,7 +91,7 @@ TEST_F(TopDownWalkRun, ReadsTreeBlocksEnteredWithTheOldKind) {
   AppendTo(&item, BytesOf(TreeBlockInfo{}));
   mini_.Extents().push_back({{Mini::kSubvolume, kExtentItemType, kNodeSize}, item});
   ASSERT_TRUE(WriteAndRun().Ok());
-  EXPECT_EQ(kNodeSize, result_.sizes[0].metadataBytes);
+  EXPECT_EQ(kNodeSize, result_.table.Exclusive(0).metadata);
 }
 
 TEST_F(TopDownWalkRun, MeterEndsWithAllThatWasPlanned) {
@@ -192,7 +192,7 @@ TEST_F(TopDownWalkRun, NamesWhatIsDamaged) {
     const Status status = RunOnNewestState(
         mini, walk, {{Mini::kSubvolumeId}, true}, progress, [](const std::string&) {}, &result);
     EXPECT_EQ(c.text, status.Text());
-    EXPECT_TRUE(result.sizes.empty());
+    EXPECT_TRUE(result.table.ids.empty());
   }
 }
 
@@ -275,7 +275,7 @@ TEST_F(RunOnNewestStateTest, BeginsAgainFromANewerSuperblock) {
   mini_.Superblocks() = {old, mini_.MakeSuperblock()};
   ASSERT_TRUE(Run().Ok());
   EXPECT_EQ(kGeneration, result_.generation);
-  EXPECT_EQ(kNodeSize, result_.sizes[0].metadataBytes);
+  EXPECT_EQ(kNodeSize, result_.table.Exclusive(0).metadata);
   EXPECT_EQ(kNodeSize, progress_.exclusiveBytes);
   EXPECT_EQ(progress_.meter.total, progress_.meter.processed);
 }
@@ -340,6 +340,6 @@ TEST_F(RunOnNewestStateTest, AnswersInTheOrderOfTheQuestion) {
   mini_.PutLeaf(other, &none);
   mini_.Write();
   ASSERT_TRUE(Run({300, Mini::kSubvolumeId}).Ok());
-  EXPECT_EQ(300u, result_.sizes[0].id);
-  EXPECT_EQ(Mini::kSubvolumeId, result_.sizes[1].id);
+  EXPECT_EQ(300u, result_.table.ids[0]);
+  EXPECT_EQ(Mini::kSubvolumeId, result_.table.ids[1]);
 }
