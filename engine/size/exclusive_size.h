@@ -9,6 +9,7 @@
 #include "engine/io/committed_trees.h"
 #include "engine/io/read_meter.h"
 #include "engine/ondisk/status.h"
+#include "engine/size/run_stats.h"
 #include "engine/size/size_table.h"
 
 namespace ZorvEngine {
@@ -17,6 +18,7 @@ namespace ZorvEngine {
 struct SizeProgress {
   ReadMeter meter;
   std::atomic<uint64_t> exclusiveBytes{0};  // found so far, over all subvolumes asked for
+  RunStats stats;
 };
 
 // What a run is asked.
