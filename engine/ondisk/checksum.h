@@ -22,9 +22,6 @@ const char* ChecksumName(uint16_t type);
 // Whether blocks with this checksum type can be verified here.
 bool IsChecksumSupported(uint16_t type);
 
-// CRC-32C (Castagnoli, reflected 0x82F63B78, initial value and final xor all ones) of `bytes`.
-uint32_t Crc32c(ByteView bytes);
-
 // Whether `block` begins with the checksum of all that follows the 32 bytes kept for it.
 // False also for a type that is not supported and for a block that is too short.
 bool HasValidChecksum(uint16_t type, ByteView block);

@@ -15,7 +15,7 @@
 #include "engine/io/byte_source.h"
 #include "engine/io/chunk_map.h"
 #include "engine/io/device_set.h"
-#include "engine/ondisk/checksum.h"
+#include "engine/ondisk/crc32c.h"
 #include "engine/ondisk/format.h"
 #include "engine/ondisk/keys.h"
 
