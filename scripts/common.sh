@@ -1,8 +1,8 @@
 # Shared by the scripts: what a machine must have, packages, builds. Sourced, not run.
 
 PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-PACKAGES="g++ cmake ninja-build pkg-config libjsoncpp-dev libcli11-dev libfmt-dev libgtest-dev
-          libgmock-dev btrfs-progs uuid-runtime python3 binutils mount util-linux procps"
+PACKAGES="g++ cmake ninja-build pkg-config libjsoncpp-dev libcli11-dev libfmt-dev liburing-dev
+          libgtest-dev libgmock-dev btrfs-progs uuid-runtime python3 binutils mount util-linux procps"
 
 die() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2

@@ -3,6 +3,8 @@
 #include <string.h>
 
 #include <algorithm>
+#include <mutex>
+#include <utility>
 
 #include "engine/ondisk/checksum.h"
 
@@ -24,13 +26,24 @@ bool IsMeant(const BlockPointer& pointer, const TreeBlockView& view) {
   return !pointer.firstKey || (view.Count() > 0 && view.KeyAt(0) == *pointer.firstKey);
 }
 
+// A block of its own with the bytes of `view`.
+TreeBlockPtr CopyOf(const TreeBlockView& view) {
+  auto block = std::make_shared<TreeBlock>();
+  const ByteView bytes = view.Bytes();
+  block->bytes.assign(bytes.Data(), bytes.Data() + bytes.Size());
+  (void)TreeBlockView::Parse(ByteView(block->bytes.data(), block->bytes.size()), &block->view);
+  return block;
+}
+
 }  // namespace
 
-BlockReader::BlockReader(const DeviceSet& devices, const BlockFormat& format, ReadMeter& meter)
+BlockReader::BlockReader(const DeviceSet& devices, const BlockFormat& format, ReadMeter& meter,
+                         const ReadOptions& options)
     : devices_(devices),
       format_(format),
       meter_(meter),
-      buffer_(MakeAlignedBuffer(kRequestBytes)) {}
+      buffer_(MakeAlignedBuffer(format.nodeSize)),
+      pipeline_(options, meter) {}
 
 void BlockReader::ExpectChunkTree(const uint8_t* uuid) {
   chunkTreeUuid_ = std::vector<uint8_t>(uuid, uuid + kUuidSize);
@@ -41,134 +54,167 @@ Status BlockReader::Read(const BlockPointer& pointer, TreeBlockPtr* out) {
     *out = cached;
     return Status();
   }
+  if (buffer_ == nullptr) return Status::Failed("out of memory");
   meter_.Plan(format_.nodeSize);
-  ENGINE_TRY(ReadUncached(pointer, out));
+  std::optional<TreeBlockView> view;
+  ENGINE_TRY(ReadCopies(pointer, buffer_.get(), &view));
+  *out = CopyOf(*view);
   Keep(*out);
   meter_.Done(format_.nodeSize);
   return Status();
 }
 
-Status BlockReader::ReadMany(std::vector<BlockPointer> pointers, const Visitor& visit) {
-  return ReadInOrderOfPlaces(pointers, [&](size_t, const TreeBlockPtr& block) {
-    Keep(block);
-    return visit(*block->view);
+Status BlockReader::Sweep(const std::vector<BlockPointer>& pointers, const SweepVisitor& visit,
+                          std::vector<BadBlock>* bad) {
+  std::mutex mutex;
+  const auto first = static_cast<std::ptrdiff_t>(bad->size());
+  const Status swept = SweepInto(pointers, visit, [&](size_t index, Status why) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    bad->push_back({index, std::move(why)});
+    return Status();
   });
+  std::sort(bad->begin() + first, bad->end(),
+            [](const BadBlock& a, const BadBlock& b) { return a.index < b.index; });
+  return swept;
+}
+
+Status BlockReader::ReadMany(const std::vector<BlockPointer>& pointers, const Visitor& visit) {
+  std::mutex mutex;
+  const SweepVisitor keepAndVisit = [&](size_t, const TreeBlockView& block) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    Keep(CopyOf(block));
+    return visit(block);
+  };
+  return SweepInto(pointers, keepAndVisit, [](size_t, Status why) { return why; });
 }
 
 Status BlockReader::ReadAll(const std::vector<BlockPointer>& pointers,
                             std::vector<TreeBlockPtr>* out) {
   out->assign(pointers.size(), nullptr);
-  return ReadInOrderOfPlaces(pointers, [&](size_t index, const TreeBlockPtr& block) {
-    (*out)[index] = block;
+  const SweepVisitor copy = [&](size_t index, const TreeBlockView& block) {
+    (*out)[index] = CopyOf(block);
     return Status();
-  });
+  };
+  return SweepInto(pointers, copy, [](size_t, Status why) { return why; });
 }
 
 // Neighbours on a device need not be neighbours in the file system: a striped chunk deals its
 // pieces to several devices, and on each they lie side by side.
-Status BlockReader::ReadInOrderOfPlaces(const std::vector<BlockPointer>& pointers,
-                                        const IndexedVisitor& visit) {
+Status BlockReader::SweepInto(const std::vector<BlockPointer>& pointers, const SweepVisitor& visit,
+                              const BadSink& onBad) {
   meter_.Plan(pointers.size() * uint64_t{format_.nodeSize});
-  std::vector<Wanted> wanted;
-  wanted.reserve(pointers.size());
-  for (size_t i = 0; i < pointers.size(); ++i) wanted.push_back({FirstPlace(pointers[i]), i});
-  std::sort(wanted.begin(), wanted.end(),
-            [](const Wanted& a, const Wanted& b) { return a.place < b.place; });
+  SweepJob job{pointers, visit, onBad, {}, {}};
+  job.wanted.reserve(pointers.size());
+  ENGINE_TRY(VisitCached(&job));
+  job.reads =
+      PlanReads(&job.wanted, format_.nodeSize, [this](uint64_t devid) { return ShapeFor(devid); });
 
-  for (size_t at = 0; at < wanted.size();) {
-    const size_t count = RunLength(wanted, at);
-    ENGINE_TRY(ReadRun(pointers, &wanted[at], count, visit));
-    meter_.Done(count * uint64_t{format_.nodeSize});
-    at += count;
+  std::vector<ReadRange> ranges;
+  ranges.reserve(job.reads.size());
+  for (const PlannedRead& read : job.reads)
+    ranges.push_back({devices_.Find(read.devid)->source.get(), read.offset, read.size});
+  return pipeline_.Run(ranges, [&](size_t index, uint8_t* bytes, const Status& done) {
+    return TakeRead(job, job.reads[index], bytes, done);
+  });
+}
+
+// Visits the blocks that the cache has; the others become those that are wanted.
+Status BlockReader::VisitCached(SweepJob* job) {
+  for (size_t i = 0; i < job->pointers.size(); ++i) {
+    if (const TreeBlockPtr cached = FindCached(job->pointers[i])) {
+      ENGINE_TRY(job->visit(i, *cached->view));
+      meter_.Done(format_.nodeSize);
+    } else {
+      ENGINE_TRY(WantBlock(i, job));
+    }
   }
   return Status();
 }
 
-// Where the first copy lies that is on a device that is there.
-Place BlockReader::FirstPlace(const BlockPointer& pointer) const {
-  for (const Place& place : chunks_.Find(pointer.bytenr, format_.nodeSize))
-    if (devices_.Find(place.devid) != nullptr) return place;
-  return kNowhere;
-}
-
-// How many blocks from `first` on lie side by side and fit into one request.
-size_t BlockReader::RunLength(const std::vector<Wanted>& wanted, size_t first) const {
-  const Place start = wanted[first].place;
-  if (start == kNowhere) return 1;
-  const size_t most = kRequestBytes / format_.nodeSize;
-  size_t count = 1;
-  while (count < most && first + count < wanted.size() &&
-         wanted[first + count].place ==
-             Place{start.devid, start.offset + count * uint64_t{format_.nodeSize}})
-    ++count;
-  return count;
-}
-
-// Reads `count` blocks, which lie side by side: those of the cache from there, the others with one
-// request when that works, one by one (with all their copies) when it does not.
-Status BlockReader::ReadRun(const std::vector<BlockPointer>& pointers, const Wanted* run,
-                            size_t count, const IndexedVisitor& visit) {
-  std::vector<TreeBlockPtr> blocks(count);
-  bool complete = true;
-  for (size_t i = 0; i < count; ++i) {
-    blocks[i] = FindCached(pointers[run[i].index]);
-    complete = complete && blocks[i] != nullptr;
-  }
-
-  const Device* device = devices_.Find(run->place.devid);
-  const size_t size = count * format_.nodeSize;
-  if (!complete && device != nullptr && buffer_ != nullptr &&
-      device->source->ReadAt(run->place.offset, buffer_.get(), size).Ok())
-    for (size_t i = 0; i < count; ++i)
-      if (blocks[i] == nullptr)
-        (void)Verify(pointers[run[i].index], *device, buffer_.get() + i * format_.nodeSize,
-                     &blocks[i]);
-
-  for (size_t i = 0; i < count; ++i) {
-    if (blocks[i] == nullptr) ENGINE_TRY(ReadUncached(pointers[run[i].index], &blocks[i]));
-    ENGINE_TRY(visit(run[i].index, blocks[i]));
-  }
-  return Status();
-}
-
-Status BlockReader::ReadUncached(const BlockPointer& pointer, TreeBlockPtr* out) {
-  if (buffer_ == nullptr) return Status::Failed("out of memory");
+// Wants a block from where its first copy lies that is on a device that is there.
+Status BlockReader::WantBlock(size_t index, SweepJob* job) const {
+  const BlockPointer& pointer = job->pointers[index];
   const Places places = chunks_.Find(pointer.bytenr, format_.nodeSize);
-  if (places.Empty()) return Bad(pointer, "no chunk holds it");
+  for (const Place& place : places) {
+    if (devices_.Find(place.devid) == nullptr) continue;
+    job->wanted.push_back({place, static_cast<uint32_t>(index), &place != places.begin()});
+    return Status();
+  }
+  Status why = NoCopyIsThere(pointer, places);
+  if (why.GetKind() != Status::kBadBlock) return why;
+  meter_.Done(format_.nodeSize);
+  return job->onBad(index, std::move(why));
+}
 
+RequestShape BlockReader::ShapeFor(uint64_t devid) const {
+  return devices_.Find(devid)->source->Rotates() ? kRotatingShape : kFlashShape;
+}
+
+// Deals with the blocks of one request, whose bytes are at `bytes` if `done` is Ok.
+Status BlockReader::TakeRead(const SweepJob& job, const PlannedRead& read, uint8_t* bytes,
+                             const Status& done) {
+  for (size_t i = 0; i < read.count; ++i) {
+    const WantedBlock& block = job.wanted[read.first + i];
+    ENGINE_TRY(TakeBlock(job, block, bytes + (block.place.offset - read.offset), done));
+  }
+  meter_.Done(read.count * uint64_t{format_.nodeSize});
+  return Status();
+}
+
+// Visits one block; when its bytes are not sound, those of its copies are read in their place.
+Status BlockReader::TakeBlock(const SweepJob& job, const WantedBlock& block, uint8_t* bytes,
+                              const Status& done) {
+  const BlockPointer& pointer = job.pointers[block.index];
+  std::optional<TreeBlockView> view;
+  if (done.Ok() && Verify(pointer, *devices_.Find(block.place.devid), bytes, &view).empty()) {
+    if (block.mirror) ++meter_.counters.mirrorsUsed;
+  } else {
+    Status why = ReadCopies(pointer, bytes, &view);
+    if (why.GetKind() == Status::kBadBlock) return job.onBad(block.index, std::move(why));
+    ENGINE_TRY(why);
+  }
+  ++meter_.counters.blocksVerified;
+  return job.visit(block.index, *view);
+}
+
+// Reads one copy after the other to `bytes` until one verifies.
+Status BlockReader::ReadCopies(const BlockPointer& pointer, uint8_t* bytes,
+                               std::optional<TreeBlockView>* out) {
+  const Places places = chunks_.Find(pointer.bytenr, format_.nodeSize);
   std::string why;
   for (const Place& place : places) {
     const Device* device = devices_.Find(place.devid);
     if (device == nullptr) continue;
-    const Status read = device->source->ReadAt(place.offset, buffer_.get(), format_.nodeSize);
-    why = read.Ok() ? Verify(pointer, *device, buffer_.get(), out) : read.Text();
-    if (why.empty()) return Status();
+    meter_.counters.CountRequest(format_.nodeSize);
+    const Status read = device->source->ReadAt(place.offset, bytes, format_.nodeSize);
+    why = read.Ok() ? Verify(pointer, *device, bytes, out) : read.Text();
+    if (!why.empty()) continue;
+    if (&place != places.begin()) ++meter_.counters.mirrorsUsed;
+    return Status();
   }
-  return why.empty() ? OnMissingDevice(pointer, places.begin()->devid) : Bad(pointer, why);
+  return why.empty() ? NoCopyIsThere(pointer, places) : Bad(pointer, why);
 }
 
-Status BlockReader::OnMissingDevice(const BlockPointer& pointer, uint64_t devid) const {
+// The failure of a block that lies on no device that is there.
+Status BlockReader::NoCopyIsThere(const BlockPointer& pointer, const Places& places) const {
+  if (places.Empty()) return Bad(pointer, "no chunk holds it");
+  const uint64_t devid = places.begin()->devid;
   return Status::Failed("device " + std::to_string(devid) + " " + devices_.WhyMissing(devid) +
                         " and tree block " + std::to_string(pointer.bytenr) +
                         " lies nowhere else; attach the device or replace it (btrfs replace), then "
                         "try again");
 }
 
-// Sets `out` to a verified copy of the block at `bytes`, which were read from `device`; else says
-// what is wrong with it.
+// Sets `out` to the block at `bytes`, which were read from `device`, and is empty; else says what
+// is wrong with it.
 std::string BlockReader::Verify(const BlockPointer& pointer, const Device& device,
-                                const uint8_t* bytes, TreeBlockPtr* out) const {
+                                const uint8_t* bytes, std::optional<TreeBlockView>* out) const {
   const ByteView raw(bytes, format_.nodeSize);
   if (!HasValidChecksum(format_.checksumType, raw)) return "its checksum is wrong";
   const std::string wrongHeader = CheckHeader(pointer, device, *raw.At<BlockHeader>(0));
   if (!wrongHeader.empty()) return wrongHeader;
-
-  auto block = std::make_shared<TreeBlock>();
-  block->bytes.assign(bytes, bytes + format_.nodeSize);
-  const ByteView owned(block->bytes.data(), block->bytes.size());
-  if (const char* wrong = TreeBlockView::Parse(owned, &block->view)) return wrong;
-  if (!IsMeant(pointer, *block->view)) return "its first key is not the one in its parent";
-  *out = std::move(block);
+  if (const char* wrong = TreeBlockView::Parse(raw, out)) return wrong;
+  if (!IsMeant(pointer, **out)) return "its first key is not the one in its parent";
   return "";
 }
 

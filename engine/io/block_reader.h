@@ -1,4 +1,4 @@
-// block_reader.h: reads tree blocks, verifies each, and keeps the last ones.
+// block_reader.h: reads tree blocks, one or very many, verifies each, and keeps the last ones.
 #ifndef ENGINE_IO_BLOCK_READER_H_
 #define ENGINE_IO_BLOCK_READER_H_
 
@@ -15,6 +15,8 @@
 #include "engine/io/chunk_map.h"
 #include "engine/io/device_set.h"
 #include "engine/io/read_meter.h"
+#include "engine/io/read_pipeline.h"
+#include "engine/io/read_plan.h"
 #include "engine/ondisk/format.h"
 #include "engine/ondisk/status.h"
 #include "engine/ondisk/tree_block.h"
@@ -36,6 +38,12 @@ struct TreeBlock {
 };
 using TreeBlockPtr = std::shared_ptr<const TreeBlock>;
 
+// A block that could not be had: the index of its pointer, and why (Status::kBadBlock).
+struct BadBlock {
+  size_t index;
+  Status why;
+};
+
 // What all tree blocks of a file system have in common.
 struct BlockFormat {
   uint32_t nodeSize = 0;
@@ -52,13 +60,13 @@ struct BlockFormat {
 // so blocks stay in the cache when the reader moves on to a newer superblock.
 class BlockReader {
  public:
-  // Bytes of blocks that the cache holds at most.
-  static constexpr size_t kCacheBytes = 32u << 20;
-  // Bytes of one request at most, when neighbours are read together.
-  static constexpr size_t kRequestBytes = 1u << 20;
+  // Bytes of blocks that the cache holds at most: the upper levels of the trees, and the leaves
+  // that searches come back to.
+  static constexpr size_t kCacheBytes = 8u << 20;
 
   // Devices and meter are the caller's and outlive the reader; the set may change between reads.
-  BlockReader(const DeviceSet& devices, const BlockFormat& format, ReadMeter& meter);
+  BlockReader(const DeviceSet& devices, const BlockFormat& format, ReadMeter& meter,
+              const ReadOptions& options = {});
 
   // Makes all further reads use `chunks`; without this nothing can be read.
   void UseChunks(ChunkMap chunks) { chunks_ = std::move(chunks); }
@@ -71,48 +79,65 @@ class BlockReader {
   // Reads one block; `out` is written on success only.
   Status Read(const BlockPointer& pointer, TreeBlockPtr* out);
 
-  // Reads all blocks, in the order of their places on the devices, neighbours there in one request,
-  // and gives each to `visit`.  Ends at the first failure, `visit`'s included.
+  // Reads all blocks, about in the order of their places on the devices, neighbours there in one
+  // request, with many requests in flight, and gives each to `visit`, on as many threads as there
+  // are processors (at most 4).  A block none of whose copies verifies goes to the end of `bad`
+  // (sorted by index), and the sweep goes on; anything else that fails ends it, `visit`'s failure
+  // included. Blocks that the cache has are taken from there; none is added to it.
+  //
+  // `visit` takes a verified block by the index of its pointer; the bytes live during the call.  It
+  // is called from several threads at once and must not use the reader.
+  using SweepVisitor = std::function<Status(size_t index, const TreeBlockView& block)>;
+  Status Sweep(const std::vector<BlockPointer>& pointers, const SweepVisitor& visit,
+               std::vector<BadBlock>* bad);
+
+  // Reads all blocks as Sweep does, keeps them in the cache, and gives them to `visit` one at a
+  // time, in any order.  Ends at the first failure, a bad block or `visit`'s included.
   using Visitor = std::function<Status(const TreeBlockView&)>;
-  Status ReadMany(std::vector<BlockPointer> pointers, const Visitor& visit);
+  Status ReadMany(const std::vector<BlockPointer>& pointers, const Visitor& visit);
 
   // Reads all blocks as ReadMany does, and gives them in the order of `pointers`.  They do not stay
   // in the cache: who reads so many has no use for them twice.
   Status ReadAll(const std::vector<BlockPointer>& pointers, std::vector<TreeBlockPtr>* out);
 
  private:
-  // Takes a block and the index of its pointer.
-  using IndexedVisitor = std::function<Status(size_t index, const TreeBlockPtr& block)>;
+  // Takes a block that could not be had; its failure ends the sweep.  From several threads at once.
+  using BadSink = std::function<Status(size_t index, Status why)>;
   using CacheList = std::list<TreeBlockPtr>;
 
-  // A block that is to be read, by the index of its pointer, and where.
-  struct Wanted {
-    Place place;  // kNowhere when it cannot be read from any device that is there
-    size_t index;
+  // What a sweep is about; lives as long as it.
+  struct SweepJob {
+    const std::vector<BlockPointer>& pointers;
+    const SweepVisitor& visit;
+    const BadSink& onBad;
+    std::vector<WantedBlock> wanted;
+    std::vector<PlannedRead> reads;
   };
-  static constexpr Place kNowhere = {UINT64_MAX, UINT64_MAX};
 
   TreeBlockPtr FindCached(const BlockPointer& pointer);
   void Keep(const TreeBlockPtr& block);
-  Status ReadInOrderOfPlaces(const std::vector<BlockPointer>& pointers,
-                             const IndexedVisitor& visit);
-  Status ReadRun(const std::vector<BlockPointer>& pointers, const Wanted* run, size_t count,
-                 const IndexedVisitor& visit);
-  Place FirstPlace(const BlockPointer& pointer) const;
-  Status ReadUncached(const BlockPointer& pointer, TreeBlockPtr* out);
-  size_t RunLength(const std::vector<Wanted>& wanted, size_t first) const;
+  Status SweepInto(const std::vector<BlockPointer>& pointers, const SweepVisitor& visit,
+                   const BadSink& onBad);
+  Status VisitCached(SweepJob* job);
+  Status WantBlock(size_t index, SweepJob* job) const;
+  RequestShape ShapeFor(uint64_t devid) const;
+  Status TakeRead(const SweepJob& job, const PlannedRead& read, uint8_t* bytes, const Status& done);
+  Status TakeBlock(const SweepJob& job, const WantedBlock& block, uint8_t* bytes,
+                   const Status& done);
+  Status ReadCopies(const BlockPointer& pointer, uint8_t* bytes, std::optional<TreeBlockView>* out);
+  Status NoCopyIsThere(const BlockPointer& pointer, const Places& places) const;
   std::string Verify(const BlockPointer& pointer, const Device& device, const uint8_t* bytes,
-                     TreeBlockPtr* out) const;
+                     std::optional<TreeBlockView>* out) const;
   std::string CheckHeader(const BlockPointer& pointer, const Device& device,
                           const BlockHeader& header) const;
-  Status OnMissingDevice(const BlockPointer& pointer, uint64_t devid) const;
 
   const DeviceSet& devices_;
   BlockFormat format_;
   ReadMeter& meter_;
   ChunkMap chunks_;
   std::optional<std::vector<uint8_t>> chunkTreeUuid_;
-  AlignedBuffer buffer_;
+  AlignedBuffer buffer_;  // of one block
+  ReadPipeline pipeline_;
   CacheList recent_;  // front: used last
   std::unordered_map<uint64_t, CacheList::iterator> byPlace_;
 };

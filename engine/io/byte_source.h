@@ -21,11 +21,17 @@ class ByteSource {
   virtual ~ByteSource() = default;
 
   // Fills `size` bytes at `buffer` from `offset`; all three are multiples of kDirectAlignment.
-  // A range beyond the end is a failure, never a short read.
+  // A range beyond the end is a failure, never a short read.  Called from several threads at once.
   virtual Status ReadAt(uint64_t offset, uint8_t* buffer, size_t size) = 0;
 
   // Size in bytes.
   virtual uint64_t Size() const = 0;
+
+  // A descriptor that reads the same bytes at the same offsets; -1 when there is none.
+  virtual int Descriptor() const { return -1; }
+
+  // Whether it has a head that must get to a place before it can read there.
+  virtual bool Rotates() const { return false; }
 };
 
 struct FreeMemory {

@@ -17,11 +17,14 @@ class DirectDevice : public ByteSource {
 
   Status ReadAt(uint64_t offset, uint8_t* buffer, size_t size) override;
   uint64_t Size() const override { return size_; }
+  int Descriptor() const override { return fd_.Get(); }
+  bool Rotates() const override { return rotates_; }
 
  private:
   UniqueFd fd_;
   std::string path_;
   uint64_t size_ = 0;
+  bool rotates_ = false;
 };
 
 }  // namespace ZorvEngine

@@ -7,11 +7,30 @@
 
 namespace ZorvEngine {
 
+// What the reading took; only grows.
+struct ReadCounters {
+  // How many reads are kept in flight.  kNone: none had to be.
+  enum Way : uint32_t { kNone, kRing, kThreads };
+
+  std::atomic<uint64_t> requests{0};        // to devices, those for tree blocks
+  std::atomic<uint64_t> bytesRead{0};       // by them, gaps between blocks included
+  std::atomic<uint64_t> blocksVerified{0};  // that were found sound
+  std::atomic<uint64_t> mirrorsUsed{0};     // blocks of which another copy than the first was taken
+  std::atomic<uint32_t> way{kNone};         // of the last run that read many
+
+  // A request of that many bytes is made.
+  void CountRequest(uint64_t bytes) {
+    ++requests;
+    bytesRead += bytes;
+  }
+};
+
 // Bytes of blocks.  Both numbers only grow, and `processed` never passes `total`: a reader that
 // takes `processed` first and `total` second sees them in that relation too.
 struct ReadMeter {
   std::atomic<uint64_t> total{0};
   std::atomic<uint64_t> processed{0};
+  ReadCounters counters;
 
   // That many bytes more are to be read.
   void Plan(uint64_t bytes) { total += bytes; }
@@ -23,7 +42,9 @@ struct ReadMeter {
   void Abandon() { processed = total.load(); }
 };
 
-static_assert(std::atomic<uint64_t>::is_always_lock_free, "shared between processes");
+static_assert(std::atomic<uint64_t>::is_always_lock_free &&
+                  std::atomic<uint32_t>::is_always_lock_free,
+              "shared between processes");
 
 }  // namespace ZorvEngine
 

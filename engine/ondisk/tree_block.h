@@ -19,6 +19,9 @@ class TreeBlockView {
   // Checks structure alone; checksum, place, generation and owner are the reader's to verify.
   static const char* Parse(ByteView block, std::optional<TreeBlockView>* out);
 
+  // All bytes of the block.
+  ByteView Bytes() const { return block_; }
+
   const BlockHeader& Header() const { return *header_; }
   uint8_t Level() const { return header_->level.Get(); }
   bool IsLeaf() const { return Level() == 0; }

@@ -4,6 +4,7 @@
 
 #include <string.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -159,17 +160,20 @@ class MemoryDevice : public ZorvEngine::ByteSource {
     return ZorvEngine::Status();
   }
   uint64_t Size() const override { return bytes_.size(); }
+  bool Rotates() const override { return rotates_; }
 
   void Put(uint64_t offset, const Bytes& block) {
     std::copy(block.begin(), block.end(), bytes_.begin() + static_cast<long>(offset));
   }
   void Break(uint64_t offset) { broken_.insert(offset); }
+  void Rotate() { rotates_ = true; }
   int Reads() const { return reads_; }
 
  private:
   Bytes bytes_;
   std::set<uint64_t> broken_;
-  int reads_ = 0;
+  std::atomic<int> reads_{0};
+  bool rotates_ = false;
 };
 
 // Puts a device in memory into a set; the reference is good as long as the set holds it.
