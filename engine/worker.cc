@@ -10,6 +10,7 @@
 #include <unordered_set>
 
 #include "engine/channel.h"
+#include "engine/io/io_priority.h"
 #include "engine/io/mounted_filesystem.h"
 #include "engine/size/cross_check.h"
 #include "engine/size/extent_tree_scan.h"
@@ -113,6 +114,7 @@ void RunWorker(const Options& options, SizeProgress& progress, UniqueFd channel,
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != front) _exit(1);  // the front had gone before the line above
   LeaveStandardStreams();
+  ReadWhenIdle();
 
   const NoteSink note = [&](const std::string& text) {
     (void)SendMessage(channel.Get(), {Message::kNote, text});
