@@ -393,14 +393,12 @@ MUTATIONS = [
 
     # ---- engine -----------------------------------------------------------------------------------
     Mutation("an-extent-counts-for-each-reference", "engine/size/top_down_walk.cc",
-             "      size_->dataBytes += length;\n", "      size_->dataBytes += length * noted;\n",
+             "        if (found == entry.refs) visit(*next, HoldersOf(next, end), entry);\n",
+             "        if (found == entry.refs)\n"
+             "          for (uint64_t i = 0; i < found; ++i) visit(*next, HoldersOf(next, end), entry);\n",
              "TopDownWalk*"),
-    Mutation("an-extent-held-by-others-counts", "engine/size/top_down_walk.cc",
-             "      if (noted < refs) continue;\n", "",
-             "TopDownWalk*"),
-    Mutation("a-tree-block-held-by-others-counts", "engine/size/top_down_walk.cc",
-             "      if (refs == 1) level_[kept++] = level_[i];\n",
-             "      if (refs >= 1) level_[kept++] = level_[i];\n",
+    Mutation("what-others-hold-counts", "engine/size/top_down_walk.cc",
+             "        if (found == entry.refs) visit", "        if (found <= entry.refs) visit",
              "TopDownWalk*"),
     Mutation("a-stale-cached-block-is-taken", "engine/io/block_reader.cc",
              "view.Header().generation.Get() != pointer.generation || ", "",
@@ -475,8 +473,7 @@ MUTATIONS = [
              "  if (found_ != current_.refs) return", "  if (false) return",
              "ExtentAssemblerFinish.*"),
     Mutation("two-ways-of-counting-may-disagree", "engine/size/cross_check.cc",
-             "    if (sizes[i].dataBytes != again[i].dataBytes ||\n"
-             "        sizes[i].metadataBytes != again[i].metadataBytes)\n", "    if (false)\n",
+             "    if (!Same(first.Exclusive(i), second.Exclusive(i)))\n", "    if (false)\n",
              "CrossCheckRun.*"),
     Mutation("an-id-given-twice-counts-twice", "engine/worker.cc",
              "    if (seen.insert(id).second)\n", "    if (seen.insert(id).second || true)\n",

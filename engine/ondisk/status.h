@@ -13,12 +13,14 @@ class Status {
  public:
   enum Kind {
     kOk,
-    kBadBlock,  // no copy of a block verifies: reused by a later commit, or damaged
-    kFailed,    // anything else; trying again from a newer superblock does not help
+    kBadBlock,   // no copy of a block verifies: reused by a later commit, or damaged
+    kOverLimit,  // there is more to do than a limit allows that the caller has set
+    kFailed,     // anything else; trying again from a newer superblock does not help
   };
 
   Status() = default;
   static Status BadBlock(std::string text) { return Status(kBadBlock, std::move(text)); }
+  static Status OverLimit(std::string text) { return Status(kOverLimit, std::move(text)); }
   static Status Failed(std::string text) { return Status(kFailed, std::move(text)); }
 
   bool Ok() const { return kind_ == kOk; }

@@ -1,7 +1,9 @@
 #include "engine/size/top_down_walk.h"
 
 #include <algorithm>
+#include <array>
 #include <string>
+#include <vector>
 
 #include "engine/io/tree_cursor.h"
 #include "engine/size/extent_refs.h"
@@ -11,105 +13,176 @@
 namespace ZorvEngine {
 namespace {
 
-// The walk of one subvolume.
-class SubvolumeWalk {
- public:
-  SubvolumeWalk(CommittedTrees& trees, HolderId holder, SetSums& sums)
-      : reader_(trees.Reader()),
-        refs_(trees.Reader(), trees.ExtentRoot()),
-        holder_(holder),
-        sums_(sums) {}
+// A reference to a tree block, by a root item or by a block that was reached.
+struct BlockReference {
+  BlockPointer pointer;
+  HolderId holder;  // of what refers
 
-  Status Run(const BlockPointer& root) {
-    level_.assign(1, root);
-    for (int level = root.level; level >= 0 && !level_.empty(); --level) {
-      ENGINE_TRY(DropShared());
-      CountTreeBlocks();
-      ENGINE_TRY(ReadLevel());
+  uint64_t Bytenr() const { return pointer.bytenr; }
+};
+
+// A reference to a data extent, by a leaf that was reached.
+struct DataReference {
+  uint64_t bytenr;
+  HolderId holder;
+
+  uint64_t Bytenr() const { return bytenr; }
+};
+
+// One walk.
+class Walk {
+ public:
+  Walk(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress, BlockLimit& limit)
+      : trees_(trees),
+        request_(request),
+        limit_(limit),
+        refs_(trees.Reader(), trees.ExtentRoot(), limit),
+        sums_(request, trees, progress),
+        holders_(sums_.Sets()) {}
+
+  Status Run(SizeTable* out) {
+    ENGINE_TRY(FindRoots());
+    for (int level = kMaxLevel; level >= 0; --level) {
+      ENGINE_TRY(KeepReached(static_cast<uint8_t>(level)));
+      ENGINE_TRY(ReadReached(level));
     }
-    return CountData();
+    ENGINE_TRY(CountData());
+    *out = sums_.Table();
+    return Status();
   }
 
  private:
-  // Leaves those blocks of the level that nobody else refers to.
-  Status DropShared() {
-    std::sort(level_.begin(), level_.end(),
-              [](const BlockPointer& a, const BlockPointer& b) { return a.bytenr < b.bytenr; });
+  Status FindRoots() {
+    size_t position = 0;
+    for (const uint64_t id : request_.ids) {
+      CommittedTrees::Subvolume subvolume;
+      ENGINE_TRY(trees_.FindAskedSubvolume(id, &subvolume));
+      levels_[subvolume.root.level].push_back({subvolume.root, HolderSets::Only(position++)});
+    }
+    return Status();
+  }
+
+  // Leaves those blocks of a level to which nothing else refers, once each with all their holders,
+  // and counts them.
+  Status KeepReached(uint8_t level) {
+    std::vector<BlockReference>& blocks = levels_[level];
     size_t kept = 0;
-    for (size_t i = 0; i < level_.size(); ++i) {
-      uint64_t refs = 0;
-      ENGINE_TRY(refs_.OfTreeBlock(level_[i].bytenr, level_[i].level, &refs));
-      if (refs == 1) level_[kept++] = level_[i];
-    }
-    level_.resize(kept);
+    ENGINE_TRY(VisitReached(
+        blocks,
+        [&](const std::vector<uint64_t>& places, std::vector<ExtentEntry>* entries) {
+          return refs_.OfTreeBlocks(places, level, entries);
+        },
+        [&](const BlockReference& block, HolderId holder, const ExtentEntry&) {
+          sums_.AddTreeBlock(holder, block.Bytenr(), trees_.Reader().NodeSize());
+          blocks[kept++] = {block.pointer, holder};
+        }));
+    blocks.resize(kept);
     return Status();
   }
 
-  void CountTreeBlocks() {
-    for (const BlockPointer& block : level_)
-      sums_.AddTreeBlock(holder_, block.bytenr, reader_.NodeSize());
-  }
+  // Reads the blocks of a level, and takes what they refer to.
+  Status ReadReached(int level) {
+    const std::vector<BlockReference> blocks = std::move(levels_[level]);
+    ENGINE_TRY(limit_.Take(blocks.size()));
+    std::vector<BlockPointer> pointers;
+    pointers.reserve(blocks.size());
+    for (const BlockReference& block : blocks) pointers.push_back(block.pointer);
 
-  // Replaces the level by the children of its blocks; of leaves, takes the references to data.
-  Status ReadLevel() {
-    std::vector<BlockPointer> children;
-    const Status read = reader_.ReadMany(level_, [&](const TreeBlockView& block) {
-      if (block.IsLeaf()) return TakeLeaf(block);
-      for (uint32_t slot = 0; slot < block.Count(); ++slot)
-        children.push_back(ChildPointer(block, slot));
-      return Status();
+    return trees_.Reader().ReadMany(std::move(pointers), [&](const TreeBlockView& block) {
+      const HolderId holder =
+          std::ranges::lower_bound(blocks, block.Header().bytenr.Get(), {}, &BlockReference::Bytenr)
+              ->holder;
+      return block.IsLeaf() ? TakeLeaf(block, holder) : TakeNode(block, holder);
     });
-    level_ = std::move(children);
-    return read;
   }
 
-  // Notes each reference to a data extent, whatever part of it the file uses.
-  Status TakeLeaf(const TreeBlockView& leaf) {
-    return VisitFileExtents(leaf, [&](uint64_t bytenr) { dataReferences_.push_back(bytenr); });
+  Status TakeNode(const TreeBlockView& node, HolderId holder) {
+    for (uint32_t slot = 0; slot < node.Count(); ++slot)
+      levels_[node.Level() - 1].push_back({ChildPointer(node, slot), holder});
+    return Status();
   }
 
-  // Counts the extents all of whose references were noted.
+  // Takes each reference to a data extent, whatever part of it the file uses.
+  Status TakeLeaf(const TreeBlockView& leaf, HolderId holder) {
+    return VisitFileExtents(leaf, [&](uint64_t bytenr) { data_.push_back({bytenr, holder}); });
+  }
+
   Status CountData() {
-    std::sort(dataReferences_.begin(), dataReferences_.end());
-    for (size_t at = 0; at < dataReferences_.size();) {
-      const uint64_t bytenr = dataReferences_[at];
-      uint64_t noted = 0;
-      for (; at < dataReferences_.size() && dataReferences_[at] == bytenr; ++at) ++noted;
+    return VisitReached(
+        data_,
+        [&](const std::vector<uint64_t>& places, std::vector<ExtentEntry>* entries) {
+          return refs_.OfData(places, entries);
+        },
+        [&](const DataReference& extent, HolderId holder, const ExtentEntry& entry) {
+          sums_.AddData(holder, extent.bytenr, entry.length);
+        });
+  }
 
-      uint64_t refs = 0;
-      uint64_t length = 0;
-      ENGINE_TRY(refs_.OfData(bytenr, &refs, &length));
-      if (noted > refs)
-        return Status::Failed("the extent at " + std::to_string(bytenr) +
-                              " has more references than its item counts; run btrfs check");
-      if (noted < refs) continue;
-      sums_.AddData(holder_, bytenr, length);
+  // Sorts the references, looks up what they refer to, and gives those objects all of whose
+  // references are there to `visit`: with one of these, with their holders, and with the entry.
+  // `visit` may overwrite references up to the one that it is given.
+  template <typename Reference, typename LookUp, typename Visit>
+  Status VisitReached(std::vector<Reference>& references, const LookUp& lookUp,
+                      const Visit& visit) {
+    std::ranges::sort(references, {}, &Reference::Bytenr);
+    std::vector<uint64_t> places;
+    std::vector<ExtentEntry> entries;
+    for (auto next = references.begin(); next != references.end();) {
+      places.clear();
+      for (auto at = next; at != references.end() && places.size() < ExtentRefs::kBatch;) {
+        places.push_back(at->Bytenr());
+        at = EndOfObject(at, references.end());
+      }
+      ENGINE_TRY(lookUp(places, &entries));
+
+      for (const ExtentEntry& entry : entries) {
+        const auto end = EndOfObject(next, references.end());
+        const auto found = static_cast<uint64_t>(end - next);
+        if (found > entry.refs) return TooManyReferences(next->Bytenr());
+        if (found == entry.refs) visit(*next, HoldersOf(next, end), entry);
+        next = end;
+      }
     }
     return Status();
   }
 
-  BlockReader& reader_;
+  // The end of the references to the object of the first.
+  template <typename At>
+  static At EndOfObject(At at, At end) {
+    const uint64_t bytenr = at->Bytenr();
+    return std::find_if(at, end, [&](const auto& other) { return other.Bytenr() != bytenr; });
+  }
+
+  template <typename At>
+  HolderId HoldersOf(At at, At end) {
+    holders_.Clear();
+    for (; at != end; ++at) holders_.Add(at->holder);
+    return holders_.Id();
+  }
+
+  static Status TooManyReferences(uint64_t bytenr) {
+    return Status::Failed("the extent at " + std::to_string(bytenr) +
+                          " has more references than its item counts; run btrfs check");
+  }
+
+  CommittedTrees& trees_;
+  const SizeRequest& request_;
+  BlockLimit& limit_;
   ExtentRefs refs_;
-  const HolderId holder_;
-  SetSums& sums_;
-  std::vector<BlockPointer> level_;
-  std::vector<uint64_t> dataReferences_;
+  SetSums sums_;
+  HolderUnion holders_;
+  std::array<std::vector<BlockReference>, kMaxLevel + 1> levels_;  // references to their blocks
+  std::vector<DataReference> data_;
 };
 
 }  // namespace
 
 Status TopDownWalk::Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
                         SizeTable* out) {
-  SetSums sums(request, trees, progress);
-  size_t position = 0;
-  for (const uint64_t id : request.ids) {
-    CommittedTrees::Subvolume subvolume;
-    ENGINE_TRY(trees.FindAskedSubvolume(id, &subvolume));
-    SubvolumeWalk walk(trees, HolderSets::Only(position++), sums);
-    ENGINE_TRY(walk.Run(subvolume.root));
-  }
-  *out = sums.Table();
-  return Status();
+  BlockLimit limit(mostBlocks_);
+  const Status done = Walk(trees, request, progress, limit).Run(out);
+  blocks_ = limit.Taken();
+  return done;
 }
 
 }  // namespace ZorvEngine
