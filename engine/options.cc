@@ -75,9 +75,14 @@ class Parser {
       return Unknown(word);
     else if (at_ + 1 < words_.size())
       name = words_[++at_];
-    if (name != "scan" && name != "walk")
-      return Status::Failed(std::string("--method is scan or walk") + kSeeHelp);
-    options_->method = name == "scan" ? Method::kScan : Method::kWalk;
+    if (name == "auto")
+      options_->method = Method::kAuto;
+    else if (name == "scan")
+      options_->method = Method::kScan;
+    else if (name == "walk")
+      options_->method = Method::kWalk;
+    else
+      return Status::Failed(std::string("--method is auto, scan or walk") + kSeeHelp);
     return Status();
   }
 
@@ -142,8 +147,9 @@ const char kHelpText[] =
     "              without it they are root directories of subvolumes\n"
     "  -h, --help  this text\n"
     "  --version   name and version of this engine\n"
-    "  --method M  scan (the default): read the extent tree once; walk: read each\n"
-    "              subvolume's own blocks.  The numbers are the same.\n"
+    "  --method M  scan (the default): read the extent tree once; walk: read the blocks\n"
+    "              that only these subvolumes hold; auto: walk while that stays small,\n"
+    "              else scan.  The numbers are the same.\n"
     "  --verify    count in both ways, and fail when they differ\n"
     "\n"
     "examples:\n"

@@ -18,6 +18,7 @@ extern const char kHelpText[];
 
 // Ways of counting; all give the same numbers.
 enum class Method {
+  kAuto,  // the walk while that stays small, else the scan
   kScan,  // the extent tree, once
   kWalk,  // each subvolume's own blocks, from its root down
 };

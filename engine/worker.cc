@@ -6,12 +6,14 @@
 #include <unistd.h>
 
 #include <exception>
+#include <map>
 #include <string>
 #include <unordered_set>
 
 #include "engine/channel.h"
 #include "engine/io/io_priority.h"
 #include "engine/io/mounted_filesystem.h"
+#include "engine/size/auto_method.h"
 #include "engine/size/cross_check.h"
 #include "engine/size/extent_tree_scan.h"
 #include "engine/size/newest_state_run.h"
@@ -88,12 +90,12 @@ Status Work(const Options& options, SizeProgress& progress, const NoteSink& note
   const SizeRequest request{OnceEach(ids, note), options.countMetadata};
   ExtentTreeScan scan;
   TopDownWalk walk;
+  AutoMethod either(scan);
   CrossCheck both(scan, walk);
-  ExclusiveSizeMethod& chosen = options.method == Method::kScan
-                                    ? static_cast<ExclusiveSizeMethod&>(scan)
-                                    : static_cast<ExclusiveSizeMethod&>(walk);
-  return RunOnNewestState(filesystem, options.verify ? both : chosen, request, progress, note,
-                          result);
+  const std::map<Method, ExclusiveSizeMethod*> methods = {
+      {Method::kAuto, &either}, {Method::kScan, &scan}, {Method::kWalk, &walk}};
+  ExclusiveSizeMethod& method = options.verify ? both : *methods.at(options.method);
+  return RunOnNewestState(filesystem, method, request, progress, note, result);
 }
 
 // Work with every exception turned into a failure: memory can run out anywhere.

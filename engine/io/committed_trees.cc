@@ -24,6 +24,7 @@ Status CommittedTrees::Load(const Superblock& superblock) {
   ENGINE_TRY(FindRoot(kExtentTreeId, &found, &extentTree));
   if (!found) return Status::Failed("the file system has no extent tree");
   extentRoot_ = extentTree.root;
+  extentTreeBytes_ = extentTree.bytesUsed;
 
   ENGINE_TRY(RefuseBalance());
   return RefuseDataRelocation();
@@ -71,6 +72,7 @@ Status CommittedTrees::FindRoot(uint64_t id, bool* found, Subvolume* out) {
     return Status::Failed("the root item of tree " + std::to_string(id) + " in tree block " +
                           std::to_string(cursor.BlockNumber()) + " is damaged");
   out->root = BlockPointer{item->bytenr.Get(), item->generation.Get(), item->level.Get(), {}};
+  out->bytesUsed = item->bytesUsed.Get();
   out->beingDeleted = item->refs.Get() == 0;
   return Status();
 }

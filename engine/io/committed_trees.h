@@ -17,6 +17,7 @@ class CommittedTrees {
   // Root item of a subvolume.
   struct Subvolume {
     BlockPointer root;
+    uint64_t bytesUsed = 0;  // by the blocks of the tree
     bool beingDeleted = false;
   };
 
@@ -48,6 +49,9 @@ class CommittedTrees {
   // Root of the extent tree.
   const BlockPointer& ExtentRoot() const { return extentRoot_; }
 
+  // What the blocks of the extent tree take, as its root item says: nothing to rely on, but cheap.
+  uint64_t ExtentTreeBytes() const { return extentTreeBytes_; }
+
   uint64_t Generation() const { return generation_; }
   BlockReader& Reader() { return reader_; }
 
@@ -61,6 +65,7 @@ class CommittedTrees {
   uint64_t generation_ = 0;
   BlockPointer rootTree_;
   BlockPointer extentRoot_;
+  uint64_t extentTreeBytes_ = 0;
   std::vector<LogicalRange> metadataRanges_;
   std::vector<LogicalRange> dataRanges_;
   std::vector<RedundantRange> redundantRanges_;
