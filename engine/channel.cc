@@ -25,6 +25,27 @@ void AppendAll(const std::vector<T>& values, std::string* bytes) {
   bytes->append(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(T));
 }
 
+// Bytes of a result in one message.
+constexpr size_t kPartBytes = 1u << 20;
+
+// Neighbours among the members of a set: those that share something are mostly snapshots taken one
+// after the other.
+struct MemberRun {
+  uint32_t first;
+  uint32_t count;
+};
+
+std::vector<MemberRun> RunsOf(const std::vector<uint32_t>& members) {
+  std::vector<MemberRun> runs;
+  for (const uint32_t member : members) {
+    if (!runs.empty() && runs.back().first + runs.back().count == member)
+      ++runs.back().count;
+    else
+      runs.push_back({member, 1});
+  }
+  return runs;
+}
+
 // Takes values in the order in which they were appended; each function is false when there are not
 // enough bytes.
 class Unpacker {
@@ -58,13 +79,25 @@ class Unpacker {
   size_t at_ = 0;
 };
 
+// False when a run goes beyond `subvolumes`.
+bool TakeMembers(Unpacker* from, size_t subvolumes, std::vector<uint32_t>* members) {
+  std::vector<MemberRun> runs;
+  if (!from->TakeAll(&runs)) return false;
+  for (const MemberRun& run : runs) {
+    if (run.first > subvolumes || run.count > subvolumes - run.first) return false;
+    for (uint32_t i = 0; i < run.count; ++i) members->push_back(run.first + i);
+  }
+  return true;
+}
+
 bool TakeTable(Unpacker* from, SizeTable* table) {
   uint64_t rows = 0;
   if (!from->TakeAll(&table->ids) || !from->TakeAll(&table->redundancies) || !from->Take(&rows))
     return false;
   for (uint64_t i = 0; i < rows; ++i) {
     SetRow row;
-    if (!from->TakeAll(&row.members) || !from->Take(&row.complete) || !from->TakeAll(&row.bytes))
+    if (!TakeMembers(from, table->ids.size(), &row.members) || !from->Take(&row.complete) ||
+        !from->TakeAll(&row.bytes))
       return false;
     table->rows.push_back(std::move(row));
   }
@@ -80,7 +113,7 @@ std::string EncodeResult(const SizeResult& result) {
   AppendAll(result.table.redundancies, &bytes);
   Append(uint64_t{result.table.rows.size()}, &bytes);
   for (const SetRow& row : result.table.rows) {
-    AppendAll(row.members, &bytes);
+    AppendAll(RunsOf(row.members), &bytes);
     Append(row.complete, &bytes);
     AppendAll(row.bytes, &bytes);
   }
@@ -105,6 +138,14 @@ bool SendMessage(int fd, const Message& message) {
     if (written > 0) at += static_cast<size_t>(written);
   }
   return true;
+}
+
+bool SendResult(int fd, const SizeResult& result) {
+  const std::string bytes = EncodeResult(result);
+  size_t at = 0;
+  for (; bytes.size() - at > kPartBytes; at += kPartBytes)
+    if (!SendMessage(fd, {Message::kResultPart, bytes.substr(at, kPartBytes)})) return false;
+  return SendMessage(fd, {Message::kResult, bytes.substr(at)});
 }
 
 bool MessageReader::Receive(int fd) {

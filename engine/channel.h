@@ -12,10 +12,15 @@ namespace ZorvEngine {
 
 // One message.  Both ends are the same program, so numbers go as they stand in memory.
 struct Message {
-  enum Kind : uint32_t { kNote, kFailure, kResult };
+  enum Kind : uint32_t {
+    kNote,        // a sentence for standard error
+    kResultPart,  // a piece of what EncodeResult made; more follow
+    kResult,      // the last piece
+    kFailure,     // a sentence
+  };
 
   Kind kind = kNote;
-  std::string payload;  // a sentence; of kResult, what EncodeResult made
+  std::string payload;
 };
 
 std::string EncodeResult(const SizeResult& result);
@@ -25,6 +30,9 @@ bool DecodeResult(const std::string& payload, SizeResult* out);
 
 // Writes a message whole; false when the other end has gone.
 bool SendMessage(int fd, const Message& message);
+
+// Writes a result of any size, in pieces.
+bool SendResult(int fd, const SizeResult& result);
 
 // Puts messages together from the pieces that a pipe delivers.
 class MessageReader {

@@ -12,11 +12,15 @@
 #include <algorithm>
 #include <chrono>
 #include <new>
+#include <numeric>
 #include <optional>
+#include <set>
 
 #include "base/unique_fd.h"
 #include "engine/channel.h"
 #include "engine/lines.h"
+#include "engine/table_json.h"
+#include "engine/table_lines.h"
 #include "engine/worker.h"
 
 namespace ZorvEngine {
@@ -49,15 +53,31 @@ class Front {
       }
       const bool open = messages_.Receive(channel_.Get());
       while (std::optional<Message> message = messages_.Next()) {
-        if (message->kind == Message::kResult) return PrintResult(message->payload);
-        if (message->kind == Message::kFailure) return Fail(message->payload);
-        (void)WriteLine(STDERR_FILENO, NoteLine(message->payload));
+        if (std::optional<int> ended = Take(*message)) return *ended;
       }
       if (!open) return Fail(HowWorkerEnded());
     }
   }
 
  private:
+  // Does what a message says; the exit status when it is the last one.
+  std::optional<int> Take(const Message& message) {
+    switch (message.kind) {
+      case Message::kNote:
+        (void)WriteLine(STDERR_FILENO, NoteLine(message.payload));
+        return std::nullopt;
+      case Message::kResultPart:
+        result_ += message.payload;
+        return std::nullopt;
+      case Message::kResult:
+        result_ += message.payload;
+        return PrintResult();
+      case Message::kFailure:
+        break;
+    }
+    return Fail(message.payload);
+  }
+
   // Waits for the worker's words, the tick, or the end of the reader (which wakes a poll for
   // nothing as an error or a hang-up).
   Wait WaitUntil(Clock::time_point tick) const {
@@ -90,10 +110,48 @@ class Front {
     return WriteLine(STDOUT_FILENO, ExclusiveLine(bytes));
   }
 
-  int PrintResult(const std::string& payload) {
+  int PrintResult() {
+    try {
+      return PrintResultOrThrow();
+    } catch (const std::bad_alloc&) {
+      return Fail("out of memory");
+    }
+  }
+
+  int PrintResultOrThrow() {
     SizeResult result;
-    if (!DecodeResult(payload, &result)) return Fail("internal error: an unreadable result");
-    return PrintNumbers(result) ? 0 : OutputFailed();
+    if (!DecodeResult(result_, &result)) return Fail("internal error: an unreadable result");
+    result_.clear();
+    std::vector<ForecastStep> plan;
+    if (!options_.forecast.empty() && !PlanIsKnown(result.table, &plan))
+      return Fail("internal error: a result without the plan");
+    const bool printed = options_.json ? PrintJson(result, plan)
+                                       : PrintNumbers(result) && PrintTables(result.table, plan);
+    return printed ? 0 : OutputFailed();
+  }
+
+  // The subvolumes of the plan are the first of those asked about, each once.
+  bool PlanIsKnown(const SizeTable& table, std::vector<ForecastStep>* plan) const {
+    const std::set<uint64_t> planned(options_.forecast.begin(), options_.forecast.end());
+    if (planned.size() > table.ids.size()) return false;
+    std::vector<uint32_t> order(planned.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::optional<std::vector<ForecastStep>> steps = table.Forecast(order);
+    if (!steps) return false;
+    *plan = std::move(*steps);
+    return true;
+  }
+
+  bool PrintJson(const SizeResult& result, const std::vector<ForecastStep>& plan) const {
+    DocumentWriter out(STDOUT_FILENO);
+    return WriteResultJson(result, {options_.forecast.empty() ? nullptr : &plan, options_.table},
+                           [&](const std::string& piece) { return out.Write(piece); });
+  }
+
+  bool PrintTables(const SizeTable& table, const std::vector<ForecastStep>& plan) const {
+    const LineSink print = [](const std::string& line) { return WriteLine(STDOUT_FILENO, line); };
+    if (!options_.forecast.empty() && !GiveForecastLines(table, plan, print)) return false;
+    return !options_.table || GiveTableLines(table, print);
   }
 
   bool PrintNumbers(const SizeResult& result) {
@@ -152,6 +210,7 @@ class Front {
   UniqueFd channel_;
   const pid_t worker_;
   MessageReader messages_;
+  std::string result_;  // the pieces that have come
   std::optional<uint64_t> printedTotal_;
   std::optional<uint64_t> printedExclusive_;
 };

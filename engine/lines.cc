@@ -2,6 +2,7 @@
 
 #include <errno.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,6 +43,24 @@ void CutTo(size_t size, std::string* text) {
   text->resize(size);
 }
 
+// One write that is not interrupted, waiting for room where there is none.
+bool WriteSome(int fd, const char* bytes, size_t size, ssize_t* written) {
+  while ((*written = write(fd, bytes, size)) < 0) {
+    if (errno == EAGAIN) {
+      pollfd room = {fd, POLLOUT, 0};
+      (void)poll(&room, 1, -1);
+    } else if (errno != EINTR) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Makes a file end at `end`, and goes there.
+void CutFile(int fd, off_t end) {
+  if (ftruncate(fd, end) == 0) (void)lseek(fd, end, SEEK_SET);
+}
+
 }  // namespace
 
 std::string GenerationLine(uint64_t generation) {
@@ -66,23 +85,37 @@ std::string ErrorLine(const std::string& reason) {
 std::string NoteLine(const std::string& note) { return "NOTE: " + WithoutControls(note) + "\n"; }
 
 bool WriteLine(int fd, const std::string& line) {
-  for (;;) {
-    const ssize_t written = write(fd, line.data(), line.size());
-    if (written == static_cast<ssize_t>(line.size())) return true;
-    if (written >= 0) {
-      const off_t end = lseek(fd, 0, SEEK_CUR);  // fails for what is no file, where no cut happens
-      if (end >= written && ftruncate(fd, end - written) == 0)
-        (void)lseek(fd, end - written, SEEK_SET);
-      errno = ENOSPC;
+  ssize_t written = 0;
+  if (!WriteSome(fd, line.data(), line.size(), &written)) return false;
+  if (written == static_cast<ssize_t>(line.size())) return true;
+  const off_t end = lseek(fd, 0, SEEK_CUR);  // fails for what is no file, where no cut happens
+  if (end >= written) CutFile(fd, end - written);
+  errno = ENOSPC;
+  return false;
+}
+
+bool DocumentWriter::Write(const std::string& piece) {
+  for (size_t at = 0; at < piece.size();) {
+    ssize_t written = 0;
+    if (!WriteSome(fd_, piece.data() + at, piece.size() - at, &written)) {
+      const int failed = errno;
+      TakeBack();
+      errno = failed;
       return false;
     }
-    if (errno == EAGAIN) {
-      pollfd room = {fd, POLLOUT, 0};
-      (void)poll(&room, 1, -1);
-    } else if (errno != EINTR) {
-      return false;
-    }
+    at += static_cast<size_t>(written);
+    written_ += written;
   }
+  return true;
+}
+
+// Where the document began is known only behind it: a file that is open for appending is written at
+// its end, wherever its offset was before.  What somebody else has added since stays.
+void DocumentWriter::TakeBack() const {
+  const off_t end = lseek(fd_, 0, SEEK_CUR);
+  struct stat file;
+  if (written_ > 0 && end >= written_ && fstat(fd_, &file) == 0 && file.st_size == end)
+    CutFile(fd_, end - written_);
 }
 
 }  // namespace ZorvEngine

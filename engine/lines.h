@@ -2,6 +2,8 @@
 #ifndef ENGINE_LINES_H_
 #define ENGINE_LINES_H_
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -27,6 +29,23 @@ std::string NoteLine(const std::string& note);
 // whole or not at all.  A line that a full disk has cut is taken back.  False: not written, and
 // errno says why; EPIPE: the reader has gone.
 bool WriteLine(int fd, const std::string& line);
+
+// Writes a document of any length in pieces.  What a failure leaves of it at the end of a file is
+// taken back.
+class DocumentWriter {
+ public:
+  // `fd` is the caller's and outlives the object.
+  explicit DocumentWriter(int fd) : fd_(fd) {}
+
+  // Writes a piece; false: not written, and errno says why.
+  bool Write(const std::string& piece);
+
+ private:
+  void TakeBack() const;
+
+  const int fd_;
+  off_t written_ = 0;
+};
 
 }  // namespace ZorvEngine
 

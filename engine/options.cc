@@ -29,6 +29,39 @@ bool Means(const std::string& word, const std::string& meant, const char* const 
                        [&](const char* other) { return StartsWith(other, word); }) == 1;
 }
 
+// Long options that are there or not.
+struct Flag {
+  const char* name;
+  bool Options::*flag;
+};
+constexpr Flag kFlags[] = {
+    {"--help", &Options::help},
+    {"--version", &Options::version},
+    {"--verify", &Options::verify},
+    {"--table", &Options::table},
+};
+
+constexpr uint64_t kMostMiB = 1u << 20;
+
+bool IsDecimal(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// Reads decimal digits; false for anything else, and beyond 64 bits.
+bool ParseNumber(const std::string& text, uint64_t* number) {
+  if (!IsDecimal(text)) return false;
+  uint64_t value = 0;
+  for (const char digit : text) {
+    const uint64_t units = static_cast<uint64_t>(digit - '0');
+    if (value > (UINT64_MAX - units) / 10) return false;
+    value = value * 10 + units;
+  }
+  *number = value;
+  return true;
+}
+
+Status Wrong(const std::string& what) { return Status::Failed(what + kSeeHelp); }
+
 // Reads options one word at a time.
 class Parser {
  public:
@@ -38,7 +71,7 @@ class Parser {
   Status Run() {
     for (; at_ < words_.size(); ++at_) {
       const std::string& word = words_[at_];
-      if (word.empty()) return Status::Failed(std::string("an argument is empty") + kSeeHelp);
+      if (word.empty()) return Wrong("an argument is empty");
       if (onlyArguments_ || word[0] != '-')
         options_->arguments.push_back(word);
       else if (word == "--")
@@ -52,37 +85,78 @@ class Parser {
   }
 
  private:
+  // Sets an option from its value, which is empty when there is none.
+  struct Valued {
+    const char* name;
+    Status (Parser::*set)(const std::string& value);
+  };
+
   Status LongOption(const std::string& word) {
-    if (word == "--help")
-      options_->help = true;
-    else if (word == "--version")
-      options_->version = true;
-    else if (word == "--verify")
-      options_->verify = true;
-    else if (StartsWith(word, "--method"))
-      return SetMethod(word);
+    for (const Flag& flag : kFlags)
+      if (word == flag.name) {
+        options_->*flag.flag = true;
+        return Status();
+      }
+    static const Valued kValued[] = {
+        {"--method", &Parser::SetMethod},      {"--format", &Parser::SetFormat},
+        {"--forecast", &Parser::SetForecast},  {"--table-memory", &Parser::SetTableMemory},
+        {"--memory", &Parser::SetArrayMemory},
+    };
+    const size_t equals = word.find('=');
+    for (const Valued& valued : kValued)
+      if (word.substr(0, equals) == valued.name) return (this->*valued.set)(ValueOf(word, equals));
+    return Unknown(word);
+  }
+
+  // The value stands behind "=", or is the next word.
+  std::string ValueOf(const std::string& word, size_t equals) {
+    if (equals != std::string::npos) return word.substr(equals + 1);
+    return at_ + 1 < words_.size() ? words_[++at_] : "";
+  }
+
+  Status SetMethod(const std::string& value) {
+    if (value == "auto")
+      options_->method = Method::kAuto;
+    else if (value == "scan")
+      options_->method = Method::kScan;
+    else if (value == "walk")
+      options_->method = Method::kWalk;
     else
-      return Unknown(word);
+      return Wrong("--method is auto, scan or walk");
     return Status();
   }
 
-  // The name of the method stands behind "=", or is the next word.
-  Status SetMethod(const std::string& word) {
-    std::string name;
-    if (StartsWith(word, "--method="))
-      name = word.substr(word.find('=') + 1);
-    else if (word != "--method")
-      return Unknown(word);
-    else if (at_ + 1 < words_.size())
-      name = words_[++at_];
-    if (name == "auto")
-      options_->method = Method::kAuto;
-    else if (name == "scan")
-      options_->method = Method::kScan;
-    else if (name == "walk")
-      options_->method = Method::kWalk;
-    else
-      return Status::Failed(std::string("--method is auto, scan or walk") + kSeeHelp);
+  Status SetFormat(const std::string& value) {
+    if (value != "text" && value != "json") return Wrong("--format is text or json");
+    options_->json = value == "json";
+    return Status();
+  }
+
+  Status SetForecast(const std::string& value) {
+    if (!options_->forecast.empty()) return Wrong("--forecast is given twice");
+    if (value.empty()) return Wrong("--forecast needs subvolume IDs with commas between them");
+    for (size_t begin = 0, end = 0; end != std::string::npos; begin = end + 1) {
+      end = value.find(',', begin);
+      uint64_t id = 0;
+      ENGINE_TRY(ParseSubvolumeId(value.substr(begin, end - begin), &id));
+      options_->forecast.push_back(id);
+    }
+    return Status();
+  }
+
+  Status SetTableMemory(const std::string& value) {
+    return SetMemory("--table-memory", value, &options_->tableBytes);
+  }
+
+  Status SetArrayMemory(const std::string& value) {
+    return SetMemory("--memory", value, &options_->arrayBytes);
+  }
+
+  static Status SetMemory(const std::string& name, const std::string& value, size_t* bytes) {
+    uint64_t mebibytes = 0;
+    if (!ParseNumber(value, &mebibytes) || mebibytes == 0 || mebibytes > kMostMiB)
+      return Wrong(name + " is a number of MiB from 1 to " + std::to_string(kMostMiB));
+    *bytes = size_t{mebibytes} << 20;
     return Status();
   }
 
@@ -111,16 +185,16 @@ class Parser {
 
   // The directory of -r is the rest of its word, or else the next word.
   Status Directory(std::string directory) {
-    if (options_->byId) return Status::Failed(std::string("-r is given twice") + kSeeHelp);
+    if (options_->byId) return Wrong("-r is given twice");
     if (directory.empty() && at_ + 1 < words_.size()) directory = words_[++at_];
-    if (directory.empty()) return Status::Failed(std::string("-r needs a directory") + kSeeHelp);
+    if (directory.empty()) return Wrong("-r needs a directory");
     options_->byId = true;
     options_->directory = directory;
     return Status();
   }
 
   static Status Unknown(const std::string& word) {
-    return Status::Failed(word + " is neither an option nor a subvolume" + kSeeHelp);
+    return Wrong(word + " is neither an option nor a subvolume");
   }
 
   const std::vector<std::string>& words_;
@@ -129,13 +203,27 @@ class Parser {
   bool onlyArguments_ = false;
 };
 
+// Options that exclude each other, or need another one.
+Status CheckTogether(const Options& options) {
+  if (!options.forecast.empty() && !options.byId)
+    return Wrong("--forecast has subvolume IDs, so it needs -r DIR");
+  if (options.json && (options.progress || options.eachSubvolume))
+    return Wrong("--format json is one document without lines; leave out -p and -v");
+  return Status();
+}
+
+// Whether there is a subvolume to ask about.
+bool HasSubject(const Options& options) {
+  return !options.arguments.empty() || !options.forecast.empty();
+}
+
 }  // namespace
 
 const char kVersionLine[] = "zorv btrfs engine 1.0.0\n";
 
 const char kHelpText[] =
-    "usage: btrfs subvolume size [-v] [-p] [-m] PATH...\n"
-    "       btrfs subvolume size [-v] [-p] [-m] -r DIR ID...\n"
+    "usage: btrfs subvolume size [-v] [-p] [-m] [OPTION...] PATH...\n"
+    "       btrfs subvolume size [-v] [-p] [-m] [OPTION...] -r DIR ID...\n"
     "\n"
     "Says how many bytes each subvolume or snapshot owns exclusively: what comes free\n"
     "when it alone is deleted.  Exact, and without quotas.  Needs root.\n"
@@ -147,14 +235,30 @@ const char kHelpText[] =
     "              without it they are root directories of subvolumes\n"
     "  -h, --help  this text\n"
     "  --version   name and version of this engine\n"
-    "  --method M  scan (the default): read the extent tree once; walk: read the blocks\n"
-    "              that only these subvolumes hold; auto: walk while that stays small,\n"
-    "              else scan.  The numbers are the same.\n"
-    "  --verify    count in both ways, and fail when they differ\n"
+    "\n"
+    "What more to find out:\n"
+    "  --forecast ID,ID,...  what comes free when these are deleted in this order: with\n"
+    "                        each, so far, and together; also as raw bytes on the devices.\n"
+    "                        Needs -r DIR and no further ID.\n"
+    "  --table               the bytes of each set of subvolumes that hold them together:\n"
+    "                        they come free when the whole set is deleted\n"
+    "  --format json         one JSON document in place of lines; without -p and -v\n"
+    "\n"
+    "How to find it out:\n"
+    "  --method M          scan (the default): read the extent tree once; walk: read the\n"
+    "                      blocks that only these subvolumes hold; auto: walk while that\n"
+    "                      stays small, else scan.  The numbers are the same.\n"
+    "  --verify            count in both ways, and fail when they differ\n"
+    "  --table-memory MIB  memory for the sets of --table (64 when not given).  Sets beyond\n"
+    "                      it are summed up; the output says so.\n"
+    "  --memory MIB        memory for large arrays (256 when not given); beyond it they go\n"
+    "                      to a temporary file\n"
     "\n"
     "examples:\n"
     "  btrfs subvolume size -vm /volume1/photos/.snapshots/*\n"
     "  btrfs subvolume size -vpm -r /volume1 257 258\n"
+    "  btrfs subvolume size --forecast 257,258,261 -r /volume1\n"
+    "  btrfs subvolume size --table --format json -r /volume1 257 258 261\n"
     "\n"
     "All numbers belong to one committed state of the file system, whose generation is\n"
     "printed.  On failure the exit status is 1, the reason is on standard error, and no\n"
@@ -168,23 +272,18 @@ bool IsSizeCommand(const std::vector<std::string>& words) {
 Status ParseOptions(const std::vector<std::string>& words, Options* out) {
   Options options;
   ENGINE_TRY(Parser(words, &options).Run());
-  if (options.arguments.empty() && !options.help && !options.version)
-    return Status::Failed(std::string("no subvolume is given") + kSeeHelp);
+  if (!options.help && !options.version) {
+    ENGINE_TRY(CheckTogether(options));
+    if (!HasSubject(options)) return Wrong("no subvolume is given");
+  }
   *out = std::move(options);
   return Status();
 }
 
 Status ParseSubvolumeId(const std::string& text, uint64_t* id) {
-  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos)
+  if (!IsDecimal(text))
     return Status::Failed("\"" + text + "\" is not a subvolume ID: decimal digits are expected");
-  uint64_t value = 0;
-  for (const char digit : text) {
-    const uint64_t units = static_cast<uint64_t>(digit - '0');
-    if (value > (UINT64_MAX - units) / 10)
-      return Status::Failed(text + " is too large for a subvolume ID");
-    value = value * 10 + units;
-  }
-  *id = value;
+  if (!ParseNumber(text, id)) return Status::Failed(text + " is too large for a subvolume ID");
   return Status();
 }
 

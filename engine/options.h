@@ -2,6 +2,7 @@
 #ifndef ENGINE_OPTIONS_H_
 #define ENGINE_OPTIONS_H_
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -33,7 +34,12 @@ struct Options {
   bool byId = false;           // -r
   std::string directory;       // of -r
   Method method = Method::kScan;
-  bool verify = false;  // count in both ways and compare
+  bool verify = false;             // count in both ways and compare
+  std::vector<uint64_t> forecast;  // the plan: subvolumes in the order of their deletion
+  bool table = false;              // each set of subvolumes
+  bool json = false;               // one document in place of lines
+  size_t tableBytes = 64u << 20;   // memory for the sets of the table
+  size_t arrayBytes = 256u << 20;  // memory for large arrays
   std::vector<std::string> arguments;
 };
 
@@ -42,8 +48,9 @@ struct Options {
 bool IsSizeCommand(const std::vector<std::string>& words);
 
 // Reads what follows `subvolume size`.  Options may stand together (-vpm) and anywhere before "--".
-// Fails for an unknown option, a missing directory, -r given twice, an empty argument, and when
-// there is no argument (unless help or version is asked for).
+// Fails for an unknown option, a value that is missing or cannot be read, -r or --forecast given
+// twice, options that exclude each other, an empty argument, and when there is nothing to ask about
+// (unless help or version is asked for).
 Status ParseOptions(const std::vector<std::string>& words, Options* out);
 
 // Reads a subvolume ID: decimal digits, leading zeros allowed, at most 64 bits.

@@ -56,8 +56,10 @@ Status IdsOfPaths(const std::vector<std::string>& paths, MountedFilesystem* file
   return Status();
 }
 
+// The plan of --forecast comes first: what comes free in the asked order is always known.
 Status IdsAsGiven(const Options& options, MountedFilesystem* filesystem,
                   std::vector<uint64_t>* ids) {
+  *ids = options.forecast;
   for (const std::string& text : options.arguments) {
     uint64_t id = 0;
     ENGINE_TRY(ParseSubvolumeId(text, &id));
@@ -87,7 +89,8 @@ Status Work(const Options& options, SizeProgress& progress, const NoteSink& note
   std::vector<uint64_t> ids;
   ENGINE_TRY(options.byId ? IdsAsGiven(options, &filesystem, &ids)
                           : IdsOfPaths(options.arguments, &filesystem, &ids));
-  const SizeRequest request{OnceEach(ids, note), options.countMetadata};
+  const SizeRequest request{OnceEach(ids, note), options.countMetadata,
+                            options.table ? options.tableBytes : 0, options.arrayBytes};
   ExtentTreeScan scan;
   TopDownWalk walk;
   AutoMethod either(scan);
@@ -123,7 +126,7 @@ void RunWorker(const Options& options, SizeProgress& progress, UniqueFd channel,
   };
   SizeResult result;
   const Status done = WorkCaught(options, progress, note, &result);
-  const bool sent = done.Ok() ? SendMessage(channel.Get(), {Message::kResult, EncodeResult(result)})
+  const bool sent = done.Ok() ? SendResult(channel.Get(), result)
                               : SendMessage(channel.Get(), {Message::kFailure, done.Text()});
   _exit(sent && done.Ok() ? 0 : 1);
 }

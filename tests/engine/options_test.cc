@@ -98,6 +98,33 @@ TEST(OptionsParse, ReadsTheWayOfCounting) {
   }
 }
 
+TEST(OptionsParse, ReadsAPlan) {
+  Options options;
+  ASSERT_TRUE(ParseOptions({"--forecast", "258,00257,258", "-r", "/volume1"}, &options).Ok());
+  EXPECT_EQ((std::vector<uint64_t>{258, 257, 258}), options.forecast);
+  EXPECT_TRUE(options.arguments.empty());
+  ASSERT_TRUE(ParseOptions({"-r", "/volume1", "--forecast=5", "300"}, &options).Ok());
+  EXPECT_EQ(std::vector<uint64_t>{5}, options.forecast);
+  EXPECT_EQ(Words{"300"}, options.arguments);
+}
+
+TEST(OptionsParse, ReadsHowTheTableIsSaid) {
+  Options options;
+  ASSERT_TRUE(ParseOptions({"/a"}, &options).Ok());
+  EXPECT_FALSE(options.table || options.json);
+  EXPECT_EQ(64u << 20, options.tableBytes);
+  EXPECT_EQ(256u << 20, options.arrayBytes);
+  ASSERT_TRUE(ParseOptions({"--table", "--format", "json", "--table-memory=1", "--memory",
+                            "1048576", "-m", "/a"},
+                           &options)
+                  .Ok());
+  EXPECT_TRUE(options.table && options.json && options.countMetadata);
+  EXPECT_EQ(1u << 20, options.tableBytes);
+  EXPECT_EQ(size_t{1} << 40, options.arrayBytes);
+  ASSERT_TRUE(ParseOptions({"--format=json", "--format=text", "-vp", "/a"}, &options).Ok());
+  EXPECT_FALSE(options.json);
+}
+
 TEST(OptionsParse, SaysWhatIsWrong) {
   const std::string see = "; see btrfs subvolume size --help";
   const struct {
@@ -112,7 +139,8 @@ TEST(OptionsParse, SaysWhatIsWrong) {
       {{"-r", "/a", "-r", "/b", "5"}, "-r is given twice" + see},
       {{"-x", "/a"}, "-x is neither an option nor a subvolume" + see},
       {{"-vx", "/a"}, "-vx is neither an option nor a subvolume" + see},
-      {{"--table", "/a"}, "--table is neither an option nor a subvolume" + see},
+      {{"--tables", "/a"}, "--tables is neither an option nor a subvolume" + see},
+      {{"--table=5", "/a"}, "--table=5 is neither an option nor a subvolume" + see},
       {{"--method", "fast", "/a"}, "--method is auto, scan or walk" + see},
       {{"--method"}, "--method is auto, scan or walk" + see},
       {{"--method=", "/a"}, "--method is auto, scan or walk" + see},
@@ -120,6 +148,24 @@ TEST(OptionsParse, SaysWhatIsWrong) {
       {{"-", "/a"}, "- is neither an option nor a subvolume" + see},
       {{"-r", "/a", "-5"}, "-5 is neither an option nor a subvolume" + see},
       {{"/a", ""}, "an argument is empty" + see},
+      {{"--forecast"}, "--forecast needs subvolume IDs with commas between them" + see},
+      {{"--forecast=", "-r", "/a"},
+       "--forecast needs subvolume IDs with commas between them" + see},
+      {{"--forecast", "257", "--forecast", "258"}, "--forecast is given twice" + see},
+      {{"--forecast", "257,", "-r", "/a"},
+       "\"\" is not a subvolume ID: decimal digits are expected"},
+      {{"--forecast", "257,-5", "-r", "/a"},
+       "\"-5\" is not a subvolume ID: decimal digits are expected"},
+      {{"--forecast", "257", "/a"}, "--forecast has subvolume IDs, so it needs -r DIR" + see},
+      {{"--format", "xml", "/a"}, "--format is text or json" + see},
+      {{"--format", "json", "-p", "/a"},
+       "--format json is one document without lines; leave out -p and -v" + see},
+      {{"-v", "--format=json", "/a"},
+       "--format json is one document without lines; leave out -p and -v" + see},
+      {{"--table-memory", "0", "/a"}, "--table-memory is a number of MiB from 1 to 1048576" + see},
+      {{"--memory", "1048577", "/a"}, "--memory is a number of MiB from 1 to 1048576" + see},
+      {{"--memory", "64M", "/a"}, "--memory is a number of MiB from 1 to 1048576" + see},
+      {{"--memory"}, "--memory is a number of MiB from 1 to 1048576" + see},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.words));
