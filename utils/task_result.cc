@@ -3,7 +3,9 @@
 #include "zorvbtrfssnapusage/task_result.h"
 
 #include <stdint.h>
+#include <string.h>
 
+#include <algorithm>
 #include <exception>
 #include <fstream>
 
@@ -20,6 +22,10 @@ constexpr char kLogUnit[] = "utils/task_result";
 
 // The format's elements are counted with 32 bits; a file with more is none of ours.
 constexpr uint64_t kMaxElements = UINT32_MAX;
+
+// Elements that are read at once. A count may say more than the file holds, and memory is filled no
+// further than this ahead of what is there.
+constexpr uint64_t kChunkElements = 65536;
 
 // `base` with the suffix of the kind; empty for an unknown kind, which LockFile, WriteVtr and
 // ReadVtr refuse as an invalid argument.
@@ -72,14 +78,27 @@ bool MakeRoom(std::vector<T>& values, uint64_t count) {
   return true;
 }
 
+// Appends at most `most` elements as they lie in the file. The bytes of one that is cut by the end
+// overlay those of `element`, which is otherwise the last that was read.
+template <typename T>
+void GetChunk(std::istream& in, size_t most, T& element, std::vector<T>& values) {
+  const size_t before = values.size();
+  values.resize(before + most);
+  char* const bytes = reinterpret_cast<char*>(values.data() + before);
+  in.read(bytes, static_cast<std::streamsize>(most * sizeof(T)));
+  const size_t got = static_cast<size_t>(in.gcount());
+  const size_t whole = got / sizeof(T);
+  if (whole > 0) element = values[before + whole - 1];
+  memcpy(&element, bytes + whole * sizeof(T), got % sizeof(T));
+  values.resize(before + whole);
+}
+
 // Reads `count` elements into a vector that has room for them.
 template <typename T>
 void GetElements(std::istream& in, uint64_t count, std::vector<T>& values) {
   T element{};
-  while (values.size() < count && in.good()) {
-    Get(in, element);
-    values.push_back(element);
-  }
+  while (values.size() < count && in.good())
+    GetChunk(in, std::min<uint64_t>(count - values.size(), kChunkElements), element, values);
   // Kept: what lies beyond the end of a short file repeats the last element (its bytes overlaid by
   // those of a partial one); callers compare the two vectors of a task, not the file's size.
   if (!in.bad()) values.resize(count, element);

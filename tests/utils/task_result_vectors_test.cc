@@ -209,6 +209,30 @@ TEST_F(TaskResultReadVtr, ShortFilesRepeatTheLastElement) {
   EXPECT_TRUE(log.Lines().empty()) << log.Dump();
 }
 
+// Long files are read in pieces of 65,536 elements: their ends within, at and behind a piece's end.
+TEST_F(TaskResultReadVtr, LongShortFilesRepeatTheLastElement) {
+  for (const size_t whole : {65535u, 65536u, 65537u, 131072u}) {
+    for (const size_t rest : {0u, 3u}) {
+      SCOPED_TRACE(whole);
+      SCOPED_TRACE(rest);
+      Values expected;
+      std::string content = Le64(whole + 3);
+      for (size_t i = 0; i < whole; ++i) {
+        expected.push_back(0x0101010101010101 * (i % 251));
+        content += Le64(expected.back());
+      }
+      content += std::string(rest, '\xEE');
+      const unsigned long long cut =
+          rest == 0 ? expected.back() : (expected.back() & ~0xFFFFFFull) | 0xEEEEEE;
+      expected.resize(whole + 3, cut);
+      WriteFile(kFile, content);
+      Values values = {77};
+      EXPECT_EQ(0, TaskResult::ReadVtr(kFile, values));
+      EXPECT_TRUE(expected == values);
+    }
+  }
+}
+
 TEST_F(TaskResultReadVtr, FiveMillionBeyondTheEndRepeatToo) {
   WriteFile(kFile, Le64(5000000) + Le64(8));
   Values values;
