@@ -211,6 +211,28 @@ TEST_F(SnapUsageCalculatorParseCmdFp, BytesNeedNotBeFollowedByTheWord) {
   ExpectResult({257, 258}, {12, 34});
 }
 
+TEST_F(SnapUsageCalculatorParseCmdFp, EveryFormOfALineIsReadAsSscanfDoes) {
+  for (const char* line :
+       {"subvol(257) 12 bytes", "subvol(257)  12 bytes", "subvol(257)\t12 bytes", "subvol( 257) 12",
+        "subvol(+257) +12 bytes", "subvol(-1) -1 bytes", "subvol(00257) 0012 bytes",
+        "subvol(257 ) 12 bytes", "subvol(257", "subvol(257)", "subvol(257) ", "subvol(257) x12",
+        "subvol(257) 12x", "subvol(257)x 12", "subvol(18446744073709551616) 12 bytes",
+        "subvol(257) 18446744073709551616 bytes", "subvol(257) 99999999999999999999999 bytes",
+        "subvol(257) 0x10 bytes", "subvol(257) 1.5 bytes"}) {
+    SCOPED_TRACE(line);
+    unsigned long long id = 0;
+    unsigned long long bytes = 77;  // of the conversion before
+    ASSERT_LE(1, sscanf(line, "subvol(%llu) %llu bytes", &id, &bytes));
+    EXPECT_EQ(FP_PARSE_OK, Parse(std::string("subvol(1) 77 bytes\n") + line + "\n"));
+    ExpectResult({1, id}, {77, bytes});
+  }
+  for (const char* line : {"subvol", "subvol 257", "subvol()", "subvol() 12 bytes",
+                           "subvolume(257) 12 bytes", "subvol(x257) 12 bytes"}) {
+    SCOPED_TRACE(line);
+    EXPECT_EQ(FP_PARSE_FAIL, Parse(std::string(line) + "\n"));
+  }
+}
+
 TEST_F(SnapUsageCalculatorParseCmdFp, LastLineNeedsNoLineEnd) {
   EXPECT_EQ(FP_PARSE_OK, Parse("subvol(257) 12 bytes"));
   ExpectResult({257}, {12});
