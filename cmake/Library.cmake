@@ -5,6 +5,7 @@ pkg_check_modules(JSONCPP REQUIRED IMPORTED_TARGET jsoncpp)
 add_library(zorvbtrfssnapusage SHARED
   intl_utils/utils.cc
   intl_utils/btrfs_tool.cc
+  intl_utils/plain_json.cc
   utils/task_status.cc
   utils/share_task_status.cc
   utils/task_result.cc

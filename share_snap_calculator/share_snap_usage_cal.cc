@@ -20,6 +20,7 @@
 #include <charconv>
 #include <exception>
 #include <map>
+#include <string_view>
 #include <utility>
 
 #include "base/ensure_dirs.h"
@@ -27,6 +28,7 @@
 #include "base/paths.h"
 #include "base/sz_list.h"
 #include "intl_utils/json_shape.h"
+#include "intl_utils/plain_json.h"
 #include "intl_utils/scoped_file_lock.h"
 #include "zorvbtrfssnapusage/btrfs_tool.h"
 #include "zorvbtrfssnapusage/task_result.h"
@@ -91,6 +93,26 @@ int ReadShareTaskMap(Json::Value& out) {
   if (!lock.Held()) return RESULT_FAILURE;
   out = Utils::GetJsonAttrByPath(kShareMap);
   return RESULT_OK;
+}
+
+// ReadShareTaskMap for a look-up that needs but some entries: those that are wanted, or all.
+int ReadShareTaskEntries(const MemberFilter& wanted, Json::Value& out) {
+  const ScopedFileLock lock(ZLOG_HERE, kShareMapLock, ScopedFileLock::kShared);
+  if (!lock.Held()) return RESULT_FAILURE;
+  if (!ReadPlainMembers(kShareMap, wanted, out)) out = Utils::GetJsonAttrByPath(kShareMap);
+  return RESULT_OK;
+}
+
+// Wants the entry of one share.
+MemberFilter EntryOf(const std::string& shareName) {
+  return [&shareName](std::string_view name, std::string_view) { return name == shareName; };
+}
+
+// Wants the entries whose text has the ID somewhere; the entry of its task is among them.
+MemberFilter EntriesNaming(const std::string& taskID) {
+  return [&taskID](std::string_view, std::string_view entry) {
+    return memmem(entry.data(), entry.size(), taskID.data(), taskID.size()) != nullptr;
+  };
 }
 
 // What a change of the map came to.
@@ -284,7 +306,7 @@ int ShareSnapUsageCal::FindTaskID(const std::string& shareName, std::string& tas
     return RESULT_INVALID_ARGUMENT;
   }
   Json::Value map;
-  if (ReadShareTaskMap(map) != RESULT_OK) return RESULT_FAILURE;
+  if (ReadShareTaskEntries(EntryOf(shareName), map) != RESULT_OK) return RESULT_FAILURE;
   const Json::Value* entry = JsonMember(map, shareName);
   if (entry == nullptr || !TaskIDOf(*entry, taskID)) {
     taskID.clear();
@@ -315,7 +337,7 @@ int ShareSnapUsageCal::FindShareNameByTaskID(const std::string& taskID,
     return RESULT_INVALID_ARGUMENT;
   }
   Json::Value map;
-  if (ReadShareTaskMap(map) != RESULT_OK) return RESULT_FAILURE;
+  if (ReadShareTaskEntries(EntriesNaming(taskID), map) != RESULT_OK) return RESULT_FAILURE;
   for (const std::string& name : MemberNames(map)) {
     std::string candidate;
     if (!TaskIDOf(map[name], candidate) || candidate != taskID) continue;
@@ -700,7 +722,7 @@ int ShareSnapUsageCal::FindSnapNameBySubvolID(const std::string& shareName,
   if (*ppListSnapName == nullptr) return RESULT_INVALID_ARGUMENT;
   if (subvolIDs.empty()) return RESULT_OK;
   Json::Value map;
-  if (ReadShareTaskMap(map) != RESULT_OK) return RESULT_FAILURE;
+  if (ReadShareTaskEntries(EntryOf(shareName), map) != RESULT_OK) return RESULT_FAILURE;
   const Json::Value* snapList = SnapListOf(map, shareName);
   const std::map<unsigned long long, std::string> names =
       SnapNamesByID(snapList == nullptr ? Json::Value::nullSingleton() : *snapList);
@@ -781,7 +803,7 @@ bool ShareSnapUsageCal::CleanTaskResultFile(const std::string& shareName, bool r
 void ShareSnapUsageCal::CleanAll(const std::string& shareName) try {
   if (shareName.empty()) return;
   Json::Value map;
-  if (ReadShareTaskMap(map) != RESULT_OK) return;
+  if (ReadShareTaskEntries(EntryOf(shareName), map) != RESULT_OK) return;
   if (JsonMember(map, shareName) == nullptr) return;
   RemoveShareTraces(shareName);
 } catch (const std::exception&) {

@@ -128,12 +128,20 @@ MUTATIONS = [
              "  (void)signal(SIGKILL, &SignalHandler::handleSnapUsageCalulate);\n", "",
              "BtrfsToolCmdExc.HandlerIsAskedForSigtermAndThenForSigkill"),
     Mutation("a-waiting-stop-is-never-let-in", "intl_utils/stop_gate.h",
-             "  if (StopHandlerInstalled()) const StopGate open(StopGate::kOpen);\n", "",
+             "  if (StopWaits() && StopHandlerInstalled()) const StopGate open(StopGate::kOpen);\n", "",
              "BtrfsToolCmdExc.* SnapUsageCalculatorParseCmdFp.*"),
     Mutation("a-stop-is-let-in-without-a-handler", "intl_utils/stop_gate.h",
-             "  if (StopHandlerInstalled()) const StopGate open(StopGate::kOpen);\n",
+             "  if (StopWaits() && StopHandlerInstalled()) const StopGate open(StopGate::kOpen);\n",
              "  { const StopGate open(StopGate::kOpen); }\n",
              "SnapUsageCalculatorParseCmdFp.*"),
+
+    # ---- intl_utils/plain_json --------------------------------------------------------------------
+    Mutation("a-name-that-stands-twice-is-plain", "intl_utils/plain_json.cc",
+             "      if (!first && name <= before) return false;  // sorted, and so none twice\n", "",
+             "PlainJsonParse.*"),
+    Mutation("an-escape-is-plain", "intl_utils/plain_json.cc",
+             "return out.find('\\\\') == std::string_view::npos;", "return true;",
+             "PlainJsonParse.*"),
 
     # ---- utils/task_status, utils/share_task_status -----------------------------------------------
     Mutation("a-subscript-adds-no-row", TASK,
@@ -231,6 +239,9 @@ MUTATIONS = [
              "TaskResultReadVtr.*"),
     Mutation("missing-elements-read-as-zero", RESULT,
              "if (!in.bad()) values.resize(count, element);", "if (!in.bad()) values.resize(count);",
+             "TaskResultReadVtr.*"),
+    Mutation("a-part-of-an-element-is-lost", RESULT,
+             "  memcpy(&element, bytes + whole * sizeof(T), got % sizeof(T));\n", "",
              "TaskResultReadVtr.*"),
     Mutation("a-full-disk-is-not-noticed", RESULT,
              "  out.flush();  // or what a full disk refuses would be noticed by nobody\n", "",

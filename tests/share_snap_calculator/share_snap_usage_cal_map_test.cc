@@ -214,6 +214,39 @@ TEST_F(ShareSnapUsageCalFindShareNameByTaskID, EntriesOfAnotherShapeAreSkipped) 
   EXPECT_EQ("f", share_);
 }
 
+// The ID as a name and a value of other members, and as a part of another ID.
+TEST_F(ShareSnapUsageCalFindShareNameByTaskID, IDElsewhereInAnEntryIsNoTask) {
+  PutMap(R"({"T1":)" + Entry("T3", kNow) + R"(,"a":)" + Entry("T2", kNow, R"({"T1":"T1"})") +
+         R"(,"b":)" + Entry("xT1x", kNow) + R"(,"c":)" + Entry("T1", kNow) + "}");
+  EXPECT_EQ(0, Find("T1"));
+  EXPECT_EQ("c", share_);
+}
+
+TEST_F(ShareSnapUsageCalFindShareNameByTaskID, MapInAnyFormIsRead) {
+  for (const char* map :
+       {"{ \"photos\" : {\"task_id\":\"T1\"} }\n", R"({"photos":{"task_id":"\u0054\u0031"}})",
+        R"({"photos":{"time":1.5,"task_id":"T1"}})"}) {
+    SCOPED_TRACE(map);
+    PutMap(map);
+    share_ = "as it was";
+    EXPECT_EQ(0, Find("T1"));
+    EXPECT_EQ("photos", share_);
+  }
+}
+
+TEST_F(ShareSnapUsageCalFindShareNameByTaskID, OneOfAThousandShares) {
+  std::string map;
+  for (int share = 1000; share < 2000; ++share)
+    map += (map.empty() ? "{\"s" : ",\"s") + std::to_string(share) +
+           "\":" + Entry("T" + std::to_string(share), kNow);
+  PutMap(map + "}");
+  for (const char* number : {"1000", "1500", "1999"}) {
+    EXPECT_EQ(0, Find(std::string("T") + number));
+    EXPECT_EQ(std::string("s") + number, share_);
+  }
+  EXPECT_EQ(8, Find("T2000"));
+}
+
 TEST_F(ShareSnapUsageCalFindShareNameByTaskID, FailedLockFails) {
   PutDirectory(kShareMapLock);
   EXPECT_EQ(1, Find("T1"));
