@@ -4,13 +4,12 @@
 //
 // Needs root. DISK is a folder that does not lie in memory.
 #include <benchmark/benchmark.h>
-#include <json/value.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
 
+#include <filesystem>
 #include <memory>
-#include <stdexcept>
 
 #include "base/paths.h"
 #include "bench/started_at.h"
@@ -19,7 +18,6 @@
 #include "zorvbtrfssnapusage/share_snap_usage_cal.h"
 #include "zorvbtrfssnapusage/snap_usage_cal.h"
 #include "zorvbtrfssnapusage/task_result.h"
-#include "zorvbtrfssnapusage/utils.h"
 
 namespace ZorvBench {
 namespace {
@@ -28,36 +26,6 @@ using namespace ZorvBtrfsUsage;
 
 constexpr int kMillion = 1000000;
 constexpr int kManyShares = 1000;
-constexpr int kSnapshotsOfEach = 30;
-
-void MustBe(bool done, const char* what) {
-  if (!done) throw std::runtime_error(std::string(what) + " failed");
-}
-
-std::string TaskOf(int share) {
-  char id[64];
-  (void)snprintf(id, sizeof id, "00000000-0000-4000-8000-%012d", share);
-  return id;
-}
-
-std::string ShareOf(int share) { return "share" + std::to_string(share); }
-
-// A map of that many shares, each with a task that is a moment old.
-void PutMap(int shares) {
-  Json::Value map(Json::objectValue);
-  for (int share = 0; share < shares; ++share) {
-    Json::Value& entry = map[ShareOf(share)];
-    entry["task_id"] = TaskOf(share);
-    entry["time"] = static_cast<Json::Int64>(time(nullptr));
-    entry["volume_id"] = 1;
-    for (int snapshot = 0; snapshot < kSnapshotsOfEach; ++snapshot) {
-      char name[64];
-      (void)snprintf(name, sizeof name, "GMT-2024.01.%02d-00.00.00", snapshot + 1);
-      entry["snap_list"][name] = std::to_string(256 + share * kSnapshotsOfEach + snapshot);
-    }
-  }
-  MustBe(Utils::SetJsonAttrByPath(kShareMap, map), "writing the map");
-}
 
 // The status files of a task in progress and of its share, which is the map's last.
 class RunningTask {
@@ -119,7 +87,7 @@ void GetResultVtrMillion(benchmark::State& state) {
   RunningTask task(1);
   std::vector<unsigned long long> values;
   for (int i = 0; i < kMillion; ++i) values.push_back(16384ULL * static_cast<unsigned>(i));
-  ZorvTest::WriteFile(ShareResultDir(ShareOf(0)) + "/placeholder", "");
+  std::filesystem::create_directories(ShareResultDir(ShareOf(0)));
   MustBe(
       TaskResult::WriteVtr(ShareResultDir(ShareOf(0)) + "/" + TaskOf(0) + ".result", values) == 0,
       "WriteVtr");
@@ -165,12 +133,13 @@ double StartedAt() {
   return Seconds(time);
 }
 
-// CreateTask and Launch, until the engine's first instruction. Argument: snapshots.
+// CreateTask and Launch, until the engine's first instruction. Arguments: snapshots, other shares
+// in the map.
 void LaunchToEngineStart(benchmark::State& state) {
   InstallEngine(ZORV_STAND_IN_PATH);
   const SnapshotShare share("photos", /*files=*/10, static_cast<int>(state.range(0)));
   for (auto _ : state) {
-    ZorvTest::WriteFile(kShareMap, "{}");
+    PutMap(static_cast<int>(state.range(1)));
     timespec asked;
     MustBe(clock_gettime(CLOCK_MONOTONIC, &asked) == 0, "clock_gettime");
     Launch(share);
@@ -178,7 +147,12 @@ void LaunchToEngineStart(benchmark::State& state) {
     state.SetIterationTime(StartedAt() - Seconds(asked));
   }
 }
-BENCHMARK(LaunchToEngineStart)->Arg(1)->Arg(100)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(LaunchToEngineStart)
+    ->Args({1, 0})
+    ->Args({100, 0})
+    ->Args({100, kManyShares})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace ZorvBench
@@ -189,9 +163,6 @@ int main(int argc, char** argv) {
     fprintf(stderr, "usage: library_bench DISK [options of Google Benchmark]\n");
     return 2;
   }
-  return ZorvBench::RunInWorld(argv[1], [] {
-    for (const char* dir : {ZorvBtrfsUsage::kLockDir, ZorvBtrfsUsage::kPersistentDir})
-      ZorvTest::WriteFile(std::string(dir) + "/placeholder", "");
-    return benchmark::RunSpecifiedBenchmarks() > 0 ? 0 : 1;
-  });
+  return ZorvBench::RunInWorld(argv[1],
+                               [] { return benchmark::RunSpecifiedBenchmarks() > 0 ? 0 : 1; });
 }

@@ -1,7 +1,7 @@
 // A whole calculation through the library (task created, launched, engine run, results read) beside
 // the bare engine on the same snapshots, in turns.
 //
-//   whole_calculation DISK [FILES [SNAPSHOTS [RUNS]]]
+//   whole_calculation DISK [FILES [SNAPSHOTS [RUNS [SHARES]]]]
 //
 // Prints two lines, separated by tabs: names, and medians in milliseconds. Needs root. DISK is a
 // folder that does not lie in memory. Ends with 1 when the two do not give the same numbers.
@@ -36,6 +36,7 @@ struct Plan {
   int files = 20000;
   int snapshots = 64;
   int runs = 21;
+  int shares = 1;  // in the map, with the one that is calculated
 };
 
 double MillisecondsSince(Clock::time_point start) {
@@ -115,10 +116,24 @@ double Median(std::vector<double> values) {
   return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
+// Two lines: names and values. The overhead is that of each run, beside the engine's run before it.
+void PrintRow(const Plan& plan, const std::vector<double>& bare,
+              const std::vector<double>& library) {
+  std::vector<double> overhead;
+  for (size_t i = 0; i < bare.size(); ++i) overhead.push_back(library[i] - bare[i]);
+  const auto [least, most] = std::minmax_element(overhead.begin(), overhead.end());
+  printf(
+      "files\tsnapshots\tshares\truns\tengine_ms\tlibrary_ms\toverhead_ms\t"
+      "overhead_min_ms\toverhead_max_ms\n");
+  printf("%d\t%d\t%d\t%d\t%.1f\t%.1f\t%.1f\t%.1f\t%.1f\n", plan.files, plan.snapshots, plan.shares,
+         plan.runs, Median(bare), Median(library), Median(overhead), *least, *most);
+}
+
 int Measure(const Plan& plan) {
   InstallEngine(ZORV_ENGINE_PATH);
   const SnapshotShare share("photos", plan.files, plan.snapshots);
   const std::vector<std::string> command = EngineCommand(share);
+  PutMap(plan.shares - 1);
   std::vector<double> bare, library;
   for (int run = 0; run <= plan.runs; ++run) {
     Sizes fromEngine, fromLibrary;
@@ -130,21 +145,15 @@ int Measure(const Plan& plan) {
     bare.push_back(bareTime);
     library.push_back(libraryTime);
   }
-  printf(
-      "files\tsnapshots\truns\tengine_ms\tlibrary_ms\toverhead_ms\toverhead_min_ms\toverhead_max_ms\n");
-  std::vector<double> overhead;
-  for (size_t i = 0; i < bare.size(); ++i) overhead.push_back(library[i] - bare[i]);
-  const auto [least, most] = std::minmax_element(overhead.begin(), overhead.end());
-  printf("%d\t%d\t%d\t%.1f\t%.1f\t%.1f\t%.1f\t%.1f\n", plan.files, plan.snapshots, plan.runs,
-         Median(bare), Median(library), Median(library) - Median(bare), *least, *most);
+  PrintRow(plan, bare, library);
   return 0;
 }
 
 // False: the words are no plan.
 bool ParsePlan(int argc, char** argv, Plan* plan) {
-  if (argc < 2 || argc > 5) return false;
+  if (argc < 2 || argc > 6) return false;
   plan->disk = argv[1];
-  int* const numbers[] = {&plan->files, &plan->snapshots, &plan->runs};
+  int* const numbers[] = {&plan->files, &plan->snapshots, &plan->runs, &plan->shares};
   for (int i = 2; i < argc; ++i) {
     *numbers[i - 2] = atoi(argv[i]);
     if (*numbers[i - 2] < 1) return false;
@@ -158,7 +167,7 @@ bool ParsePlan(int argc, char** argv, Plan* plan) {
 int main(int argc, char** argv) {
   ZorvBench::Plan plan;
   if (!ZorvBench::ParsePlan(argc, argv, &plan)) {
-    fprintf(stderr, "usage: whole_calculation DISK [FILES [SNAPSHOTS [RUNS]]]\n");
+    fprintf(stderr, "usage: whole_calculation DISK [FILES [SNAPSHOTS [RUNS [SHARES]]]]\n");
     return 2;
   }
   return ZorvBench::RunInWorld(plan.disk, [&] { return ZorvBench::Measure(plan); });

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <json/value.h>
 #include <linux/magic.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,14 +13,17 @@
 #include <sys/un.h>
 #include <sys/vfs.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
 
+#include "base/paths.h"
 #include "tests/support/command.h"
 #include "tests/support/sandbox.h"
 #include "zorvbtrfssnapusage/share_snap_usage_cal.h"
+#include "zorvbtrfssnapusage/utils.h"
 
 namespace ZorvBench {
 namespace {
@@ -93,6 +97,46 @@ int RunInWorld(const std::string& disk, const std::function<int()>& body) try {
 
 void InstallEngine(const std::string& program) {
   fs::copy_file(program, "/sbin/btrfs", fs::copy_options::overwrite_existing);
+}
+
+void MustBe(bool done, const char* what) {
+  if (!done) throw std::runtime_error(std::string(what) + " failed");
+}
+
+// ---- The share-to-task map
+// -----------------------------------------------------------------------
+
+namespace {
+
+constexpr int kSnapshotsOfEach = 30;
+
+}  // namespace
+
+std::string ShareOf(int number) { return "share" + std::to_string(number); }
+
+std::string TaskOf(int number) {
+  char id[64];
+  (void)snprintf(id, sizeof id, "%08x-0000-4000-8000-%012d", number * 2654435761U, number);
+  return id;
+}
+
+void PutMap(int shares) {
+  using namespace ZorvBtrfsUsage;
+  Json::Value map(Json::objectValue);
+  for (int share = 0; share < shares; ++share) {
+    Json::Value& entry = map[ShareOf(share)];
+    entry["task_id"] = TaskOf(share);
+    entry["time"] = static_cast<Json::Int64>(time(nullptr));
+    entry["volume_id"] = 1;
+    for (int snapshot = 0; snapshot < kSnapshotsOfEach; ++snapshot) {
+      char name[64];
+      (void)snprintf(name, sizeof name, "GMT-2024.01.%02d-00.00.00", snapshot + 1);
+      entry["snap_list"][name] = std::to_string(256 + share * kSnapshotsOfEach + snapshot);
+    }
+  }
+  fs::create_directories(kLockDir);
+  fs::create_directories(kPersistentDir);
+  MustBe(Utils::SetJsonAttrByPath(kShareMap, map), "writing the map");
 }
 
 // ---- The share ----------------------------------------------------------------------------------

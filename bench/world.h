@@ -21,6 +21,21 @@ int RunInWorld(const std::string& disk, const std::function<int()>& body);
 // Puts a program at /sbin/btrfs.
 void InstallEngine(const std::string& program);
 
+// Throws unless `done`.
+void MustBe(bool done, const char* what);
+
+// ---- The share-to-task map
+// -----------------------------------------------------------------------
+
+// The shares of a map, and the tasks that serve them.
+std::string ShareOf(int number);
+std::string TaskOf(int number);
+
+// Makes the map hold that many shares, each with 30 snapshots and a task that is a moment old.
+void PutMap(int shares);
+
+// ---- Calculations -------------------------------------------------------------------------------
+
 // A share with snapshots on /volume1.
 class SnapshotShare {
  public:

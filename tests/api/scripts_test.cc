@@ -1,4 +1,5 @@
-// The scripts say in one line what a machine lacks, before they touch anything.
+// The scripts say in one line what a machine lacks, before they touch anything; the tables of what
+// the library costs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -62,4 +63,61 @@ TEST(Scripts, SayThatAnotherDistributionIsNotServed) {
 TEST(Scripts, RefuseArgumentsTheyDoNotKnow) {
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "test.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "demo.sh", "--fast"}), "--help");
+}
+
+namespace {
+
+// The report of a measurement in which each operation took 1, 2 and 6 ms.
+std::string ReportOfOperations() {
+  std::string runs;
+  for (const char* operation :
+       {"ProgressLine/1/real_time", "ProgressLine/1000/real_time", "ParseMillionLines/real_time",
+        "GetResultVtrMillion/real_time", "FindTaskOfShare/1/real_time",
+        "FindTaskOfShare/1000/real_time", "FindShareOfTask/1/real_time",
+        "FindShareOfTask/1000/real_time", "LaunchToEngineStart/1/0/manual_time",
+        "LaunchToEngineStart/100/0/manual_time", "LaunchToEngineStart/100/1000/manual_time"})
+    for (const char* microseconds : {"1000", "6000", "2000"})
+      runs += std::string(runs.empty() ? "" : ",") + R"({"run_type":"iteration","run_name":")" +
+              operation + R"(","real_time":)" + microseconds + R"(,"time_unit":"us"})";
+  return R"({"benchmarks":[)" + runs + R"(,{"run_type":"aggregate","name":"x"}]})";
+}
+
+CommandResult LibraryCost(const std::string& overhead) {
+  WriteFile("/tmp/bench.json", ReportOfOperations());
+  WriteFile("/tmp/calculations.tsv",
+            "files\tsnapshots\tshares\truns\tengine_ms\tlibrary_ms\toverhead_ms\toverhead_min_ms\t"
+            "overhead_max_ms\n20000\t64\t1\t21\t46.4\t58.6\t" +
+                overhead + "\t4.2\t37.3\n");
+  return ZorvTest::Run({"python3", ZORV_SOURCE_DIR "/bench/library_cost.py", "--from",
+                        "/tmp/bench.json", "/tmp/calculations.tsv"});
+}
+
+}  // namespace
+
+TEST(LibraryCost, PrintsARowForEachOperationAndCalculation) {
+  const CommandResult run = LibraryCost("12.2");
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_NE(std::string::npos,
+            run.out.find("| `GetResultVtr` of 10^6 entries | 2 ms | 1 ms | 6 ms |"))
+      << run.out;
+  EXPECT_NE(std::string::npos,
+            run.out.find("| 20000 | 64 | 46.4 ms | 58.6 ms | 12.2 ms | 4.2 ms | 37.3 ms |"))
+      << run.out;
+  EXPECT_EQ(11 + 1 + 2 * 2 + 1, std::count(run.out.begin(), run.out.end(), '\n')) << run.out;
+}
+
+TEST(LibraryCost, SaysWhenACalculationCostsTooMuch) {
+  EXPECT_EQ(0, LibraryCost("30.0").status);
+  const CommandResult run = LibraryCost("30.1");
+  EXPECT_EQ(3, run.status);
+  EXPECT_NE(std::string::npos, run.out.find("30.1 ms")) << run.out;
+}
+
+TEST(LibraryCost, ProgramThatFailsIsNoTable) {
+  std::filesystem::create_directories("/tmp/programs");
+  WriteScript("/tmp/programs/library_bench", "exit 1\n");
+  const CommandResult run =
+      ZorvTest::Run({"python3", ZORV_SOURCE_DIR "/bench/library_cost.py", "/tmp/programs", "/tmp"});
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("", run.out);
 }
