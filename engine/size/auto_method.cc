@@ -9,6 +9,8 @@ Status AutoMethod::Run(CommittedTrees& trees, const SizeRequest& request, SizePr
   if (!scanTaken_) {
     const Status walked = TryWalk(trees, request, progress, out);
     if (!scanTaken_) return walked;
+    progress.meter.Abandon();
+    progress.exclusiveBytes = 0;
   }
   return scan_.Run(trees, request, progress, out);
 }

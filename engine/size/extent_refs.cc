@@ -98,13 +98,7 @@ Status ExtentRefs::FindItems(const std::vector<uint64_t>& places, const ItemVisi
   for (int level = root_.level; level > 0; --level) {
     std::vector<Path> below;
     ENGINE_TRY(ReadPaths(std::move(paths), [&](const TreeBlockView& node, const Path& path) {
-      for (size_t at = path.begin; at < path.end; at = below.back().end) {
-        uint32_t slot = 0;
-        ENGINE_TRY(SlotOf(places[at], node, &slot));
-        below.push_back(
-            {ChildPointer(node, slot), at, EndOfSlot(node, slot, places, at, path.end)});
-      }
-      return Status();
+      return AddPathsBelow(node, path, places, &below);
     }));
     paths = std::move(below);
   }
@@ -120,6 +114,17 @@ Status ExtentRefs::FindItems(const std::vector<uint64_t>& places, const ItemVisi
   });
 }
 
+// Deals the places of a node's path to the children that lead to them.
+Status ExtentRefs::AddPathsBelow(const TreeBlockView& node, const Path& path,
+                                 const std::vector<uint64_t>& places, std::vector<Path>* below) {
+  for (size_t at = path.begin; at < path.end; at = below->back().end) {
+    uint32_t slot = 0;
+    ENGINE_TRY(SlotOf(places[at], node, &slot));
+    below->push_back({ChildPointer(node, slot), at, EndOfSlot(node, slot, places, at, path.end)});
+  }
+  return Status();
+}
+
 // Reads the blocks and gives each to `visit` with its path.
 Status ExtentRefs::ReadPaths(std::vector<Path> paths, const PathVisitor& visit) {
   ENGINE_TRY(limit_.Take(paths.size()));
@@ -129,7 +134,7 @@ Status ExtentRefs::ReadPaths(std::vector<Path> paths, const PathVisitor& visit) 
   pointers.reserve(paths.size());
   for (const Path& path : paths) pointers.push_back(path.pointer);
 
-  return reader_.ReadMany(std::move(pointers), [&](const TreeBlockView& block) {
+  return reader_.ReadMany(pointers, [&](const TreeBlockView& block) {
     // More than one only in a damaged tree.
     for (const Path& path :
          std::ranges::equal_range(paths, block.Header().bytenr.Get(), {}, bytenrOf))

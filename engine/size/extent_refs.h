@@ -55,6 +55,8 @@ class ExtentRefs {
   using ItemVisitor = std::function<Status(const TreeBlockView& leaf, uint32_t slot, size_t index)>;
 
   Status FindItems(const std::vector<uint64_t>& places, const ItemVisitor& visit);
+  static Status AddPathsBelow(const TreeBlockView& node, const Path& path,
+                              const std::vector<uint64_t>& places, std::vector<Path>* below);
   Status ReadPaths(std::vector<Path> paths, const PathVisitor& visit);
 
   BlockReader& reader_;

@@ -88,7 +88,7 @@ class Walk {
     pointers.reserve(blocks.size());
     for (const BlockReference& block : blocks) pointers.push_back(block.pointer);
 
-    return trees_.Reader().ReadMany(std::move(pointers), [&](const TreeBlockView& block) {
+    return trees_.Reader().ReadMany(pointers, [&](const TreeBlockView& block) {
       const HolderId holder =
           std::ranges::lower_bound(blocks, block.Header().bytenr.Get(), {}, &BlockReference::Bytenr)
               ->holder;
