@@ -38,17 +38,27 @@ class MiniFilesystem : public ZorvEngine::StateSource {
   std::vector<Item>& Extents() { return extents_; }
   std::vector<Item>& Files() { return files_; }
 
-  void AddRoot(uint64_t id, uint64_t bytenr, uint32_t refs = 1) {
+  void AddRoot(uint64_t id, uint64_t bytenr, uint32_t refs = 1, uint8_t level = 0) {
     ZorvEngine::RootItem root{};
     root.bytenr.Set(bytenr);
     root.generation.Set(kGeneration);
     root.refs.Set(refs);
+    root.level.Set(level);
     roots_.push_back({{id, ZorvEngine::kRootItemType, 0}, BytesOf(root)});
   }
 
-  // A skinny metadata item of a leaf.
-  void AddTreeExtent(uint64_t bytenr, uint64_t refs) {
-    extents_.push_back({{bytenr, ZorvEngine::kMetadataItemType, 0},
+  // Has the extent tree begin at another block, and be said to take `bytes`.
+  void SetExtentTree(uint64_t bytenr, uint8_t level, uint64_t bytes) {
+    auto& root = ObjectAt<ZorvEngine::RootItem>(&roots_[0].second, 0);
+    root.bytenr.Set(bytenr);
+    root.level.Set(level);
+    root.bytesUsed.Set(bytes);
+    PutLeaf(kRootTree, &roots_);
+  }
+
+  // A skinny metadata item.
+  void AddTreeExtent(uint64_t bytenr, uint64_t refs, uint8_t level = 0) {
+    extents_.push_back({{bytenr, ZorvEngine::kMetadataItemType, level},
                         ExtentBytes(refs, ZorvEngine::kExtentIsTreeBlock)});
   }
 
@@ -59,13 +69,17 @@ class MiniFilesystem : public ZorvEngine::StateSource {
 
   // A file extent item of inode 258 at `at`, referring to the extent at `bytenr`.
   void AddFileExtent(uint64_t at, uint64_t bytenr, uint8_t type = ZorvEngine::kFileExtentRegular) {
+    files_.push_back(FileExtent(258, at, bytenr, type));
+  }
+
+  static Item FileExtent(uint64_t inode, uint64_t at, uint64_t bytenr, uint8_t type) {
     ZorvEngine::FileExtentHead head{};
     head.type.Set(type);
     ZorvEngine::FileExtentPlace place{};
     place.diskBytenr.Set(bytenr);
     Bytes bytes = BytesOf(head);
     AppendTo(&bytes, BytesOf(place));
-    files_.push_back({{258, ZorvEngine::kFileExtentType, at}, bytes});
+    return {{inode, ZorvEngine::kFileExtentType, at}, bytes};
   }
 
   static Bytes OnlyMetadataChunk() { return MakeChunk(4 * kMiB, ZorvEngine::kChunkMetadata, {0}); }
