@@ -12,6 +12,7 @@
 //   for
 //                                                  extents and tree blocks
 #include <dirent.h>
+#include <endian.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <linux/btrfs.h>
@@ -187,20 +188,36 @@ class ExtentTreeSearch {
   std::vector<uint8_t> memory_;
 };
 
+// Whether a METADATA_ITEM speaks of a block of the extent tree.  Such a block has one holder, which
+// stands in the item: after the fixed part the kind of reference and the tree.
+bool IsExtentTreeBlock(const btrfs_ioctl_search_header& header, const uint8_t* data) {
+  struct {
+    btrfs_extent_item fixed;
+    btrfs_extent_inline_ref holder;
+  } __attribute__((packed)) item;
+  if (header.type != BTRFS_METADATA_ITEM_KEY || header.len < sizeof item) return false;
+  memcpy(&item, data, sizeof item);
+  return item.holder.type == BTRFS_TREE_BLOCK_REF_KEY &&
+         le64toh(item.holder.offset) == BTRFS_EXTENT_TREE_OBJECTID;
+}
+
 void CountExtents(const std::string& directory) {
   const UniqueFd fd = OpenFile(directory, O_RDONLY);
   ExtentTreeSearch search;
   uint64_t extents = 0;
+  uint64_t ofExtentTree = 0;
   while (const uint32_t count = search.Next(fd.Get(), directory)) {
     btrfs_ioctl_search_header header{};
     const uint8_t* at = search.Items();
     for (uint32_t i = 0; i < count; ++i, at += sizeof header + header.len) {
       memcpy(&header, at, sizeof header);
       extents += header.type == BTRFS_EXTENT_ITEM_KEY || header.type == BTRFS_METADATA_ITEM_KEY;
+      ofExtentTree += IsExtentTreeBlock(header, at + sizeof header);
     }
     search.StartAfter(header);
   }
-  printf("%llu\n", static_cast<unsigned long long>(extents));
+  printf("%llu %llu\n", static_cast<unsigned long long>(extents),
+         static_cast<unsigned long long>(ofExtentTree));
 }
 
 // Does what `words` ask for; false when they ask for nothing known.
