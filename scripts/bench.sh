@@ -27,9 +27,9 @@ done
 [ $whole = no ] || arguments+=(--doc "$PROJECT/docs/benchmarks.md")
 arguments+=(--dir "$directory" --programs "$PROJECT/build/release/bin")
 
+need_machine
 # A bare machine has no python3 yet; it is told about its arguments a little later.
 if command -v python3 >/dev/null; then python3 -B "$bench" --check "${arguments[@]}"; fi
-need_machine
 install_packages
 build release -DZORV_BUILD_BENCH=ON
 mkdir -p "$directory"

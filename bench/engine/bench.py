@@ -128,11 +128,10 @@ def measure(bench):
 
 
 def write(bench, found, path):
-    """Prints the page; writes it, the data and the picture beside it when there is a place for it."""
+    """Prints the page and writes it, the data and the picture beside it."""
     page = report.document(bench, found)
     print("\n" + page)
-    if path is None:
-        return
+    os.makedirs(os.path.dirname(path), exist_ok=True)
     beside = os.path.join(os.path.dirname(path), bench.picture)
     if "points" in found:
         growth.save(found["points"], beside + ".tsv")
@@ -155,7 +154,7 @@ def run(options):
     begin = time.monotonic()
     found = measure(bench)
     with tempfile.TemporaryDirectory() as draft:
-        write(bench, found, options.doc or os.path.join(draft, "benchmarks.md"))
+        write(bench, found, os.path.abspath(options.doc or os.path.join(draft, "benchmarks.md")))
     for item in bench.shapes.values():
         bench.maker.let_go(item)
     print(f"all of it took {(time.monotonic() - begin) / 60:.0f} minutes")

@@ -122,9 +122,9 @@ class Rounds:
 
     def quota_answer(self):
         if not self.quotas:
-            return Answer("quota enable + rescan", None, "all bytes of each", "", self.given_up)
-        return Answer("quota enable + rescan", Figure(self.quotas), "all bytes of each",
-                      f"the measure: the engine's {len(self.ids)} numbers equal its own")
+            return Answer(peers.QUOTA_PEER, None, "all bytes of each", "", self.given_up)
+        return Answer(peers.QUOTA_PEER, Figure(self.quotas), "all bytes of each",
+                      f"{len(self.ids)} of {len(self.ids)} equal")
 
     def data_numbers(self):
         """The engine's numbers without tree blocks, which peers leave out."""

@@ -65,7 +65,7 @@ def deviation(answer, truth):
     """How an answer (number by id) stands to the true numbers, in words."""
     equal = sum(answer.get(key) == value for key, value in truth.items())
     if equal == len(truth):
-        return f"exact: all {len(truth)} equal"
+        return f"exact: {equal} of {equal} equal"
     worst = max(truth, key=lambda key: abs(answer.get(key, 0) - truth[key]))
     off = answer.get(worst, 0) - truth[worst]
     share = sum(answer.get(key, 0) for key in truth) / max(1, sum(truth.values()))

@@ -12,8 +12,8 @@ from volume import cold
 # Of each series: which number differs, and its words for one and for the axis.
 SERIES = {
     "extents": ("extents", "extents and tree blocks"),
-    "snapshots": ("snapshots", "snapshots of the same 20,000 files"),
-    "churn": ("churned", "files of 20,000 written anew after each of 20 snapshots"),
+    "snapshots": ("snapshots", "snapshots of the same files"),
+    "churn": ("churned", "files written anew after each snapshot"),
 }
 
 
@@ -61,8 +61,8 @@ def words(points, series):
             f"{last.tree_bytes / first.tree_bytes:.3g}) the time grows x "
             f"{last.figure.median / first.figure.median:.3g}, from {span(first.figure.median)} to "
             f"{span(last.figure.median)}. Least squares: {span(max(0, line.start))} and "
-            f"{line.slope * 1e6:.3g} µs for each (R² {line.fit:.3f}); against the bytes read, "
-            f"{by_tree.slope * 1e9 * 1e6 / 1e6:.3g} s for each GB (R² {by_tree.fit:.3f})")
+            f"{span(line.slope * 1000)} for each thousand (R² {line.fit:.3f}); against the bytes read, "
+            f"{span(by_tree.slope * 1e6)} for each MB (R² {by_tree.fit:.3f})")
 
 
 def save(points, path):

@@ -4,6 +4,7 @@ import re
 
 from commands import CommandFailed, TimedOut, run, timed
 
+QUOTA_PEER = "quota enable + rescan"
 QUOTA = 'btrfs quota enable "$1" && btrfs quota rescan -w "$1"'
 
 

@@ -4,6 +4,7 @@ import growth
 import shapes
 from figures import size, span, times
 from neighbour import ENGINE, NOBODY, QUOTA
+from peers import QUOTA_PEER
 
 
 def table(head, rows):
@@ -19,7 +20,8 @@ def figure_cells(figure, engine):
 
 def answer_row(answer, engine):
     cells = figure_cells(answer.figure, engine) if answer.figure else [answer.note, "", "", ""]
-    return [answer.name, *cells, answer.answers, answer.exact]
+    exact = "the kernel's own, the measure" if answer.name == QUOTA_PEER else answer.exact
+    return [answer.name, *cells, answer.answers, exact]
 
 
 def reading_rows(found):
@@ -48,7 +50,8 @@ def comparison_part(letter, found):
              f"made in {facts['seconds']:.0f} s. {reads_words(found)} Resident memory "
              f"{found.resident_bytes / 1e6:.1f} MB, processor time {span(found.processor_seconds)}.", ""]
     rows = [["**engine**", span(engine.median), engine.spread(), str(engine.rounds), "1",
-             "all bytes of each", "see below" if found.quota.exact else "not held against the kernel"]]
+             "all bytes of each", f"exact: {found.quota.exact}" if found.quota.exact else
+             "not held against the kernel"]]
     rows += list(reading_rows(found))
     rows += [answer_row(answer, engine) for answer in [found.quota, *found.peers]]
     return lines + table(["", "median", "lowest - highest", "rounds", "times the engine", "answers",
@@ -128,8 +131,10 @@ the largest of the engine's processes.
 
 def document(bench, found):
     """The whole page, as text. Parts that were not measured are not in it."""
-    lines = ["# Benchmarks", "",
-             "Written by `sudo scripts/bench.sh`; every figure and verdict comes from one run.", "",
+    written = "Written by `sudo scripts/bench.sh`; every figure and verdict comes from one run."
+    if bench.quick:
+        written = "Tiny file systems: a trial of the parts, no measurement. The aims are the whole run's."
+    lines = ["# Benchmarks", "", written, "",
              *(f"- {name}: {value}" for name, value in found["machine"].items()), "",
              METHOD]
     comparisons = found["comparisons"]

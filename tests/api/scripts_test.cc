@@ -22,8 +22,8 @@ void ExpectOneLine(const CommandResult& run, const std::string& words) {
 }
 
 // Each script, run through `prefix`.
-void ExpectOfBothScripts(std::vector<std::string> prefix, const std::string& words) {
-  for (const char* script : {"test.sh", "demo.sh"}) {
+void ExpectOfEachScript(std::vector<std::string> prefix, const std::string& words) {
+  for (const char* script : {"test.sh", "demo.sh", "bench.sh"}) {
     SCOPED_TRACE(script);
     std::vector<std::string> argv = prefix;
     argv.push_back("bash");
@@ -37,7 +37,7 @@ void ExpectOfBothScripts(std::vector<std::string> prefix, const std::string& wor
 TEST(Scripts, SayThatTheyNeedRoot) {
   // A copy, since another user may not enter the checkout.
   std::filesystem::copy(kScripts, "/tmp/scripts");
-  for (const char* script : {"test.sh", "demo.sh"})
+  for (const char* script : {"test.sh", "demo.sh", "bench.sh"})
     ExpectOneLine(ZorvTest::Run({"setpriv", "--reuid=65534", "--clear-groups", "bash",
                                  std::string("/tmp/scripts/") + script}),
                   "needs root");
@@ -48,7 +48,7 @@ TEST(Scripts, SayThatTheKernelHasNoBtrfs) {
   MustRun({"mount", "--bind", "/tmp/filesystems", "/proc/filesystems"});
   // A modprobe that loads nothing, as on a kernel without the module.
   WriteScript("/tmp/none/modprobe", "exit 1\n");
-  ExpectOfBothScripts({"env", "PATH=/tmp/none:/usr/sbin:/usr/bin:/sbin:/bin"}, "no btrfs");
+  ExpectOfEachScript({"env", "PATH=/tmp/none:/usr/sbin:/usr/bin:/sbin:/bin"}, "no btrfs");
   MustRun({"umount", "/proc/filesystems"});
 }
 
@@ -57,12 +57,20 @@ TEST(Scripts, SayThatAnotherDistributionIsNotServed) {
   for (const char* program : {"bash", "env", "id", "dirname", "basename", "grep", "cat"})
     std::filesystem::create_symlink(std::string("/usr/bin/") + program,
                                     std::string("/tmp/bare/") + program);
-  ExpectOfBothScripts({"/usr/bin/env", "PATH=/tmp/bare"}, "apt-get");
+  ExpectOfEachScript({"/usr/bin/env", "PATH=/tmp/bare"}, "apt-get");
 }
 
 TEST(Scripts, RefuseArgumentsTheyDoNotKnow) {
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "test.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "demo.sh", "--fast"}), "--help");
+  ExpectOneLine(ZorvTest::Run({"bash", kScripts + "bench.sh", "--fast"}), "--help");
+  ExpectOneLine(ZorvTest::Run({"bash", kScripts + "bench.sh", "--only", "a,z"}), "no such part: z");
+}
+
+TEST(Scripts, MeasurementsReadWhatTheyAreGiven) {
+  const CommandResult run =
+      ZorvTest::Run({"python3", "-B", ZORV_SOURCE_DIR "/tests/tools/bench_test.py"});
+  EXPECT_EQ(0, run.status) << run.err;
 }
 
 namespace {
