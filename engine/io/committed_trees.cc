@@ -8,9 +8,16 @@
 namespace ZorvEngine {
 namespace {
 
-const char kBalanceRuns[] =
-    "a balance is running or paused, or a device is being shrunk or removed; try again when it has "
-    "ended (btrfs balance status)";
+Status ReadRootItem(const TreeCursor& cursor, const RootItem** out) {
+  *out = cursor.ItemData().At<RootItem>(0);
+  if (*out != nullptr && (*out)->level.Get() <= kMaxLevel) return Status();
+  return Status::Failed("the root item of tree " + std::to_string(cursor.ItemKey().objectid) +
+                        " in tree block " + std::to_string(cursor.BlockNumber()) + " is damaged");
+}
+
+BlockPointer RootOf(const RootItem& item) {
+  return {item.bytenr.Get(), item.generation.Get(), item.level.Get(), {}};
+}
 
 }  // namespace
 
@@ -26,8 +33,7 @@ Status CommittedTrees::Load(const Superblock& superblock) {
   extentRoot_ = extentTree.root;
   extentTreeBytes_ = extentTree.bytesUsed;
 
-  ENGINE_TRY(RefuseBalance());
-  return RefuseDataRelocation();
+  return FindRelocationTrees();
 }
 
 // The superblock's own chunks lead to the chunk tree, which has all of them.
@@ -67,11 +73,9 @@ Status CommittedTrees::FindRoot(uint64_t id, bool* found, Subvolume* out) {
       cursor.AtItem() && cursor.ItemKey().objectid == id && cursor.ItemKey().type == kRootItemType;
   if (!*found) return Status();
 
-  const RootItem* item = cursor.ItemData().At<RootItem>(0);
-  if (item == nullptr || item->level.Get() > kMaxLevel)
-    return Status::Failed("the root item of tree " + std::to_string(id) + " in tree block " +
-                          std::to_string(cursor.BlockNumber()) + " is damaged");
-  out->root = BlockPointer{item->bytenr.Get(), item->generation.Get(), item->level.Get(), {}};
+  const RootItem* item = nullptr;
+  ENGINE_TRY(ReadRootItem(cursor, &item));
+  out->root = RootOf(*item);
   out->bytesUsed = item->bytesUsed.Get();
   out->beingDeleted = item->refs.Get() == 0;
   return Status();
@@ -111,32 +115,22 @@ Status CommittedTrees::FindDeletion(bool* found) {
   return Status();
 }
 
-// While blocks are being moved, relocation trees hold what subvolumes hold; counted without them,
-// numbers would be too low, and nothing would show it.
-Status CommittedTrees::RefuseBalance() {
+// The numbers of both kinds of trees are neighbours.
+Status CommittedTrees::FindRelocationTrees() {
+  static_assert(kRelocationTreeId == kDataRelocationTreeId + 1, "one search finds both");
+  relocationTrees_.clear();
   TreeCursor cursor(reader_, rootTree_);
-  ENGINE_TRY(cursor.Seek(Key{kBalanceId, kTemporaryItemType, 0}));
-  if (cursor.AtItem() && cursor.ItemKey().objectid == kBalanceId &&
-      cursor.ItemKey().type == kTemporaryItemType)
-    return Status::Failed(kBalanceRuns);
-
-  bool found = false;
-  Subvolume relocation;
-  ENGINE_TRY(FindRoot(kRelocationTreeId, &found, &relocation));
-  return found ? Status::Failed(kBalanceRuns) : Status();
-}
-
-// Data on its way to another place is held by files in this tree; at rest it has its top directory
-// and nothing more.
-Status CommittedTrees::RefuseDataRelocation() {
-  bool found = false;
-  Subvolume tree;
-  ENGINE_TRY(FindRoot(kDataRelocationTreeId, &found, &tree));
-  if (!found) return Status();
-
-  TreeCursor cursor(reader_, tree.root);
-  ENGINE_TRY(cursor.Seek(Key{kFirstInode + 1, 0, 0}));
-  return cursor.AtItem() ? Status::Failed(kBalanceRuns) : Status();
+  ENGINE_TRY(cursor.Seek(Key{kDataRelocationTreeId, kRootItemType, 0}));
+  for (; cursor.AtItem() && cursor.ItemKey().objectid <= kRelocationTreeId;) {
+    if (cursor.ItemKey().type == kRootItemType) {
+      const RootItem* item = nullptr;
+      ENGINE_TRY(ReadRootItem(cursor, &item));
+      relocationTrees_.push_back(
+          {cursor.ItemKey().objectid, RootOf(*item), item->dropProgress.Get() != Key()});
+    }
+    ENGINE_TRY(cursor.Next());
+  }
+  return Status();
 }
 
 }  // namespace ZorvEngine

@@ -21,11 +21,18 @@ class CommittedTrees {
     bool beingDeleted = false;
   };
 
+  // A tree that holds what is being moved by a balance, or by a device that shrinks or goes.
+  struct RelocationTree {
+    uint64_t id = 0;  // kRelocationTreeId or kDataRelocationTreeId
+    BlockPointer root;
+    bool beingDropped = false;  // what is above its drop progress is gone already
+  };
+
   // The reader is the caller's; it is told the chunks of this state.
   explicit CommittedTrees(BlockReader& reader) : reader_(reader) {}
 
   // Enters the state of `superblock`: reads its chunks and finds its trees.
-  // Fails when a profile or running balance makes exact numbers impossible here.
+  // Fails when a profile makes exact numbers impossible here.
   Status Load(const Superblock& superblock);
 
   // Looks up a subvolume; fails, naming `id`, when there is none with this number.
@@ -46,6 +53,10 @@ class CommittedTrees {
   const std::vector<RedundantRange>& RedundantRanges() const { return redundantRanges_; }
   const std::vector<Redundancy>& Redundancies() const { return redundancies_; }
 
+  // The trees of what is being moved: those of tree blocks, which are there for the time of a move
+  // only, and that of data.  To users they are nobody, yet they hold what they hold.
+  const std::vector<RelocationTree>& RelocationTrees() const { return relocationTrees_; }
+
   // Root of the extent tree.
   const BlockPointer& ExtentRoot() const { return extentRoot_; }
 
@@ -58,14 +69,14 @@ class CommittedTrees {
  private:
   Status LoadChunks(const Superblock& superblock);
   Status FindRoot(uint64_t id, bool* found, Subvolume* out);
-  Status RefuseBalance();
-  Status RefuseDataRelocation();
+  Status FindRelocationTrees();
 
   BlockReader& reader_;
   uint64_t generation_ = 0;
   BlockPointer rootTree_;
   BlockPointer extentRoot_;
   uint64_t extentTreeBytes_ = 0;
+  std::vector<RelocationTree> relocationTrees_;
   std::vector<LogicalRange> metadataRanges_;
   std::vector<LogicalRange> dataRanges_;
   std::vector<RedundantRange> redundantRanges_;

@@ -33,18 +33,21 @@ static_assert(sizeof(InlineHead) == 9 && alignof(InlineHead) == 1, "9 bytes, unp
 
 }  // namespace
 
-const char* ExtentAssembler::Take(const Key& key, ByteView data, const ExtentRecord** complete) {
-  *complete = nullptr;
+const char* ExtentAssembler::Take(const Key& key, ByteView data, const ExtentRecord** ended) {
+  *ended = nullptr;
   switch (key.type) {
     case kExtentItemType:
     case kMetadataItemType: {
-      if (const char* wrong = Finish(complete)) return wrong;
+      if (open_ && !current_.continued && current_.found != current_.refs)
+        return "the references found are not as many as the item counts";
+      End(ended);
       return Begin(key, data);
     }
     case kTreeBlockRefType:
     case kExtentDataRefType:
     case kSharedBlockRefType:
     case kSharedDataRefType:
+      if (!seen_) Open(key.objectid, true);
       if (!open_ || key.objectid != current_.bytenr) return "a reference without an extent";
       return TakeKeyed(key, data);
     case kBlockGroupType:  // stands between the extents that lie in the group
@@ -55,26 +58,39 @@ const char* ExtentAssembler::Take(const Key& key, ByteView data, const ExtentRec
   }
 }
 
-const char* ExtentAssembler::Finish(const ExtentRecord** complete) {
-  *complete = nullptr;
-  if (!open_) return nullptr;
-  open_ = false;
-  if (found_ != current_.refs) return "the references found are not as many as the item counts";
-  std::swap(ended_, current_);
-  *complete = &ended_;
+const char* ExtentAssembler::Finish(const ExtentRecord** ended) {
+  *ended = nullptr;
+  if (open_ && !current_.continued && current_.found > current_.refs)
+    return "the references found are more than the item counts";
+  End(ended);
   return nullptr;
+}
+
+void ExtentAssembler::Open(uint64_t bytenr, bool continued) {
+  current_.bytenr = bytenr;
+  current_.continued = continued;
+  current_.found = 0;
+  current_.references.clear();
+  open_ = seen_ = true;
+}
+
+void ExtentAssembler::End(const ExtentRecord** ended) {
+  *ended = nullptr;
+  if (!open_) return;
+  open_ = false;
+  std::swap(ended_, current_);
+  *ended = &ended_;
 }
 
 const char* ExtentAssembler::Begin(const Key& key, ByteView data) {
   const ExtentItem* item = data.At<ExtentItem>(0);
   if (item == nullptr) return "an extent item is short";
   const uint64_t flags = item->flags.Get();
-  current_.bytenr = key.objectid;
+  Open(key.objectid, false);
   current_.refs = item->refs.Get();
   current_.generation = item->generation.Get();
   current_.isTreeBlock = (flags & kExtentIsTreeBlock) != 0;
   current_.fullBackref = (flags & kExtentFullBackref) != 0;
-  current_.references.clear();
   if (current_.isTreeBlock == ((flags & kExtentIsData) != 0))
     return "an extent is neither data nor a tree block";
 
@@ -90,8 +106,6 @@ const char* ExtentAssembler::Begin(const Key& key, ByteView data) {
     current_.level = info->level.Get();
     offset += sizeof(TreeBlockInfo);
   }
-  found_ = 0;
-  open_ = true;
   return TakeInline(data, offset);
 }
 
@@ -156,7 +170,7 @@ const char* ExtentAssembler::TakeKeyed(const Key& key, ByteView data) {
 
 void ExtentAssembler::Add(ExtentReference::Kind kind, uint64_t holder, uint64_t count) {
   current_.references.push_back({kind, holder, count});
-  found_ += count;
+  current_.found += count;
 }
 
 }  // namespace ZorvEngine

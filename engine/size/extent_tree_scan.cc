@@ -1,250 +1,184 @@
 #include "engine/size/extent_tree_scan.h"
 
 #include <algorithm>
-#include <array>
 #include <string>
 
-#include "engine/io/extent_leaves.h"
-#include "engine/ondisk/extent_item.h"
-#include "engine/size/file_extents.h"
-#include "engine/size/set_sums.h"
+#include "engine/io/extent_tree_leaves.h"
+#include "engine/size/digest_reader.h"
+#include "engine/size/leaf_digest.h"
+#include "engine/size/tree_block_holders.h"
 
 namespace ZorvEngine {
-namespace {
 
-// Who alone holds something: the index of a subvolume among those asked for.
-using Holder = uint32_t;
-constexpr Holder kNobody = UINT32_MAX;  // nobody alone
-
-// A tree block that only asked trees may hold.
-struct Block {
-  uint64_t bytenr;
-  uint64_t generation;
-  uint64_t refs;
-  size_t firstParent;  // its parents in Scan::parents_, up to those of the next block
-  Holder holder;
-  uint8_t level;
-  bool fullBackref;
-};
-
-// One reference to the extent at `bytenr`, by something that `holder` alone holds.
-struct Hold {
-  uint64_t bytenr;
-  Holder holder;
-};
-bool operator<(const Hold& a, const Hold& b) { return a.bytenr < b.bytenr; }
-
-// References in rising order of what they refer to, taken by extents that come in that order.
-class Holds {
- public:
-  void Add(uint64_t bytenr, Holder holder) { holds_.push_back({bytenr, holder}); }
-
-  // To be called once, after the last Add.
-  void Sort() { std::sort(holds_.begin(), holds_.end()); }
-
-  // Gives the holder of each reference to the extent at `bytenr` to `visit`.
-  template <typename Visit>
-  void Take(uint64_t bytenr, const Visit& visit) {
-    while (next_ < holds_.size() && holds_[next_].bytenr < bytenr) ++next_;
-    for (; next_ < holds_.size() && holds_[next_].bytenr == bytenr; ++next_)
-      visit(holds_[next_].holder);
+// What one run leaves to the next.
+struct ExtentTreeScan::Kept {
+  explicit Kept(const SizeRequest& request)
+      : memory(request.mostArrayBytes), digests(memory), leaves(memory), asked(request.ids) {
+    asked.push_back(kDataRelocationTreeId);
+    std::ranges::sort(asked);
   }
 
- private:
-  std::vector<Hold> holds_;
-  size_t next_ = 0;
+  ArrayMemory memory;
+  DigestReader digests;
+  AddressMap leaves;            // of subvolumes, that any run knew when it chose what to keep
+  std::vector<uint64_t> asked;  // root IDs, rising
+  uint64_t generation = 0;      // of the last run that chose
 };
 
-// Adds up the references to one extent that come from what one subvolume alone holds.
-class Count {
+// One run, on one state of the file system.
+class ExtentTreeScan::Pass {
  public:
-  void Add(Holder holder, uint64_t references) {
-    if (references_ == 0) holder_ = holder;
-    if (holder != holder_) holder_ = kNobody;
-    references_ += references;
-  }
-
-  // Who holds the extent alone, when it has `refs` references; kNobody when somebody else does too.
-  Holder OfAll(uint64_t refs) const { return references_ == refs ? holder_ : kNobody; }
-
-  uint64_t References() const { return references_; }
-
- private:
-  Holder holder_ = kNobody;
-  uint64_t references_ = 0;
-};
-
-// The root IDs asked for.
-class Asked {
- public:
-  explicit Asked(std::vector<uint64_t> ids) : ids_(std::move(ids)) {
-    std::sort(ids_.begin(), ids_.end());
-  }
-
-  // Whether a tree that was not asked for refers to the extent.
-  bool HasOutsideHolder(const ExtentRecord& extent) const {
-    for (const ExtentReference& ref : extent.references)
-      if ((ref.kind == ExtentReference::kTree || ref.kind == ExtentReference::kFile) &&
-          !std::binary_search(ids_.begin(), ids_.end(), ref.holder))
-        return true;
-    return false;
-  }
-
- private:
-  std::vector<uint64_t> ids_;
-};
-
-// Gives the extents of `ranges` to `visit`, in the order of their places.
-template <typename Visit>
-Status VisitExtents(CommittedTrees& trees, const std::vector<LogicalRange>& ranges,
-                    const Visit& visit) {
-  ExtentAssembler assembler(trees.Reader().NodeSize());
-  uint64_t at = 0;
-  const ExtentRecord* complete = nullptr;
-  const auto passOn = [&](const char* wrong) {
-    if (wrong != nullptr)
-      return Status::Failed("the extent tree is damaged at " + std::to_string(at) + ": " + wrong +
-                            "; run btrfs scrub and btrfs check");
-    return complete != nullptr ? visit(*complete) : Status();
-  };
-  ExtentLeaves leaves(trees.Reader(), trees.ExtentRoot());
-  ENGINE_TRY(leaves.Visit(ranges, [&](const Key& key, ByteView data) {
-    at = key.objectid;
-    return passOn(assembler.Take(key, data, &complete));
-  }));
-  return passOn(assembler.Finish(&complete));
-}
-
-// One scan.
-class Scan {
- public:
-  Scan(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress)
-      : trees_(trees), request_(request), sums_(request, trees, progress), asked_(request.ids) {}
+  Pass(Kept& kept, CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress)
+      : kept_(kept),
+        trees_(trees),
+        request_(request),
+        sums_(request, trees, progress),
+        leaves_(kept.memory),
+        holders_(trees.Reader(), kept.digests, kept.memory, sums_) {}
 
   Status Run(SizeTable* out) {
-    ENGINE_TRY(FindRoots());
-    ENGINE_TRY(CollectBlocks());
-    for (int level = kMaxLevel; level >= 0; --level) ENGINE_TRY(ResolveLevel(level));
+    kept_.digests.BeginPass();
+    ENGINE_TRY(ListExtentTreeLeaves(trees_, &leaves_));
+    ENGINE_TRY(FindHoldersOfTreeBlocks());
     ENGINE_TRY(CountData());
     *out = sums_.Table();
     return Status();
   }
 
  private:
-  Status FindRoots() {
-    Holder index = 0;
-    for (const uint64_t id : request_.ids) {
-      CommittedTrees::Subvolume subvolume;
-      ENGINE_TRY(trees_.FindAskedSubvolume(id, &subvolume));
-      blockHolds_[subvolume.root.level].Add(subvolume.root.bytenr, index++);
-    }
-    return Status();
-  }
+  using Kind = bool ExtentTreeLeaf::*;
 
-  Status CollectBlocks() {
-    return VisitExtents(trees_, trees_.MetadataRanges(), [&](const ExtentRecord& extent) {
-      if (!extent.isTreeBlock || asked_.HasOutsideHolder(extent)) return Status();
-      levels_[extent.level].push_back(blocks_.size());
-      blocks_.push_back({extent.bytenr, extent.generation, extent.refs, parents_.size(), kNobody,
-                         extent.level, extent.fullBackref});
-      for (const ExtentReference& ref : extent.references)
-        if (ref.kind == ExtentReference::kBlock) parents_.push_back(ref.holder);
+  Status FindHoldersOfTreeBlocks() {
+    ENGINE_TRY(AddRoots());
+    ENGINE_TRY(ReadLeaves(&ExtentTreeLeaf::treeBlocks, nullptr));
+    ENGINE_TRY(VisitExtents(&ExtentTreeLeaf::treeBlocks, [&](const ExtentDigest& extent) {
+      if (extent.isTreeBlock) holders_.Add(extent);
       return Status();
-    });
+    }));
+    return holders_.Resolve();
   }
 
-  // Finds out who holds the blocks of a level, whose parents are all resolved, and what they hold.
-  Status ResolveLevel(int level) {
-    blockHolds_[level].Sort();
-    std::vector<BlockPointer> toRead;
-    for (const size_t index : levels_[level]) {
-      Block& block = blocks_[index];
-      const Count count = CountBlockReferences(index);
-      if (count.References() > block.refs) return TooManyReferences(block.bytenr);
-      block.holder = count.OfAll(block.refs);
-      if (block.holder == kNobody) continue;
-      sums_.AddTreeBlock(HolderSets::Only(block.holder), block.bytenr, trees_.Reader().NodeSize());
-      if (!block.fullBackref) toRead.push_back({block.bytenr, block.generation, block.level, {}});
+  // Relocation trees of tree blocks are known by their roots' own references.
+  Status AddRoots() {
+    for (size_t i = 0; i < request_.ids.size(); ++i) {
+      CommittedTrees::Subvolume subvolume;
+      ENGINE_TRY(trees_.FindAskedSubvolume(request_.ids[i], &subvolume));
+      holders_.AddRoot(subvolume.root, HolderSets::Only(i));
     }
-    blockHolds_[level] = Holds();
-    return trees_.Reader().ReadMany(std::move(toRead), [&](const TreeBlockView& block) {
-      return block.IsLeaf() ? HoldExtents(block) : HoldChildren(block);
-    });
-  }
-
-  // References from own blocks, whether they were read or stand in the extent tree.
-  Count CountBlockReferences(size_t index) {
-    const Block& block = blocks_[index];
-    Count count;
-    const size_t end =
-        index + 1 < blocks_.size() ? blocks_[index + 1].firstParent : parents_.size();
-    for (size_t at = block.firstParent; at < end; ++at) {
-      const Holder holder = HolderOf(parents_[at]);
-      if (holder != kNobody) count.Add(holder, 1);
-    }
-    blockHolds_[block.level].Take(block.bytenr, [&](Holder holder) { count.Add(holder, 1); });
-    return count;
-  }
-
-  // Who alone holds the tree block at `bytenr`. Blocks were collected in the order of their places.
-  Holder HolderOf(uint64_t bytenr) const {
-    const auto found =
-        std::lower_bound(blocks_.begin(), blocks_.end(), bytenr,
-                         [](const Block& block, uint64_t at) { return block.bytenr < at; });
-    return found != blocks_.end() && found->bytenr == bytenr ? found->holder : kNobody;
-  }
-
-  Status HoldChildren(const TreeBlockView& node) {
-    const Holder holder = HolderOf(node.Header().bytenr.Get());
-    for (uint32_t slot = 0; slot < node.Count(); ++slot)
-      blockHolds_[node.Level() - 1].Add(node.PointerAt(slot).bytenr.Get(), holder);
+    for (const CommittedTrees::RelocationTree& tree : trees_.RelocationTrees())
+      if (tree.id == kDataRelocationTreeId) holders_.AddRoot(tree.root, HolderSets::kNobody);
     return Status();
-  }
-
-  Status HoldExtents(const TreeBlockView& leaf) {
-    const Holder holder = HolderOf(leaf.Header().bytenr.Get());
-    return VisitFileExtents(leaf, [&](uint64_t bytenr) { dataHolds_.Add(bytenr, holder); });
   }
 
   Status CountData() {
-    dataHolds_.Sort();
-    return VisitExtents(trees_, trees_.DataRanges(), [&](const ExtentRecord& extent) {
-      if (extent.isTreeBlock || asked_.HasOutsideHolder(extent)) return Status();
-      Count count;
-      for (const ExtentReference& ref : extent.references) {
-        if (ref.kind != ExtentReference::kLeafData) continue;
-        const Holder holder = HolderOf(ref.holder);
-        if (holder != kNobody) count.Add(holder, ref.count);
-      }
-      dataHolds_.Take(extent.bytenr, [&](Holder holder) { count.Add(holder, 1); });
-      if (count.References() > extent.refs) return TooManyReferences(extent.bytenr);
-      const Holder holder = count.OfAll(extent.refs);
-      if (holder != kNobody) sums_.AddData(HolderSets::Only(holder), extent.bytenr, extent.length);
-      return Status();
+    NoteLeavesThatMatter();
+    ENGINE_TRY(ReadLeaves(&ExtentTreeLeaf::data, [this](uint64_t bytenr) {
+      return kept_.leaves.Find(bytenr).has_value();
+    }));
+    HolderUnion together(sums_.Sets());
+    return VisitExtents(&ExtentTreeLeaf::data, [&](const ExtentDigest& extent) {
+      return extent.isTreeBlock || extent.outside ? Status() : CountExtent(extent, &together);
     });
   }
 
-  static Status TooManyReferences(uint64_t bytenr) {
-    return Status::Failed("the extent at " + std::to_string(bytenr) +
-                          " has more references than its item counts; run btrfs check");
+  // Data that is held by leaves which no asked subvolume reaches is left out of digests.  A leaf
+  // that was there before and is reached only now may have been left out wrongly: then what was
+  // chosen is forgotten.
+  void NoteLeavesThatMatter() {
+    bool missed = false;
+    holders_.VisitLeaves([&](uint64_t bytenr, uint64_t generation) {
+      if (kept_.leaves.Find(bytenr)) return;
+      kept_.leaves.Set(bytenr, 0);
+      missed = missed || generation <= kept_.generation;
+    });
+    if (missed) kept_.digests.Store().DropFiltered();
+    kept_.generation = trees_.Generation();
   }
 
+  Status CountExtent(const ExtentDigest& extent, HolderUnion* together) {
+    uint64_t found = 0;
+    together->Clear();
+    for (WordSpan parents = extent.parents; !parents.empty();) {
+      const CountedAddress parent = TakeCounted(&parents);
+      const std::optional<HolderId> holder = HolderOf(parent.bytenr);
+      if (!holder) continue;
+      together->Add(*holder);
+      found += parent.count;
+    }
+    holders_.DataReferences().Take(extent.bytenr, [&](const HeldReference& reference) {
+      together->Add(reference.holder);
+      found += reference.count;
+    });
+    if (found > extent.refs)
+      return Status::Failed("the extent at " + std::to_string(extent.bytenr) +
+                            " has more references than its item counts; run btrfs check");
+    if (found == extent.refs) sums_.AddData(together->Id(), extent.bytenr, extent.length);
+    return Status();
+  }
+
+  // Neighbours often have the same parent.
+  std::optional<HolderId> HolderOf(uint64_t leaf) {
+    if (leaf != lastLeaf_) {
+      lastLeaf_ = leaf;
+      lastHolder_ = holders_.HolderOf(leaf);
+    }
+    return lastHolder_;
+  }
+
+  // Makes digests of all leaves of a kind that have none.
+  Status ReadLeaves(Kind kind, const std::function<bool(uint64_t)>& leafMatters) {
+    const DigestFilter filter{kept_.asked, leafMatters};
+    const auto make = [&](const TreeBlockView& leaf, Words* digest) {
+      return DigestExtentLeaf(leaf, trees_.Reader().NodeSize(), filter, digest);
+    };
+    std::vector<BlockPointer> pointers;
+    for (const ExtentTreeLeaf& leaf : leaves_) {
+      if (!(leaf.*kind) || kept_.digests.Store().Find(leaf.bytenr, leaf.generation)) continue;
+      pointers.push_back({leaf.bytenr, leaf.generation, 0, {}});
+      if (pointers.size() == DigestReader::kMostAtOnce)
+        ENGINE_TRY(kept_.digests.Read(trees_.Reader(), &pointers, make, leafMatters != nullptr));
+    }
+    ENGINE_TRY(kept_.digests.Read(trees_.Reader(), &pointers, make, leafMatters != nullptr));
+    return kept_.digests.Outcome();
+  }
+
+  // Gives the extents of all leaves of a kind to `visit`, in key order.  An extent that goes on in
+  // leaves of the other kind alone is of that kind.
+  Status VisitExtents(Kind kind, const ExtentJoiner::Sink& visit) {
+    ExtentJoiner joiner(visit);
+    bool gap = true;
+    for (const ExtentTreeLeaf& leaf : leaves_) {
+      const bool wanted = leaf.*kind;
+      if (wanted) {
+        const WordSpan digest = *kept_.digests.Store().Find(leaf.bytenr, leaf.generation);
+        ENGINE_TRY(gap ? joiner.TakeAfterGap(digest) : joiner.Take(digest));
+      }
+      gap = !wanted;
+    }
+    return gap ? Status() : joiner.Finish();
+  }
+
+  Kept& kept_;
   CommittedTrees& trees_;
   const SizeRequest& request_;
   SetSums sums_;
-  const Asked asked_;
-  std::vector<Block> blocks_;                              // by place
-  std::vector<uint64_t> parents_;                          // of all blocks, in their order
-  std::array<std::vector<size_t>, kMaxLevel + 1> levels_;  // blocks of each level, by place
-  std::array<Holds, kMaxLevel + 1> blockHolds_;            // from root items and blocks read
-  Holds dataHolds_;                                        // from leaves read
+  BigArray<ExtentTreeLeaf> leaves_;
+  TreeBlockHolders holders_;
+  uint64_t lastLeaf_ = UINT64_MAX;
+  std::optional<HolderId> lastHolder_;
 };
 
-}  // namespace
+ExtentTreeScan::ExtentTreeScan() = default;
+ExtentTreeScan::~ExtentTreeScan() = default;
 
 Status ExtentTreeScan::Run(CommittedTrees& trees, const SizeRequest& request,
                            SizeProgress& progress, SizeTable* out) {
-  return Scan(trees, request, progress).Run(out);
+  try {
+    if (kept_ == nullptr) kept_ = std::make_unique<Kept>(request);
+    return Pass(*kept_, trees, request, progress).Run(out);
+  } catch (const NoArrayMemory& error) {
+    return Status::Failed(error.what());
+  }
 }
 
 }  // namespace ZorvEngine

@@ -154,10 +154,40 @@ TEST_F(ExtentAssemblerTake, SkipsBlockGroupsBetweenExtents) {
   EXPECT_EQ(1u, extents_.size());
 }
 
-TEST_F(ExtentAssemblerFinish, MissesReferencesThatTheItemCounts) {
-  EXPECT_EQ(nullptr, Take(kDataKey, Extent(2, kExtentIsData) + Inline(kFile, FileRef(257, 1))));
-  EXPECT_STREQ("the references found are not as many as the item counts", Finish());
+TEST_F(ExtentAssemblerFinish, LeavesTheRestToTheNextLeaf) {
+  EXPECT_EQ(nullptr, Take(kDataKey, Extent(3, kExtentIsData) + Inline(kFile, FileRef(257, 2))));
+  EXPECT_EQ(nullptr, Finish());
+  ASSERT_EQ(1u, extents_.size());
+  EXPECT_EQ(3u, extents_[0].refs);
+  EXPECT_EQ(2u, extents_[0].found);
+  EXPECT_FALSE(extents_[0].continued);
+}
+
+TEST_F(ExtentAssemblerFinish, RefusesMoreReferencesThanTheItemCounts) {
+  EXPECT_EQ(nullptr, Take(kDataKey, Extent(1, kExtentIsData) + Inline(kFile, FileRef(257, 2))));
+  EXPECT_STREQ("the references found are more than the item counts", Finish());
   EXPECT_TRUE(extents_.empty());
+}
+
+TEST_F(ExtentAssemblerTake, MissesReferencesInTheMiddleOfALeaf) {
+  EXPECT_EQ(nullptr, Take(kDataKey, Extent(2, kExtentIsData) + Inline(kFile, FileRef(257, 1))));
+  EXPECT_STREQ("the references found are not as many as the item counts",
+               Take({2 * kPlace, kExtentItemType, 4096}, Extent(1, kExtentIsData)));
+  EXPECT_TRUE(extents_.empty());
+}
+
+TEST_F(ExtentAssemblerTake, GoesOnWithTheLastExtentOfTheLeafBefore) {
+  EXPECT_EQ(nullptr, Take({kPlace, kLeafData, 5 * kNodeSize}, Number(7, 4)));
+  EXPECT_EQ(nullptr, Take({kPlace, kLeafData, 6 * kNodeSize}, Number(1, 4)));
+  EXPECT_EQ(nullptr, Take({2 * kPlace, kExtentItemType, 4096},
+                          Extent(1, kExtentIsData) + Inline(kFile, FileRef(257, 1))));
+  ASSERT_EQ(1u, extents_.size());
+  EXPECT_TRUE(extents_[0].continued);
+  EXPECT_EQ(kPlace, extents_[0].bytenr);
+  EXPECT_EQ(8u, extents_[0].found);
+  EXPECT_EQ(2u, extents_[0].references.size());
+  EXPECT_STREQ("a reference without an extent",
+               Take({2 * kPlace + 4096, kLeafData, 5 * kNodeSize}, Number(7, 4)));
 }
 
 TEST_F(ExtentAssemblerFinish, HasNothingToEndWithoutAnExtent) {
@@ -195,7 +225,6 @@ TEST(ExtentAssembler, SaysWhatIsWrongWithAnItem) {
        "an inline reference is cut"},
       {"unknown inline type", kDataKey, data + Inline(177, Bytes(8)),
        "an inline reference of an unknown type"},
-      {"reference of nothing", {kPlace, kTree, 5}, {}, "a reference without an extent"},
       {"unknown item", {kPlace, 170, 5}, {}, "an item of an unknown type"},
   };
   for (const auto& c : kCases) {

@@ -205,8 +205,9 @@ TEST_F(ExtentTreeScanRun, SurvivesHostileBytesAnywhere) {
     Seal(&block);
     mini_.Memory().Put(bytenr, block);
     SizeResult result;
+    ExtentTreeScan scan;
     const Status status = RunOnNewestState(
-        mini_, scan_, {{Mini::kSubvolumeId}, true}, progress_, [](const std::string&) {}, &result);
+        mini_, scan, {{Mini::kSubvolumeId}, true}, progress_, [](const std::string&) {}, &result);
     refused += status.Ok() ? 0 : 1;
     EXPECT_EQ(status.Ok(), status.Text().empty());
   }

@@ -39,9 +39,6 @@ using TopDownWalkRun = WalkTest;
 using RunOnNewestStateTest = WalkTest;
 using CommittedTreesLoad = WalkTest;
 
-constexpr char kBalance[] =
-    "a balance is running or paused, or a device is being shrunk or removed; try again when it has "
-    "ended (btrfs balance status)";
 
 }  // namespace
 
@@ -225,30 +222,6 @@ TEST_F(TopDownWalkRun, SurvivesHostileBytesAnywhere) {
   }
   EXPECT_GT(refused, 200);
   EXPECT_LT(refused, 1990);
-}
-
-TEST_F(CommittedTreesLoad, RefusesABalance) {
-  mini_.Roots().push_back({{kBalanceId, kTemporaryItemType, 0}, Bytes(448)});
-  EXPECT_EQ(kBalance, WriteAndRun().Text());
-}
-
-TEST_F(CommittedTreesLoad, RefusesARelocationTree) {
-  mini_.AddRoot(kRelocationTreeId, Mini::kSubvolume);
-  mini_.Roots().back().first.offset = Mini::kSubvolumeId;
-  EXPECT_EQ(kBalance, WriteAndRun().Text());
-}
-
-TEST_F(CommittedTreesLoad, RefusesDataOnItsWayToAnotherPlace) {
-  const uint64_t tree = Mini::kSubvolume + kNodeSize;
-  mini_.AddRoot(kDataRelocationTreeId, tree);
-  std::vector<Item> items = {{{256, 1, 0}, Bytes(160)}, {{256, 12, 256}, Bytes(12)}};
-  mini_.PutLeaf(tree, &items);
-  EXPECT_TRUE(WriteAndRun().Ok());
-
-  items.push_back({{257, 1, 0}, Bytes(160)});
-  mini_.PutLeaf(tree, &items);
-  SetUp();
-  EXPECT_EQ(kBalance, Run().Text());
 }
 
 TEST_F(CommittedTreesLoad, RefusesAnUnknownProfileInTheChunkTree) {
