@@ -36,11 +36,14 @@ class Status {
 
 }  // namespace ZorvEngine
 
-// Leaves the enclosing function with the failure of `expression`, if it failed.
-#define ENGINE_TRY(expression)                           \
-  do {                                                   \
-    ::ZorvEngine::Status engineTryStatus = (expression); \
-    if (!engineTryStatus.Ok()) return engineTryStatus;   \
+// Leaves the enclosing function with the failure of `expression`, if it failed.  The expression may
+// be a call with a function in its arguments that uses this too: each has a variable of its own.
+#define ENGINE_TRY(expression) ENGINE_TRY_NUMBERED(expression, __COUNTER__)
+#define ENGINE_TRY_NUMBERED(expression, number) ENGINE_TRY_AS(expression, number)
+#define ENGINE_TRY_AS(expression, number)                              \
+  do {                                                                 \
+    ::ZorvEngine::Status engineTryStatus##number = (expression);       \
+    if (!engineTryStatus##number.Ok()) return engineTryStatus##number; \
   } while (0)
 
 #endif  // ENGINE_ONDISK_STATUS_H_
