@@ -59,6 +59,13 @@ class Walk {
       ENGINE_TRY(trees_.FindAskedSubvolume(id, &subvolume));
       levels_[subvolume.root.level].push_back({subvolume.root, HolderSets::Only(position++)});
     }
+    for (const CommittedTrees::RelocationTree& tree : trees_.RelocationTrees()) {
+      if (tree.beingDropped)
+        return Status::Failed(
+            "a balance is removing what it has moved, which this way of counting cannot follow; "
+            "try again in a moment, or with --method scan");
+      levels_[tree.root.level].push_back({tree.root, HolderSets::kNobody});
+    }
     return Status();
   }
 

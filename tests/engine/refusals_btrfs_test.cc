@@ -17,36 +17,6 @@ constexpr char kMount[] = "/volume1";
 
 }  // namespace
 
-TEST(EngineRefuses, AFileSystemWhileABalanceRuns) {
-  BtrfsVolume volume(kMount, {512, {}, ""});
-  volume.Subvolume("live");
-  for (unsigned n = 0; n < 60; ++n)
-    WriteRandom(volume.Path("live/" + std::to_string(n)), 4 << 20, n);
-  const pid_t balance = fork();
-  if (balance == 0) {
-    for (;;) (void)ZorvTest::Run({kStockBtrfs, "balance", "start", "--full-balance", kMount});
-  }
-  const std::string reason =
-      "a balance is running or paused, or a device is being shrunk or removed; try again when it "
-      "has ended (btrfs balance status)";
-  // Between two balances a run succeeds, and its numbers are exact then.
-  bool refused = false;
-  const unsigned long long id = SubvolumeID(volume.Path("live"));
-  for (int run = 0; run < 200 && !refused; ++run) {
-    const EngineRun engine = RunEngine({"-vm", "-r", kMount, std::to_string(id)});
-    if (engine.status == 0) {
-      EXPECT_GE(engine.sizes.at(id), 60u * (4 << 20));
-      continue;
-    }
-    ExpectFailure(engine, reason, reason);
-    refused = true;
-  }
-  EXPECT_TRUE(refused);
-  kill(balance, SIGKILL);
-  (void)WaitForExit(balance);
-  (void)ZorvTest::Run({kStockBtrfs, "balance", "cancel", kMount});
-}
-
 TEST(EngineRefuses, AnUnknownId) {
   BtrfsVolume volume(kMount);
   const struct {
