@@ -11,6 +11,7 @@
 #include <stdexcept>
 
 #include "base/unique_fd.h"
+#include "tests/support/btrfs_ioctls.h"
 #include "tests/support/command.h"
 
 namespace ZorvTest {
@@ -37,15 +38,30 @@ void ForgetLoop(const std::string& loop) {
   (void)Run({"losetup", "--detach", loop});
 }
 
-// Lines "0/257  16384  16384 ..." of `qgroup show --raw`.
-std::map<unsigned long long, unsigned long long> ParseQgroups(const std::string& text) {
-  std::map<unsigned long long, unsigned long long> exclusive;
+// Lines "0/257  16384  16384 ..." of `qgroup show --raw`; the sets are the groups 1/0, 1/1, ...
+KernelSizes ParseQgroups(const std::string& text, size_t sets) {
+  KernelSizes sizes;
+  sizes.sets.resize(sets);
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
-    unsigned long long id = 0, referenced = 0, own = 0;
-    if (sscanf(line.c_str(), "0/%llu %llu %llu", &id, &referenced, &own) == 3) exclusive[id] = own;
+    unsigned long long level = 0, id = 0, referenced = 0, own = 0;
+    if (sscanf(line.c_str(), "%llu/%llu %llu %llu", &level, &id, &referenced, &own) != 4) continue;
+    if (level == 0)
+      sizes.exclusive[id] = own;
+    else
+      sizes.sets.at(id) = own;
   }
-  return exclusive;
+  return sizes;
+}
+
+// Makes the groups of sets and puts their members in; numbers are not told anew yet.
+void MakeGroups(const std::string& mountPoint, const BtrfsVolume::IdSets& sets) {
+  const UniqueFd fd = Open(mountPoint, O_RDONLY | O_DIRECTORY);
+  for (size_t n = 0; n < sets.size(); ++n) {
+    const uint64_t group = uint64_t{1} << BTRFS_QGROUP_LEVEL_SHIFT | n;
+    CreateQuotaGroup(fd, group);
+    for (const unsigned long long id : sets[n]) AssignToQuotaGroup(fd, id, group);
+  }
 }
 
 }  // namespace
@@ -156,18 +172,33 @@ void BtrfsVolume::DeleteSubvolume(const std::string& path) const {
 }
 
 std::map<unsigned long long, unsigned long long> BtrfsVolume::KernelExclusive() {
+  return KernelExclusiveOf({}).exclusive;
+}
+
+KernelSizes BtrfsVolume::KernelExclusiveOf(const IdSets& sets) {
   Unmount();
   BtrfsVolume copy(*this, images_[0] + ".copy");
   copy.Mount();
   const std::string& at = copy.MountPoint();
-  MustRun({kStockBtrfs, "subvolume", "sync", at});
+  CommitAndClean(at);
   MustRun({kStockBtrfs, "quota", "enable", at});
+  MakeGroups(at, sets);
   MustRun({kStockBtrfs, "quota", "rescan", "-w", at});
   MustRun({"sync", "-f", at});
   const std::string text = MustRun({kStockBtrfs, "qgroup", "show", "--raw", "--sync", at});
   copy.Unmount();
   Mount();
-  return ParseQgroups(text);
+  return ParseQgroups(text, sets.size());
+}
+
+std::unique_ptr<BtrfsVolume> BtrfsVolume::Copy() const {
+  return std::unique_ptr<BtrfsVolume>(new BtrfsVolume(*this, mountPoint_));
+}
+
+void BtrfsVolume::SaveImages(const std::string& directory) const {
+  std::filesystem::create_directories(directory);
+  for (size_t n = 0; n < images_.size(); ++n)
+    MustRun({"cp", "--sparse=always", images_[n], directory + "/device" + std::to_string(n + 1)});
 }
 
 unsigned long long SubvolumeID(const std::string& path) {

@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_BTRFS_VOLUME_H_
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,12 @@ struct BtrfsOptions {
   // One size for each device, in place of sizeMiB: the images are loop devices of the volume's own,
   // so that others can join them.
   std::vector<int> devicesMiB = {};
+};
+
+// What the kernel counts as exclusive.
+struct KernelSizes {
+  std::map<unsigned long long, unsigned long long> exclusive;  // of each subvolume by its ID
+  std::vector<unsigned long long> sets;                        // of each set that was asked for
 };
 
 // Makes and mounts a file system; unmounts it when it goes.
@@ -64,6 +71,18 @@ class BtrfsVolume {
   // The kernel's own exclusive bytes of every subvolume by its ID: quotas enabled and rescanned on
   // copies of all images. The volume is unmounted meanwhile and mounted again.
   std::map<unsigned long long, unsigned long long> KernelExclusive();
+
+  // As KernelExclusive, and the same for sets of subvolumes: what each holds together and nobody
+  // else does.
+  using IdSets = std::vector<std::vector<unsigned long long>>;
+  KernelSizes KernelExclusiveOf(const IdSets& sets);
+
+  // A copy of this volume, which is not mounted, to be mounted in its stead at the same place.
+  std::unique_ptr<BtrfsVolume> Copy() const;
+
+  // Copies the images of this volume, which is not mounted, into a directory as device1, device2,
+  // ...
+  void SaveImages(const std::string& directory) const;
 
  private:
   // A copy of an unmounted volume, not mounted yet.
