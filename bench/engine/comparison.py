@@ -5,7 +5,7 @@ import os
 import engine
 import peers
 from commands import CommandFailed, TimedOut, timed
-from figures import Figure, deviation
+from figures import Figure, deviation, span
 from reads import Reads, recorded
 from volume import cold
 
@@ -115,10 +115,16 @@ class Rounds:
             self.fast_round()
             if number < quota_rounds and not self.given_up:
                 self.quota_round(self.bench.limit_quota)
-            print(f"  round {number + 1}: {self.runs[-1].seconds * 1e3:.1f} ms", flush=True)
+            self.say_round(number)
 
         if self.kernel is not None:
             self.check()
+
+    def say_round(self, number):
+        last = [("engine", [run.seconds for run in self.runs]), ("same reads", self.replays),
+                ("start and commit", self.starts), ("quotas", self.quotas)]
+        print(f"  round {number + 1}: " + ", ".join(
+            f"{name} {span(values[-1])}" for name, values in last if values), flush=True)
 
     def quota_answer(self):
         if not self.quotas:
@@ -142,6 +148,7 @@ class Rounds:
             if answer is None:
                 break
             values.append(answer[0].seconds)
+        print(f"  {peer}: {why or span(Figure(values).median)}", flush=True)
         says = peers.PEERS[peer][1]
         if not values or answer is None:
             return Answer(peer, None, says, "", why)

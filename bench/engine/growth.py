@@ -60,7 +60,7 @@ def words(points, series):
             f"{last.number / first.number:.3g}; the extent tree and what else is read grows x "
             f"{last.tree_bytes / first.tree_bytes:.3g}) the time grows x "
             f"{last.figure.median / first.figure.median:.3g}, from {span(first.figure.median)} to "
-            f"{span(last.figure.median)}. Least squares: {span(max(0, line.start))} and "
+            f"{span(last.figure.median)}. Least squares: {span(line.start)} and "
             f"{span(line.slope * 1000)} for each thousand (R² {line.fit:.3f}); against the bytes read, "
             f"{span(by_tree.slope * 1e6)} for each MB (R² {by_tree.fit:.3f})")
 

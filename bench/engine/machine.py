@@ -45,4 +45,5 @@ def describe(folder):
         "kernel": f"{platform.system()} {platform.release()}",
         "btrfs-progs": run("btrfs", "--version").split("\n")[0].removeprefix("btrfs-progs "),
         "disk": disk(folder),
+        "load before": f"{os.getloadavg()[0]:.2f} (mean of runnable processes over a minute)",
     }

@@ -61,9 +61,9 @@ def comparison_part(letter, found):
 def throttled_part(found):
     rows = [[f"({each.letter})", span(each.engine.median), each.engine.spread(), str(each.engine.rounds),
              f"{each.reads:,}", size(each.bytes / max(1, each.reads)),
-             span(each.quota_seconds) if each.quota_seconds else "given up", f"{each.quota_reads:,}",
-             times(each.quota_seconds / each.engine.median) if each.quota_seconds else ""]
-            for each in found]
+             *(f"{'over ' * each.given_up}{text}" for text in
+               (span(each.quota_seconds), f"{each.quota_reads:,}",
+                times(each.quota_seconds / each.engine.median)))] for each in found]
     return ["## A disk of 150 reads a second", "",
             "The loop device gives 150 reads a second to everybody (cgroup v1, root group, so that the "
             "kernel's own threads are held too) and calls itself rotating. `btrfs filesystem du -s` is left "
@@ -126,6 +126,9 @@ are in both; they stand on a line of their own as well.
 Exactness: the engine's numbers (`-vm`) have to equal the kernel's in every round, else the run fails; peers
 that count data alone are held against the engine's numbers without tree blocks (`-v`). Resident memory is
 the largest of the engine's processes.
+
+The extents of (e) and of the series "extents" are allocated, not written: what the extent tree says of them is
+the same.
 """
 
 

@@ -7,7 +7,7 @@ import engine
 import peers
 from commands import TimedOut
 from comparison import check_numbers
-from figures import Figure
+from figures import Figure, span
 from volume import Unfit, cold
 
 LIMITS = "/sys/fs/cgroup/blkio/blkio.throttle.read_iops_device"
@@ -22,7 +22,8 @@ class Throttled:
     engine: Figure
     reads: int
     bytes: int
-    quota_seconds: float  # None when it was given up
+    quota_seconds: float
+    given_up: bool  # the rescan was stopped after so many seconds, unfinished
     quota_reads: int
 
 
@@ -56,24 +57,30 @@ def engine_round(bench, image, ids):
 
 
 def quota_round(bench, image, ids):
-    """Seconds (None when given up), reads, and the kernel's numbers."""
+    """Seconds, whether it was given up, reads, and the kernel's numbers (then had unthrottled)."""
     with cold(bench.programs, image, bench.mount) as device:
-        before = device.reads()
+        before, kernel = device.reads(), None
         try:
             with slow(device):
-                took, kernel = peers.quota(bench.programs, bench.mount, ids, bench.limit_quota)
+                took, kernel = peers.quota(bench.programs, bench.mount, ids, bench.limit)
+            seconds = took.seconds
         except TimedOut:
-            return None, device.reads()[0] - before[0], {}
-        return took.seconds, device.reads()[0] - before[0], kernel
+            seconds = bench.limit
+        count, given_up = device.reads()[0] - before[0], kernel is None
+        if given_up:
+            _, kernel = peers.quota(bench.programs, bench.mount, ids)
+        return seconds, given_up, count, kernel
 
 
 def measure(bench, letter, item):
     facts, image = bench.maker.facts(item), bench.maker.image(item)
     runs = [engine_round(bench, image, facts["ids"]) for _ in range(min(3, bench.rounds))]
-    seconds, quota_reads, kernel = quota_round(bench, image, facts["ids"])
+    seconds, given_up, quota_reads, kernel = quota_round(bench, image, facts["ids"])
     for took, _ in runs:
         check_numbers(engine.numbers(took.out), kernel, f"({letter}), throttled")
     count, size = runs[-1][1]
-    print(f"  ({letter}) engine {runs[-1][0].seconds:.2f} s in {count} reads, rescan {seconds} s",
-          flush=True)
-    return Throttled(letter, Figure([took.seconds for took, _ in runs]), count, size, seconds, quota_reads)
+    found = Throttled(letter, Figure([took.seconds for took, _ in runs]), count, size, seconds, given_up,
+                      quota_reads)
+    print(f"  ({letter}) engine {span(found.engine.median)} in {count} reads, rescan "
+          f"{'given up after ' * given_up}{span(seconds)}", flush=True)
+    return found
