@@ -23,7 +23,7 @@ void ExpectOneLine(const CommandResult& run, const std::string& words) {
 
 // Each script, run through `prefix`.
 void ExpectOfEachScript(std::vector<std::string> prefix, const std::string& words) {
-  for (const char* script : {"test.sh", "demo.sh", "bench.sh"}) {
+  for (const char* script : {"test.sh", "demo.sh", "bench.sh", "generated.sh"}) {
     SCOPED_TRACE(script);
     std::vector<std::string> argv = prefix;
     argv.push_back("bash");
@@ -37,7 +37,7 @@ void ExpectOfEachScript(std::vector<std::string> prefix, const std::string& word
 TEST(Scripts, SayThatTheyNeedRoot) {
   // A copy, since another user may not enter the checkout.
   std::filesystem::copy(kScripts, "/tmp/scripts");
-  for (const char* script : {"test.sh", "demo.sh", "bench.sh"})
+  for (const char* script : {"test.sh", "demo.sh", "bench.sh", "generated.sh"})
     ExpectOneLine(ZorvTest::Run({"setpriv", "--reuid=65534", "--clear-groups", "bash",
                                  std::string("/tmp/scripts/") + script}),
                   "needs root");
@@ -64,7 +64,15 @@ TEST(Scripts, RefuseArgumentsTheyDoNotKnow) {
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "test.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "demo.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "bench.sh", "--fast"}), "--help");
+  ExpectOneLine(ZorvTest::Run({"bash", kScripts + "generated.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "bench.sh", "--only", "a,z"}), "no such part: z");
+}
+
+TEST(Scripts, RefuseSeedsAndCountsThatAreNone) {
+  for (const char* text : {"", "0", "-1", "many", "1x"})
+    for (const char* option : {"--count", "--first-seed"})
+      ExpectOneLine(ZorvTest::Run({"bash", kScripts + "generated.sh", option, text}),
+                    std::string(option) + " needs a number");
 }
 
 TEST(Scripts, MeasurementsReadWhatTheyAreGiven) {
