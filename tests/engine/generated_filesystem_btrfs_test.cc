@@ -107,14 +107,17 @@ class Generated : public testing::TestWithParam<unsigned> {
       const Ids one = {ids_[Below(ids_.size())]};
       EXPECT_EQ(Restricted(kernel, one), EngineSizes("-vm --verify", kMount, one));
       const Ids some = Subset();
-      EXPECT_EQ(Restricted(kernel, some), EngineSizes("-vm --verify", kMount, some));
+      for (const char* method : {"scan", "walk", "auto"})
+        EXPECT_EQ(Restricted(kernel, some),
+                  EngineSizes(std::string("-vm --method ") + method, kMount, some));
     }
   }
 
   // The kernel has no number for data alone; but the rest is whole tree blocks, the root node one
   // of them, and both ways of counting agree.
   void CompareDataAlone(const Sizes& kernel) {
-    const Sizes data = EngineSizes("-v --verify", kMount, ids_);
+    const Sizes data = EngineSizes("-v --method scan", kMount, ids_);
+    EXPECT_EQ(data, EngineSizes("-v --method walk", kMount, ids_));
     for (const auto& [id, bytes] : kernel) {
       EXPECT_GE(bytes, data.at(id) + recipe_.nodeSize) << id;
       EXPECT_EQ(0u, (bytes - data.at(id)) % recipe_.nodeSize) << id;
