@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <chrono>
 #include <mutex>
 #include <utility>
 
@@ -106,16 +107,55 @@ Status BlockReader::SweepInto(const std::vector<BlockPointer>& pointers, const S
   SweepJob job{pointers, visit, onBad, {}, {}};
   job.wanted.reserve(pointers.size());
   ENGINE_TRY(VisitCached(&job));
-  job.reads =
-      PlanReads(&job.wanted, format_.nodeSize, [this](uint64_t devid) { return ShapeFor(devid); });
+  Plan(&job);
+  return AnyRotates(job) ? ReadInRounds(&job) : ReadAsPlanned(job, 0, job.reads.size());
+}
 
-  std::vector<ReadRange> ranges;
-  ranges.reserve(job.reads.size());
-  for (const PlannedRead& read : job.reads)
-    ranges.push_back({devices_.Find(read.devid)->source.get(), read.offset, read.size});
-  return pipeline_.Run(ranges, [&](size_t index, uint8_t* bytes, const Status& done) {
-    return TakeRead(job, job.reads[index], bytes, done);
+void BlockReader::Plan(SweepJob* job) const {
+  job->reads = PlanReads(&job->wanted, format_.nodeSize, [this](uint64_t devid) {
+    return devices_.Find(devid)->source->Rotates() ? pace_.Shape() : kFlashShape;
   });
+}
+
+bool BlockReader::AnyRotates(const SweepJob& job) const {
+  return std::any_of(job.reads.begin(), job.reads.end(), [this](const PlannedRead& read) {
+    return devices_.Find(read.devid)->source->Rotates();
+  });
+}
+
+// Makes `count` of the planned reads, from `first` on.
+Status BlockReader::ReadAsPlanned(const SweepJob& job, size_t first, size_t count) {
+  std::vector<ReadRange> ranges;
+  ranges.reserve(count);
+  for (size_t i = first; i < first + count; ++i) {
+    const PlannedRead& read = job.reads[i];
+    ranges.push_back({devices_.Find(read.devid)->source.get(), read.offset, read.size});
+  }
+  return pipeline_.Run(ranges, [&](size_t index, uint8_t* bytes, const Status& done) {
+    return TakeRead(job, job.reads[first + index], bytes, done);
+  });
+}
+
+// Makes all reads, and plans what is left anew when their pace asks for other requests.
+Status BlockReader::ReadInRounds(SweepJob* job) {
+  for (size_t at = 0; at < job->reads.size();) {
+    const size_t count = std::min(pace_.Round(), job->reads.size() - at);
+    const uint64_t bytesBefore = meter_.counters.bytesRead;
+    const auto begin = std::chrono::steady_clock::now();
+    ENGINE_TRY(ReadAsPlanned(*job, at, count));
+    at += count;
+    const auto time = std::chrono::steady_clock::now() - begin;
+    if (!pace_.Note(count, meter_.counters.bytesRead - bytesBefore, time)) continue;
+
+    std::vector<WantedBlock> left;
+    for (; at < job->reads.size(); ++at)
+      for (size_t i = 0; i < job->reads[at].count; ++i)
+        left.push_back(job->wanted[job->reads[at].first + i]);
+    job->wanted = std::move(left);
+    Plan(job);
+    at = 0;
+  }
+  return Status();
 }
 
 // Visits the blocks that the cache has; the others become those that are wanted.
@@ -144,10 +184,6 @@ Status BlockReader::WantBlock(size_t index, SweepJob* job) const {
   if (why.GetKind() != Status::kBadBlock) return why;
   meter_.Done(format_.nodeSize);
   return job->onBad(index, std::move(why));
-}
-
-RequestShape BlockReader::ShapeFor(uint64_t devid) const {
-  return devices_.Find(devid)->source->Rotates() ? kRotatingShape : kFlashShape;
 }
 
 // Deals with the blocks of one request, whose bytes are at `bytes` if `done` is Ok.

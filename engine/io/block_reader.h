@@ -17,6 +17,7 @@
 #include "engine/io/read_meter.h"
 #include "engine/io/read_pipeline.h"
 #include "engine/io/read_plan.h"
+#include "engine/io/seek_pace.h"
 #include "engine/ondisk/format.h"
 #include "engine/ondisk/status.h"
 #include "engine/ondisk/tree_block.h"
@@ -111,7 +112,7 @@ class BlockReader {
     const SweepVisitor& visit;
     const BadSink& onBad;
     std::vector<WantedBlock> wanted;
-    std::vector<PlannedRead> reads;
+    std::vector<PlannedRead> reads;  // of all that are wanted
   };
 
   TreeBlockPtr FindCached(const BlockPointer& pointer);
@@ -120,7 +121,10 @@ class BlockReader {
                    const BadSink& onBad);
   Status VisitCached(SweepJob* job);
   Status WantBlock(size_t index, SweepJob* job) const;
-  RequestShape ShapeFor(uint64_t devid) const;
+  Status ReadAsPlanned(const SweepJob& job, size_t first, size_t count);
+  Status ReadInRounds(SweepJob* job);
+  void Plan(SweepJob* job) const;
+  bool AnyRotates(const SweepJob& job) const;
   Status TakeRead(const SweepJob& job, const PlannedRead& read, uint8_t* bytes, const Status& done);
   Status TakeBlock(const SweepJob& job, const WantedBlock& block, uint8_t* bytes,
                    const Status& done);
@@ -138,6 +142,7 @@ class BlockReader {
   std::optional<std::vector<uint8_t>> chunkTreeUuid_;
   AlignedBuffer buffer_;  // of one block
   ReadPipeline pipeline_;
+  SeekPace pace_;     // of the devices that rotate, if any
   CacheList recent_;  // front: used last
   std::unordered_map<uint64_t, CacheList::iterator> byPlace_;
 };

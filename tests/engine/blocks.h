@@ -5,10 +5,12 @@
 #include <string.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -151,6 +153,7 @@ class MemoryDevice : public ZorvEngine::ByteSource {
 
   ZorvEngine::Status ReadAt(uint64_t offset, uint8_t* buffer, size_t size) override {
     ++reads_;
+    if (seek_.count() > 0) std::this_thread::sleep_for(seek_);
     if (offset > bytes_.size() || size > bytes_.size() - offset)
       return ZorvEngine::Status::Failed("beyond the end");
     for (const uint64_t bad : broken_)
@@ -166,7 +169,11 @@ class MemoryDevice : public ZorvEngine::ByteSource {
     std::copy(block.begin(), block.end(), bytes_.begin() + static_cast<long>(offset));
   }
   void Break(uint64_t offset) { broken_.insert(offset); }
-  void Rotate() { rotates_ = true; }
+  // Is said to rotate from now on, and takes that long to get to a place.
+  void Rotate(std::chrono::milliseconds seek) {
+    rotates_ = true;
+    seek_ = seek;
+  }
   int Reads() const { return reads_; }
 
  private:
@@ -174,6 +181,7 @@ class MemoryDevice : public ZorvEngine::ByteSource {
   std::set<uint64_t> broken_;
   std::atomic<int> reads_{0};
   bool rotates_ = false;
+  std::chrono::milliseconds seek_{0};
 };
 
 // Puts a device in memory into a set; the reference is good as long as the set holds it.
