@@ -30,16 +30,30 @@ struct ReadCounters {
 struct ReadMeter {
   std::atomic<uint64_t> total{0};
   std::atomic<uint64_t> processed{0};
+  std::atomic<uint64_t> expected{0};  // of `total`, not planned yet; one thread plans
   ReadCounters counters;
 
-  // That many bytes more are to be read.
-  void Plan(uint64_t bytes) { total += bytes; }
+  // That many bytes will be planned later on: what is known of the whole before its parts begin.
+  void Expect(uint64_t bytes) {
+    expected += bytes;
+    total += bytes;
+  }
+
+  // That many bytes more are to be read; those that were expected are in `total` already.
+  void Plan(uint64_t bytes) {
+    const uint64_t known = bytes < expected ? bytes : expected.load();
+    expected -= known;
+    total += bytes - known;
+  }
 
   // That many of the planned bytes have been read.
   void Done(uint64_t bytes) { processed += bytes; }
 
   // What is planned and not read will not be read: another attempt begins.
-  void Abandon() { processed = total.load(); }
+  void Abandon() {
+    expected = 0;
+    processed = total.load();
+  }
 };
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free &&

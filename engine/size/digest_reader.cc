@@ -40,6 +40,7 @@ Status DigestReader::Remember(const BlockPointer& pointer, const Status& why) {
   const BlockName name(pointer.bytenr, pointer.generation);
   if (badBefore_.count(name) != 0) return Status::Failed(why.Text() + "; run btrfs scrub");
   bad_.insert(name);
+  ++badBlocks_;
   if (outcome_.Ok()) outcome_ = why;
   return Status();
 }

@@ -38,6 +38,9 @@ class DigestReader {
   Status Read(BlockReader& reader, std::vector<BlockPointer>* pointers, const Make& make,
               bool filtered);
 
+  // How many blocks were bad, in all passes together.
+  uint64_t BadBlocks() const { return badBlocks_; }
+
   // Success when no block of this pass was bad; else Status::kBadBlock, of the first.
   const Status& Outcome() const { return outcome_; }
 
@@ -48,6 +51,7 @@ class DigestReader {
 
   DigestStore store_;
   Status outcome_;
+  uint64_t badBlocks_ = 0;
   std::set<BlockName> bad_;        // in this pass
   std::set<BlockName> badBefore_;  // in the pass before
 };

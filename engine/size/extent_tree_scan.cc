@@ -32,15 +32,18 @@ class ExtentTreeScan::Pass {
       : kept_(kept),
         trees_(trees),
         request_(request),
+        meter_(progress.meter),
+        stats_(progress.stats),
         sums_(request, trees, progress),
         leaves_(kept.memory),
         holders_(trees.Reader(), kept.digests, kept.memory, sums_) {}
 
   Status Run(SizeTable* out) {
     kept_.digests.BeginPass();
-    ENGINE_TRY(ListExtentTreeLeaves(trees_, &leaves_));
+    ++stats_.passes;
+    ENGINE_TRY(ListLeaves());
     ENGINE_TRY(FindHoldersOfTreeBlocks());
-    ENGINE_TRY(CountData());
+    ENGINE_TRY(FindHoldersOfData());
     *out = sums_.Table();
     return Status();
   }
@@ -48,9 +51,21 @@ class ExtentTreeScan::Pass {
  private:
   using Kind = bool ExtentTreeLeaf::*;
 
+  // Lists the leaves of the extent tree; how much there is to read is known from then on.
+  Status ListLeaves() {
+    const PhaseTimer timer(stats_, "finding the extent tree's leaves");
+    ENGINE_TRY(ListExtentTreeLeaves(trees_, &leaves_));
+    const auto unread = std::ranges::count_if(leaves_, [&](const ExtentTreeLeaf& leaf) {
+      return !kept_.digests.Store().Find(leaf.bytenr, leaf.generation);
+    });
+    meter_.Expect(static_cast<uint64_t>(unread) * trees_.Reader().NodeSize());
+    return Status();
+  }
+
   Status FindHoldersOfTreeBlocks() {
     ENGINE_TRY(AddRoots());
     ENGINE_TRY(ReadLeaves(&ExtentTreeLeaf::treeBlocks, nullptr));
+    const PhaseTimer timer(stats_, "tree blocks: who holds them");
     ENGINE_TRY(VisitExtents(&ExtentTreeLeaf::treeBlocks, [&](const ExtentDigest& extent) {
       if (extent.isTreeBlock) holders_.Add(extent);
       return Status();
@@ -70,11 +85,12 @@ class ExtentTreeScan::Pass {
     return Status();
   }
 
-  Status CountData() {
+  Status FindHoldersOfData() {
     NoteLeavesThatMatter();
     ENGINE_TRY(ReadLeaves(&ExtentTreeLeaf::data, [this](uint64_t bytenr) {
       return kept_.leaves.Find(bytenr).has_value();
     }));
+    const PhaseTimer timer(stats_, "data: who holds it");
     HolderUnion together(sums_.Sets());
     return VisitExtents(&ExtentTreeLeaf::data, [&](const ExtentDigest& extent) {
       return extent.isTreeBlock || extent.outside ? Status() : CountExtent(extent, &together);
@@ -127,6 +143,7 @@ class ExtentTreeScan::Pass {
 
   // Makes digests of all leaves of a kind that have none.
   Status ReadLeaves(Kind kind, const std::function<bool(uint64_t)>& leafMatters) {
+    const PhaseTimer timer(stats_, "reading the extent tree");
     const DigestFilter filter{kept_.asked, leafMatters};
     const auto make = [&](const TreeBlockView& leaf, Words* digest) {
       return DigestExtentLeaf(leaf, trees_.Reader().NodeSize(), filter, digest);
@@ -161,6 +178,8 @@ class ExtentTreeScan::Pass {
   Kept& kept_;
   CommittedTrees& trees_;
   const SizeRequest& request_;
+  ReadMeter& meter_;
+  RunStats& stats_;
   SetSums sums_;
   BigArray<ExtentTreeLeaf> leaves_;
   TreeBlockHolders holders_;
@@ -175,7 +194,9 @@ Status ExtentTreeScan::Run(CommittedTrees& trees, const SizeRequest& request,
                            SizeProgress& progress, SizeTable* out) {
   try {
     if (kept_ == nullptr) kept_ = std::make_unique<Kept>(request);
-    return Pass(*kept_, trees, request, progress).Run(out);
+    const Status done = Pass(*kept_, trees, request, progress).Run(out);
+    progress.stats.repairs = kept_->digests.BadBlocks();
+    return done;
   } catch (const NoArrayMemory& error) {
     return Status::Failed(error.what());
   }

@@ -2,7 +2,6 @@
 #ifndef ENGINE_SIZE_HELD_REFERENCES_H_
 #define ENGINE_SIZE_HELD_REFERENCES_H_
 
-#include <algorithm>
 #include <cstdint>
 
 #include "engine/io/array_memory.h"
@@ -21,16 +20,14 @@ struct HeldReference {
 class HeldReferences {
  public:
   // The memory is the caller's and outlives the object.
-  explicit HeldReferences(ArrayMemory& memory) : references_(memory) {}
+  explicit HeldReferences(ArrayMemory& memory) : memory_(&memory), references_(memory) {}
 
   // Throws NoArrayMemory.
   void Add(const HeldReference& reference) { references_.Add(reference); }
 
-  // To be called once, after the last Add.
-  void Sort() {
-    std::sort(references_.begin(), references_.end(),
-              [](const HeldReference& a, const HeldReference& b) { return a.bytenr < b.bytenr; });
-  }
+  // To be called once, after the last Add.  Needs the same memory again while it sorts.
+  // Throws NoArrayMemory.
+  void Sort();
 
   // Gives the references to `bytenr` to `visit`; not below the address of the call before.
   template <typename Visit>
@@ -44,6 +41,9 @@ class HeldReferences {
   void Clear() { references_.Clear(); }
 
  private:
+  void SortByDigit(int shift, BigArray<HeldReference>* room);
+
+  ArrayMemory* memory_;
   BigArray<HeldReference> references_;
   size_t next_ = 0;
 };
