@@ -21,10 +21,11 @@ struct DeletionRules {
   bool topLevelHasSnapshot = false;  // its own blocks cannot be told from the others
 };
 
-// Deletes in the given order; each is a step, with expectations of its own.  Data that comes free
-// must be the engine's to the byte; so must the tree blocks of subvolumes, except where the
-// directory that a name leaves cannot be told from them.  Returns the steps done: it ends at the
-// first that differs.
+// Asks the engine for the plan of this order, in both ways of counting, and follows it; each
+// deletion is a step, with expectations of its own.  Data that comes free must be the plan's to the
+// byte; so must the tree blocks of subvolumes.  Where a name leaves a directory that other
+// subvolumes share, their trees change with it: a few blocks are allowed for then, and the plan for
+// what is left is asked for anew.  Returns the steps done: it ends at the first that differs.
 unsigned DeleteInOrder(const BtrfsVolume& volume, const std::vector<Deletion>& order,
                        const DeletionRules& rules);
 

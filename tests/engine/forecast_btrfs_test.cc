@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "tests/engine/forecast_run.h"
 #include "tests/engine/history.h"
 
 using namespace ZorvTest;
@@ -10,32 +11,6 @@ using namespace ZorvTest;
 namespace {
 
 using Ids = std::vector<unsigned long long>;
-
-std::string Joined(const Ids& ids) {
-  std::string text;
-  for (const unsigned long long id : ids) text += (text.empty() ? "" : ",") + std::to_string(id);
-  return text;
-}
-
-// The bytes of one step of a plan.
-struct Step {
-  unsigned long long id = 0, data = 0, metadata = 0, soFarData = 0, soFarMetadata = 0;
-};
-
-std::vector<Step> StepsOf(const EngineRun& run) {
-  std::vector<Step> steps;
-  for (const std::string& line : run.lines) {
-    Step step;
-    unsigned number = 0;
-    if (sscanf(line.c_str(),
-               "forecast %u %llu data %llu metadata %llu so far data %llu metadata %llu", &number,
-               &step.id, &step.data, &step.metadata, &step.soFarData, &step.soFarMetadata) != 6)
-      continue;
-    steps.push_back(step);
-    EXPECT_EQ(steps.size(), number);
-  }
-  return steps;
-}
 
 Json::Value ParseJson(const std::string& text) {
   Json::Value document;
@@ -64,7 +39,7 @@ TEST_F(Forecast, OfOneIsItsExclusiveSize) {
   for (const unsigned long long id : IdsOf({"snap1", "written", "live"})) {
     const EngineRun run = RunEngine({"-vm", "-r", kMount, "--forecast", std::to_string(id)});
     EXPECT_EQ(0, run.status) << run.err;
-    const std::vector<Step> steps = StepsOf(run);
+    const std::vector<ForecastStep> steps = StepsOf(run);
     ASSERT_EQ(1u, steps.size());
     EXPECT_EQ(id, steps[0].id);
     EXPECT_EQ(run.sizes.at(id), steps[0].data + steps[0].metadata);
@@ -77,7 +52,7 @@ TEST_F(Forecast, AddsUpAndSaysRawBytes) {
   const EngineRun run = RunEngine({"--forecast=" + Joined(ids), "-r", kMount});
   EXPECT_EQ(0, run.status) << run.err;
   unsigned long long data = 0, metadata = 0;
-  const std::vector<Step> steps = StepsOf(run);
+  const std::vector<ForecastStep> steps = StepsOf(run);
   ASSERT_EQ(ids.size(), steps.size());
   for (size_t i = 0; i < ids.size(); ++i) {
     EXPECT_EQ(ids[i], steps[i].id);
@@ -125,7 +100,8 @@ TEST_F(Forecast, IsTheSameWithTheTableAsWithout) {
 
 TEST_F(Forecast, SaysTheSameAsJson) {
   const Ids ids = IdsOf({"snap1", "snap2", "written"});
-  const std::vector<Step> steps = StepsOf(RunEngine({"--forecast", Joined(ids), "-r", kMount}));
+  const std::vector<ForecastStep> steps =
+      StepsOf(RunEngine({"--forecast", Joined(ids), "-r", kMount}));
   const EngineRun run =
       RunEngine({"--format", "json", "--table", "--forecast", Joined(ids), "-r", kMount});
   ASSERT_EQ(0, run.status) << run.err;

@@ -182,8 +182,12 @@ KernelSizes BtrfsVolume::KernelExclusiveOf(const IdSets& sets) {
   const std::string& at = copy.MountPoint();
   CommitAndClean(at);
   MustRun({kStockBtrfs, "quota", "enable", at});
-  MakeGroups(at, sets);
   MustRun({kStockBtrfs, "quota", "rescan", "-w", at});
+  if (!sets.empty()) {
+    // Only now: enabling begins a rescan of its own, which would count half for a new group.
+    MakeGroups(at, sets);
+    MustRun({kStockBtrfs, "quota", "rescan", "-w", at});
+  }
   MustRun({"sync", "-f", at});
   const std::string text = MustRun({kStockBtrfs, "qgroup", "show", "--raw", "--sync", at});
   copy.Unmount();
