@@ -16,6 +16,9 @@ struct Message {
     kNote,        // a sentence for standard error
     kResultPart,  // a piece of what EncodeResult made; more follow
     kResult,      // the last piece
+    kLine,        // a line of standard output, with its end
+    kYes,         // the lines have answered the question,
+    kNo,          // or have refused it: exit status 1
     kFailure,     // a sentence
   };
 

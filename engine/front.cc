@@ -19,6 +19,7 @@
 #include "base/unique_fd.h"
 #include "engine/channel.h"
 #include "engine/lines.h"
+#include "engine/stats_lines.h"
 #include "engine/table_json.h"
 #include "engine/table_lines.h"
 #include "engine/worker.h"
@@ -72,6 +73,13 @@ class Front {
       case Message::kResult:
         result_ += message.payload;
         return PrintResult();
+      case Message::kLine:
+        if (WriteLine(STDOUT_FILENO, message.payload)) return std::nullopt;
+        return OutputFailed();
+      case Message::kYes:
+        return 0;
+      case Message::kNo:
+        return 1;
       case Message::kFailure:
         break;
     }
@@ -127,7 +135,10 @@ class Front {
       return Fail("internal error: a result without the plan");
     const bool printed = options_.json ? PrintJson(result, plan)
                                        : PrintNumbers(result) && PrintTables(result.table, plan);
-    return printed ? 0 : OutputFailed();
+    if (!printed) return OutputFailed();
+    if (options_.stats)
+      for (const std::string& line : StatsLines(progress_)) (void)WriteLine(STDERR_FILENO, line);
+    return 0;
   }
 
   // The subvolumes of the plan are the first of those asked about, each once.

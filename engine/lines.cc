@@ -1,6 +1,7 @@
 #include "engine/lines.h"
 
 #include <errno.h>
+#include <limits.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -83,6 +84,12 @@ std::string ErrorLine(const std::string& reason) {
   return "ERROR: " + WithoutControls(reason) + "\n";
 }
 std::string NoteLine(const std::string& note) { return "NOTE: " + WithoutControls(note) + "\n"; }
+
+std::string FindingLine(const std::string& kind, const std::string& what) {
+  std::string line = kind + ": " + WithoutControls(what);
+  CutTo(PIPE_BUF - 1, &line);
+  return line + "\n";
+}
 
 bool WriteLine(int fd, const std::string& line) {
   ssize_t written = 0;

@@ -25,6 +25,10 @@ std::string UnavailableLine(const std::string& reason);
 std::string ErrorLine(const std::string& reason);
 std::string NoteLine(const std::string& note);
 
+// A line of --check: what kind of finding, and the finding; control characters become '?'.  At most
+// PIPE_BUF bytes.
+std::string FindingLine(const std::string& kind, const std::string& what);
+
 // Writes a line (at most PIPE_BUF bytes) to `fd` with one write, so that a reader of a pipe gets it
 // whole or not at all.  A line that a full disk has cut is taken back.  False: not written, and
 // errno says why; EPIPE: the reader has gone.

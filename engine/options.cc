@@ -35,13 +35,12 @@ struct Flag {
   bool Options::*flag;
 };
 constexpr Flag kFlags[] = {
-    {"--help", &Options::help},
-    {"--version", &Options::version},
-    {"--verify", &Options::verify},
-    {"--table", &Options::table},
+    {"--help", &Options::help},   {"--version", &Options::version}, {"--verify", &Options::verify},
+    {"--table", &Options::table}, {"--stats", &Options::stats},
 };
 
 constexpr uint64_t kMostMiB = 1u << 20;
+constexpr uint64_t kMostThreads = 64;
 
 bool IsDecimal(const std::string& text) {
   return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -100,8 +99,11 @@ class Parser {
     static const Valued kValued[] = {
         {"--method", &Parser::SetMethod},      {"--format", &Parser::SetFormat},
         {"--forecast", &Parser::SetForecast},  {"--table-memory", &Parser::SetTableMemory},
-        {"--memory", &Parser::SetArrayMemory},
+        {"--memory", &Parser::SetArrayMemory}, {"--threads", &Parser::SetThreads},
     };
+    if (word == "--estimate") return Ask(Question::kEstimate);
+    if (word == "--check") return Ask(Question::kCheck);
+    if (word == "--no-ring") return LeaveOutRing();
     const size_t equals = word.find('=');
     for (const Valued& valued : kValued)
       if (word.substr(0, equals) == valued.name) return (this->*valued.set)(ValueOf(word, equals));
@@ -112,6 +114,26 @@ class Parser {
   std::string ValueOf(const std::string& word, size_t equals) {
     if (equals != std::string::npos) return word.substr(equals + 1);
     return at_ + 1 < words_.size() ? words_[++at_] : "";
+  }
+
+  Status Ask(Question question) {
+    if (options_->question != Question::kSizes && options_->question != question)
+      return Wrong("--estimate and --check are asked one after the other");
+    options_->question = question;
+    return Status();
+  }
+
+  Status LeaveOutRing() {
+    options_->ring = false;
+    return Status();
+  }
+
+  Status SetThreads(const std::string& value) {
+    uint64_t threads = 0;
+    if (!ParseNumber(value, &threads) || threads == 0 || threads > kMostThreads)
+      return Wrong("--threads is a number from 1 to " + std::to_string(kMostThreads));
+    options_->threads = static_cast<unsigned>(threads);
+    return Status();
   }
 
   Status SetMethod(const std::string& value) {
@@ -209,12 +231,16 @@ Status CheckTogether(const Options& options) {
     return Wrong("--forecast has subvolume IDs, so it needs -r DIR");
   if (options.json && (options.progress || options.eachSubvolume))
     return Wrong("--format json is one document without lines; leave out -p and -v");
+  if (options.question != Question::kSizes &&
+      (options.json || options.table || !options.forecast.empty()))
+    return Wrong("--estimate and --check go with neither --table, --forecast nor --format json");
   return Status();
 }
 
-// Whether there is a subvolume to ask about.
+// Whether there is a subvolume to ask about, or a question that needs none.
 bool HasSubject(const Options& options) {
-  return !options.arguments.empty() || !options.forecast.empty();
+  if (!options.arguments.empty() || !options.forecast.empty()) return true;
+  return options.question != Question::kSizes && options.byId;
 }
 
 }  // namespace
@@ -243,6 +269,9 @@ const char kHelpText[] =
     "  --table               the bytes of each set of subvolumes that hold them together:\n"
     "                        they come free when the whole set is deleted\n"
     "  --format json         one JSON document in place of lines; without -p and -v\n"
+    "  --estimate            say how many bytes there are to read, and end\n"
+    "  --check               say whether a run would work, and if not, why\n"
+    "  --stats               say on standard error what the run did\n"
     "\n"
     "How to find it out:\n"
     "  --method M          scan (the default): read the extent tree once; walk: read the\n"
@@ -253,12 +282,16 @@ const char kHelpText[] =
     "                      it are summed up; the output says so.\n"
     "  --memory MIB        memory for large arrays (256 when not given); beyond it they go\n"
     "                      to a temporary file\n"
+    "  --threads N         threads that verify and count (one a processor when not given,\n"
+    "                      4 at most)\n"
+    "  --no-ring           read on threads, also where the system has io_uring\n"
     "\n"
     "examples:\n"
     "  btrfs subvolume size -vm /volume1/photos/.snapshots/*\n"
     "  btrfs subvolume size -vpm -r /volume1 257 258\n"
     "  btrfs subvolume size --forecast 257,258,261 -r /volume1\n"
     "  btrfs subvolume size --table --format json -r /volume1 257 258 261\n"
+    "  btrfs subvolume size --check -r /volume1\n"
     "\n"
     "All numbers belong to one committed state of the file system, whose generation is\n"
     "printed.  On failure the exit status is 1, the reason is on standard error, and no\n"

@@ -24,10 +24,18 @@ enum class Method {
   kWalk,  // each subvolume's own blocks, from its root down
 };
 
+// What a command line wants to know.
+enum class Question {
+  kSizes,     // sizes, and what the options add to them
+  kEstimate,  // how much a run would read
+  kCheck,     // whether a run would work
+};
+
 // What a command line asks for.
 struct Options {
   bool help = false;
   bool version = false;
+  Question question = Question::kSizes;
   bool eachSubvolume = false;  // -v
   bool progress = false;       // -p
   bool countMetadata = false;  // -m
@@ -38,8 +46,11 @@ struct Options {
   std::vector<uint64_t> forecast;  // the plan: subvolumes in the order of their deletion
   bool table = false;              // each set of subvolumes
   bool json = false;               // one document in place of lines
+  bool stats = false;              // what the run did
   size_t tableBytes = 64u << 20;   // memory for the sets of the table
   size_t arrayBytes = 256u << 20;  // memory for large arrays
+  bool ring = true;                // false: not even where the system has io_uring
+  unsigned threads = 0;            // that verify and count; 0: one a processor, at most 4
   std::vector<std::string> arguments;
 };
 

@@ -3,21 +3,25 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <exception>
 #include <map>
 #include <string>
-#include <unordered_set>
 
 #include "engine/channel.h"
+#include "engine/check.h"
 #include "engine/io/io_priority.h"
 #include "engine/io/mounted_filesystem.h"
+#include "engine/lines.h"
 #include "engine/size/auto_method.h"
 #include "engine/size/cross_check.h"
 #include "engine/size/extent_tree_scan.h"
 #include "engine/size/newest_state_run.h"
+#include "engine/size/state_look.h"
 #include "engine/size/top_down_walk.h"
+#include "engine/subjects.h"
 
 namespace ZorvEngine {
 namespace {
@@ -32,80 +36,110 @@ void LeaveStandardStreams() {
   }
 }
 
-// A path that does not open and looks like an ID was probably meant as one.
-Status WithHint(const Status& status, const std::string& argument) {
-  uint64_t id = 0;
-  if (status.Ok() || !ParseSubvolumeId(argument, &id).Ok()) return status;
-  return Status::Failed(status.Text() + "; to give subvolume IDs, add -r DIR");
+NoteSink NotesTo(const UniqueFd& channel) {
+  return [&channel](const std::string& text) {
+    (void)SendMessage(channel.Get(), {Message::kNote, text});
+  };
 }
 
-// The numbers of the subvolumes whose roots are at `paths`; `filesystem` becomes theirs.
-Status IdsOfPaths(const std::vector<std::string>& paths, MountedFilesystem* filesystem,
-                  std::vector<uint64_t>* ids) {
-  ENGINE_TRY(WithHint(filesystem->Open(paths[0]), paths[0]));
-  for (const std::string& path : paths) {
-    MountedFilesystem here;
-    ENGINE_TRY(WithHint(here.Open(path), path));
-    if (!here.SameAs(*filesystem))
-      return Status::Failed(path + " is on another file system than " + paths[0] +
-                            "; ask for them one after the other");
-    uint64_t id = 0;
-    ENGINE_TRY(here.SubvolumeHere(&id));
-    ids->push_back(id);
+const char* MethodName(Method method) {
+  switch (method) {
+    case Method::kAuto:
+      return "auto";
+    case Method::kScan:
+      return "scan";
+    case Method::kWalk:
+      break;
   }
-  return Status();
+  return "walk";
 }
 
-// The plan of --forecast comes first: what comes free in the asked order is always known.
-Status IdsAsGiven(const Options& options, MountedFilesystem* filesystem,
-                  std::vector<uint64_t>* ids) {
-  *ids = options.forecast;
-  for (const std::string& text : options.arguments) {
-    uint64_t id = 0;
-    ENGINE_TRY(ParseSubvolumeId(text, &id));
-    ids->push_back(id);
-  }
-  return filesystem->Open(options.directory);
+ReadOptions ReadingOf(const Options& options) {
+  ReadOptions reading;
+  reading.allowRing = options.ring;
+  reading.visitThreads = options.threads;
+  return reading;
 }
 
-// Leaves each number at its first place.
-std::vector<uint64_t> OnceEach(const std::vector<uint64_t>& ids, const NoteSink& note) {
-  std::vector<uint64_t> unique;
-  std::unordered_set<uint64_t> seen;
-  for (const uint64_t id : ids) {
-    if (seen.insert(id).second)
-      unique.push_back(id);
-    else
-      note("subvolume " + std::to_string(id) + " is given more than once; it counts once");
-  }
-  return unique;
+uint64_t PeakBytes() {
+  rusage usage;
+  return getrusage(RUSAGE_SELF, &usage) == 0 ? static_cast<uint64_t>(usage.ru_maxrss) << 10 : 0;
 }
 
-Status Work(const Options& options, SizeProgress& progress, const NoteSink& note,
-            SizeResult* result) {
-  if (geteuid() != 0)
-    return Status::Failed("this needs root, because the device is read directly; try sudo");
-  MountedFilesystem filesystem;
-  std::vector<uint64_t> ids;
-  ENGINE_TRY(options.byId ? IdsAsGiven(options, &filesystem, &ids)
-                          : IdsOfPaths(options.arguments, &filesystem, &ids));
-  const SizeRequest request{OnceEach(ids, note), options.countMetadata,
-                            options.table ? options.tableBytes : 0, options.arrayBytes};
+Status Count(const Options& options, const Subjects& subjects, MountedFilesystem& filesystem,
+             SizeProgress& progress, const NoteSink& note, SizeResult* result) {
+  const SizeRequest request{subjects.Ids(), options.countMetadata,
+                            options.table ? options.tableBytes : 0, options.arrayBytes,
+                            ReadingOf(options)};
   ExtentTreeScan scan;
   TopDownWalk walk;
   AutoMethod either(scan);
   CrossCheck both(scan, walk);
   const std::map<Method, ExclusiveSizeMethod*> methods = {
       {Method::kAuto, &either}, {Method::kScan, &scan}, {Method::kWalk, &walk}};
+  progress.stats.Choose(options.verify ? "scan and walk" : MethodName(options.method), "");
   ExclusiveSizeMethod& method = options.verify ? both : *methods.at(options.method);
   return RunOnNewestState(filesystem, method, request, progress, note, result);
 }
 
+Status FindSizes(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+  const NoteSink note = NotesTo(channel);
+  ENGINE_TRY(RequireRoot());
+  MountedFilesystem filesystem;
+  Subjects subjects;
+  SizeResult result;
+  {
+    const PhaseTimer timer(progress.stats, "arguments");
+    ENGINE_TRY(subjects.Find(options, note, &filesystem));
+  }
+  const Status counted = Count(options, subjects, filesystem, progress, note, &result);
+  if (!counted.Ok()) return subjects.Explain(filesystem, counted);
+  progress.stats.sets = result.table.rows.size();
+  progress.stats.peakBytes = PeakBytes();
+  (void)SendResult(channel.Get(), result);
+  return Status();
+}
+
+Status Estimate(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+  ENGINE_TRY(RequireRoot());
+  MountedFilesystem filesystem;
+  ENGINE_TRY(filesystem.Open(options.byId ? options.directory : options.arguments[0]));
+  uint64_t bytes = 0;
+  StateLook look([&](CommittedTrees& trees) {
+    bytes = trees.ExtentTreeBytes();
+    return Status();
+  });
+  ENGINE_TRY(look.AtNewest(filesystem, progress, NotesTo(channel)));
+  (void)SendMessage(channel.Get(), {Message::kLine, TotalLine(bytes)});
+  (void)SendMessage(channel.Get(), {Message::kYes, ""});
+  return Status();
+}
+
+Status Check(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+  const bool works = CheckRun(options, progress, [&](const std::string& line) {
+    return SendMessage(channel.Get(), {Message::kLine, line});
+  });
+  (void)SendMessage(channel.Get(), {works ? Message::kYes : Message::kNo, ""});
+  return Status();
+}
+
+// Answers the question, the answer going to the channel.
+Status Work(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+  switch (options.question) {
+    case Question::kEstimate:
+      return Estimate(options, progress, channel);
+    case Question::kCheck:
+      return Check(options, progress, channel);
+    case Question::kSizes:
+      break;
+  }
+  return FindSizes(options, progress, channel);
+}
+
 // Work with every exception turned into a failure: memory can run out anywhere.
-Status WorkCaught(const Options& options, SizeProgress& progress, const NoteSink& note,
-                  SizeResult* result) {
+Status WorkCaught(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
   try {
-    return Work(options, progress, note, result);
+    return Work(options, progress, channel);
   } catch (const std::bad_alloc&) {
     return Status::Failed("out of memory");
   } catch (const std::exception& error) {
@@ -121,14 +155,9 @@ void RunWorker(const Options& options, SizeProgress& progress, UniqueFd channel,
   LeaveStandardStreams();
   ReadWhenIdle();
 
-  const NoteSink note = [&](const std::string& text) {
-    (void)SendMessage(channel.Get(), {Message::kNote, text});
-  };
-  SizeResult result;
-  const Status done = WorkCaught(options, progress, note, &result);
-  const bool sent = done.Ok() ? SendResult(channel.Get(), result)
-                              : SendMessage(channel.Get(), {Message::kFailure, done.Text()});
-  _exit(sent && done.Ok() ? 0 : 1);
+  const Status done = WorkCaught(options, progress, channel);
+  if (!done.Ok()) (void)SendMessage(channel.Get(), {Message::kFailure, done.Text()});
+  _exit(done.Ok() ? 0 : 1);
 }
 
 }  // namespace ZorvEngine

@@ -27,6 +27,12 @@ std::string DeviceSet::WhyMissing(uint64_t devid) const {
   return "cannot be used (" + found->second + ")";
 }
 
+std::vector<uint64_t> DeviceSet::Missing() const {
+  std::vector<uint64_t> numbers;
+  for (const auto& [devid, why] : missing_) numbers.push_back(devid);
+  return numbers;
+}
+
 Status DeviceSet::ReadNewestSuperblock(Superblock* out) const {
   bool found = false;
   Status firstFailure;

@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "engine/io/byte_source.h"
 #include "engine/ondisk/format.h"
@@ -36,6 +37,9 @@ class DeviceSet {
 
   // What is wrong with a device that Find does not give, to follow its number in a sentence.
   std::string WhyMissing(uint64_t devid) const;
+
+  // Numbers of the devices that have been added as missing.
+  std::vector<uint64_t> Missing() const;
 
   // Reads the newest superblock on any of the devices: one that was away for a while has an old
   // one, and so has a seed.  Fails when no device has any; the text is the first device's.

@@ -23,6 +23,9 @@ class MountedFilesystem : public StateSource {
   // The path of Open stands in the message.
   Status SubvolumeHere(uint64_t* id) const;
 
+  // A descriptor of the opened directory; the object's own.
+  int Directory() const { return fd_.Get(); }
+
   // Whether both are the same file system, however they were reached.
   bool SameAs(const MountedFilesystem& other) const;
 

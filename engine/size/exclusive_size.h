@@ -8,6 +8,7 @@
 
 #include "engine/io/committed_trees.h"
 #include "engine/io/read_meter.h"
+#include "engine/io/read_pipeline.h"
 #include "engine/ondisk/status.h"
 #include "engine/size/run_stats.h"
 #include "engine/size/size_table.h"
@@ -30,6 +31,7 @@ struct SizeRequest {
   size_t mostSetBytes = 0;
   // Memory for large arrays; beyond it they go to an unlinked file.
   size_t mostArrayBytes = 256u << 20;
+  ReadOptions reading = {};
 };
 
 // A way of counting.  Each gives the same numbers, at another cost.

@@ -32,7 +32,7 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
   if (!commitNote.empty()) note(commitNote);
   ENGINE_TRY(CheckFeatures(superblock));
 
-  BlockReader reader(source.Devices(), FormatOf(superblock), progress.meter);
+  BlockReader reader(source.Devices(), FormatOf(superblock), progress.meter, request.reading);
   for (int attempt = 1;; ++attempt) {
     SizeResult result;
     const Status done = Attempt(reader, superblock, method, request, progress, &result);

@@ -22,6 +22,8 @@ TEST(Lines, AreAsDocumented) {
   EXPECT_EQ("subvol(257) 4096 bytes\n", SubvolumeLine(257, 4096));
   EXPECT_EQ("ERROR: a?b\n", ErrorLine("a\nb"));
   EXPECT_EQ("NOTE: a?b\n", NoteLine("a\tb"));
+  EXPECT_EQ("problem: a?b\n", FindingLine("problem", "a\nb"));
+  EXPECT_EQ(size_t{PIPE_BUF}, FindingLine("note", std::string(2 * PIPE_BUF, 'x')).size());
 }
 
 TEST(LinesUnavailable, HasNoDigitsAndNoControlCharacters) {
@@ -91,6 +93,90 @@ TEST(LinesWriteLine, TakesBackALineThatAFullDiskHasCut) {
   EXPECT_EQ(ENOSPC, errno);
   EXPECT_EQ(filler, ZorvTest::ReadFile("/tmp/small/out"));
   (void)umount("/tmp/small");
+}
+
+TEST(LinesDocument, IsTakenBackFromAFileThatHasNoRoom) {
+  ASSERT_EQ(0, mkdir("/tmp/cramped", 0755));
+  ASSERT_EQ(0, mount("tmpfs", "/tmp/cramped", "tmpfs", 0, "size=8192"));
+  for (const int append : {0, O_APPEND}) {
+    SCOPED_TRACE(append);
+    ZorvTest::WriteFile("/tmp/cramped/out", "before");
+    const UniqueFd fd(open("/tmp/cramped/out", O_WRONLY | append));
+    if (append == 0) (void)lseek(fd.Get(), 6, SEEK_SET);
+    DocumentWriter out(fd.Get());
+    EXPECT_TRUE(out.Write(std::string(5000, 'x')));
+    EXPECT_FALSE(out.Write(std::string(5000, 'y')));
+    EXPECT_EQ(ENOSPC, errno);
+    EXPECT_EQ("before", ZorvTest::ReadFile("/tmp/cramped/out"));
+  }
+  (void)umount("/tmp/cramped");
+}
+
+TEST(LinesDocument, LeavesWhatOthersHaveAdded) {
+  ASSERT_EQ(0, mkdir("/tmp/shared", 0755));
+  ASSERT_EQ(0, mount("tmpfs", "/tmp/shared", "tmpfs", 0, "size=8192"));
+  const UniqueFd fd(open("/tmp/shared/out", O_WRONLY | O_CREAT | O_APPEND, 0644));
+  const UniqueFd other(open("/tmp/shared/out", O_WRONLY | O_APPEND));
+  DocumentWriter out(fd.Get());
+  EXPECT_TRUE(out.Write(std::string(5000, 'x')));
+  const std::string rest(8192 - 5000, 'o');
+  ASSERT_EQ(static_cast<ssize_t>(rest.size()), write(other.Get(), rest.data(), rest.size()));
+  EXPECT_FALSE(out.Write("y"));
+  EXPECT_EQ(std::string(5000, 'x') + rest, ZorvTest::ReadFile("/tmp/shared/out"));
+  (void)umount("/tmp/shared");
+}
+
+TEST(ChannelSendResult, SendsAnySize) {
+  SizeResult sent;
+  sent.table.redundancies = {{}};
+  for (uint32_t i = 0; i < 2000; ++i) {
+    sent.table.ids.push_back(256 + i);
+    sent.table.rows.push_back({{i}, true, {{i, 0}}});
+  }
+  // Every other subvolume: as many runs as members.
+  for (uint32_t row = 0; row < 200; ++row) {
+    sent.table.rows.push_back({{}, true, {{row, 1}}});
+    for (uint32_t i = row % 2; i < 2000; i += 2) sent.table.rows.back().members.push_back(i);
+  }
+  int ends[2];
+  ASSERT_EQ(0, pipe(ends));
+  UniqueFd read(ends[0]);
+  UniqueFd write(ends[1]);
+  const pid_t child = fork();
+  if (child == 0) _exit(SendResult(write.Get(), sent) ? 0 : 1);
+  write.Reset();
+  MessageReader reader;
+  std::string payload;
+  int parts = 0;
+  while (reader.Receive(read.Get()))
+    while (std::optional<Message> message = reader.Next()) {
+      EXPECT_LE(message->payload.size(), 1u << 20);
+      EXPECT_EQ(payload.size() < 1u << 20 ? Message::kResultPart : Message::kResult, message->kind);
+      payload += message->payload;
+      ++parts;
+    }
+  EXPECT_EQ(0, ZorvTest::WaitForExit(child));
+  EXPECT_EQ(2, parts);
+  SizeResult received;
+  ASSERT_TRUE(DecodeResult(payload, &received));
+  ASSERT_EQ(sent.table.rows.size(), received.table.rows.size());
+  for (size_t i = 0; i < sent.table.rows.size(); ++i)
+    EXPECT_EQ(sent.table.rows[i].members, received.table.rows[i].members);
+}
+
+// What a broken worker might send must not make the front take all memory.
+TEST(ChannelDecodeResult, RefusesMembersThatAreNotThere) {
+  SizeResult result;
+  result.table.ids = {257, 258};
+  result.table.redundancies = {{}};
+  result.table.rows = {{{0, 1}, true, {{1, 2}}}};
+  EXPECT_TRUE(DecodeResult(EncodeResult(result), &result));
+  for (const std::vector<uint32_t>& members :
+       {std::vector<uint32_t>{2}, {0, 1, 2}, {UINT32_MAX}, {1, UINT32_MAX}}) {
+    result.table.rows[0].members = members;
+    SizeResult out;
+    EXPECT_FALSE(DecodeResult(EncodeResult(result), &out));
+  }
 }
 
 TEST(ChannelMessages, ArriveWholeHoweverTheyAreCut) {

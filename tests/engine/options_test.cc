@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 using namespace ZorvEngine;
 using Words = std::vector<std::string>;
 
@@ -125,6 +127,67 @@ TEST(OptionsParse, ReadsHowTheTableIsSaid) {
   EXPECT_FALSE(options.json);
 }
 
+TEST(OptionsParse, ReadsOtherQuestions) {
+  const struct {
+    const char* name;
+    Words words;
+    Question question;
+  } kCases[] = {
+      {"nothing said", {"/a"}, Question::kSizes},
+      {"estimate", {"--estimate", "/a"}, Question::kEstimate},
+      {"estimate without an ID", {"--estimate", "-r", "/a"}, Question::kEstimate},
+      {"check", {"-r", "/a", "257", "--check"}, Question::kCheck},
+      {"check without an ID", {"--check", "-r", "/a"}, Question::kCheck},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Options options;
+    ASSERT_TRUE(ParseOptions(c.words, &options).Ok());
+    EXPECT_EQ(c.question, options.question);
+  }
+}
+
+TEST(OptionsParse, ReadsHowToRead) {
+  Options options;
+  ASSERT_TRUE(ParseOptions({"/a"}, &options).Ok());
+  EXPECT_TRUE(options.ring);
+  EXPECT_EQ(0u, options.threads);
+  EXPECT_FALSE(options.stats);
+  ASSERT_TRUE(ParseOptions({"--no-ring", "--threads=64", "--stats", "/a"}, &options).Ok());
+  EXPECT_FALSE(options.ring);
+  EXPECT_EQ(64u, options.threads);
+  EXPECT_TRUE(options.stats);
+}
+
+// The text is what users copy from.
+TEST(OptionsHelp, HasExamplesThatAreRead) {
+  std::istringstream text(kHelpText);
+  int examples = 0;
+  for (std::string line; std::getline(text, line);) {
+    if (line.rfind("  btrfs subvolume size ", 0) != 0) continue;
+    ++examples;
+    std::istringstream rest(line);
+    Words words;
+    for (std::string word; rest >> word;) words.push_back(word);
+    words.erase(words.begin());
+    ASSERT_TRUE(IsSizeCommand(words)) << line;
+    Options options;
+    EXPECT_EQ("", ParseOptions({words.begin() + 2, words.end()}, &options).Text()) << line;
+  }
+  EXPECT_GE(examples, 5);
+}
+
+TEST(OptionsHelp, NamesEveryOption) {
+  const std::string text = kHelpText;
+  for (const char* option :
+       {"-v ", "-p ", "-m ", "-r DIR", "-h, --help", "--version", "--forecast ID,ID,...",
+        "--table ", "--format json", "--estimate", "--check", "--stats", "--method M", "--verify",
+        "--table-memory MIB", "--memory MIB", "--threads N", "--no-ring"})
+    EXPECT_NE(std::string::npos, text.find(std::string("\n  ") + option)) << option;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 90u) << line;
+}
+
 TEST(OptionsParse, SaysWhatIsWrong) {
   const std::string see = "; see btrfs subvolume size --help";
   const struct {
@@ -166,6 +229,18 @@ TEST(OptionsParse, SaysWhatIsWrong) {
       {{"--memory", "1048577", "/a"}, "--memory is a number of MiB from 1 to 1048576" + see},
       {{"--memory", "64M", "/a"}, "--memory is a number of MiB from 1 to 1048576" + see},
       {{"--memory"}, "--memory is a number of MiB from 1 to 1048576" + see},
+      {{"--threads", "0", "/a"}, "--threads is a number from 1 to 64" + see},
+      {{"--threads=65", "/a"}, "--threads is a number from 1 to 64" + see},
+      {{"--estimate"}, "no subvolume is given" + see},
+      {{"--check"}, "no subvolume is given" + see},
+      {{"--check", "--estimate", "/a"},
+       "--estimate and --check are asked one after the other" + see},
+      {{"--check", "--table", "/a"},
+       "--estimate and --check go with neither --table, --forecast nor --format json" + see},
+      {{"--estimate", "--forecast=5", "-r", "/a"},
+       "--estimate and --check go with neither --table, --forecast nor --format json" + see},
+      {{"--estimate", "--format=json", "/a"},
+       "--estimate and --check go with neither --table, --forecast nor --format json" + see},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.words));

@@ -1,0 +1,206 @@
+// --check, --estimate and --stats on real file systems, and what is said of subvolumes that go
+// away.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+
+#include "tests/engine/history.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+bool HasLine(const EngineRun& run, const std::string& line) {
+  return std::find(run.lines.begin(), run.lines.end(), line) != run.lines.end();
+}
+
+// What a line of --stats says; empty when there is none.
+std::string StatOf(const EngineRun& run, const std::string& what) {
+  const std::string begin = "STATS: " + what + " ";
+  const size_t at = run.err.find(begin);
+  if (at == std::string::npos) return "";
+  return run.err.substr(at + begin.size(), run.err.find('\n', at) - at - begin.size());
+}
+
+class Check : public testing::Test {
+ protected:
+  Check() { MakeHistory(volume_, 100, 4); }
+  std::string Id(const std::string& name) const {
+    return std::to_string(SubvolumeID(volume_.Path(name)));
+  }
+
+  BtrfsVolume volume_{kMount, Options(256, {"-n", "4096"})};
+};
+
+using Estimate = Check;
+using Stats = Check;
+
+}  // namespace
+
+TEST_F(Check, SaysThatARunWouldWork) {
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--check", "-r", kMount},
+        {"--check", "-r", kMount, Id("snap1"), Id("live")},
+        {"--check", volume_.Path("snap1"), volume_.Path("live")}}) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    const EngineRun run = RunEngine(args);
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ("", run.err);
+    EXPECT_EQ("verdict: a run would work", run.lines.back());
+    EXPECT_TRUE(HasLine(run, "ok: every device is there"));
+    for (const std::string& line : run.lines) EXPECT_TRUE(line.rfind("problem", 0) != 0) << line;
+  }
+}
+
+TEST_F(Check, NamesEachProblem) {
+  const EngineRun run = RunEngine({"--check", "-r", kMount, "4000", Id("live"), "4001"});
+  EXPECT_EQ(1, run.status);
+  EXPECT_EQ("verdict: a run would fail, because of the problems above", run.lines.back());
+  for (const char* id : {"4000", "4001"})
+    EXPECT_TRUE(HasLine(run, std::string("problem: there is no subvolume ") + id +
+                                 " on the file system; see btrfs subvolume list"))
+        << run.out;
+  EXPECT_TRUE(HasLine(run, "ok: 1 of the subvolumes asked about are there")) << run.out;
+}
+
+TEST_F(Check, NamesWhatIsWrongWithAPath) {
+  std::filesystem::create_directory(volume_.Path("plain"));
+  const EngineRun plain = RunEngine({"--check", volume_.Path("plain")});
+  EXPECT_EQ(1, plain.status);
+  EXPECT_TRUE(
+      HasLine(plain, "problem: /volume1/plain is not a subvolume; give the root directory of one"));
+  const EngineRun elsewhere = RunEngine({"--check", "-r", "/tmp", "5"});
+  EXPECT_EQ(1, elsewhere.status);
+  EXPECT_TRUE(HasLine(elsewhere, "problem: /tmp is not on btrfs"));
+  EXPECT_EQ("verdict: a run would fail, because of the problem above", elsewhere.lines.back());
+}
+
+TEST_F(Check, SaysThatRootIsNeeded) {
+  std::filesystem::copy_file(ZORV_ENGINE_PATH, "/usr/local/engine",
+                             std::filesystem::copy_options::overwrite_existing);
+  const CommandResult result =
+      ZorvTest::Run({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                     "/usr/local/engine", "subvolume", "size", "--check", "-r", kMount});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ(
+      "problem: this needs root, because the device is read directly; try sudo\n"
+      "verdict: a run would fail, because of the problem above\n",
+      result.out);
+}
+
+// A check that works promises a run that works, and the other way round.
+TEST_F(Check, AgreesWithTheRun) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"-r", kMount, Id("live")},
+                                               {"-r", kMount, "4000"},
+                                               {"-r", kMount, "x"},
+                                               {volume_.Path("snap1"), "/nowhere"},
+                                               {volume_.Path("snap1"), volume_.Path("live")}}) {
+    SCOPED_TRACE(testing::PrintToString(args));
+    std::vector<std::string> check = args;
+    check.push_back("--check");
+    EXPECT_EQ(RunEngine(args).status, RunEngine(check).status);
+  }
+}
+
+TEST(CheckDevices, NamesAMissingOne) {
+  BtrfsVolume volume(kMount, {0, {"-m", "raid1", "-d", "raid1"}, "", {256, 256}});
+  volume.Subvolume("live");
+  volume.Unmount();
+  volume.RemoveDevice(1);
+  volume.SetMountOptions("degraded");
+  volume.Mount();
+  const EngineRun run = RunEngine({"--check", "-r", kMount, "5"});
+  EXPECT_EQ(0, run.status);
+  EXPECT_NE(std::string::npos, run.out.find("note: device 2 ")) << run.out;
+  EXPECT_FALSE(HasLine(run, "ok: every device is there"));
+}
+
+TEST_F(Estimate, IsTheExtentTree) {
+  for (const std::vector<std::string>& args : {std::vector<std::string>{"--estimate", "-r", kMount},
+                                               {"--estimate", volume_.Path("live")}}) {
+    const EngineRun run = RunEngine(args);
+    EXPECT_EQ(0, run.status) << run.err;
+    ASSERT_EQ(1u, run.lines.size());
+    unsigned long long bytes = 0;
+    ASSERT_EQ(1, sscanf(run.lines[0].c_str(), "total %llu bytes", &bytes));
+    MustRun({"sync", "-f", kMount});
+    const std::string tree =
+        MustRun({kStockBtrfs, "inspect-internal", "dump-tree", "-t", "extent", volume_.Device()});
+    const std::regex block("\n(leaf [0-9]+ items|node [0-9]+ level) ");
+    const auto blocks = std::distance(std::sregex_iterator(tree.begin(), tree.end(), block), {});
+    EXPECT_GT(blocks, 3);
+    EXPECT_EQ(4096u * static_cast<unsigned long long>(blocks), bytes);
+  }
+}
+
+TEST_F(Estimate, FailsAsARunDoes) {
+  ExpectFailure(RunEngine({"--estimate", "-r", "/tmp"}), "/tmp is not on btrfs",
+                "/tmp is not on btrfs");
+}
+
+TEST_F(Stats, GoToStandardErrorAndChangeNothingElse) {
+  const EngineRun plain = RunEngine({"-vm", volume_.Path("live"), volume_.Path("snap1")});
+  const EngineRun run = RunEngine({"--stats", "-vm", volume_.Path("live"), volume_.Path("snap1")});
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ(plain.sizes, run.sizes);
+  EXPECT_EQ(std::string::npos, run.out.find("STATS"));
+  EXPECT_EQ("scan", StatOf(run, "method"));
+  for (const char* counted : {"blocks", "bytes", "requests", "sets", "peak-memory"})
+    EXPECT_GT(strtoull(StatOf(run, counted).c_str(), nullptr, 10), 0u) << counted;
+  EXPECT_EQ("0", StatOf(run, "mirrors"));
+  EXPECT_NE("", StatOf(run, "phase arguments"));
+}
+
+TEST_F(Stats, SayTheWayOfCountingAndWhy) {
+  EXPECT_EQ("walk", StatOf(RunEngine({"--stats", "--method=walk", kMount}), "method"));
+  EXPECT_EQ("scan and walk", StatOf(RunEngine({"--stats", "--verify", kMount}), "method"));
+  const std::string chosen = StatOf(RunEngine({"--stats", "--method=auto", kMount}), "method");
+  EXPECT_TRUE(chosen.rfind("scan (", 0) == 0 || chosen.rfind("walk (", 0) == 0) << chosen;
+}
+
+// Enough blocks that more than one is in flight.
+TEST_F(Stats, SayHowWasRead) {
+  WriteFiles("live", 1000, 2000, 7);
+  const std::string live = volume_.Path("live");
+  const EngineRun ring = RunEngine({"--stats", "-vm", live});
+  const EngineRun threads = RunEngine({"--stats", "--no-ring", "--threads", "1", "-vm", live});
+  EXPECT_EQ("threads", StatOf(threads, "reading"));
+  EXPECT_NE("one by one", StatOf(ring, "reading"));
+  EXPECT_EQ(ring.sizes, threads.sizes);
+}
+
+TEST_F(Stats, AreSilentOnFailure) {
+  const EngineRun run = RunEngine({"--stats", "-r", kMount, "4000"});
+  EXPECT_EQ(std::string::npos, run.err.find("STATS"));
+}
+
+// The worker has seen the subvolume and is stopped before it reads; then the subvolume goes.  Where
+// a run is stopped cannot be told beforehand, so there are many of them.
+TEST(DeletedMeanwhile, IsNamedWithItsPath) {
+  BtrfsVolume volume(kMount, Options());
+  volume.Subvolume("live");
+  std::filesystem::create_directory(volume.Path("kept"));
+  bool byId = false, byPath = false;
+  for (unsigned round = 0; round < 300 && !(byId && byPath); ++round) {
+    const std::string name = "kept/snap" + std::to_string(round);
+    const std::string path = volume.Snapshot("live", name);
+    const std::string id = std::to_string(SubvolumeID(path));
+    const bool useId = !byId;
+    EngineProcess engine(useId ? std::vector<std::string>{"-vm", "-r", kMount, id}
+                               : std::vector<std::string>{"-vm", path});
+    const bool stopped = engine.StopWorker(round % 30 * 100);
+    volume.DeleteSubvolume(name);
+    MustRun({"sync", "-f", kMount});
+    if (stopped) engine.ContinueWorker();
+    const EngineRun run = engine.Finish();
+    const std::string shown = useId ? name : path;
+    const std::string named =
+        "ERROR: subvolume " + id + " (" + shown + ") was deleted meanwhile; ask again without it (";
+    if (run.err.rfind(named, 0) == 0) (useId ? byId : byPath) = true;
+    EXPECT_EQ(run.status != 0, run.err.find("ERROR: ") != std::string::npos) << run.err;
+  }
+  EXPECT_TRUE(byId);
+  EXPECT_TRUE(byPath);
+}
