@@ -89,16 +89,6 @@ Status BlockReader::ReadMany(const std::vector<BlockPointer>& pointers, const Vi
   return SweepInto(pointers, keepAndVisit, [](size_t, Status why) { return why; });
 }
 
-Status BlockReader::ReadAll(const std::vector<BlockPointer>& pointers,
-                            std::vector<TreeBlockPtr>* out) {
-  out->assign(pointers.size(), nullptr);
-  const SweepVisitor copy = [&](size_t index, const TreeBlockView& block) {
-    (*out)[index] = CopyOf(block);
-    return Status();
-  };
-  return SweepInto(pointers, copy, [](size_t, Status why) { return why; });
-}
-
 // Neighbours on a device need not be neighbours in the file system: a striped chunk deals its
 // pieces to several devices, and on each they lie side by side.
 Status BlockReader::SweepInto(const std::vector<BlockPointer>& pointers, const SweepVisitor& visit,

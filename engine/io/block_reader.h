@@ -97,10 +97,6 @@ class BlockReader {
   using Visitor = std::function<Status(const TreeBlockView&)>;
   Status ReadMany(const std::vector<BlockPointer>& pointers, const Visitor& visit);
 
-  // Reads all blocks as ReadMany does, and gives them in the order of `pointers`.  They do not stay
-  // in the cache: who reads so many has no use for them twice.
-  Status ReadAll(const std::vector<BlockPointer>& pointers, std::vector<TreeBlockPtr>* out);
-
  private:
   // Takes a block that could not be had; its failure ends the sweep.  From several threads at once.
   using BadSink = std::function<Status(size_t index, Status why)>;

@@ -61,6 +61,9 @@ using BlockReaderReadMany = BlockReaderTest;
 
 const Bytes kData(4, 'x');
 
+// Takes a block for nothing.
+const BlockReader::Visitor kIgnore = [](const TreeBlockView&) { return Status(); };
+
 }  // namespace
 
 TEST_F(BlockReaderRead, GivesAVerifiedBlock) {
@@ -285,10 +288,15 @@ TEST_F(BlockReaderDevices, ReadsStripedNeighboursOnEachDeviceTogether) {
     Put(bytenr);
     pointers.push_back({bytenr, kGeneration, 0, {}});
   }
-  std::vector<TreeBlockPtr> blocks;
-  ASSERT_EQ("", reader_.ReadAll(pointers, &blocks).Text());
-  for (size_t i = 0; i < pointers.size(); ++i)
-    EXPECT_EQ(pointers[i].bytenr, blocks[i]->view->Header().bytenr.Get());
+  std::vector<uint64_t> visited;
+  const auto note = [&](const TreeBlockView& block) {
+    visited.push_back(block.Header().bytenr.Get());
+    return Status();
+  };
+  ASSERT_EQ("", reader_.ReadMany(pointers, note).Text());
+  std::sort(visited.begin(), visited.end());
+  ASSERT_EQ(pointers.size(), visited.size());
+  for (size_t i = 0; i < pointers.size(); ++i) EXPECT_EQ(pointers[i].bytenr, visited[i]);
   for (const MemoryDevice* memory : memory_)
     EXPECT_EQ(6 * 65536 / kFlashShape.mostBytes, static_cast<size_t>(memory->Reads()));
   EXPECT_EQ(18u * 65536, meter_.processed);
@@ -304,8 +312,7 @@ TEST_F(BlockReaderDevices, UsesTheMirrorOfAMissingDevice) {
   devices_.AddMissing(1, "");
   EXPECT_EQ("", Read(kMiB).Text());
   EXPECT_EQ(1, memory_[1]->Reads());
-  std::vector<TreeBlockPtr> blocks;
-  EXPECT_EQ("", reader_.ReadAll(pointers, &blocks).Text());
+  EXPECT_EQ("", reader_.ReadMany(pointers, kIgnore).Text());
   EXPECT_EQ(2, memory_[1]->Reads());  // in one request there, too
   EXPECT_EQ(0, memory_[2]->Reads());
 }
@@ -333,9 +340,8 @@ TEST_F(BlockReaderDevices, NamesTheMissingDevice) {
     BlockReader reader(devices, Format(), meter_);
     reader.UseChunks(chunks_);
     TreeBlockPtr block;
-    std::vector<TreeBlockPtr> blocks;
     const BlockPointer pointer = {c.bytenr, kGeneration, 0, {}};
-    for (const Status& read : {reader.Read(pointer, &block), reader.ReadAll({pointer}, &blocks)}) {
+    for (const Status& read : {reader.Read(pointer, &block), reader.ReadMany({pointer}, kIgnore)}) {
       EXPECT_EQ(Status::kFailed, read.GetKind());
       EXPECT_EQ("device " + std::to_string(c.named) + " is missing and tree block " +
                     std::to_string(c.bytenr) +
