@@ -15,10 +15,22 @@ BlockFormat FormatOf(const Superblock& superblock) {
 Status Attempt(BlockReader& reader, const Superblock& superblock, ExclusiveSizeMethod& method,
                const SizeRequest& request, SizeProgress& progress, SizeResult* out) {
   CommittedTrees trees(reader);
-  ENGINE_TRY(trees.Load(superblock));
+  {
+    const PhaseTimer timer(progress.stats, "roots");
+    ENGINE_TRY(trees.Load(superblock));
+  }
   out->generation = trees.Generation();
   ENGINE_TRY(method.Run(trees, request, progress, &out->table));
   return trees.FindDeletion(&out->deletionGoesOn);
+}
+
+Status Commit(StateSource& source, SizeProgress& progress, const NoteSink& note,
+              Superblock* superblock) {
+  const PhaseTimer timer(progress.stats, "commit");
+  std::string why;
+  ENGINE_TRY(source.CommitAndReadSuperblock(superblock, &why));
+  if (!why.empty()) note(why);
+  return Status();
 }
 
 }  // namespace
@@ -27,9 +39,7 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
                         const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
                         SizeResult* out) {
   Superblock superblock;
-  std::string commitNote;
-  ENGINE_TRY(source.CommitAndReadSuperblock(&superblock, &commitNote));
-  if (!commitNote.empty()) note(commitNote);
+  ENGINE_TRY(Commit(source, progress, note, &superblock));
   ENGINE_TRY(CheckFeatures(superblock));
 
   BlockReader reader(source.Devices(), FormatOf(superblock), progress.meter, request.reading);

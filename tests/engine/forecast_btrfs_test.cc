@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <algorithm>
+
 #include "tests/engine/forecast_run.h"
 #include "tests/engine/history.h"
 
@@ -122,6 +124,37 @@ TEST_F(Forecast, SaysTheSameAsJson) {
     EXPECT_EQ(steps[i].soFarMetadata, step["so_far"]["metadata"].asUInt64());
     EXPECT_EQ(2 * steps[i].metadata, step["profiles"]["dup"]["raw_metadata"].asUInt64());
   }
+}
+
+// What comes free when some go is the sum over the sets that have no other member.
+TEST_F(Forecast, IsTheSumOverTheSetsOfTheTable) {
+  const Ids ids = IdsOf({"snap1", "snap2", "snap4", "snap5", "written"});
+  std::vector<std::string> args = {"--table", "--format=json", "-r", kMount};
+  for (const unsigned long long id : ids) args.push_back(std::to_string(id));
+  const Json::Value document = ParseJson(RunEngine(args).out);
+  bool together = false;
+  for (unsigned plan = 1; plan < 1u << ids.size(); plan += 3) {
+    SCOPED_TRACE(plan);
+    Ids order;
+    for (size_t i = ids.size(); i-- > 0;)
+      if ((plan >> i & 1) != 0) order.push_back(ids[i]);
+    unsigned long long data = 0, metadata = 0;
+    for (const Json::Value& set : document["sets"]) {
+      const bool within = std::all_of(
+          set["subvolumes"].begin(), set["subvolumes"].end(), [&](const Json::Value& id) {
+            return std::find(order.begin(), order.end(), id.asUInt64()) != order.end();
+          });
+      if (!within) continue;
+      data += set["data"].asUInt64();
+      metadata += set["metadata"].asUInt64();
+      together |= set["subvolumes"].size() > 1 && set["data"].asUInt64() > 0;
+    }
+    const std::vector<Step> steps = StepsOf(RunEngine({"--forecast", Joined(order), "-r", kMount}));
+    ASSERT_EQ(order.size(), steps.size());
+    EXPECT_EQ(data, steps.back().soFarData);
+    EXPECT_EQ(metadata, steps.back().soFarMetadata);
+  }
+  EXPECT_TRUE(together) << "no set of several holds data: this file system shows nothing";
 }
 
 TEST_F(Forecast, RefusesAsForArguments) {
