@@ -496,7 +496,7 @@ MUTATIONS = [
     Mutation("sets-are-not-compared", "engine/size/cross_check.cc",
              "  return equal ? Status() : Disagree", "  return true ? Status() : Disagree",
              "CrossCheckTables.*"),
-    Mutation("an-id-given-twice-counts-twice", "engine/worker.cc",
+    Mutation("an-id-given-twice-counts-twice", "engine/subjects.cc",
              "    if (seen.insert(id).second)\n", "    if (seen.insert(id).second || true)\n",
              "Front.CountsAnIdGivenTwiceOnce"),
     Mutation("a-killed-worker-is-silent", "engine/front.cc",
