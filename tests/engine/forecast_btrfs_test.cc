@@ -149,7 +149,8 @@ TEST_F(Forecast, IsTheSumOverTheSetsOfTheTable) {
       metadata += set["metadata"].asUInt64();
       together |= set["subvolumes"].size() > 1 && set["data"].asUInt64() > 0;
     }
-    const std::vector<Step> steps = StepsOf(RunEngine({"--forecast", Joined(order), "-r", kMount}));
+    const std::vector<ForecastStep> steps =
+        StepsOf(RunEngine({"--forecast", Joined(order), "-r", kMount}));
     ASSERT_EQ(order.size(), steps.size());
     EXPECT_EQ(data, steps.back().soFarData);
     EXPECT_EQ(metadata, steps.back().soFarMetadata);
