@@ -2,6 +2,7 @@
 import dataclasses
 import os
 
+import aims
 import engine
 import peers
 from commands import CommandFailed, TimedOut, timed
@@ -114,7 +115,7 @@ class Rounds:
         for number in range(self.bench.rounds):
             self.fast_round()
             if number < quota_rounds and not self.given_up:
-                self.quota_round(self.bench.limit_quota)
+                self.quota_round(self.bench.limit_long)
             self.say_round(number)
 
         if self.kernel is not None:
@@ -138,13 +139,17 @@ class Rounds:
             return engine.numbers(timed(self.bench.programs, *engine.command(
                 self.bench.programs, self.bench.mount, self.ids, metadata=False)).out)
 
+    def limit_of(self, peer):
+        needed = peer == aims.DU and self.letter in aims.DU_AIMS
+        return self.bench.limit_long if needed else self.bench.limit
+
     def peer_answer(self, peer, data):
         """Asks a slow peer for some rounds; one that is given up is not asked again."""
         values, answer, why = [], None, ""
         for _ in range(self.bench.rounds_slow):
             with self.cold():
                 answer, why = peers.ask(peer, self.bench.programs, self.bench.mount, self.facts,
-                                        self.bench.limit)
+                                        self.limit_of(peer))
             if answer is None:
                 break
             values.append(answer[0].seconds)
