@@ -87,6 +87,8 @@ def mounted(image, mount):
     """The file system of an image, mounted at `mount`; gives the device."""
     os.makedirs(mount, exist_ok=True)
     device = Attached(image)
+    # A virtual disk says that it rotates, whatever lies below it, and loop devices repeat that.
+    device.setting("rotational", 0)
     try:
         # No access times: reading would write, and own numbers would change from peer to peer.
         run("mount", "-t", "btrfs", "-o", "noatime", device.device, mount)
