@@ -258,6 +258,11 @@ std::string BlockReader::CheckHeader(const BlockPointer& pointer, const Device& 
   return "";
 }
 
+bool BlockReader::Has(const BlockPointer& pointer) const {
+  const auto found = byPlace_.find(pointer.bytenr);
+  return found != byPlace_.end() && IsMeant(pointer, *(*found->second)->view);
+}
+
 TreeBlockPtr BlockReader::FindCached(const BlockPointer& pointer) {
   const auto found = byPlace_.find(pointer.bytenr);
   if (found == byPlace_.end() || !IsMeant(pointer, *(*found->second)->view)) return nullptr;

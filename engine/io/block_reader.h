@@ -77,6 +77,12 @@ class BlockReader {
 
   uint32_t NodeSize() const { return format_.nodeSize; }
 
+  // Whether one of the devices rotates: single blocks then cost much more than neighbours.
+  bool Rotates() const { return devices_.Rotates(); }
+
+  // Whether a block is in the cache and need not be read.
+  bool Has(const BlockPointer& pointer) const;
+
   // Reads one block; `out` is written on success only.
   Status Read(const BlockPointer& pointer, TreeBlockPtr* out);
 

@@ -1,5 +1,6 @@
 #include "engine/io/device_set.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "engine/io/superblock.h"
@@ -31,6 +32,11 @@ std::vector<uint64_t> DeviceSet::Missing() const {
   std::vector<uint64_t> numbers;
   for (const auto& [devid, why] : missing_) numbers.push_back(devid);
   return numbers;
+}
+
+bool DeviceSet::Rotates() const {
+  return std::ranges::any_of(devices_,
+                             [](const auto& entry) { return entry.second.source->Rotates(); });
 }
 
 Status DeviceSet::ReadNewestSuperblock(Superblock* out) const {

@@ -41,6 +41,9 @@ class DeviceSet {
   // Numbers of the devices that have been added as missing.
   std::vector<uint64_t> Missing() const;
 
+  // Whether one of the devices rotates.
+  bool Rotates() const;
+
   // Reads the newest superblock on any of the devices: one that was away for a while has an old
   // one, and so has a seed.  Fails when no device has any; the text is the first device's.
   Status ReadNewestSuperblock(Superblock* out) const;

@@ -19,7 +19,8 @@ Status AutoMethod::Run(CommittedTrees& trees, const SizeRequest& request, SizePr
 Status AutoMethod::TryWalk(CommittedTrees& trees, const SizeRequest& request,
                            SizeProgress& progress, SizeTable* out) {
   const uint64_t extentBlocks = trees.ExtentTreeBytes() / trees.Reader().NodeSize();
-  const uint64_t allowed = extentBlocks / kScannedPerWalked;
+  const uint64_t allowed =
+      extentBlocks / (trees.Reader().Rotates() ? kScannedPerWalkedOnRotating : kScannedPerWalked);
   const std::string limit = std::to_string(allowed) + " blocks, " + std::to_string(extentBlocks) +
                             " being those of the extent tree";
   walk_.LimitTo(allowed);

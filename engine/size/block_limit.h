@@ -2,20 +2,26 @@
 #ifndef ENGINE_SIZE_BLOCK_LIMIT_H_
 #define ENGINE_SIZE_BLOCK_LIMIT_H_
 
+#include <algorithm>
 #include <cstdint>
+#include <string>
+#include <vector>
 
+#include "engine/io/block_reader.h"
 #include "engine/ondisk/status.h"
 
 namespace ZorvEngine {
 
-// Counts blocks before they are read.
+// Counts blocks before they are read; those that the cache has cost nothing.
 class BlockLimit {
  public:
   explicit BlockLimit(uint64_t most) : most_(most) {}
 
-  // Counts `blocks` that are to be read next.  Status::kOverLimit, and nothing counted, when they
-  // would pass the limit.
-  Status Take(uint64_t blocks) {
+  // Counts what of `pointers` is to be read next.  Status::kOverLimit, and nothing counted, when
+  // that would pass the limit.
+  Status Take(const BlockReader& reader, const std::vector<BlockPointer>& pointers) {
+    const auto blocks = static_cast<uint64_t>(std::ranges::count_if(
+        pointers, [&](const BlockPointer& pointer) { return !reader.Has(pointer); }));
     if (blocks > most_ - taken_)
       return Status::OverLimit("more than " + std::to_string(most_) +
                                " tree blocks are to be read");

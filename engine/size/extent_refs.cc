@@ -127,13 +127,13 @@ Status ExtentRefs::AddPathsBelow(const TreeBlockView& node, const Path& path,
 
 // Reads the blocks and gives each to `visit` with its path.
 Status ExtentRefs::ReadPaths(std::vector<Path> paths, const PathVisitor& visit) {
-  ENGINE_TRY(limit_.Take(paths.size()));
   const auto bytenrOf = [](const Path& path) { return path.pointer.bytenr; };
   std::ranges::sort(paths, {}, bytenrOf);
   std::vector<BlockPointer> pointers;
   pointers.reserve(paths.size());
   for (const Path& path : paths) pointers.push_back(path.pointer);
 
+  ENGINE_TRY(limit_.Take(reader_, pointers));
   return reader_.ReadMany(pointers, [&](const TreeBlockView& block) {
     // More than one only in a damaged tree.
     for (const Path& path :

@@ -90,11 +90,11 @@ class Walk {
   // Reads the blocks of a level, and takes what they refer to.
   Status ReadReached(int level) {
     const std::vector<BlockReference> blocks = std::move(levels_[level]);
-    ENGINE_TRY(limit_.Take(blocks.size()));
     std::vector<BlockPointer> pointers;
     pointers.reserve(blocks.size());
     for (const BlockReference& block : blocks) pointers.push_back(block.pointer);
 
+    ENGINE_TRY(limit_.Take(trees_.Reader(), pointers));
     return trees_.Reader().ReadMany(pointers, [&](const TreeBlockView& block) {
       const HolderId holder =
           std::ranges::lower_bound(blocks, block.Header().bytenr.Get(), {}, &BlockReference::Bytenr)

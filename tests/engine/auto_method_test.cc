@@ -103,6 +103,13 @@ TEST_F(AutoMethodRun, ScansWhenTheWalkIsTooLarge) {
             progress_.stats.why);
 }
 
+TEST_F(AutoMethodRun, WalksLessWhereAHeadMustMove) {
+  mini_.Memory().Rotate();
+  SayExtentTreeHas(kWalked * AutoMethod::kScannedPerWalkedOnRotating - 1);
+  ASSERT_TRUE(Run(mini_, {MiniFilesystem::kSubvolumeId}).Ok());
+  EXPECT_EQ(1, scan_.turns);
+}
+
 TEST_F(AutoMethodRun, ScansWhenTheRootItemSaysNothingOfTheSize) {
   SayExtentTreeHas(0);
   ASSERT_TRUE(Run(mini_, {MiniFilesystem::kSubvolumeId}).Ok());
