@@ -16,8 +16,8 @@ class AutoMethod : public ExclusiveSizeMethod {
   // two to three scanned ones, and giving a walk up is not to cost more than a tenth of the scan.
   static constexpr uint64_t kScannedPerWalked = 20;
 
-  // The same where a head must get to each place: there the scan reads many blocks at a time, the
-  // walk few.
+  // The same where devices say that a head must get to each place: there the scan reads many blocks
+  // at a time, the walk few.
   static constexpr uint64_t kScannedPerWalkedOnRotating = 80;
 
   // How often the walk may meet a reused block.  It begins again then; the scan can repair.

@@ -104,7 +104,7 @@ TEST_F(AutoMethodRun, ScansWhenTheWalkIsTooLarge) {
 }
 
 TEST_F(AutoMethodRun, WalksLessWhereAHeadMustMove) {
-  mini_.Memory().Rotate();
+  mini_.Memory().Rotate(std::chrono::milliseconds(0));
   SayExtentTreeHas(kWalked * AutoMethod::kScannedPerWalkedOnRotating - 1);
   ASSERT_TRUE(Run(mini_, {MiniFilesystem::kSubvolumeId}).Ok());
   EXPECT_EQ(1, scan_.turns);
