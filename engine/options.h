@@ -41,7 +41,7 @@ struct Options {
   bool countMetadata = false;  // -m
   bool byId = false;           // -r
   std::string directory;       // of -r
-  Method method = Method::kScan;
+  Method method = Method::kAuto;
   bool verify = false;             // count in both ways and compare
   std::vector<uint64_t> forecast;  // the plan: subvolumes in the order of their deletion
   bool table = false;              // each set of subvolumes

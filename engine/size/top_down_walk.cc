@@ -35,6 +35,7 @@ class Walk {
   Walk(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress, BlockLimit& limit)
       : trees_(trees),
         request_(request),
+        stats_(progress.stats),
         limit_(limit),
         refs_(trees.Reader(), trees.ExtentRoot(), limit),
         sums_(request, trees, progress),
@@ -42,10 +43,7 @@ class Walk {
 
   Status Run(SizeTable* out) {
     ENGINE_TRY(FindRoots());
-    for (int level = kMaxLevel; level >= 0; --level) {
-      ENGINE_TRY(KeepReached(static_cast<uint8_t>(level)));
-      ENGINE_TRY(ReadReached(level));
-    }
+    ENGINE_TRY(CountBlocks());
     ENGINE_TRY(CountData());
     *out = sums_.Table();
     return Status();
@@ -65,6 +63,15 @@ class Walk {
             "a balance is removing what it has moved, which this way of counting cannot follow; "
             "try again in a moment, or with --method scan");
       levels_[tree.root.level].push_back({tree.root, HolderSets::kNobody});
+    }
+    return Status();
+  }
+
+  Status CountBlocks() {
+    const PhaseTimer timer(stats_, "walking down");
+    for (int level = kMaxLevel; level >= 0; --level) {
+      ENGINE_TRY(KeepReached(static_cast<uint8_t>(level)));
+      ENGINE_TRY(ReadReached(level));
     }
     return Status();
   }
@@ -115,6 +122,7 @@ class Walk {
   }
 
   Status CountData() {
+    const PhaseTimer timer(stats_, "data of what was walked");
     return VisitReached(
         data_,
         [&](const std::vector<uint64_t>& places, std::vector<ExtentEntry>* entries) {
@@ -174,6 +182,7 @@ class Walk {
 
   CommittedTrees& trees_;
   const SizeRequest& request_;
+  RunStats& stats_;
   BlockLimit& limit_;
   ExtentRefs refs_;
   SetSums sums_;

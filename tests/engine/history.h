@@ -54,6 +54,7 @@ inline void ExpectKernelNumbers(BtrfsVolume& volume, size_t atLeast) {
   for (const auto& [id, bytes] : kernel) ids.push_back(id);
   EXPECT_EQ(kernel, EngineSizes("-vm --method scan", kMount, ids));
   EXPECT_EQ(kernel, EngineSizes("-vpm --method=walk", kMount, ids));
+  EXPECT_EQ(kernel, EngineSizes("-vm --verify --table", kMount, ids));
   for (const auto& [id, bytes] : kernel)
     EXPECT_EQ((Sizes{{id, bytes}}), EngineSizes("-vm --verify", kMount, {id}));
 }

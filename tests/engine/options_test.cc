@@ -83,12 +83,12 @@ TEST(OptionsParse, ReadsTheWayOfCounting) {
     Method method;
     bool verify;
   } kCases[] = {
-      {"nothing said", {"/a"}, Method::kScan, false},
+      {"nothing said", {"/a"}, Method::kAuto, false},
       {"next word", {"--method", "walk", "/a"}, Method::kWalk, false},
       {"same word", {"/a", "--method=walk"}, Method::kWalk, false},
       {"cheaper way", {"--method", "auto", "/a"}, Method::kAuto, false},
       {"last one counts", {"--method=walk", "--method=scan", "/a"}, Method::kScan, false},
-      {"verify", {"--verify", "/a"}, Method::kScan, true},
+      {"verify", {"--verify", "/a"}, Method::kAuto, true},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
