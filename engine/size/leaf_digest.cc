@@ -211,7 +211,7 @@ Status ExtentJoiner::Continue(const ExtentDigest& more) {
   open_.outside = open_.outside || more.outside;
   open_.asked = open_.asked || more.asked;
   openParents_.insert(openParents_.end(), more.parents.begin(), more.parents.end());
-  return Status();
+  return open_.found == open_.refs ? Finish() : Status();
 }
 
 Status ExtentJoiner::Finish() {

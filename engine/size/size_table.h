@@ -34,7 +34,8 @@ struct ExclusiveSize {
 struct SetRow {
   // Positions in SizeTable::ids, rising.  Of a set that is known in part: its last member alone.
   std::vector<uint32_t> members;
-  // False: there are other members, all before the last one.  Such a row sums up several sets.
+  // False: there are other members, all before the last one.  Such a row sums up several sets, and
+  // may have bytes of a set of several members that has a row of its own.
   bool complete = true;
   std::vector<HeldBytes> bytes;  // one for each of SizeTable::redundancies
 };
