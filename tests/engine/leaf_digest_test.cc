@@ -35,7 +35,7 @@ Item Data(uint64_t bytenr, uint64_t refs, const Bytes& inlined = {}) {
 }
 
 Item TreeItem(uint64_t bytenr, uint64_t refs, const Bytes& inlined, uint64_t flags = 0,
-               uint8_t level = 0) {
+              uint8_t level = 0) {
   return {{bytenr, kMetadataItemType, level},
           MiniFilesystem::ExtentBytes(refs, kExtentIsTreeBlock | flags) + inlined};
 }

@@ -1,0 +1,99 @@
+// The scan on file systems that change while it reads: commits come between its reads and reuse
+// what they have freed.
+#include <gtest/gtest.h>
+
+#include "tests/engine/graph_run.h"
+
+using namespace ZorvEngine;
+using namespace ZorvTest;
+
+namespace {
+
+// Notes how many bytes each run takes.
+class CountedScan : public ExclusiveSizeMethod {
+ public:
+  Status Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
+             SizeTable* out) override {
+    const uint64_t before = progress.meter.counters.blocksVerified;
+    const Status done = scan_.Run(trees, request, progress, out);
+    blocks.push_back(progress.meter.counters.blocksVerified - before);
+    return done;
+  }
+
+  std::vector<uint64_t> blocks;
+
+ private:
+  ExtentTreeScan scan_;
+};
+
+// A file system that changes at random, but for the subvolumes that are asked about being there.
+struct BusyGraph : RandomGraph {
+  BusyGraph(unsigned seed, int every, int mostCommits) : RandomGraph(seed, 10, 80) {
+    const std::set<uint64_t> kept(ids.begin(), ids.end());
+    filesystem.Device().CallEvery(every, [this, kept, mostCommits] {
+      if (commits == mostCommits) return;
+      ++commits;
+      filesystem.Change(&random, 1 + static_cast<int>(random() % 4), 12, kept);
+      filesystem.Commit();
+    });
+  }
+
+  int commits = 0;
+};
+
+}  // namespace
+
+TEST(GraphRepair, EndsWithTheNumbersOfTheGenerationThatItNames) {
+  size_t repaired = 0;
+  size_t passes = 0;
+  for (unsigned seed = 1; seed <= 400; ++seed) {
+    SCOPED_TRACE(seed);
+    BusyGraph graph(seed, 2 + static_cast<int>(seed % 7), 2 + static_cast<int>(seed % 11));
+    CountedScan scan;
+    SizeResult result;
+    SizeProgress progress;
+    const Status done = RunOn(graph.filesystem, scan, Ask(graph.ids), &result, &progress);
+    ASSERT_TRUE(done.Ok()) << done.Text();
+    ASSERT_EQ(ExpectedRows(graph.filesystem.HoldersAt(result.generation), graph.ids),
+              PlainRows(result.table));
+    EXPECT_EQ(progress.meter.total, progress.meter.processed);
+    passes += scan.blocks.size();
+    repaired += scan.blocks.size() > 1 ? 1 : 0;
+  }
+  EXPECT_GT(repaired, 100u);
+  EXPECT_GT(passes, 600u);
+}
+
+// Outside holders that go make leaves reached whose extents' items nobody has touched.
+TEST(GraphRepair, SeesWhatIsReachedOnlyWhenAnOutsideHolderHasGone) {
+  size_t repaired = 0;
+  for (unsigned seed = 1; seed <= 150; ++seed) {
+    SCOPED_TRACE(seed);
+    RandomGraph graph(seed, 6, 40);
+    GraphTrees& trees = graph.filesystem.Trees();
+    graph.ids = {trees.Subvolumes()[0]};
+    if (trees.IsRelocated(graph.ids[0])) continue;
+    std::vector<uint64_t> others;
+    for (int i = 0; i < 3; ++i) {
+      others.push_back(trees.Snapshot(graph.ids[0]));
+      trees.Write(graph.ids[0]);
+    }
+    graph.filesystem.Commit();
+    graph.filesystem.Device().CallEvery(3 + static_cast<int>(seed % 9), [&] {
+      if (!others.empty()) {
+        trees.Delete(others.back());
+        others.pop_back();
+      }
+      trees.Write(trees.Subvolumes().back());
+      if (graph.filesystem.LastGeneration() < 160) graph.filesystem.Commit();
+    });
+    CountedScan scan;
+    SizeResult result;
+    const Status done = RunOn(graph.filesystem, scan, Ask(graph.ids), &result);
+    ASSERT_TRUE(done.Ok()) << done.Text();
+    ASSERT_EQ(ExpectedRows(graph.filesystem.HoldersAt(result.generation), graph.ids),
+              PlainRows(result.table));
+    repaired += scan.blocks.size() > 1 ? 1 : 0;
+  }
+  EXPECT_GT(repaired, 30u);
+}
