@@ -191,11 +191,14 @@ Status BlockReader::TakeRead(const SweepJob& job, const PlannedRead& read, uint8
 Status BlockReader::TakeBlock(const SweepJob& job, const WantedBlock& block, uint8_t* bytes,
                               const Status& done) {
   const BlockPointer& pointer = job.pointers[block.index];
+  const Device& device = *devices_.Find(block.place.devid);
   std::optional<TreeBlockView> view;
-  if (done.Ok() && Verify(pointer, *devices_.Find(block.place.devid), bytes, &view).empty()) {
+  std::string wrong = done.Ok() ? Verify(pointer, device, bytes, &view) : done.Text();
+  if (wrong.empty()) {
     if (block.mirror) ++meter_.counters.mirrorsUsed;
   } else {
-    Status why = ReadCopies(pointer, bytes, &view);
+    const bool reused = done.Ok() && IsReused(pointer, device, bytes);
+    Status why = reused ? Bad(pointer, wrong) : ReadCopies(pointer, bytes, &view);
     if (why.GetKind() == Status::kBadBlock) return job.onBad(block.index, std::move(why));
     ENGINE_TRY(why);
   }
@@ -214,11 +217,22 @@ Status BlockReader::ReadCopies(const BlockPointer& pointer, uint8_t* bytes,
     meter_.counters.CountRequest(format_.nodeSize);
     const Status read = device->source->ReadAt(place.offset, bytes, format_.nodeSize);
     why = read.Ok() ? Verify(pointer, *device, bytes, out) : read.Text();
+    if (!why.empty() && read.Ok() && IsReused(pointer, *device, bytes)) break;
     if (!why.empty()) continue;
     if (&place != places.begin()) ++meter_.counters.mirrorsUsed;
     return Status();
   }
   return why.empty() ? NoCopyIsThere(pointer, places) : Bad(pointer, why);
+}
+
+// Whether a later commit than that of the state has put a block of the same file system there.
+bool BlockReader::IsReused(const BlockPointer& pointer, const Device& device,
+                           const uint8_t* bytes) const {
+  const ByteView raw(bytes, format_.nodeSize);
+  const BlockHeader& header = *raw.At<BlockHeader>(0);
+  return header.generation.Get() > stateGeneration_ && header.bytenr.Get() == pointer.bytenr &&
+         memcmp(header.fsid, device.blockFsid, kUuidSize) == 0 &&
+         HasValidChecksum(format_.checksumType, raw);
 }
 
 // The failure of a block that lies on no device that is there.

@@ -57,6 +57,8 @@ struct BlockFormat {
 // generation, first key and structure.  When a copy does not verify or its device is missing, the
 // next is tried; when none does, the outcome is Status::kBadBlock.  A block that lies on missing
 // devices alone is a failure that names the first of them: nothing is rebuilt from parity here.
+// Where a later commit than that of the state has put another block, no copy is looked for: slow
+// devices would be kept busy with what is gone.
 // Place and generation together name one content for ever,
 // so blocks stay in the cache when the reader moves on to a newer superblock.
 class BlockReader {
@@ -71,6 +73,9 @@ class BlockReader {
 
   // Makes all further reads use `chunks`; without this nothing can be read.
   void UseChunks(ChunkMap chunks) { chunks_ = std::move(chunks); }
+
+  // All further reads are of the state that the commit of this generation left.
+  void UseState(uint64_t generation) { stateGeneration_ = generation; }
 
   // Makes all further reads expect this chunk tree uuid (16 bytes) in the headers.
   void ExpectChunkTree(const uint8_t* uuid);
@@ -131,6 +136,7 @@ class BlockReader {
   Status TakeBlock(const SweepJob& job, const WantedBlock& block, uint8_t* bytes,
                    const Status& done);
   Status ReadCopies(const BlockPointer& pointer, uint8_t* bytes, std::optional<TreeBlockView>* out);
+  bool IsReused(const BlockPointer& pointer, const Device& device, const uint8_t* bytes) const;
   Status NoCopyIsThere(const BlockPointer& pointer, const Places& places) const;
   std::string Verify(const BlockPointer& pointer, const Device& device, const uint8_t* bytes,
                      std::optional<TreeBlockView>* out) const;
@@ -142,6 +148,7 @@ class BlockReader {
   ReadMeter& meter_;
   ChunkMap chunks_;
   std::optional<std::vector<uint8_t>> chunkTreeUuid_;
+  uint64_t stateGeneration_ = UINT64_MAX;
   AlignedBuffer buffer_;  // of one block
   ReadPipeline pipeline_;
   SeekPace pace_;     // of the devices that rotate, if any

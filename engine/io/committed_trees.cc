@@ -23,6 +23,7 @@ BlockPointer RootOf(const RootItem& item) {
 
 Status CommittedTrees::Load(const Superblock& superblock) {
   generation_ = superblock.generation.Get();
+  reader_.UseState(generation_);
   rootTree_ = BlockPointer{superblock.root.Get(), generation_, superblock.rootLevel.Get(), {}};
   ENGINE_TRY(LoadChunks(superblock));
 

@@ -194,6 +194,34 @@ TEST_F(BlockReaderSweep, EndsAtAMissingDevice) {
   EXPECT_EQ(0u, swept.Text().find("device 3 is missing and tree block ")) << swept.Text();
 }
 
+// The place of a block whose state is over holds a block of a later commit, and so do its mirrors:
+// they are not asked.  What is newer than its parent says, but not newer than the state, is damage.
+TEST_F(BlockReaderSweep, DoesNotLookForCopiesOfAReusedBlock) {
+  const struct {
+    const char* name;
+    uint64_t state;
+    int copiesRead;
+  } kCases[] = {{"reused", kGeneration, 0}, {"damaged", kGeneration + 1, 2}};
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    UseProfile(kRaid1, 2);
+    PutLeaves(1, 1);
+    Bytes later = MakeLeaf(0, {});
+    HeaderOf(&later).generation.Set(kGeneration + 1);
+    Seal(&later);
+    for (const Place& place : chunks_.Find(0, kNodeSize))
+      memory_[place.devid - 1]->Put(place.offset, later);
+    reader_.UseState(c.state);
+    const int before = Reads();
+    ASSERT_EQ("", Sweep().Text());
+    EXPECT_EQ(1 + c.copiesRead, Reads() - before);
+    ASSERT_EQ(1u, bad_.size());
+    TreeBlockPtr block;
+    EXPECT_EQ(Status::kBadBlock, reader_.Read(pointers_[0], &block).GetKind());
+    EXPECT_EQ(1 + c.copiesRead + std::max(1, c.copiesRead), Reads() - before);
+  }
+}
+
 TEST_F(BlockReaderSweep, ReadsMirrorsOfAMissingDevice) {
   UseProfile(kRaid1, 2);
   PutLeaves(100, 1);
