@@ -126,8 +126,9 @@ Status CommittedTrees::FindRelocationTrees() {
     if (cursor.ItemKey().type == kRootItemType) {
       const RootItem* item = nullptr;
       ENGINE_TRY(ReadRootItem(cursor, &item));
-      relocationTrees_.push_back(
-          {cursor.ItemKey().objectid, RootOf(*item), item->dropProgress.Get() != Key()});
+      // Merging leaves its progress there too; only in a tree that is going is something gone.
+      const bool going = item->refs.Get() == 0 && item->dropProgress.Get() != Key();
+      relocationTrees_.push_back({cursor.ItemKey().objectid, RootOf(*item), going});
     }
     ENGINE_TRY(cursor.Next());
   }

@@ -12,6 +12,7 @@
 
 #include "base/unique_fd.h"
 #include "tests/engine/history.h"
+#include "tests/support/btrfs_ioctls.h"
 
 using namespace ZorvTest;
 
@@ -331,6 +332,14 @@ TEST(ExclusiveSize, EqualsTheKernelAfterABalance) {
   MakeHistory(volume, 300, 5);
   MustRun({kStockBtrfs, "balance", "start", "--full-balance", kMount});
   ExpectKernelNumbers(volume, 7);
+}
+
+// Each extent then carries an item that looks like a reference and is none.
+TEST(ExclusiveSize, EqualsTheKernelWithSimpleQuotas) {
+  BtrfsVolume volume(kMount, Options());
+  ZorvTest::EnableSimpleQuotas(kMount);
+  MakeHistory(volume, 200, 4);
+  ExpectKernelNumbers(volume, 6);
 }
 
 TEST(ExclusiveSize, EqualsTheKernelWithAChangedMetadataUuid) {

@@ -37,6 +37,16 @@ bool HasDeletedSubvolumes(const std::string& mountPoint) {
   return found;
 }
 
+// BTRFS_QUOTA_CTL_ENABLE_SIMPLE_QUOTA of newer headers.
+constexpr uint64_t kEnableSimpleQuotas = 4;
+
+void ControlQuotas(const std::string& mountPoint, uint64_t command) {
+  const UniqueFd fd = Open(mountPoint, O_RDONLY | O_DIRECTORY);
+  btrfs_ioctl_quota_ctl_args args{};
+  args.cmd = command;
+  Must(ioctl(fd.Get(), BTRFS_IOC_QUOTA_CTL, &args), "change the quotas of " + mountPoint);
+}
+
 }  // namespace
 
 UniqueFd Open(const std::string& path, int flags) {
@@ -126,6 +136,14 @@ void CommitAndClean(const std::string& mountPoint) {
   if (!WaitUntil(isClean, 60))
     throw std::system_error(ETIMEDOUT, std::generic_category(), "cleaning " + mountPoint);
   Commit(mountPoint);
+}
+
+void EnableSimpleQuotas(const std::string& mountPoint) {
+  ControlQuotas(mountPoint, kEnableSimpleQuotas);
+}
+
+void DisableQuotas(const std::string& mountPoint) {
+  ControlQuotas(mountPoint, BTRFS_QUOTA_CTL_DISABLE);
 }
 
 void CreateQuotaGroup(const UniqueFd& mountPoint, uint64_t group) {

@@ -48,6 +48,12 @@ void Commit(const std::string& mountPoint);
 // Commits until no deleted subvolume is left and what they held is free.
 void CommitAndClean(const std::string& mountPoint);
 
+// Has each extent note from then on which subvolume wrote it first (simple quotas).
+void EnableSimpleQuotas(const std::string& mountPoint);
+
+// Ends quotas of any kind; nothing when there are none.
+void DisableQuotas(const std::string& mountPoint);
+
 // A quota group, and a member of it.  The kernel wants its numbers rescanned afterwards.
 void CreateQuotaGroup(const UniqueFd& mountPoint, uint64_t group);
 void AssignToQuotaGroup(const UniqueFd& mountPoint, uint64_t member, uint64_t group);

@@ -181,6 +181,7 @@ KernelSizes BtrfsVolume::KernelExclusiveOf(const IdSets& sets) {
   copy.Mount();
   const std::string& at = copy.MountPoint();
   CommitAndClean(at);
+  DisableQuotas(at);
   MustRun({kStockBtrfs, "quota", "enable", at});
   MustRun({kStockBtrfs, "quota", "rescan", "-w", at});
   if (!sets.empty()) {
