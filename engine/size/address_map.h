@@ -9,58 +9,57 @@
 
 namespace ZorvEngine {
 
-// A hash table from logical addresses to 32-bit numbers: 24 bytes for each address at most, and
-// three times that while it grows.
+// A hash table from logical addresses to 32-bit numbers: 32 to 64 bytes for each address, half as
+// much again while it grows.  An address and its number lie side by side, so that a look-up waits
+// for memory once.
 class AddressMap {
  public:
   // The memory is the caller's and outlives the map.
-  explicit AddressMap(ArrayMemory& memory)
-      : addresses_(memory), numbers_(memory), memory_(&memory) {}
+  explicit AddressMap(ArrayMemory& memory) : slots_(memory), memory_(&memory) {}
 
   // Enters `number` for `address`, in place of an older one.  Throws NoArrayMemory.
   void Set(uint64_t address, uint32_t number) {
-    if (2 * (count_ + 1) > addresses_.Size()) Grow();
-    const size_t slot = SlotOf(address);
-    if (addresses_[slot] == kFree) ++count_;
-    addresses_[slot] = address + 1;
-    numbers_[slot] = number;
+    if (2 * (count_ + 1) > slots_.Size()) Grow();
+    Slot& slot = slots_[SlotOf(address)];
+    if (slot.key == kFree) ++count_;
+    slot = {address + 1, number};
   }
 
   // The number of `address`, if it has one.
   std::optional<uint32_t> Find(uint64_t address) const {
     if (count_ == 0) return std::nullopt;
-    const size_t slot = SlotOf(address);
-    if (addresses_[slot] == kFree) return std::nullopt;
-    return numbers_[slot];
+    const Slot& slot = slots_[SlotOf(address)];
+    if (slot.key == kFree) return std::nullopt;
+    return slot.number;
   }
 
   size_t Count() const { return count_; }
 
  private:
-  static constexpr uint64_t kFree = 0;  // addresses are entered plus one
+  struct Slot {
+    uint64_t key;  // the address plus one
+    uint32_t number;
+  };
+  static constexpr uint64_t kFree = 0;
   static constexpr size_t kFirstSlots = 1024;
 
   // Where `address` stands, or would.
   size_t SlotOf(uint64_t address) const {
-    const size_t mask = addresses_.Size() - 1;
+    const size_t mask = slots_.Size() - 1;
     size_t slot = (address * 0x9E3779B97F4A7C15ULL >> 20) & mask;
-    while (addresses_[slot] != kFree && addresses_[slot] != address + 1) slot = (slot + 1) & mask;
+    while (slots_[slot].key != kFree && slots_[slot].key != address + 1) slot = (slot + 1) & mask;
     return slot;
   }
 
   void Grow() {
     AddressMap larger(*memory_);
-    const size_t slots = addresses_.Size() == 0 ? kFirstSlots : 2 * addresses_.Size();
-    larger.addresses_.GrowTo(slots);
-    larger.numbers_.GrowTo(slots);
-    for (size_t slot = 0; slot < addresses_.Size(); ++slot)
-      if (addresses_[slot] != kFree) larger.Set(addresses_[slot] - 1, numbers_[slot]);
-    addresses_ = std::move(larger.addresses_);
-    numbers_ = std::move(larger.numbers_);
+    larger.slots_.GrowTo(slots_.Size() == 0 ? kFirstSlots : 2 * slots_.Size());
+    for (const Slot& slot : slots_)
+      if (slot.key != kFree) larger.Set(slot.key - 1, slot.number);
+    slots_ = std::move(larger.slots_);
   }
 
-  BigArray<uint64_t> addresses_;
-  BigArray<uint32_t> numbers_;
+  BigArray<Slot> slots_;
   ArrayMemory* memory_;
   size_t count_ = 0;
 };

@@ -136,7 +136,7 @@ class ExtentTreeScan::Pass {
   std::optional<HolderId> HolderOf(uint64_t leaf) {
     if (leaf != lastLeaf_) {
       lastLeaf_ = leaf;
-      lastHolder_ = holders_.HolderOf(leaf);
+      lastHolder_ = holders_.HolderOfLeaf(leaf);
     }
     return lastHolder_;
   }

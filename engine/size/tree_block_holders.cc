@@ -14,6 +14,7 @@ TreeBlockHolders::TreeBlockHolders(BlockReader& reader, DigestReader& digests, A
       blocks_(memory),
       parents_(memory),
       numbers_(memory),
+      leafHolders_(memory),
       data_(memory) {
   for (int level = 0; level <= kMaxLevel; ++level) {
     levels_.emplace_back(memory);
@@ -30,7 +31,7 @@ void TreeBlockHolders::Add(const ExtentDigest& block) {
   blocks_.Add({block.bytenr, block.generation, block.refs, parents_.Size(), HolderSets::kNobody,
                block.level, block.fullBackref, block.outside, block.asked, false});
   for (const uint64_t word : block.parents) parents_.Add(word);
-  numbers_.Set(block.bytenr, number);
+  if (block.level > 0) numbers_.Set(block.bytenr, number);
   levels_[block.level].Add(number);
 }
 
@@ -38,12 +39,6 @@ Status TreeBlockHolders::Resolve() {
   for (int level = kMaxLevel; level >= 0; --level) ENGINE_TRY(ResolveLevel(level));
   data_.Sort();
   return Status();
-}
-
-std::optional<HolderId> TreeBlockHolders::HolderOf(uint64_t bytenr) const {
-  const std::optional<uint32_t> number = numbers_.Find(bytenr);
-  if (!number || !blocks_[*number].held) return std::nullopt;
-  return blocks_[*number].holder;
 }
 
 // The parents of these blocks are all resolved.
@@ -69,6 +64,7 @@ Status TreeBlockHolders::ResolveBlock(uint32_t number) {
   block.held = !block.outside && found == block.refs;
   if (!block.held) return Status();
   block.holder = union_.Id();
+  if (block.level == 0) leafHolders_.Set(block.bytenr, block.holder);
   sums_.AddTreeBlock(block.holder, block.bytenr, reader_.NodeSize());
   return Status();
 }

@@ -19,8 +19,8 @@ namespace ZorvEngine {
 // The tree blocks of one state that asked subvolumes may hold.  Give it the roots and all tree
 // blocks, then Resolve; from then on it knows who holds each block that nobody else holds.
 //
-// Memory: 40 bytes and 8 for each parent for each tree block given, 24 for its place in a hash
-// table, and 16 for each address that a block refers to which had to be read.
+// Memory: 44 bytes and 8 for each parent for each tree block given, 32 to 64 more for a node and
+// for a leaf that is held, and 16 for each address that a block refers to which had to be read.
 class TreeBlockHolders {
  public:
   // All are the caller's and outlive the object.
@@ -36,8 +36,8 @@ class TreeBlockHolders {
   // is held.  Status::kBadBlock when a block could not be read; throws NoArrayMemory.
   Status Resolve();
 
-  // Who holds the block at `bytenr`; nothing when somebody outside does too, or it is unknown.
-  std::optional<HolderId> HolderOf(uint64_t bytenr) const;
+  // Who holds the leaf at `bytenr`; nothing when somebody outside does too, or it is unknown.
+  std::optional<HolderId> HolderOfLeaf(uint64_t bytenr) const { return leafHolders_.Find(bytenr); }
 
   // The data extents that blocks which were read refer to; sorted.
   HeldReferences& DataReferences() { return data_; }
@@ -76,9 +76,10 @@ class TreeBlockHolders {
   ArrayMemory& memory_;
   SetSums& sums_;
   HolderUnion union_;
-  BigArray<Block> blocks_;                  // by address
-  BigArray<uint64_t> parents_;              // of all blocks, counted rows
-  AddressMap numbers_;                      // of blocks, by address
+  BigArray<Block> blocks_;      // by address
+  BigArray<uint64_t> parents_;  // of all blocks, counted rows
+  AddressMap numbers_;          // of nodes, by address: what tree blocks name as parents
+  AddressMap leafHolders_;      // of leaves that are held, by address
   std::vector<BigArray<uint32_t>> levels_;  // numbers of the blocks of each level
   std::vector<HeldReferences> references_;  // to blocks of each level, from roots and blocks read
   HeldReferences data_;
