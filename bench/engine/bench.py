@@ -68,8 +68,8 @@ def arguments():
                         help="rounds of what takes minutes (1)")
     parser.add_argument("--limit", metavar="S", type=int, default=150,
                         help="seconds after which a peer is given up (150)")
-    parser.add_argument("--limit-long", metavar="S", type=int, default=600,
-                        help="the same for those that an aim or the check of the numbers needs (600)")
+    parser.add_argument("--limit-long", metavar="S", type=int, default=900,
+                        help="the same for those that an aim or the check of the numbers needs (900)")
     parser.add_argument("--doc", metavar="FILE", help="where the page is written (a whole run: "
                         "docs/benchmarks.md; else it is only printed)")
     parser.add_argument("--check", action="store_true", help=argparse.SUPPRESS)  # of arguments alone
