@@ -65,9 +65,10 @@ def throttled_part(found):
                (span(each.quota_seconds), f"{each.quota_reads:,}",
                 times(each.quota_seconds / each.engine.median)))] for each in found]
     return ["## A disk of 150 reads a second", "",
-            "The loop device gives 150 reads a second to everybody (cgroup v1, root group, so that the "
-            "kernel's own threads are held too) and calls itself rotating. `btrfs filesystem du -s` is left "
-            "out: it reads every leaf of every snapshot, one after the other, and would take hours.", ""] \
+            "The loop device lies on another one that gives 150 reads a second to everybody (cgroup v1, "
+            "root group, so that the kernel's own threads are held too) and calls itself rotating. "
+            "`btrfs filesystem du -s` is left out: it reads every leaf of every snapshot, one after the other, "
+            "and would take hours.", ""] \
         + table(["", "engine", "lowest - highest", "rounds", "reads", "bytes a read", "quota enable + rescan",
                  "its reads", "times the engine"], rows)
 

@@ -8,7 +8,7 @@ import peers
 from commands import TimedOut
 from comparison import check_numbers
 from figures import Figure, span
-from volume import Unfit, cold
+from volume import Attached, Unfit, cold
 
 LIMITS = "/sys/fs/cgroup/blkio/blkio.throttle.read_iops_device"
 READS_A_SECOND = 150
@@ -27,22 +27,40 @@ class Throttled:
     quota_reads: int
 
 
-@contextlib.contextmanager
-def slow(device):
-    """Lets the device give 150 reads a second to everybody, and call itself rotating."""
-    # Reads of kernel threads belong to the root group, so the limit has to stand there.
-    if not os.path.exists(LIMITS):
-        raise Unfit("needs the blkio controller of cgroup v1, whose root group can be limited")
-    with open("/sys/fs/cgroup/blkio/cgroup.procs", "w") as group:
-        group.write(f"{os.getpid()}\n")
-    device.setting("rotational", 1)
-    with open(LIMITS, "w") as limits:
-        limits.write(f"{device.number} {READS_A_SECOND}\n")
-    try:
-        yield
-    finally:
+class Below:
+    """A loop device that the file system's own lies on, and that can be limited.
+
+    Limits do not hold the file system's reads of metadata, but those of the loop device above it,
+    which have no such mark.  The kernel's threads belong to the root group: the limit stands there.
+    """
+
+    def __init__(self):
+        if not os.path.exists(LIMITS):
+            raise Unfit("needs the blkio controller of cgroup v1, whose root group can be limited")
+        self.number = None
+
+    @contextlib.contextmanager
+    def attached(self, image):
+        device = Attached(image)
+        try:
+            self.number = device.number
+            yield device.device
+        finally:
+            device.release()
+
+    def limit(self, reads):
         with open(LIMITS, "w") as limits:
-            limits.write(f"{device.number} 0\n")
+            limits.write(f"{self.number} {reads}\n")
+
+    @contextlib.contextmanager
+    def slow(self, device):
+        """Gives 150 reads a second to all; `device`, which lies on it, calls itself rotating."""
+        device.setting("rotational", 1)
+        self.limit(READS_A_SECOND)
+        try:
+            yield
+        finally:
+            self.limit(0)
 
 
 def difference(after, before):
@@ -50,7 +68,8 @@ def difference(after, before):
 
 
 def engine_round(bench, image, ids):
-    with cold(bench.programs, image, bench.mount) as device, slow(device):
+    below = Below()
+    with cold(bench.programs, image, bench.mount, below.attached) as device, below.slow(device):
         before = device.reads()
         took = engine.measure(bench.programs, bench.mount, ids)
         return took, difference(device.reads(), before)
@@ -58,10 +77,11 @@ def engine_round(bench, image, ids):
 
 def quota_round(bench, image, ids):
     """Seconds, whether it was given up, reads, and the kernel's numbers (then had unthrottled)."""
-    with cold(bench.programs, image, bench.mount) as device:
+    below = Below()
+    with cold(bench.programs, image, bench.mount, below.attached) as device:
         before, kernel = device.reads(), None
         try:
-            with slow(device):
+            with below.slow(device):
                 took, kernel = peers.quota(bench.programs, bench.mount, ids, bench.limit)
             seconds = took.seconds
         except TimedOut:

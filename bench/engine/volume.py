@@ -84,7 +84,7 @@ def unmount(mount):
 
 @contextlib.contextmanager
 def mounted(image, mount):
-    """The file system of an image, mounted at `mount`; gives the device."""
+    """The file system of an image (or a device), mounted at `mount`; gives the device."""
     os.makedirs(mount, exist_ok=True)
     device = Attached(image)
     # A virtual disk says that it rotates, whatever lies below it, and loop devices repeat that.
@@ -101,12 +101,18 @@ def mounted(image, mount):
 
 
 @contextlib.contextmanager
-def cold(programs, image, mount):
+def directly(image):
+    """What a file system is mounted from: as a rule the image itself."""
+    yield image
+
+
+@contextlib.contextmanager
+def cold(programs, image, mount, through=directly):
     """As `mounted`, with nothing of the file system in memory but what mounting reads."""
     drop_caches()
     # Where the image's bytes lie on the disk: a real disk has no such map to read.
     run("filefrag", image)
-    with mounted(image, mount) as device:
+    with through(image) as source, mounted(source, mount) as device:
         run("sync", "--file-system", mount)
         programs.warm()
         yield device
