@@ -1,6 +1,8 @@
 #include "engine/io/extent_tree_leaves.h"
 
 #include <algorithm>
+#include <optional>
+#include <string>
 
 #include "engine/io/tree_cursor.h"
 
@@ -16,10 +18,10 @@ bool Touches(const std::vector<LogicalRange>& ranges, uint64_t first, uint64_t l
   return range != ranges.end() && range->begin <= last;
 }
 
-// A block of the extent tree, with the highest address that its keys can have.
+// A block of the extent tree, with the first key that lies behind it; none behind the last block.
 struct Below {
   BlockPointer pointer;
-  uint64_t last;
+  std::optional<Key> end;
 };
 
 class Lister {
@@ -32,7 +34,7 @@ class Lister {
       out_.Add({root.bytenr, root.generation, true, true});
       return Status();
     }
-    return VisitNodes({{root, UINT64_MAX}});
+    return VisitNodes({{root, {}}});
   }
 
  private:
@@ -47,8 +49,7 @@ class Lister {
         const auto found =
             std::ranges::find(pointers, node.Header().bytenr.Get(), &BlockPointer::bytenr);
         const auto index = static_cast<size_t>(found - pointers.begin());
-        children[index] = ChildrenOf(node, nodes[at + index].last);
-        return Status();
+        return ChildrenOf(node, nodes[at + index].end, &children[index]);
       }));
       for (const std::vector<Below>& below : children) ENGINE_TRY(Visit(below));
     }
@@ -59,21 +60,27 @@ class Lister {
     if (!blocks.empty() && blocks.front().pointer.level > 0) return VisitNodes(blocks);
     for (const Below& leaf : blocks) {
       const uint64_t first = leaf.pointer.firstKey->objectid;
-      const bool treeBlocks = Touches(trees_.MetadataRanges(), first, leaf.last);
-      const bool data = Touches(trees_.DataRanges(), first, leaf.last);
+      const uint64_t last = leaf.end ? leaf.end->objectid : UINT64_MAX;
+      const bool treeBlocks = Touches(trees_.MetadataRanges(), first, last);
+      const bool data = Touches(trees_.DataRanges(), first, last);
       if (treeBlocks || data)
         out_.Add({leaf.pointer.bytenr, leaf.pointer.generation, treeBlocks, data});
     }
     return Status();
   }
 
-  static std::vector<Below> ChildrenOf(const TreeBlockView& node, uint64_t last) {
-    std::vector<Below> children;
+  // A node whose keys pass its end is refused: damaged nodes could share what is below them, so
+  // that the few of them lead to leaves without number.
+  static Status ChildrenOf(const TreeBlockView& node, const std::optional<Key>& end,
+                           std::vector<Below>* out) {
+    if (end && !(node.KeyAt(node.Count() - 1) < *end))
+      return Status::Failed("tree block " + std::to_string(node.Header().bytenr.Get()) +
+                            " has keys that belong behind it; run btrfs check");
     for (uint32_t slot = 0; slot < node.Count(); ++slot) {
-      const bool end = slot + 1 == node.Count();
-      children.push_back({ChildPointer(node, slot), end ? last : node.KeyAt(slot + 1).objectid});
+      const bool isLast = slot + 1 == node.Count();
+      out->push_back({ChildPointer(node, slot), isLast ? end : node.KeyAt(slot + 1)});
     }
-    return children;
+    return Status();
   }
 
   CommittedTrees& trees_;

@@ -1,5 +1,7 @@
 #include "engine/io/tree_cursor.h"
 
+#include <string>
+
 namespace ZorvEngine {
 
 BlockPointer ChildPointer(const TreeBlockView& node, uint32_t slot) {
@@ -50,16 +52,23 @@ Status TreeCursor::Descend(BlockPointer pointer, const Key& key) {
   }
 }
 
-// Moves on from the end of a leaf to the next leaf with an item.
+// Moves on from the end of a leaf to the next leaf with an item.  Its keys must be higher: damaged
+// nodes could share what is below them, so that the way through a few of them has no end.
 Status TreeCursor::SettleOnItem() {
   atItem_ = false;
   while (path_.back().slot >= Leaf().Count()) {
+    const Key last = Leaf().Count() > 0 ? Leaf().KeyAt(Leaf().Count() - 1) : Key();
     path_.pop_back();
     while (!path_.empty() && path_.back().slot + 1 >= path_.back().block->view->Count())
       path_.pop_back();
     if (path_.empty()) return Status();
     ++path_.back().slot;
     ENGINE_TRY(Descend(ChildPointer(*path_.back().block->view, path_.back().slot), Key()));
+    if (Leaf().Count() == 0 || last < Leaf().KeyAt(0)) continue;
+    const uint64_t bytenr = BlockNumber();
+    path_.clear();
+    return Status::Failed("tree block " + std::to_string(bytenr) +
+                          " has keys that belong before it; run btrfs check");
   }
   atItem_ = true;
   return Status();

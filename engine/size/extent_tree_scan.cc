@@ -13,13 +13,18 @@ namespace ZorvEngine {
 // What one run leaves to the next.
 struct ExtentTreeScan::Kept {
   explicit Kept(const SizeRequest& request)
-      : memory(request.mostArrayBytes), digests(memory), leaves(memory), asked(request.ids) {
+      : memory(request.mostArrayBytes),
+        digests(memory),
+        blockDigests(memory),
+        leaves(memory),
+        asked(request.ids) {
     asked.push_back(kDataRelocationTreeId);
     std::ranges::sort(asked);
   }
 
   ArrayMemory memory;
-  DigestReader digests;
+  DigestReader digests;         // of leaves of the extent tree,
+  DigestReader blockDigests;    // and of blocks of subvolumes: a damaged tree may claim the other's
   AddressMap leaves;            // of subvolumes, that any run knew when it chose what to keep
   std::vector<uint64_t> asked;  // root IDs, rising
   uint64_t generation = 0;      // of the last run that chose
@@ -36,10 +41,11 @@ class ExtentTreeScan::Pass {
         stats_(progress.stats),
         sums_(request, trees, progress),
         leaves_(kept.memory),
-        holders_(trees.Reader(), kept.digests, kept.memory, sums_) {}
+        holders_(trees.Reader(), kept.blockDigests, kept.memory, sums_) {}
 
   Status Run(SizeTable* out) {
     kept_.digests.BeginPass();
+    kept_.blockDigests.BeginPass();
     ++stats_.passes;
     ENGINE_TRY(ListLeaves());
     ENGINE_TRY(FindHoldersOfTreeBlocks());
@@ -167,8 +173,9 @@ class ExtentTreeScan::Pass {
     for (const ExtentTreeLeaf& leaf : leaves_) {
       const bool wanted = leaf.*kind;
       if (wanted) {
-        const WordSpan digest = *kept_.digests.Store().Find(leaf.bytenr, leaf.generation);
-        ENGINE_TRY(gap ? joiner.TakeAfterGap(digest) : joiner.Take(digest));
+        const auto digest = kept_.digests.Store().Find(leaf.bytenr, leaf.generation);
+        if (!digest) return ExtentTreeDamaged(leaf.bytenr, "two leaves lie in one place");
+        ENGINE_TRY(gap ? joiner.TakeAfterGap(*digest) : joiner.Take(*digest));
       }
       gap = !wanted;
     }
@@ -195,7 +202,7 @@ Status ExtentTreeScan::Run(CommittedTrees& trees, const SizeRequest& request,
   try {
     if (kept_ == nullptr) kept_ = std::make_unique<Kept>(request);
     const Status done = Pass(*kept_, trees, request, progress).Run(out);
-    progress.stats.repairs = kept_->digests.BadBlocks();
+    progress.stats.repairs = kept_->digests.BadBlocks() + kept_->blockDigests.BadBlocks();
     return done;
   } catch (const NoArrayMemory& error) {
     return Status::Failed(error.what());

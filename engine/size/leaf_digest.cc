@@ -197,6 +197,8 @@ Status ExtentJoiner::TakeAfterGap(WordSpan digest) {
 Status ExtentJoiner::TakeExtent(const ExtentDigest& extent) {
   if (extent.continued) return Continue(extent);
   ENGINE_TRY(Finish());
+  if (extent.bytenr < lowest_) return ExtentTreeDamaged(extent.bytenr, "extents are out of order");
+  lowest_ = extent.bytenr + 1;
   if (extent.found == extent.refs) return sink_(extent);
   pending_ = true;
   open_ = extent;

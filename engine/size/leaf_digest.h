@@ -62,7 +62,8 @@ Status DigestExtentLeaf(const TreeBlockView& leaf, uint32_t nodeSize, const Dige
 // Makes the digest of a block of a subvolume: the addresses that it refers to, as a counted row.
 Status DigestOwnBlock(const TreeBlockView& block, Words* out);
 
-// Gives the extents of leaves on, in key order, each put together from all leaves that speak of it.
+// Gives the extents of leaves on, by rising addresses, each put together from all leaves that speak
+// of it.  Fails when addresses do not rise, from leaf to leaf too.
 class ExtentJoiner {
  public:
   // Takes an extent; it lives during the call.
@@ -85,6 +86,7 @@ class ExtentJoiner {
   Status Continue(const ExtentDigest& more);
 
   Sink sink_;
+  uint64_t lowest_ = 0;   // address that the next extent can have
   bool pending_ = false;  // one that may go on in the next leaf:
   ExtentDigest open_;
   Words openParents_;

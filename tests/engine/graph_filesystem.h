@@ -85,7 +85,8 @@ class GraphFilesystem : public ZorvEngine::StateSource {
   GraphTrees& Trees() { return trees_; }
   const GraphTrees& Trees() const { return trees_; }
   SparseDevice& Device() { return *device_; }
-  KeptTree& ExtentTree() { return extentTree_; }
+  const KeptTree& ExtentTree() const { return extentTree_; }
+  const KeptTree& RootTree() const { return rootTree_; }
 
   // Puts the open transaction on the device, its superblock last.
   void Commit();

@@ -372,3 +372,14 @@ TEST_F(ExtentJoinerTest, PassesOnWhatItsSinkSays) {
   ExtentJoiner joiner([](const ExtentDigest&) { return Status::Failed("no"); });
   EXPECT_EQ("no", joiner.Take(Digest({Data(kPlace, 1, ByFile(257, 1))})).Text());
 }
+
+TEST_F(ExtentJoinerTest, RefusesExtentsThatAreOutOfOrder) {
+  const std::vector<Item> low = {Data(kPlace, 1, ByFile(257, 1))};
+  const std::vector<Item> high = {Data(2 * kPlace, 1, ByFile(257, 1))};
+  for (const auto& [first, second] : {std::pair(high, low), std::pair(low, low)}) {
+    ExtentJoiner joiner(Collect());
+    ASSERT_TRUE(joiner.Take(Digest(first)).Ok());
+    EXPECT_EQ(Damaged(kPlace, "extents are out of order"),
+              joiner.TakeAfterGap(Digest(second)).Text());
+  }
+}
