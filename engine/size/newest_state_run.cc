@@ -43,6 +43,8 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
   ENGINE_TRY(CheckFeatures(superblock));
 
   BlockReader reader(source.Devices(), FormatOf(superblock), progress.meter, request.reading);
+  std::string bad;
+  int sameBad = 0;
   for (int attempt = 1;; ++attempt) {
     SizeResult result;
     const Status done = Attempt(reader, superblock, method, request, progress, &result);
@@ -58,8 +60,10 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
 
     const uint64_t before = superblock.generation.Get();
     ENGINE_TRY(source.ReadSuperblock(&superblock));
-    if (superblock.generation.Get() == before)
-      return Status::Failed(done.Text() + "; run btrfs scrub");
+    sameBad = done.Text() == bad ? sameBad + 1 : 1;
+    bad = done.Text();
+    if (superblock.generation.Get() == before || sameBad == kMostOfOneBlock)
+      return Status::Failed(bad + "; run btrfs scrub");
     if (attempt == kMostAttempts)
       return Status::Failed("the file system changes faster than it can be read (" +
                             std::to_string(kMostAttempts) +

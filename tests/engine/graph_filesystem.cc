@@ -228,7 +228,7 @@ GraphShape GraphShape::Random(unsigned seed) {
   shape.skinny = random() % 4 != 0;
   shape.inlineRefs = random() % 5;
   shape.itemsPerLeaf = 2 + random() % 14;
-  shape.width = 2 + random() % 9;
+  shape.width = 4 + random() % 7;  // the trees must not become too high
   return shape;
 }
 
