@@ -105,13 +105,14 @@ class ExtentTreeScan::Pass {
 
   // Data that is held by leaves which no asked subvolume reaches is left out of digests.  A leaf
   // that was there before and is reached only now may have been left out wrongly: then what was
-  // chosen is forgotten.
+  // chosen is forgotten.  Only a leaf marked FULL_BACKREF is named by what it holds; of the others
+  // many come within reach whenever a passing snapshot of an asked subvolume goes.
   void NoteLeavesThatMatter() {
     bool missed = false;
-    holders_.VisitLeaves([&](uint64_t bytenr, uint64_t generation) {
+    holders_.VisitLeaves([&](uint64_t bytenr, uint64_t generation, bool fullBackref) {
       if (kept_.leaves.Find(bytenr)) return;
       kept_.leaves.Set(bytenr, 0);
-      missed = missed || generation <= kept_.generation;
+      missed = missed || (fullBackref && generation <= kept_.generation);
     });
     if (missed) kept_.digests.Store().DropFiltered();
     kept_.generation = trees_.Generation();

@@ -43,11 +43,13 @@ class TreeBlockHolders {
   HeldReferences& DataReferences() { return data_; }
 
   // Gives address and generation of each leaf that an asked subvolume reaches, whoever else does,
-  // to `visit`.
+  // to `visit`, and whether it is marked FULL_BACKREF.
   template <typename Visit>
   void VisitLeaves(const Visit& visit) const {
-    for (const uint32_t number : levels_[0])
-      if (blocks_[number].touched) visit(blocks_[number].bytenr, blocks_[number].generation);
+    for (const uint32_t number : levels_[0]) {
+      const Block& block = blocks_[number];
+      if (block.touched) visit(block.bytenr, block.generation, block.fullBackref);
+    }
   }
 
  private:
