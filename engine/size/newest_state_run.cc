@@ -1,6 +1,9 @@
 #include "engine/size/newest_state_run.h"
 
+#include <chrono>
+
 #include "engine/io/superblock.h"
+#include "engine/size/patience.h"
 
 namespace ZorvEngine {
 namespace {
@@ -43,10 +46,14 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
   ENGINE_TRY(CheckFeatures(superblock));
 
   BlockReader reader(source.Devices(), FormatOf(superblock), progress.meter, request.reading);
+  const ReadCounters& counters = progress.meter.counters;
+  const auto begin = std::chrono::steady_clock::now();
+  Patience patience;
   std::string bad;
   int sameBad = 0;
   for (int attempt = 1;; ++attempt) {
     SizeResult result;
+    const uint64_t readBefore = counters.bytesRead;
     const Status done = Attempt(reader, superblock, method, request, progress, &result);
     if (done.Ok()) {
       if (result.deletionGoesOn)
@@ -64,10 +71,9 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
     bad = done.Text();
     if (superblock.generation.Get() == before || sameBad == kMostOfOneBlock)
       return Status::Failed(bad + "; run btrfs scrub");
-    if (attempt == kMostAttempts)
+    if (!patience.GoesOn(counters.bytesRead - readBefore, std::chrono::steady_clock::now() - begin))
       return Status::Failed("the file system changes faster than it can be read (" +
-                            std::to_string(kMostAttempts) +
-                            " attempts); try again when it is quieter");
+                            std::to_string(attempt) + " attempts); try again when it is quieter");
     ENGINE_TRY(CheckFeatures(superblock));
     progress.meter.Abandon();
     progress.exclusiveBytes = 0;

@@ -21,18 +21,15 @@ struct SizeResult {
 // Receives one sentence for the user that is no failure.
 using NoteSink = std::function<void(const std::string&)>;
 
-// How often a run that met a reused block begins again from the newer superblock.  The block cache
-// goes on from one attempt to the next, so that each has less to read than the one before.
-constexpr int kMostAttempts = 40;
-
 // How often in a row it may be the same block.  What newer states still have was not free for reuse
 // at all, but a method may have another way that does not need it.
 constexpr int kMostOfOneBlock = 5;
 
-// Has `source` commit, reads its newest state and runs `method` on it.  A block that does
-// not verify is a reused one when a newer superblock is there by then: the run begins again from
-// that one.  Without a newer superblock, or when newer ones still have it, the block is damaged and
-// the run fails, naming it.
+// Has `source` commit, reads its newest state and runs `method` on it.  A block that does not
+// verify is a reused one when a newer superblock is there by then: the run begins again from that
+// one, as long as its Patience lasts; blocks that are cached and what the method has kept need not
+// be read again.  Without a newer superblock, or when newer ones still have it, the block is damaged
+// and the run fails, naming it.
 Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
                         const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
                         SizeResult* out);
