@@ -82,18 +82,24 @@ Status Count(const Options& options, const Subjects& subjects, MountedFilesystem
   return RunOnNewestState(filesystem, method, request, progress, note, result);
 }
 
-Status FindSizes(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
-  const NoteSink note = NotesTo(channel);
-  ENGINE_TRY(RequireRoot());
+// Counts; on return nothing of the file system is open any more.
+Status FindResult(const Options& options, SizeProgress& progress, const NoteSink& note,
+                  SizeResult* result) {
   MountedFilesystem filesystem;
   Subjects subjects;
-  SizeResult result;
   {
     const PhaseTimer timer(progress.stats, "arguments");
     ENGINE_TRY(subjects.Find(options, note, &filesystem));
   }
-  const Status counted = Count(options, subjects, filesystem, progress, note, &result);
-  if (!counted.Ok()) return subjects.Explain(filesystem, counted);
+  const Status counted = Count(options, subjects, filesystem, progress, note, result);
+  return counted.Ok() ? counted : subjects.Explain(filesystem, counted);
+}
+
+// Whoever has read the result may unmount the file system at once.
+Status FindSizes(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+  ENGINE_TRY(RequireRoot());
+  SizeResult result;
+  ENGINE_TRY(FindResult(options, progress, NotesTo(channel), &result));
   progress.stats.sets = result.table.rows.size();
   progress.stats.peakBytes = PeakBytes();
   (void)SendResult(channel.Get(), result);
@@ -102,14 +108,16 @@ Status FindSizes(const Options& options, SizeProgress& progress, const UniqueFd&
 
 Status Estimate(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
   ENGINE_TRY(RequireRoot());
-  MountedFilesystem filesystem;
-  ENGINE_TRY(filesystem.Open(options.byId ? options.directory : options.arguments[0]));
   uint64_t bytes = 0;
   StateLook look([&](CommittedTrees& trees) {
     bytes = trees.ExtentTreeBytes();
     return Status();
   });
-  ENGINE_TRY(look.AtNewest(filesystem, progress, NotesTo(channel)));
+  {
+    MountedFilesystem filesystem;
+    ENGINE_TRY(filesystem.Open(options.byId ? options.directory : options.arguments[0]));
+    ENGINE_TRY(look.AtNewest(filesystem, progress, NotesTo(channel)));
+  }
   (void)SendMessage(channel.Get(), {Message::kLine, TotalLine(bytes)});
   (void)SendMessage(channel.Get(), {Message::kYes, ""});
   return Status();

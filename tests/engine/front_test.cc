@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <limits.h>
 #include <poll.h>
+#include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -233,6 +235,19 @@ TEST_F(Front, SaysWhenTheDiskForItsOutputIsFull) {
 TEST_F(Front, FailsWithoutStandardOutput) {
   const std::string command = std::string(ZORV_ENGINE_PATH) + " subvolume size -v /volume1 >&-";
   EXPECT_EQ(1, ZorvTest::Run({"bash", "-c", command}).status);
+}
+
+TEST_F(Front, LetsTheFileSystemBeUnmountedAtOnce) {
+  ASSERT_EQ(0, mkdir("/tmp/bound", 0755));
+  const std::string id = std::to_string(SubvolumeID(paths_[0]));
+  for (const std::vector<std::string>& options :
+       {std::vector<std::string>{"-vm", "-r", "/tmp/bound", id},
+        {"--estimate", "-r", "/tmp/bound"}})
+    for (int round = 0; round < 20; ++round) {
+      ASSERT_EQ(0, mount(kMount, "/tmp/bound", nullptr, MS_BIND, nullptr));
+      EXPECT_EQ(0, RunEngine(options).status);
+      EXPECT_EQ(0, umount("/tmp/bound")) << strerror(errno);
+    }
 }
 
 TEST_F(Front, CountsAnIdGivenTwiceOnce) {
