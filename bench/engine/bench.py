@@ -9,6 +9,7 @@ import time
 
 import comparison
 import growth
+import library
 import machine
 import neighbour
 import peers
@@ -18,7 +19,7 @@ import throttled
 from commands import CommandFailed, Programs
 from volume import Unfit, refuse_memory
 
-PARTS = ["a", "b", "c", "d", "e", "throttled", "neighbour", "growth"]
+PARTS = ["a", "b", "c", "d", "e", "throttled", "neighbour", "growth", "library"]
 
 
 class Bench:
@@ -112,12 +113,18 @@ def measure_growth(bench):
     return growth.measure(bench, shapes.growing_shapes(bench.quick))
 
 
+def measure_library(bench):
+    say("the library")
+    return library.measure(bench.programs.folder, bench.folder)
+
+
 def measure(bench):
     """Everything that is wanted; what this machine cannot do is named with its reason."""
     found = {"machine": machine.describe(bench.folder), "left_out": {}, "comparisons": compare_all(bench)}
     for part, key, action in [("throttled", "throttled", measure_throttled),
                               ("neighbour", "loads", measure_neighbour),
-                              ("growth", "points", measure_growth)]:
+                              ("growth", "points", measure_growth),
+                              ("library", "library", measure_library)]:
         if not bench.wants(part):
             continue
         try:

@@ -1,6 +1,7 @@
 """Writes what was measured, for the terminal and for docs/benchmarks.md."""
 import aims
 import growth
+import library
 import shapes
 from figures import size, span, times
 from neighbour import ENGINE, NOBODY, QUOTA
@@ -153,6 +154,8 @@ def document(bench, found):
         lines += neighbour_part(found["loads"], bench.load_seconds, bench.load_rounds)
     if found.get("points"):
         lines += growth_part(found["points"], bench.picture)
+    if found.get("library"):
+        lines += library.section(found["library"])
     for part, why in found["left_out"].items():
         lines += [f"Not measured: {part} ({why}).", ""]
     return "\n".join(lines).rstrip() + "\n"
