@@ -121,7 +121,13 @@ void BtrfsVolume::Mount() {
 }
 
 void BtrfsVolume::Unmount() {
-  MustRun({"umount", mountPoint_});
+  // For a moment after its last user has gone the kernel may still hold a file that was open.
+  CommandResult last;
+  const auto unmounted = [&] {
+    last = Run({"umount", mountPoint_});
+    return last.status == 0;
+  };
+  if (!WaitUntil(unmounted, 5)) throw std::runtime_error(last.err);
   Detach();
 }
 
