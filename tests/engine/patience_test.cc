@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 using ZorvEngine::Patience;
 
 namespace {
@@ -34,7 +36,7 @@ TEST(Patience, RunsOutSoonerOnLongAttemptsThatStayAsTheyAre) {
 // An attempt that ended at its first block is the shortest; those after it become shorter all the
 // same.
 TEST(Patience, LastsWhileAttemptsBecomeShorter) {
-  const auto shrinking = [](int n) { return n == 0 ? 16384.0 : 1e9 / (1 << n); };
+  const auto shrinking = [](int n) { return n == 0 ? 16384.0 : std::ldexp(1e9, -n); };
   EXPECT_GT(Attempts(shrinking, kLater), 25);
   const auto slowly = [](int n) {
     double bytes = 1e9;
