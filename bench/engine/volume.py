@@ -89,6 +89,8 @@ def mounted(image, mount):
     device = Attached(image)
     # A virtual disk says that it rotates, whatever lies below it, and loop devices repeat that.
     device.setting("rotational", 0)
+    # A loop device keeps the scheduler that its last user chose.
+    device.setting("scheduler", "none")
     try:
         # No access times: reading would write, and own numbers would change from peer to peer.
         run("mount", "-t", "btrfs", "-o", "noatime", device.device, mount)
