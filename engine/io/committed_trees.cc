@@ -116,7 +116,17 @@ Status CommittedTrees::FindDeletion(bool* found) {
   return Status();
 }
 
-// The numbers of both kinds of trees are neighbours.
+Status CommittedTrees::CheckSettled() const {
+  for (const RelocationTree& tree : relocationTrees_)
+    if (tree.beingMerged)
+      return Status::Unsettled(
+          "a balance, or a device that shrinks or goes, is giving subvolumes the blocks that it has "
+          "moved; try again in a moment");
+  return Status();
+}
+
+// The numbers of both kinds of trees are neighbours.  One of tree blocks has references from the
+// moment when all is moved until its subvolume has been given the moved blocks.
 Status CommittedTrees::FindRelocationTrees() {
   static_assert(kRelocationTreeId == kDataRelocationTreeId + 1, "one search finds both");
   relocationTrees_.clear();
@@ -128,7 +138,9 @@ Status CommittedTrees::FindRelocationTrees() {
       ENGINE_TRY(ReadRootItem(cursor, &item));
       // Merging leaves its progress there too; only in a tree that is going is something gone.
       const bool going = item->refs.Get() == 0 && item->dropProgress.Get() != Key();
-      relocationTrees_.push_back({cursor.ItemKey().objectid, RootOf(*item), going});
+      const uint64_t id = cursor.ItemKey().objectid;
+      const bool merged = id == kRelocationTreeId && item->refs.Get() != 0;
+      relocationTrees_.push_back({id, RootOf(*item), merged, going});
     }
     ENGINE_TRY(cursor.Next());
   }

@@ -25,6 +25,7 @@ class CommittedTrees {
   struct RelocationTree {
     uint64_t id = 0;  // kRelocationTreeId or kDataRelocationTreeId
     BlockPointer root;
+    bool beingMerged = false;   // its subvolume is getting its moved blocks, or waits for that
     bool beingDropped = false;  // what is above its drop progress is gone already
   };
 
@@ -56,6 +57,10 @@ class CommittedTrees {
   // The trees of what is being moved: those of tree blocks, which are there for the time of a move
   // only, and that of data.  To users they are nobody, yet they hold what they hold.
   const std::vector<RelocationTree>& RelocationTrees() const { return relocationTrees_; }
+
+  // Status::kUnsettled while subvolumes get their moved blocks.  One has its own by then and
+  // another has not: what they share lies in two places, and looks as if each held it alone.
+  Status CheckSettled() const;
 
   // Root of the extent tree.
   const BlockPointer& ExtentRoot() const { return extentRoot_; }

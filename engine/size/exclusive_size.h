@@ -3,6 +3,7 @@
 #define ENGINE_SIZE_EXCLUSIVE_SIZE_H_
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -32,6 +33,8 @@ struct SizeRequest {
   // Memory for large arrays; beyond it they go to an unlinked file.
   size_t mostArrayBytes = 256u << 20;
   ReadOptions reading = {};
+  // How long a state is waited out of which no exact numbers can be told.
+  std::chrono::milliseconds mostSettling{30'000};
 };
 
 // A way of counting.  Each gives the same numbers, at another cost.
@@ -40,7 +43,8 @@ class ExclusiveSizeMethod {
   virtual ~ExclusiveSizeMethod() = default;
 
   // Fills `out`, on success only.  Status::kBadBlock: try again from a newer superblock, with the
-  // same object and request: it may have kept what it has read.
+  // same object and request: it may have kept what it has read.  Status::kUnsettled: the same, once
+  // there is a newer commit.
   virtual Status Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
                      SizeTable* out) = 0;
 };

@@ -47,6 +47,7 @@ class ExtentTreeScan::Pass {
     kept_.digests.BeginPass();
     kept_.blockDigests.BeginPass();
     ++stats_.passes;
+    ENGINE_TRY(trees_.CheckSettled());
     ENGINE_TRY(ListLeaves());
     ENGINE_TRY(FindHoldersOfTreeBlocks());
     ENGINE_TRY(FindHoldersOfData());

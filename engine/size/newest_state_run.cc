@@ -1,12 +1,17 @@
 #include "engine/size/newest_state_run.h"
 
 #include <chrono>
+#include <thread>
 
 #include "engine/io/superblock.h"
 #include "engine/size/patience.h"
 
 namespace ZorvEngine {
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
 
 BlockFormat FormatOf(const Superblock& superblock) {
   BlockFormat format;
@@ -36,6 +41,19 @@ Status Commit(StateSource& source, SizeProgress& progress, const NoteSink& note,
   return Status();
 }
 
+// Waits for a newer superblock than `superblock`, which becomes it.  The failure is `why`, that
+// none has come until `deadline`.
+Status WaitForNewer(StateSource& source, Clock::time_point deadline, const Status& why,
+                    Superblock* superblock) {
+  const uint64_t before = superblock->generation.Get();
+  while (superblock->generation.Get() == before) {
+    if (Clock::now() >= deadline) return Status::Failed(why.Text());
+    std::this_thread::sleep_for(kBetweenLooks);
+    ENGINE_TRY(source.ReadSuperblock(superblock));
+  }
+  return CheckFeatures(*superblock);
+}
+
 }  // namespace
 
 Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
@@ -47,7 +65,7 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
 
   BlockReader reader(source.Devices(), FormatOf(superblock), progress.meter, request.reading);
   const ReadCounters& counters = progress.meter.counters;
-  const auto begin = std::chrono::steady_clock::now();
+  const Clock::time_point begin = Clock::now();
   Patience patience;
   std::string bad;
   int sameBad = 0;
@@ -63,6 +81,12 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
       *out = std::move(result);
       return Status();
     }
+    if (done.GetKind() == Status::kUnsettled) {
+      ENGINE_TRY(WaitForNewer(source, begin + request.mostSettling, done, &superblock));
+      progress.meter.Abandon();
+      progress.exclusiveBytes = 0;
+      continue;
+    }
     if (done.GetKind() != Status::kBadBlock) return done;
 
     const uint64_t before = superblock.generation.Get();
@@ -71,7 +95,7 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
     bad = done.Text();
     if (superblock.generation.Get() == before || sameBad == kMostOfOneBlock)
       return Status::Failed(bad + "; run btrfs scrub");
-    if (!patience.GoesOn(counters.bytesRead - readBefore, std::chrono::steady_clock::now() - begin))
+    if (!patience.GoesOn(counters.bytesRead - readBefore, Clock::now() - begin))
       return Status::Failed("the file system changes faster than it can be read (" +
                             std::to_string(attempt) + " attempts); try again when it is quieter");
     ENGINE_TRY(CheckFeatures(superblock));

@@ -51,6 +51,7 @@ class Walk {
 
  private:
   Status FindRoots() {
+    ENGINE_TRY(trees_.CheckSettled());
     size_t position = 0;
     for (const uint64_t id : request_.ids) {
       CommittedTrees::Subvolume subvolume;
@@ -59,7 +60,7 @@ class Walk {
     }
     for (const CommittedTrees::RelocationTree& tree : trees_.RelocationTrees()) {
       if (tree.beingDropped)
-        return Status::Failed(
+        return Status::Unsettled(
             "a balance is removing what it has moved, which this way of counting cannot follow; "
             "try again in a moment, or with --method scan");
       levels_[tree.root.level].push_back({tree.root, HolderSets::kNobody});

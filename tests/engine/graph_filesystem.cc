@@ -317,7 +317,7 @@ std::vector<Item> GraphFilesystem::RootItems() const {
     root.generation.Set(at.generation);
     root.level.Set(at.level);
     root.bytesUsed.Set(bytes);
-    root.refs.Set(1);
+    root.refs.Set(key.first == kRelocationTreeId ? 0 : 1);
     items.push_back({{key.first, kRootItemType, key.second}, BytesOf(root)});
   };
   add({kExtentTreeId, 0}, extentTree_.Root(), extentTree_.Blocks() * kNodeSize);

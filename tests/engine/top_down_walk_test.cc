@@ -20,8 +20,10 @@ using Mini = MiniFilesystem;
 class WalkTest : public testing::Test {
  protected:
   Status Run(std::vector<uint64_t> ids = {Mini::kSubvolumeId}) {
+    request_.ids = ids;
+    request_.countMetadata = true;
     return RunOnNewestState(
-        mini_, walk_, {ids, true}, progress_, [&](const std::string& n) { notes_.push_back(n); },
+        mini_, walk_, request_, progress_, [&](const std::string& n) { notes_.push_back(n); },
         &result_);
   }
   Status WriteAndRun() {
@@ -29,7 +31,19 @@ class WalkTest : public testing::Test {
     return Run();
   }
 
+  // Makes a further commit, with a root tree of `roots`, which must be sorted.
+  void CommitRoots(uint64_t generation, const std::vector<Item>& roots) {
+    const uint64_t bytenr = Mini::kMiB + (generation - kGeneration) * kNodeSize;
+    Bytes block = MakeLeaf(bytenr, roots);
+    HeaderOf(&block).generation.Set(generation);
+    Seal(&block);
+    mini_.Memory().Put(bytenr, block);
+    mini_.Superblocks().push_back(mini_.MakeSuperblock(generation));
+    mini_.Superblocks().back().root.Set(bytenr);
+  }
+
   Mini mini_;
+  SizeRequest request_;
   TopDownWalk walk_;
   SizeProgress progress_;
   SizeResult result_;
@@ -270,6 +284,28 @@ TEST_F(RunOnNewestStateTest, GivesUpWhenItIsOvertakenAgainAndAgain) {
   EXPECT_EQ(
       "the file system changes faster than it can be read (41 attempts); try again when it is "
       "quieter",
+      Run().Text());
+}
+
+// A relocation tree with references: its subvolume is getting what was moved.
+TEST_F(RunOnNewestStateTest, WaitsUntilMovedBlocksAreInTheirPlaces) {
+  mini_.Write();
+  const std::vector<Item> settled = mini_.Roots();
+  mini_.AddRoot(kRelocationTreeId, Mini::kSubvolume);
+  CommitRoots(kGeneration, mini_.Roots());
+  CommitRoots(kGeneration + 1, settled);
+  ASSERT_EQ("", Run().Text());
+  EXPECT_EQ(kGeneration + 1, result_.generation);
+}
+
+TEST_F(RunOnNewestStateTest, SaysThatMovedBlocksDoNotComeIntoTheirPlaces) {
+  mini_.Write();
+  mini_.AddRoot(kRelocationTreeId, Mini::kSubvolume);
+  CommitRoots(kGeneration, mini_.Roots());
+  request_.mostSettling = std::chrono::milliseconds(50);
+  EXPECT_EQ(
+      "a balance, or a device that shrinks or goes, is giving subvolumes the blocks that it has "
+      "moved; try again in a moment",
       Run().Text());
 }
 
