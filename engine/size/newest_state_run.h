@@ -28,9 +28,9 @@ constexpr int kMostOfOneBlock = 5;
 // Has `source` commit, reads its newest state and runs `method` on it.  A block that does not
 // verify is a reused one when a newer superblock is there by then: the run begins again from that
 // one, as long as its Patience lasts; blocks that are cached and what the method has kept need not
-// be read again.  Without a newer superblock, or when newer ones still have it, the block is damaged
-// and the run fails, naming it.  A state of which the method cannot tell exact numbers is waited
-// out, for as long as the request says.
+// be read again.  Without a newer superblock, or when newer ones still have it, the block is
+// damaged and the run fails, naming it.  A state of which the method cannot tell exact numbers is
+// waited out, for as long as the request says.
 Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
                         const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
                         SizeResult* out);

@@ -1,0 +1,549 @@
+// The engine on real file systems that change all the time beside it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <random>
+
+#include "tests/engine/busy_volume.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+// A file system whose extent tree is large beside its image, and whose extents of two subvolumes
+// alternate: what changes in one changes leaves of the extent tree that speak of the other.
+class BusySlowRun : public testing::Test {
+ protected:
+  static constexpr unsigned kExtents = 14000;
+  static constexpr off_t kExtent = 4096;
+
+  void SetUp() override {
+    volume_.Subvolume("kept");
+    volume_.Subvolume("busy");
+    const UniqueFd kept = Open(volume_.Path("kept/file"), O_RDWR | O_CREAT);
+    const UniqueFd busy = Open(volume_.Path("busy/file"), O_RDWR | O_CREAT);
+    for (unsigned n = 0; n < kExtents; ++n) {
+      ASSERT_EQ(0, fallocate(kept.Get(), 0, n * kExtent, kExtent));
+      ASSERT_EQ(0, fallocate(busy.Get(), 0, n * kExtent, kExtent));
+      if (n % (kExtents / 3) == 0) {
+        const std::string name = "snap" + std::to_string(asked_.size());
+        asked_.push_back(volume_.Snapshot("kept", name));
+        ASSERT_EQ(0, fallocate(kept.Get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                               n / 2 * kExtent, kExtent * 500));
+      }
+    }
+    asked_.push_back(volume_.Path("kept"));
+    MustRun({"sync", "-f", kMount});
+  }
+
+  std::string Passing(unsigned n) const { return volume_.Path("passing" + std::to_string(n)); }
+
+  // Changes `extents` of the busy file, all over it, and commits.
+  void Change(unsigned round, unsigned extents) const {
+    const UniqueFd busy = Open(volume_.Path("busy/file"), O_RDWR);
+    for (unsigned n = 0; n < extents; ++n) {
+      const off_t at = (round * extents + n) * 7919ull % kExtents * kExtent;
+      (void)fallocate(busy.Get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at, kExtent);
+      (void)fallocate(busy.Get(), 0, at, kExtent);
+    }
+    (void)syncfs(busy.Get());
+  }
+
+  BtrfsVolume volume_{kMount, Options(320, {"-n", "4096", "-m", "single"})};
+  std::vector<std::string> asked_;
+};
+
+// Freezes a file system: nothing is written until the object goes.
+class Freeze {
+ public:
+  explicit Freeze(const std::string& path) : fd_(Open(path, O_RDONLY | O_DIRECTORY)) {
+    if (ioctl(fd_.Get(), FIFREEZE, 0) != 0) throw std::runtime_error("cannot freeze " + path);
+  }
+  ~Freeze() { (void)ioctl(fd_.Get(), FITHAW, 0); }
+  Freeze(const Freeze&) = delete;
+  Freeze& operator=(const Freeze&) = delete;
+
+ private:
+  UniqueFd fd_;
+};
+
+// What people and programs do to a file system, each in processes of its own, until it goes.
+class Load {
+ public:
+  enum Kind { kBalance, kResize, kScrub, kDefragment, kDedupe, kDevices };
+
+  // Files of the subvolume "busy" are written to, with commits; snapshots of it, "passing<n>", come
+  // and go.
+  explicit Load(BtrfsVolume& volume, bool snapshots = true) : volume_(volume) {
+    Start([this](unsigned round) {
+      for (unsigned n = 0; n < 20; ++n) Overwrite(File(round * 13 + n), 9000, round);
+    });
+    Start([this](unsigned) { Commit(volume_.MountPoint()); }, 0.3);
+    if (!snapshots) return;
+    Start(
+        [this](unsigned round) {
+          CreateSnapshot(volume_.Path("busy"), Passing(round), /*readOnly=*/true);
+          if (round >= 2) DestroySubvolume(Passing(round - 2));
+        },
+        0.3);
+  }
+
+  // Adds something; returns the number of it, for Done.
+  size_t Add(Kind kind) {
+    switch (kind) {
+      case kBalance:
+        return Start(
+            [](unsigned) {
+              Stock({"balance", "start", "--full-balance", kMount});
+            },
+            kLetOthersIn);
+      case kResize:
+        return Start(
+            [](unsigned round) {
+              Stock({"filesystem", "resize", round % 2 == 0 ? "1:-100M" : "1:+100M", kMount});
+            },
+            kLetOthersIn);
+      case kScrub:
+        return Start([](unsigned) { Stock({"scrub", "start", "-B", kMount}); });
+      case kDefragment:
+        return Start([this](unsigned round) { Defragment(File(round), round % 2 == 0); });
+      case kDedupe:
+        return Start([this](unsigned round) {
+          for (const char* name : {"busy/one", "busy/two"})
+            WriteRandom(volume_.Path(name), 1 << 17, round);
+          (void)DedupeRange({volume_.Path("busy/one"), 0, 1 << 17}, volume_.Path("busy/two"), 0);
+        });
+      case kDevices:
+        break;
+    }
+    const std::string device = volume_.AddDevice(300);
+    return Start(
+        [device](unsigned) {
+          // It may be there still: to remove it was forbidden.
+          (void)ZorvTest::Run({kStockBtrfs, "device", "add", "-f", device, kMount});
+          Stock({"device", "remove", device, kMount});
+        },
+        kLetOthersIn);
+  }
+
+  unsigned Done(size_t number) const { return activities_[number]->Done(); }
+
+  // Balance, resize and changes of devices exclude each other.
+  static constexpr double kLetOthersIn = 0.1;
+
+  static constexpr unsigned kFiles = 400;  // busy/0 and on
+
+ private:
+  size_t Start(const Activity::Round& round, double pause = 0) {
+    activities_.push_back(std::make_unique<Activity>(round, pause));
+    return activities_.size() - 1;
+  }
+  static void Stock(std::vector<std::string> argv) {
+    argv.insert(argv.begin(), kStockBtrfs);
+    MustRun(argv);
+  }
+  std::string Passing(unsigned n) const { return volume_.Path("passing" + std::to_string(n)); }
+  std::string File(unsigned n) const { return volume_.Path("busy/" + std::to_string(n % kFiles)); }
+
+  BtrfsVolume& volume_;
+  std::vector<std::unique_ptr<Activity>> activities_;
+};
+
+// The generation that the numbers of a run are for.
+unsigned long long GenerationOf(const EngineRun& run) {
+  unsigned long long generation = 0;
+  for (const std::string& line : run.lines)
+    (void)sscanf(line.c_str(), "generation %llu", &generation);
+  return generation;
+}
+
+// A number of --stats.
+unsigned long long Statistic(const EngineRun& run, const std::string& what) {
+  const std::string begin = "STATS: " + what + " ";
+  const size_t at = run.err.find(begin);
+  return at == std::string::npos ? 0 : std::stoull(run.err.substr(at + begin.size()));
+}
+
+// Whether a run may end with this while a file system is busy: it says what is in the way.
+bool IsClearRefusal(const std::string& error) {
+  for (const char* text :
+       {"ERROR: the file system changes faster than it can be read",
+        "ERROR: a balance is removing what it has moved, which this way of counting cannot follow",
+        "ERROR: a balance, or a device that shrinks or goes, is giving subvolumes the blocks"})
+    if (error.rfind(text, 0) == 0) return true;
+  return false;
+}
+
+struct Scenario {
+  const char* name;
+  std::vector<Load::Kind> kinds;
+};
+
+void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+
+class BusyFilesystem : public testing::Test {
+ protected:
+  void SetUp() override {
+    MakeHistory(volume_, 300, 6);
+    volume_.Subvolume("busy");
+    WriteFiles("busy", 0, Load::kFiles, 7);
+    MustRun({"sync", "-f", kMount});
+    kernel_ = volume_.KernelExclusive();
+    for (const char* name : {"snap1", "snap2", "snap4", "snap5", "snap6", "live", "written"})
+      still_.push_back(SubvolumeID(volume_.Path(name)));
+  }
+
+  // The arguments for everything that stays, and for what changes.
+  std::vector<std::string> Arguments(const std::string& option) const {
+    std::vector<std::string> args = {
+        "-vm", option, "-r", kMount, "5", std::to_string(SubvolumeID(volume_.Path("busy")))};
+    for (const unsigned long long id : still_) args.push_back(std::to_string(id));
+    return args;
+  }
+
+  // Of subvolumes that nobody changes.
+  void ExpectNumbersOfBefore(const EngineRun& run) const {
+    for (const unsigned long long id : still_)
+      EXPECT_EQ(kernel_.at(id), run.sizes.at(id)) << "subvolume " << id;
+  }
+
+  // What the engine said, and an image of that moment.
+  struct Moment {
+    std::string image;
+    Sizes sizes;
+  };
+
+  void KeepMoment(const EngineRun& run) {
+    moments_.push_back({"/tmp/moment" + std::to_string(moments_.size()), run.sizes});
+    MustRun({"cp", "--reflink=always", volume_.Image(), moments_.back().image});
+  }
+
+  static unsigned long long GenerationOfImage(const std::string& image) {
+    uint64_t generation = 0;
+    EXPECT_EQ(8, pread(Open(image, O_RDONLY).Get(), &generation, 8, 65536 + 72));
+    return le64toh(generation);
+  }
+
+  void ExpectKernelNumbersAtMoments() {
+    volume_.Unmount();
+    for (const Moment& moment : moments_) {
+      const std::unique_ptr<BtrfsVolume> copy = volume_.Copy();
+      MustRun({"cp", "--reflink=always", moment.image, copy->Image()});
+      copy->SetMountOptions("skip_balance");
+      copy->Mount();
+      const Sizes kernel = copy->KernelExclusive();
+      copy->Unmount();
+      for (const auto& [id, bytes] : moment.sizes) EXPECT_EQ(kernel.at(id), bytes) << id;
+    }
+    volume_.Mount();
+  }
+
+  static BtrfsOptions OnOneDevice() {
+    BtrfsOptions options = Options(0, {"-n", "4096", "-m", "single"});
+    options.devicesMiB = {1200};
+    return options;
+  }
+
+  // Images lie on this one, where copies are made in no time.
+  BtrfsVolume below_{"/tmp", {4096, {}, ""}};
+  BtrfsVolume volume_{kMount, OnOneDevice()};
+  Sizes kernel_;
+  std::vector<Moment> moments_;
+  std::vector<unsigned long long> still_;
+};
+
+class BusyWhile : public BusyFilesystem, public testing::WithParamInterface<Scenario> {};
+
+const Scenario kScenarios[] = {
+    {"Writing", {}},
+    {"Balance", {Load::kBalance}},
+    {"Resize", {Load::kResize}},
+    {"Scrub", {Load::kScrub}},
+    {"DefragmentAndDedupe", {Load::kDefragment, Load::kDedupe}},
+    {"DevicesAddedAndRemoved", {Load::kDevices}},
+    {"Everything",
+     {Load::kBalance, Load::kResize, Load::kScrub, Load::kDefragment, Load::kDedupe,
+      Load::kDevices}},
+};
+
+}  // namespace
+
+TEST_P(BusyWhile, BothWaysOfCountingAgree) {
+  constexpr double kTime = 6;
+  constexpr int kFewestRuns = 12;
+  Load load(volume_);
+  std::vector<size_t> numbers;
+  for (const Load::Kind kind : GetParam().kinds) numbers.push_back(load.Add(kind));
+  const KernelView kernel;
+  const unsigned long long first = kernel.Generation();
+  int exact = 0;
+  std::map<std::string, int> refused;
+  const auto isEachDone = [&] {
+    return std::ranges::all_of(numbers, [&](size_t number) { return load.Done(number) > 0; });
+  };
+  const double begin = Seconds();
+  for (int runs = 0; runs < kFewestRuns || Seconds() < begin + kTime || !isEachDone(); ++runs) {
+    ASSERT_LT(Seconds(), begin + 60) << "nothing goes on";
+    const EngineRun run = RunEngine(Arguments("--verify"));
+    if (run.status == 0) {
+      ++exact;
+      ExpectNumbersOfBefore(run);
+    } else {
+      EXPECT_TRUE(IsClearRefusal(run.err)) << run.err;
+      ++refused[run.err];
+    }
+  }
+  int refusals = 0;
+  for (const auto& [text, times] : refused) {
+    refusals += times;
+    printf("%d x %s", times, text.c_str());
+  }
+  printf("%d exact, %d refused, %llu commits\n", exact, refusals, kernel.Generation() - first);
+  EXPECT_GE(exact, 3 * refusals);
+}
+
+INSTANTIATE_TEST_SUITE_P(Load, BusyWhile, testing::ValuesIn(kScenarios),
+                         [](const auto& test) { return std::string(test.param.name); });
+
+// Every commit moves leaves of the extent tree and reuses what earlier ones have freed; a run that
+// began anew each time would not end.
+TEST_F(BusySlowRun, EndsExactlyAndSoonWhileManyCommitsOvertakeIt) {
+  const KernelView kernel;
+  // Free space in one piece would take long to be used a second time.
+  for (unsigned round = 0; round < 100; ++round) Change(round, 40);
+  const SlowDisk slow = SlowDisk::Reading(volume_.Device(), 512 << 10);
+  std::vector<std::string> args = {"-vm", "--method", "scan", "--stats"};
+  args.insert(args.end(), asked_.begin(), asked_.end());
+  double begin = Seconds();
+  const EngineRun quiet = ParseRun(ZorvTest::Run(slow.Command(EngineCommand(args))));
+  const double quietTime = Seconds() - begin;
+  ASSERT_EQ(0, quiet.status) << quiet.err;
+  EXPECT_EQ(1u, Statistic(quiet, "passes"));
+
+  const Activity churn([&](unsigned round) { Change(round, 2); }, 0.12);
+  const Activity snapshots(
+      [&](unsigned round) {
+        CreateSnapshot(volume_.Path("busy"), Passing(round), /*readOnly=*/true);
+        if (round >= 2) DestroySubvolume(Passing(round - 2));
+      },
+      0.3);
+  // Nearly every run is overtaken; by chance one is not.
+  unsigned long long passes = 1;
+  for (int runs = 0; runs < 3 && passes == 1; ++runs) {
+    const unsigned long long before = kernel.Generation();
+    begin = Seconds();
+    const EngineRun run = ParseRun(ZorvTest::Run(slow.Command(EngineCommand(args))));
+    const double time = Seconds() - begin;
+    const unsigned long long overtaken = kernel.Generation() - before;
+    ASSERT_EQ(0, run.status) << run.err;
+    EXPECT_EQ(quiet.sizes, run.sizes);
+    EXPECT_GE(overtaken, 50u);
+    EXPECT_LT(time, 3 * quietTime);
+    passes = Statistic(run, "passes");
+    printf("quiet %.1f s, busy %.1f s, %llu commits, %llu passes, %llu repairs\n", quietTime, time,
+           overtaken, passes, Statistic(run, "repairs"));
+  }
+  EXPECT_GT(passes, 1u);
+}
+
+// A frozen file system has nothing to commit; on a copy of it the kernel counts.
+TEST_F(BusyFilesystem, EqualsTheKernelWhereverItIsFrozen) {
+  {
+    Load load(volume_, /*snapshots=*/false);
+    load.Add(Load::kDefragment);
+    for (useconds_t pause = 100'000; pause <= 300'000; pause += 100'000) {
+      usleep(pause);
+      const Freeze frozen(kMount);
+      const double begin = Seconds();
+      const EngineRun run = RunEngine(Arguments("--method=scan"));
+      EXPECT_LT(Seconds() - begin, 4) << "nothing is to be committed";
+      ASSERT_EQ(0, run.status) << run.err;
+      EXPECT_EQ("", run.err);
+      KeepMoment(run);
+    }
+  }
+  ExpectKernelNumbersAtMoments();
+}
+
+// A balance cannot be frozen, but an image can be copied in no time: it is of the moment of the run
+// when it has the commit that the numbers are for.
+TEST_F(BusyFilesystem, EqualsTheKernelWhileABalanceRuns) {
+  const KernelView view;
+  {
+    Load load(volume_, /*snapshots=*/false);
+    load.Add(Load::kBalance);
+    const double begin = Seconds();
+    while (moments_.size() < 4) {
+      ASSERT_LT(Seconds(), begin + 60) << "no moment was met";
+      const EngineRun run = RunEngine(Arguments("--method=scan"));
+      ASSERT_EQ(0, run.status) << run.err;
+      if (!view.IsBalancing()) continue;
+      KeepMoment(run);
+      if (GenerationOfImage(moments_.back().image) == GenerationOf(run)) {
+        usleep(200'000);
+        continue;
+      }
+      std::filesystem::remove(moments_.back().image);
+      moments_.pop_back();
+    }
+  }
+  ExpectKernelNumbersAtMoments();
+}
+
+// The worker is held until its subvolume is gone and its blocks have been used for others.
+TEST_F(BusyFilesystem, NamesASubvolumeThatIsDeletedWhileItCounts) {
+  const Load load(volume_);
+  for (const bool byPath : {true, false}) {
+    bool named = false;
+    const double begin = Seconds();
+    for (useconds_t delay = 0; !named; delay = (delay + 700) % 20000) {
+      ASSERT_LT(Seconds(), begin + 30) << "no run began anew";
+      const std::string path = volume_.Snapshot("live", "leaving");
+      const std::string id = std::to_string(SubvolumeID(path));
+      MustRun({"sync", "-f", kMount});
+      EngineProcess engine(byPath ? std::vector<std::string>{"-vm", "--method=scan", path}
+                                  : std::vector<std::string>{"-vm", "--method=scan", "-r", kMount,
+                                                             id, std::to_string(still_[0])});
+      const bool held = engine.StopWorker(delay);
+      DestroySubvolume(path);
+      Commit(kMount);
+      if (held) {
+        for (unsigned round = 0; round < 40; ++round) {
+          Overwrite(volume_.Path("busy/" + std::to_string(round)), 9000, round);
+          Commit(kMount);
+        }
+        engine.ContinueWorker();
+      }
+      const EngineRun run = engine.Finish();
+      if (run.status == 0) continue;
+      if (run.err.find("meanwhile") == std::string::npos) {  // it was held before it had looked
+        EXPECT_TRUE(run.err.rfind("ERROR: there is no subvolume " + id, 0) == 0 ||
+                    run.err.rfind("ERROR: cannot open " + path, 0) == 0)
+            << run.err;
+        continue;
+      }
+      EXPECT_EQ("ERROR: subvolume " + id + " (" + (byPath ? path : "leaving") +
+                    ") was deleted meanwhile; ask again without it",
+                run.err.substr(0, run.err.find(" (", run.err.find("again"))))
+          << run.err;
+      EXPECT_TRUE(run.sizes.empty());
+      named = true;
+    }
+  }
+}
+
+TEST_F(BusyFilesystem, LeavesNothingBehindWhenItIsKilled) {
+  const Load load(volume_);
+  std::mt19937 random(1);
+  int killed = 0;
+  for (int round = 0; killed < 40; ++round) {
+    ASSERT_LT(round, 1000);
+    std::vector<std::string> args = Arguments(round % 3 == 0 ? "--verify" : "--method=scan");
+    args.push_back("--memory");
+    args.push_back("1");
+    EngineProcess engine(args);
+    const bool front = round % 2 == 0;
+    if (!engine.StopWorker(random() % 10000)) continue;
+    ++killed;
+    ASSERT_EQ(0, kill(front ? engine.Front() : engine.Worker(), SIGKILL));
+    engine.ContinueWorker();
+    const EngineRun run = engine.Finish();
+    EXPECT_EQ(front ? 128 + SIGKILL : 1, run.status);
+    EXPECT_TRUE(run.sizes.empty());
+    if (!front) {
+      EXPECT_EQ(0u, run.lines.back().rfind("exclusive sizes unavailable: ", 0));
+    }
+    EXPECT_TRUE(WaitUntil([&] { return engine.WorkerEnded(); }, 5)) << "round " << round;
+  }
+  EXPECT_TRUE(std::filesystem::is_empty("/var/tmp"));
+}
+
+// Where no room is left even a commit can fail; the last one is there all the same.
+TEST_F(BusyFilesystem, CountsOnAFullFilesystem) {
+  EXPECT_NE(0,
+            ZorvTest::Run({"dd", "if=/dev/zero", "of=/volume1/busy/all", "bs=1M", "oflag=direct"})
+                .status);
+  EXPECT_NE(0,
+            ZorvTest::Run({"bash", "-c",
+                           "for n in $(seq 20000); do seq 400 > /volume1/busy/s$n || exit 1; done"})
+                .status);
+  const EngineRun run = RunEngine(Arguments("--verify"));
+  ASSERT_EQ(0, run.status) << run.err;
+  ExpectNumbersOfBefore(run);
+}
+
+namespace {
+
+// A file system whose image is made by the test, with a commit only when somebody asks for one.
+class QuietImage {
+ public:
+  // Far from those that others get: a limit on writing is for everybody who uses it.
+  static constexpr char kDevice[] = "/dev/loop199";
+
+  explicit QuietImage(const std::string& image) {
+    MustRun({"truncate", "-s", "256M", image});
+    MustRun({"mkfs.btrfs", "-q", "-m", "single", image});
+    std::filesystem::create_directories(kMount);
+    MustRun({"losetup", kDevice, image});
+    MustRun({"mount", "-o", "commit=300", kDevice, kMount});
+    MustRun({kStockBtrfs, "subvolume", "create", std::string(kMount) + "/live"});
+    WriteFiles("live", 1, 40, 1);
+    MustRun({"sync", "-f", kMount});
+    arguments = {"-vm", "-r", kMount, std::to_string(SubvolumeID(std::string(kMount) + "/live"))};
+    before = RunEngine(arguments).sizes;
+    EXPECT_EQ(1u, before.size());
+  }
+  ~QuietImage() {
+    (void)umount2(kMount, MNT_DETACH);
+    (void)ZorvTest::Run({"losetup", "--detach", kDevice});
+  }
+  QuietImage(const QuietImage&) = delete;
+  QuietImage& operator=(const QuietImage&) = delete;
+
+  // Expects a run to say `note` and give the numbers of before.
+  void ExpectLastCommit(const std::string& note) const {
+    const EngineRun run = RunEngine(arguments);
+    EXPECT_EQ("NOTE: " + note + "; the numbers are for its last commit\n", run.err);
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ(before, run.sizes);
+  }
+
+  std::vector<std::string> arguments;
+  Sizes before;
+};
+
+}  // namespace
+
+// Somebody else's commit goes on and on; the engine's is to come after it.
+TEST(BusyCommit, IsNotWaitedForLongWhenTheDiskIsSlow) {
+  const QuietImage image("/tmp/image");
+  Shell("for n in $(seq 1500); do echo $n{1..99} > live/small$n; done");  // inline: tree blocks
+  std::unique_ptr<SlowDisk> slow(new SlowDisk(SlowDisk::Writing(QuietImage::kDevice, 50 << 10)));
+  const Activity commit([&](unsigned) { MustRun({"sync", "-f", kMount}); }, 60);
+  usleep(1'000'000);
+  const double begin = Seconds();
+  image.ExpectLastCommit("the file system does not commit in time");
+  EXPECT_LT(Seconds() - begin, 10);
+  EXPECT_EQ(0u, commit.Done());
+  slow.reset();
+}
+
+// The disk below is full: a commit fails, and the kernel allows no more of them.
+TEST(BusyCommit, IsRefusedAfterAnErrorAndTheLastOneIsCounted) {
+  std::filesystem::create_directories("/small");
+  MustRun({"mount", "-t", "tmpfs", "-o", "size=40m", "small", "/small"});
+  {
+    const QuietImage image("/small/image");
+    Write("live/more", 60 << 20, 5);
+    (void)ZorvTest::Run({"sync", "-f", kMount});
+    image.ExpectLastCommit("the file system refuses to commit (Read-only file system)");
+  }
+  (void)umount2("/small", MNT_DETACH);
+}
