@@ -156,21 +156,6 @@ class Load {
   std::vector<std::unique_ptr<Activity>> activities_;
 };
 
-// The generation that the numbers of a run are for.
-unsigned long long GenerationOf(const EngineRun& run) {
-  unsigned long long generation = 0;
-  for (const std::string& line : run.lines)
-    (void)sscanf(line.c_str(), "generation %llu", &generation);
-  return generation;
-}
-
-// A number of --stats.
-unsigned long long Statistic(const EngineRun& run, const std::string& what) {
-  const std::string begin = "STATS: " + what + " ";
-  const size_t at = run.err.find(begin);
-  return at == std::string::npos ? 0 : std::stoull(run.err.substr(at + begin.size()));
-}
-
 // Whether a run may end with this while a file system is busy: it says what is in the way.
 bool IsClearRefusal(const std::string& error) {
   for (const char* text :
@@ -325,7 +310,7 @@ TEST_F(BusySlowRun, EndsExactlyAndSoonWhileManyCommitsOvertakeIt) {
   const EngineRun quiet = ParseRun(ZorvTest::Run(slow.Command(EngineCommand(args))));
   const double quietTime = Seconds() - begin;
   ASSERT_EQ(0, quiet.status) << quiet.err;
-  EXPECT_EQ(1u, Statistic(quiet, "passes"));
+  EXPECT_EQ(1u, NumberOf(quiet, "passes"));
 
   const Activity churn([&](unsigned round) { Change(round, 2); }, 0.12);
   const Activity snapshots(
@@ -346,9 +331,9 @@ TEST_F(BusySlowRun, EndsExactlyAndSoonWhileManyCommitsOvertakeIt) {
     EXPECT_EQ(quiet.sizes, run.sizes);
     EXPECT_GE(overtaken, 50u);
     EXPECT_LT(time, 3 * quietTime);
-    passes = Statistic(run, "passes");
+    passes = NumberOf(run, "passes");
     printf("quiet %.1f s, busy %.1f s, %llu commits, %llu passes, %llu repairs\n", quietTime, time,
-           overtaken, passes, Statistic(run, "repairs"));
+           overtaken, passes, NumberOf(run, "repairs"));
   }
   EXPECT_GT(passes, 1u);
 }

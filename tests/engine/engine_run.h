@@ -8,12 +8,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdint.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <map>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -84,25 +87,71 @@ inline void ExpectFailure(const EngineRun& run, const std::string& error,
   EXPECT_TRUE(run.sizes.empty());
 }
 
+// The generation that the numbers of a run are for; 0 when it gave none.
+inline unsigned long long GenerationOf(const EngineRun& run) {
+  unsigned long long generation = 0;
+  for (const std::string& line : run.lines)
+    (void)sscanf(line.c_str(), "generation %llu", &generation);
+  return generation;
+}
+
+// What --stats said of something; empty when it said nothing of it.
+inline std::string StatOf(const EngineRun& run, const std::string& what) {
+  const std::string begin = "STATS: " + what + " ";
+  const size_t at = run.err.find(begin);
+  if (at == std::string::npos) return "";
+  const size_t from = at + begin.size();
+  return run.err.substr(from, run.err.find('\n', from) - from);
+}
+
+// A number of --stats; 0 when it is not there.
+inline unsigned long long NumberOf(const EngineRun& run, const std::string& what) {
+  return strtoull(StatOf(run, what).c_str(), nullptr, 10);
+}
+
+// Random moments in the middle of runs that are alike.  How long such a run takes on this machine,
+// now, shows in which moments came too late.
+class RandomMoment {
+ public:
+  // `longest` microseconds are what such a run is thought to take at first.
+  explicit RandomMoment(uint32_t longest = 5000) : longest_(longest) {}
+
+  // Microseconds after which to look at the next run.
+  useconds_t Next() { return static_cast<useconds_t>(random_() % longest_); }
+
+  // Whether that run had not ended yet.
+  void WasMet(bool met) { longest_ = met ? longest_ + longest_ / 4 + 1 : longest_ - longest_ / 4; }
+
+ private:
+  std::mt19937 random_{1};
+  uint32_t longest_;
+};
+
 // An engine that runs while the test looks at it; its standard output is a pipe.
 class EngineProcess {
  public:
   // `pipeFlags` O_DIRECT: each read of the pipe gives what one write gave.
-  explicit EngineProcess(const std::vector<std::string>& args, int pipeFlags = 0) {
+  explicit EngineProcess(const std::vector<std::string>& args, int pipeFlags = 0)
+      : EngineProcess(Whole{EngineCommand(args)}, pipeFlags) {}
+
+  // A command that becomes the engine by exec.
+  struct Whole {
+    std::vector<std::string> argv;
+  };
+  explicit EngineProcess(const Whole& command, int pipeFlags = 0) {
     int ends[2];
     if (pipe2(ends, pipeFlags | O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
     out_.Reset(ends[0]);
     UniqueFd write(ends[1]);
     err_.Reset(open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-    const std::vector<std::string> command = EngineCommand(args);
     std::vector<char*> argv;
-    for (const std::string& arg : command) argv.push_back(const_cast<char*>(arg.c_str()));
+    for (const std::string& arg : command.argv) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
     front_ = fork();
     if (front_ != 0) return;
     dup2(write.Get(), STDOUT_FILENO);
     dup2(err_.Get(), STDERR_FILENO);
-    execv(argv[0], argv.data());
+    execvp(argv[0], argv.data());
     _exit(127);
   }
   ~EngineProcess() {
