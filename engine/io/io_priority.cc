@@ -1,10 +1,17 @@
 #include "engine/io/io_priority.h"
 
-#include <linux/ioprio.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 namespace ZorvEngine {
+namespace {
+
+// As in ioprio_set(2).  The values of <linux/ioprio.h> come with a function that is no C++.
+constexpr int kOfThread = 1;      // IOPRIO_WHO_PROCESS
+constexpr int kIdleClass = 3;     // IOPRIO_CLASS_IDLE
+constexpr int kBitsOfLevel = 13;  // IOPRIO_CLASS_SHIFT
+
+}  // namespace
 
 // Schedulers that look at the class (bfq, mq-deadline on recent kernels) serve an idle reader when
 // nobody else wants anything, and now and then all the same: bfq every fifth of a second,
@@ -17,8 +24,7 @@ namespace ZorvEngine {
 // decide, and ring and plain reads behave alike.
 void ReadWhenIdle() {
   constexpr int kThisThread = 0;
-  (void)syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, kThisThread,
-                IOPRIO_PRIO_VALUE(IOPRIO_CLASS_IDLE, 0));
+  (void)syscall(SYS_ioprio_set, kOfThread, kThisThread, kIdleClass << kBitsOfLevel);
 }
 
 }  // namespace ZorvEngine
