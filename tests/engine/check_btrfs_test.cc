@@ -1,9 +1,19 @@
 // --check, --estimate and --stats on real file systems, and what is said of subvolumes that go
 // away.
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <linux/filter.h>
+#include <linux/io_uring.h>
+#include <linux/seccomp.h>
+#include <string.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
+#include <iterator>
 #include <regex>
 
 #include "tests/engine/history.h"
@@ -178,6 +188,65 @@ TEST_F(Stats, SayHowWasRead) {
   EXPECT_EQ("threads", StatOf(threads, "reading"));
   EXPECT_NE("one by one", StatOf(ring, "reading"));
   EXPECT_EQ(ring.sizes, threads.sizes);
+}
+
+namespace {
+
+// Has the kernel answer `error` to this process, and to those it starts, when they ask for a ring.
+void RefuseRing(int error) {
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_io_uring_setup, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter = {std::size(code), code};
+  if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+    throw std::runtime_error("no filter of system calls");
+}
+
+// The engine where the kernel refuses a ring; and that it does.
+EngineRun RunWithoutRing(int error, const std::vector<std::string>& args) {
+  const std::string folder = "/tmp/refused/";
+  CommandResult result;
+  result.status = InChild([&] {
+    RefuseRing(error);
+    io_uring_params parameters{};
+    if (syscall(__NR_io_uring_setup, 8, &parameters) != -1 || errno != error) return 99;
+    const EngineRun run = RunEngine(args);
+    WriteFile(folder + "out", run.out);
+    WriteFile(folder + "err", run.err);
+    return run.status;
+  });
+  result.out = ReadFile(folder + "out");
+  result.err = ReadFile(folder + "err");
+  std::filesystem::remove_all(folder);
+  return ParseRun(result);
+}
+
+bool RingIsThere() {
+  io_uring_params parameters{};
+  return UniqueFd(static_cast<int>(syscall(__NR_io_uring_setup, 8, &parameters))).Valid();
+}
+
+}  // namespace
+
+TEST_F(Stats, SayThatThreadsReadWhereTheKernelRefusesARing) {
+  WriteFiles("live", 1000, 2000, 7);
+  const std::vector<std::string> args = {"--stats", "--table",  "-vm",       "-r",       kMount,
+                                         "5",       Id("live"), Id("snap1"), Id("snap3")};
+  const EngineRun allowed = RunEngine(args);
+  ASSERT_EQ(0, allowed.status) << allowed.err;
+  EXPECT_EQ(RingIsThere() ? "io_uring" : "threads", StatOf(allowed, "reading"));
+  for (const int error : {EPERM, ENOSYS, ENOMEM}) {
+    SCOPED_TRACE(strerror(error));
+    const EngineRun refused = RunWithoutRing(error, args);
+    EXPECT_EQ(0, refused.status) << refused.err;
+    EXPECT_EQ("threads", StatOf(refused, "reading"));
+    EXPECT_EQ(4u, refused.sizes.size());
+    EXPECT_EQ(allowed.sizes, refused.sizes);
+    EXPECT_EQ(allowed.lines.back(), refused.lines.back());
+  }
 }
 
 TEST_F(Stats, AreSilentOnFailure) {

@@ -87,7 +87,7 @@ class Generated : public testing::TestWithParam<unsigned> {
     AddFeatures(ReadExtentTree(kMount).features, &features);
     AddFeatures(ReadFileExtents(kMount, {ids_.begin(), ids_.end()}), &features);
     for (const Place& place : history_->Places())
-      if (place.stubs > 0) ++features["Stub"];
+      if (place.nestedEntries > 0) ++features["NestedEntry"];
   }
 
   static Sizes Restricted(const Sizes& sizes, const Ids& ids) {
@@ -224,7 +224,7 @@ const char* const kFormatFeatures[] = {
     "MountForcedZstd", "MountSsdSpread",
     // What is in the trees afterwards
     "InlineExtent", "PreallocatedExtent", "HoleExtent", "PartOfAnExtent", "ZlibExtent", "LzoExtent",
-    "ZstdExtent", "Stub", "TreeBlockRef", "SharedBlockRef", "ExtentDataRef", "SharedDataRef",
+    "ZstdExtent", "NestedEntry", "TreeBlockRef", "SharedBlockRef", "ExtentDataRef", "SharedDataRef",
     "KeyedTreeBlockRef", "KeyedSharedBlockRef", "KeyedExtentDataRef", "KeyedSharedDataRef",
     "FullBackref"};
 

@@ -447,7 +447,7 @@ void GeneratedHistory::TakeSnapshot(const Place* source, bool readOnly) {
   Place snapshot = *source;
   for (const Place& other : places_)
     if (!other.path.empty() && ParentOf(other.path) == source->path && !source->path.empty())
-      ++snapshot.stubs;
+      ++snapshot.nestedEntries;
   snapshot.path = NewName("snap");
   snapshot.isSnapshot = true;
   snapshot.isReadOnly = readOnly;

@@ -17,7 +17,7 @@ struct Place {
   std::string path;  // from the mount point; empty for the top level
   bool isSnapshot = false;
   bool isReadOnly = false;
-  unsigned stubs = 0;                   // of subvolumes that were nested in its original
+  unsigned nestedEntries = 0;           // of subvolumes that were nested in its original
   std::vector<std::string> files = {};  // from the subvolume's root
 };
 

@@ -72,7 +72,7 @@ TEST(EngineRefuses, APlainDirectory) {
                 "/volume#/plain is not a subvolume; give the root directory of one");
 }
 
-TEST(EngineRefuses, TheStubOfANestedSubvolume) {
+TEST(EngineRefuses, TheEmptyDirectoryOfANestedSubvolume) {
   BtrfsVolume volume(kMount);
   volume.Subvolume("live");
   volume.Subvolume("live/inner");
