@@ -149,7 +149,7 @@ void CliWorld::Release() {
   // It opens the fifo just after it has said that it waits; the open here succeeds once it has.
   if (!EngineWaits()) return;
   int fd = -1;
-  (void)WaitUntil([&] { return (fd = open(kFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; }, 2);
+  (void)WaitUntil([&] { return (fd = open(kFifo, O_WRONLY | O_NONBLOCK | O_CLOEXEC)) >= 0; });
   if (fd >= 0) (void)close(fd);
   std::filesystem::remove(kWaiting);
 }

@@ -52,11 +52,15 @@ TEST_F(CmdRunBtrfs, OneOfManyHasTheSameNumber) {
 
 TEST_F(CmdRunBtrfs, CtrlCInTheMiddle) {
   Churn();
-  Background run(Argv({"run", "photos"}), Background::Terminal{100});
-  ASSERT_NE(-1, HoldEngineWorker());
-  run.Type('\x03');
-  const CommandResult result = run.Wait();
-  EXPECT_EQ(12, result.status) << result.out;
+  // A quick run may be over before its worker is seen: then there is another.
+  CommandResult result;
+  for (int attempt = 0; result.status != 12; ++attempt) {
+    ASSERT_LT(attempt, 50) << "no run could be held";
+    Background run(Argv({"run", "photos"}), Background::Terminal{100});
+    if (HoldEngineWorker(5) > 0) run.Type('\x03');
+    result = run.Wait();
+    ASSERT_TRUE(result.status == 12 || result.status == 0) << result.out;
+  }
   EXPECT_EQ("stop", ParseJson(ReadFile(kStatusOfPhotos))["status"].asString());
   EXPECT_EQ(0, Tool({"run", "photos"}).status) << "and the share is free at once";
 }

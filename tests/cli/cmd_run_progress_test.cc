@@ -29,11 +29,15 @@ TEST_F(CmdRunProgress, PlainLinesOnAPipe) {
 
 TEST_F(CmdRunProgress, OneLineEveryFewSecondsOnAPipe) {
   WaitingEngine();
+  const double begin = Seconds();
   Background run(Argv({"run", "photos"}));
-  ASSERT_TRUE(EngineWaits());
-  sleep(2);
-  const std::string text = run.Err();
-  EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text;
+  const auto lines = [&run] {
+    const std::string text = run.Err();
+    return std::count(text.begin(), text.end(), '\n');
+  };
+  ASSERT_TRUE(WaitUntil([&] { return lines() >= 2; })) << run.Err();
+  const auto shown = static_cast<double>(lines());
+  EXPECT_LE((shown - 1) * 5, Seconds() - begin) << run.Err();
 }
 
 TEST_F(CmdRunProgress, RedrawnInATerminal) {
@@ -112,6 +116,7 @@ TEST_F(CmdRunInterrupt, SaysItOnceAndWaitsAsLongAsItTakes) {
   Background run(Argv({"run", "photos", "--quiet"}));
   ASSERT_TRUE(EngineWaits());
   kill(run.Pid(), SIGINT);
+  ASSERT_TRUE(run.HasSaid(kAsked)) << run.Err();
   sleep(3);
   EXPECT_EQ(std::string(kAsked) + "\n", run.Err());
   ASSERT_TRUE(StopArrives());

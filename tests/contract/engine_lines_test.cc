@@ -145,12 +145,12 @@ TEST_F(EngineLines, FailureIsNoNumberForTheParser) {
 TEST_F(EngineLines, KilledWorkerIsAFailureForTheParser) {
   const pid_t killer = fork();
   if (killer == 0) {
-    const pid_t worker = HoldEngineWorker();
+    const pid_t worker = HoldEngineWorker(120);
     _exit(worker > 0 && kill(worker, SIGKILL) == 0 ? 0 : 1);
   }
   // The killer may come too late for a quick run: then the run is whole, and tried again.
   CommandResult run = Engine(ids_);
-  for (int tries = 0; run.status == 0 && tries < 200; ++tries) run = Engine(ids_);
+  for (int tries = 0; run.status == 0 && tries < 10000; ++tries) run = Engine(ids_);
   EXPECT_EQ(0, WaitForExit(killer));
   EXPECT_EQ(1, run.status);
   EXPECT_EQ(0u, Lines(run.out).back().find(kUnavailable)) << run.out;

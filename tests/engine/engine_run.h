@@ -191,7 +191,7 @@ class EngineProcess {
   void LeaveAsReader() { out_.Reset(); }
 
   // Waits for the end of the front, without reading.  False: not within `seconds`.
-  bool FrontEndsWithin(double seconds) {
+  bool FrontEndsWithin(double seconds = 60) {
     return WaitUntil([this] { return FrontEnded(); }, seconds);
   }
 

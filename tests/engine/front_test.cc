@@ -9,7 +9,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <filesystem>
 #include <regex>
 
@@ -20,11 +19,6 @@ using namespace ZorvTest;
 namespace {
 
 constexpr char kMount[] = "/volume1";
-
-double Seconds() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration<double>(now).count();
-}
 
 // A volume that takes a run a moment: many subvolumes, and changes that wait for a commit.
 class Front : public testing::Test {
@@ -55,7 +49,7 @@ class Front : public testing::Test {
   // An engine whose worker has been stopped in the middle of its run: after it let the standard
   // streams go, which is the last of its preparations.
   std::unique_ptr<EngineProcess> Stopped(const std::string& options, int pipeFlags = 0) {
-    for (int attempt = 0; attempt < 50; ++attempt) {
+    for (int attempt = 0; attempt < 1000; ++attempt) {
       WriteFile(volume_.Path("dirty"), std::to_string(attempt));
       auto engine = std::make_unique<EngineProcess>(Args(options), pipeFlags);
       bool stopped = engine->StopWorker();
@@ -145,33 +139,40 @@ TEST_F(Front, WritesEachLineWhole) {
 }
 
 TEST_F(Front, ShowsProgressWhileTheWorkerStandsStill) {
+  constexpr int kLines = 10;
+  constexpr double kMostBetween = 0.2;
+  constexpr double kLeastBetween = 0.1;
   const auto engine = Stopped("-vpm", O_DIRECT);
-  const double end = Seconds() + 3;
-  double last = Seconds(), longest = 0;
-  int processed = 0;
-  while (Seconds() < end) {
-    char packet[256] = {};
-    ASSERT_GT(read(engine->Out().Get(), packet, sizeof packet - 1), 0);
-    if (strncmp(packet, "processed ", 10) != 0) continue;
-    ++processed;
-    longest = std::max(longest, Seconds() - last);
-    last = Seconds();
-  }
-  EXPECT_GE(processed, 12);
-  EXPECT_LE(processed, 30);  // ten a second at most
-  EXPECT_LT(longest, 0.5);   // 0.2 s and what a busy machine adds
+  const auto takeLine = [&] {
+    for (char packet[256] = {}; strncmp(packet, "processed ", 10) != 0;)
+      ASSERT_GT(read(engine->Out().Get(), packet, sizeof packet - 1), 0);
+  };
+  takeLine();
+  const double begin = Seconds();
+  EXPECT_LT(ShortestTime(kLines * kMostBetween,
+                         [&] {
+                           for (int line = 0; line < kLines; ++line) takeLine();
+                         }),
+            kLines * kMostBetween);
+  int lines = 0;
+  for (const double end = Seconds() + 1; Seconds() < end; ++lines) takeLine();
+  EXPECT_LT(lines * kLeastBetween, Seconds() - begin);
   engine->ContinueWorker();
   ExpectSoundLines(RunEngine(Args("-vpm")), 20);
   EXPECT_EQ(0, engine->Finish().status);
 }
 
 TEST_F(Front, LeavesWhenTheReaderHasGoneWhileTheWorkerStandsStill) {
-  const auto engine = Stopped("-v");
-  const double left = Seconds();
-  engine->LeaveAsReader();
-  EXPECT_TRUE(engine->FrontEndsWithin(1));
-  EXPECT_LT(Seconds() - left, 0.5);
-  EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }, 1));
+  double shortest = 60;
+  for (int attempt = 0; attempt < 10 && shortest > 0.5; ++attempt) {
+    const auto engine = Stopped("-v");
+    const double left = Seconds();
+    engine->LeaveAsReader();
+    EXPECT_TRUE(engine->FrontEndsWithin());
+    shortest = std::min(shortest, Seconds() - left);
+    EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
+  }
+  EXPECT_LT(shortest, 0.5);
 }
 
 TEST_F(Front, LeavesWhenTheReaderHasGoneWhileTheWorkerWorks) {
@@ -179,7 +180,7 @@ TEST_F(Front, LeavesWhenTheReaderHasGoneWhileTheWorkerWorks) {
     EngineProcess engine(Args("-vpm"));
     usleep(static_cast<useconds_t>(round * 2000));
     engine.LeaveAsReader();
-    EXPECT_TRUE(engine.FrontEndsWithin(1));
+    EXPECT_TRUE(engine.FrontEndsWithin());
   }
 }
 
@@ -204,8 +205,8 @@ TEST_F(Front, TheWorkerDiesWithIt) {
     SCOPED_TRACE(signal);
     const auto engine = Stopped("-vpm");
     kill(engine->Front(), signal);
-    EXPECT_TRUE(engine->FrontEndsWithin(1));
-    EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }, 1));
+    EXPECT_TRUE(engine->FrontEndsWithin());
+    EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
   }
 }
 

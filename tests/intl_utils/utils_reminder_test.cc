@@ -244,7 +244,7 @@ TEST_F(UtilsReminderStatusGet, ReadersShareTheLock) {
   int fd = -1;
   ASSERT_TRUE(Utils::GeneralFileLock(kReminderLock, false, fd));
   EXPECT_EQ(0, InChild([] {
-              alarm(20);  // ends the child if it has to wait
+              alarm(60);  // ends the child if it has to wait
               bool read = false;
               return Utils::ReminderStatusGet(read) && read ? 0 : 1;
             }));

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -123,9 +122,7 @@ TEST_F(PLATCProcForkChildNoWait, NeitherTheTaskNorTheIntermediateIsLeftAZombie) 
 }
 
 TEST_F(PLATCProcForkChildNoWait, CallerDoesNotWaitForTheTask) {
-  const auto start = std::chrono::steady_clock::now();
-  const WaitingTask task;
-  EXPECT_GT(std::chrono::seconds(5), std::chrono::steady_clock::now() - start);
+  const WaitingTask task;  // ends only when it is killed
   EXPECT_EQ(0, kill(task.pid, 0));
 }
 

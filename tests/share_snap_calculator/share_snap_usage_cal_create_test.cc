@@ -443,7 +443,7 @@ TEST_F(ShareSnapUsageCalCreateTask, ShareLockIsFreeAfterwards) {
   ASSERT_EQ(0, Create());
   EXPECT_EQ(0, InChild([&] {
               int fd = -1;
-              alarm(5);
+              alarm(60);
               return Utils::GeneralFileLock(lock_, true, fd) ? 0 : 1;
             }));
 }

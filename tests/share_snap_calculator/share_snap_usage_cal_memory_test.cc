@@ -75,7 +75,7 @@ class ShareSnapUsageCalMemory : public VolumeTest {
     EXPECT_TRUE(map.isObject());
     EXPECT_EQ(0, InChild([] {
                 int fd = -1;
-                alarm(5);
+                alarm(60);
                 return Utils::GeneralFileLock(kShareMapLock, true, fd) ? 0 : 1;
               }));
   }

@@ -127,7 +127,7 @@ void BtrfsVolume::Unmount() {
     last = Run({"umount", mountPoint_});
     return last.status == 0;
   };
-  if (!WaitUntil(unmounted, 5)) throw std::runtime_error(last.err);
+  if (!WaitUntil(unmounted)) throw std::runtime_error(last.err);
   Detach();
 }
 

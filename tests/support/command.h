@@ -34,7 +34,14 @@ std::string ReadFile(const std::string& path);
 int ModeOf(const std::string& path);
 
 // Polls until `done` says so. False: not within `seconds`.
-bool WaitUntil(const std::function<bool()>& done, double seconds = 20);
+bool WaitUntil(const std::function<bool()>& done, double seconds = 60);
+
+// Seconds on a clock that nobody sets.
+double Seconds();
+
+// Does something until once it took less than `enough` seconds, at most 10 times; returns the
+// shortest time. What else the machine does makes a time longer, never shorter.
+double ShortestTime(double enough, const std::function<void()>& action);
 
 // Runs `body` in a forked child and returns its exit status (128 + signal when killed).
 int InChild(const std::function<int()>& body);
