@@ -158,6 +158,34 @@ TEST_F(Forecast, IsTheSumOverTheSetsOfTheTable) {
   EXPECT_TRUE(together) << "no set of several holds data: this file system shows nothing";
 }
 
+// To take its name from the original, blocks that a snapshot shares are copied: the old ones are
+// the snapshot's alone then, the new ones the original's.
+TEST_F(Forecast, ShiftsByAFewBlocksWhenANestedSubvolumeIsDeleted) {
+  constexpr unsigned long long kBlock = 16384;
+  constexpr unsigned long long kMostBlocks = 8;
+  volume_.Subvolume("live/inner");
+  Write("live/inner/file", 100000, 1);
+  volume_.Snapshot("live", "around");
+  const Ids ids = IdsOf({"live/inner", "around", "live"});
+  MustRun({"sync", "-f", kMount});
+  const std::vector<ForecastStep> planned =
+      StepsOf(RunEngine({"--forecast", Joined({ids[0], ids[1]}), "-r", kMount}));
+  ASSERT_EQ(2u, planned.size());
+  const Sizes before = EngineSizes("-vm", kMount, {ids[1], ids[2]});
+
+  volume_.DeleteSubvolume("live/inner");
+  MustRun({kStockBtrfs, "subvolume", "sync", kMount});
+  const std::vector<ForecastStep> found =
+      StepsOf(RunEngine({"--forecast", Joined({ids[1]}), "-r", kMount}));
+  ASSERT_EQ(1u, found.size());
+  EXPECT_EQ(planned[1].data, found[0].data);
+  const unsigned long long copied = found[0].metadata - planned[1].metadata;
+  EXPECT_GE(copied, kBlock);
+  EXPECT_LE(copied, kMostBlocks * kBlock);
+  const Sizes after = EngineSizes("-vm", kMount, {ids[1], ids[2]});
+  for (const auto& [id, bytes] : before) EXPECT_EQ(bytes + copied, after.at(id)) << id;
+}
+
 TEST_F(Forecast, RefusesAsForArguments) {
   const std::string live = std::to_string(IdsOf({"live"})[0]);
   ExpectFailure(RunEngine({"--forecast", live + ",4000", "-r", kMount}),
