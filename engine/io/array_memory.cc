@@ -34,6 +34,21 @@ void* ArrayMemory::AllocateFile(size_t bytes) {
                       "); make room there, allow more memory, or ask for fewer subvolumes");
 }
 
+// Memory of the process is moved by its page tables: nothing is copied, and no page needed twice.
+void* ArrayMemory::Enlarge(void* memory, size_t bytes, size_t newBytes) {
+  if (files_.count(memory) == 0 && inMemory_ - bytes + newBytes <= mostBytes_) {
+    void* const moved = mremap(memory, bytes, newBytes, MREMAP_MAYMOVE);
+    if (moved != MAP_FAILED) {
+      inMemory_ += newBytes - bytes;
+      return moved;
+    }
+  }
+  void* const larger = Allocate(newBytes);
+  memcpy(larger, memory, bytes);
+  Free(memory, bytes);
+  return larger;
+}
+
 void ArrayMemory::Free(void* memory, size_t bytes) {
   (void)munmap(memory, bytes);
   (files_.erase(memory) != 0 ? spilled_ : inMemory_) -= bytes;

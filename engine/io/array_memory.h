@@ -33,7 +33,11 @@ class ArrayMemory {
   // is met here and not by a signal later.  Throws NoArrayMemory.
   void* Allocate(size_t bytes);
 
-  // Gives back what Allocate gave, with the same number.
+  // Makes `newBytes`, more than before, of what Allocate gave for `bytes`; what is new is zeros.
+  // Returns where it lies now.  Throws NoArrayMemory: then all is as it was.
+  void* Enlarge(void* memory, size_t bytes, size_t newBytes);
+
+  // Gives back what Allocate or Enlarge gave, with the same number.
   void Free(void* memory, size_t bytes);
 
   // Bytes that lie in files now.
@@ -104,12 +108,8 @@ class BigArray {
   void Grow(size_t size) {
     size_t bytes = bytes_ == 0 ? kFirstBytes : 2 * bytes_;
     while (bytes < size * sizeof(T)) bytes *= 2;
-    T* const values = static_cast<T*>(memory_->Allocate(bytes));
-    if (values_ != nullptr) {
-      memcpy(static_cast<void*>(values), values_, size_ * sizeof(T));
-      memory_->Free(values_, bytes_);
-    }
-    values_ = values;
+    values_ = static_cast<T*>(values_ == nullptr ? memory_->Allocate(bytes)
+                                                 : memory_->Enlarge(values_, bytes_, bytes));
     bytes_ = bytes;
   }
 

@@ -71,6 +71,28 @@ TEST_F(ArrayMemoryTest, IsZerosOnAPageWhereverItLies) {
   }
 }
 
+// In memory, from memory into a file when the limit is passed, and from file to file.
+TEST_F(ArrayMemoryTest, KeepsWhatItEnlarges) {
+  ArrayMemory memory(8 * kPage, kSmallDisk);
+  size_t size = kPage;
+  auto* bytes = static_cast<uint8_t*>(memory.Allocate(size));
+  for (const size_t spilled : {size_t{0}, size_t{0}, size_t{0}, 16 * kPage, 32 * kPage}) {
+    std::fill(bytes, bytes + size, 0xFF);
+    bytes = static_cast<uint8_t*>(memory.Enlarge(bytes, size, 2 * size));
+    EXPECT_EQ(size, static_cast<size_t>(std::count(bytes, bytes + 2 * size, 0xFF)));
+    EXPECT_EQ(size, static_cast<size_t>(std::count(bytes + size, bytes + 2 * size, 0)));
+    size *= 2;
+    EXPECT_EQ(spilled, memory.SpilledBytes());
+  }
+  EXPECT_THROW((void)memory.Enlarge(bytes, size, kMiB), NoArrayMemory);
+  EXPECT_EQ(size / 2, static_cast<size_t>(std::count(bytes, bytes + size, 0xFF)));
+  EXPECT_EQ(size, memory.SpilledBytes());
+  memory.Free(bytes, size);
+  // All eight pages are the process's again.
+  memory.Free(memory.Allocate(8 * kPage), 8 * kPage);
+  EXPECT_EQ(0, Mappings(kSmallDisk));
+}
+
 TEST_F(ArrayMemoryTest, SaysThatTheDiskIsFullAndLeavesNothingBehind) {
   ArrayMemory memory(0, kSmallDisk);
   void* const some = memory.Allocate(128 << 10);
