@@ -92,7 +92,8 @@ bool TakeMembers(Unpacker* from, size_t subvolumes, std::vector<uint32_t>* membe
 
 bool TakeTable(Unpacker* from, SizeTable* table) {
   uint64_t rows = 0;
-  if (!from->TakeAll(&table->ids) || !from->TakeAll(&table->redundancies) || !from->Take(&rows))
+  if (!from->TakeAll(&table->ids) || !from->TakeAll(&table->redundancies) ||
+      !from->Take(&table->countsSeveral) || !from->Take(&rows))
     return false;
   for (uint64_t i = 0; i < rows; ++i) {
     SetRow row;
@@ -111,6 +112,7 @@ std::string EncodeResult(const SizeResult& result) {
   Append(result.generation, &bytes);
   AppendAll(result.table.ids, &bytes);
   AppendAll(result.table.redundancies, &bytes);
+  Append(result.table.countsSeveral, &bytes);
   Append(uint64_t{result.table.rows.size()}, &bytes);
   for (const SetRow& row : result.table.rows) {
     AppendAll(RunsOf(row.members), &bytes);

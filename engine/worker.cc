@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include <exception>
-#include <map>
+#include <memory>
 #include <string>
 
 #include "engine/channel.h"
@@ -66,32 +66,50 @@ uint64_t PeakBytes() {
   return getrusage(RUSAGE_SELF, &usage) == 0 ? static_cast<uint64_t>(usage.ru_maxrss) << 10 : 0;
 }
 
-Status Count(const Options& options, const Subjects& subjects, MountedFilesystem& filesystem,
-             SizeProgress& progress, const NoteSink& note, SizeResult* result) {
-  const SizeRequest request{subjects.Ids(), options.countMetadata,
-                            options.table ? options.tableBytes : 0, options.arrayBytes,
-                            ReadingOf(options)};
+// The ways of counting, with all that they keep.
+struct Methods {
   ExtentTreeScan scan;
   TopDownWalk walk;
-  AutoMethod either(scan);
-  CrossCheck both(scan, walk);
-  const std::map<Method, ExclusiveSizeMethod*> methods = {
-      {Method::kAuto, &either}, {Method::kScan, &scan}, {Method::kWalk, &walk}};
+  AutoMethod either{scan};
+  CrossCheck both{scan, walk};
+
+  ExclusiveSizeMethod& ChosenBy(const Options& options) {
+    if (options.verify) return both;
+    switch (options.method) {
+      case Method::kAuto:
+        return either;
+      case Method::kScan:
+        return scan;
+      case Method::kWalk:
+        break;
+    }
+    return walk;
+  }
+};
+
+Status Count(const Options& options, const Subjects& subjects, MountedFilesystem& filesystem,
+             Methods& methods, SizeProgress& progress, const NoteSink& note, SizeResult* result) {
+  SizeRequest request;
+  request.ids = subjects.Ids();
+  request.countMetadata = options.countMetadata;
+  request.countSeveral = options.table || !options.forecast.empty();
+  request.mostSetBytes = options.table ? options.tableBytes : 0;
+  request.mostArrayBytes = options.arrayBytes;
+  request.reading = ReadingOf(options);
   progress.stats.Choose(options.verify ? "scan and walk" : MethodName(options.method), "");
-  ExclusiveSizeMethod& method = options.verify ? both : *methods.at(options.method);
-  return RunOnNewestState(filesystem, method, request, progress, note, result);
+  return RunOnNewestState(filesystem, methods.ChosenBy(options), request, progress, note, result);
 }
 
 // Counts; on return nothing of the file system is open any more.
-Status FindResult(const Options& options, SizeProgress& progress, const NoteSink& note,
-                  SizeResult* result) {
+Status FindResult(const Options& options, Methods& methods, SizeProgress& progress,
+                  const NoteSink& note, SizeResult* result) {
   MountedFilesystem filesystem;
   Subjects subjects;
   {
     const PhaseTimer timer(progress.stats, "arguments");
     ENGINE_TRY(subjects.Find(options, note, &filesystem));
   }
-  const Status counted = Count(options, subjects, filesystem, progress, note, result);
+  const Status counted = Count(options, subjects, filesystem, methods, progress, note, result);
   return counted.Ok() ? counted : subjects.Explain(filesystem, counted);
 }
 
@@ -99,7 +117,9 @@ Status FindResult(const Options& options, SizeProgress& progress, const NoteSink
 Status FindSizes(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
   ENGINE_TRY(RequireRoot());
   SizeResult result;
-  ENGINE_TRY(FindResult(options, progress, NotesTo(channel), &result));
+  // Not freed: the end of the process, which follows, gives all memory back at once.
+  Methods& methods = *std::make_unique<Methods>().release();
+  ENGINE_TRY(FindResult(options, methods, progress, NotesTo(channel), &result));
   progress.stats.sets = result.table.rows.size();
   progress.stats.peakBytes = PeakBytes();
   (void)SendResult(channel.Get(), result);

@@ -39,6 +39,7 @@ Status Compare(const SizeTable& first, const SizeTable& second) {
     if (!Same(first.Exclusive(i), second.Exclusive(i)))
       return Disagree("subvolume " + std::to_string(first.ids[i]));
 
+  if (!first.countsSeveral) return Status();
   const std::vector<ForecastStep> steps = InAskedOrder(first);
   const std::vector<ForecastStep> again = InAskedOrder(second);
   for (size_t i = 0; i < steps.size(); ++i)

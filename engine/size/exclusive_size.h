@@ -27,8 +27,11 @@ struct SizeProgress {
 struct SizeRequest {
   std::vector<uint64_t> ids;   // no number twice
   bool countMetadata = false;  // whether tree blocks are part of the progress's exclusive bytes
-  // Memory for the sets of several subvolumes.  0: which they are need not be known; the outcome
-  // then has exclusive sizes, and what comes free in the order of `ids`.
+  // Whether what several hold together is counted too, for tables and plans.  Without it much need
+  // not be looked at: what two of them hold is nobody's alone, whoever else holds it.
+  bool countSeveral = true;
+  // Memory for the sets of several subvolumes.  0: which they are need not be known; what comes
+  // free in the order of `ids` can be told all the same.
   size_t mostSetBytes = 0;
   // Memory for large arrays; beyond it they go to an unlinked file.
   size_t mostArrayBytes = 256u << 20;

@@ -119,14 +119,16 @@ class ExtentTreeScan::Pass {
     kept_.generation = trees_.Generation();
   }
 
+  // One leaf that is not held, or holders that are too many, settle it.
   Status CountExtent(const ExtentDigest& extent, HolderUnion* together) {
     uint64_t found = 0;
     together->Clear();
     for (WordSpan parents = extent.parents; !parents.empty();) {
       const CountedAddress parent = TakeCounted(&parents);
       const std::optional<HolderId> holder = HolderOf(parent.bytenr);
-      if (!holder) continue;
+      if (!holder) return Status();
       together->Add(*holder);
+      if (sums_.AreTooMany(*together)) return Status();
       found += parent.count;
     }
     holders_.DataReferences().Take(extent.bytenr, [&](const HeldReference& reference) {

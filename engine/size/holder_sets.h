@@ -70,6 +70,11 @@ class HolderUnion {
 
   void Add(HolderId id);
 
+  // Whether at least two subvolumes were added.
+  bool AreSeveral() const {
+    return several_ || (only_ != HolderSets::kNobody && !sets_.IsSingle(only_));
+  }
+
   // The number of the union of all that was added.
   HolderId Id();
 

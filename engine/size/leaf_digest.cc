@@ -47,8 +47,10 @@ class Digester {
   }
 
  private:
-  // Finds out who holds the extent by name, and which blocks do.
+  // Finds out who holds the extent by name, and which blocks do, unless somebody outside has been
+  // found who settles it: names come before blocks.
   const char* Sort(const ExtentRecord& extent) {
+    const bool settles = !IsPartial(extent) && !extent.isTreeBlock;
     outside_ = asked_ = matters_ = false;
     parents_.clear();
     for (const ExtentReference& ref : extent.references) {
@@ -59,6 +61,7 @@ class Digester {
         continue;
       }
       if ((ref.holder & kLowBits) != 0) return "a reference comes from an impossible address";
+      if (outside_ && settles) continue;
       matters_ = matters_ || ref.kind == ExtentReference::kBlock || !filter_.leafMatters ||
                  filter_.leafMatters(ref.holder);
       AppendCounted({ref.holder, ref.count}, &parents_);

@@ -13,13 +13,13 @@ SetSums::SetSums(const SizeRequest& request, const CommittedTrees& trees, SizePr
 }
 
 void SetSums::AddData(HolderId holder, uint64_t bytenr, uint64_t bytes) {
-  if (holder == HolderSets::kNobody) return;
+  if (!Counts(holder)) return;
   Sum(holder, bytenr)->data += bytes;
   if (sets_.IsSingle(holder)) progress_.exclusiveBytes += bytes;
 }
 
 void SetSums::AddTreeBlock(HolderId holder, uint64_t bytenr, uint64_t bytes) {
-  if (holder == HolderSets::kNobody) return;
+  if (!Counts(holder)) return;
   Sum(holder, bytenr)->metadata += bytes;
   if (sets_.IsSingle(holder) && request_.countMetadata) progress_.exclusiveBytes += bytes;
 }
@@ -38,6 +38,7 @@ HeldBytes* SetSums::Sum(HolderId holder, uint64_t bytenr) {
 SizeTable SetSums::Table() const {
   SizeTable table;
   table.ids = request_.ids;
+  table.countsSeveral = request_.countSeveral;
   table.redundancies = redundancies_;
   const size_t width = redundancies_.size();
   const auto add = [&](const std::vector<HeldBytes>& sums, size_t row,

@@ -19,14 +19,22 @@ class SetSums {
 
   HolderSets& Sets() { return sets_; }
 
-  // Counts a data extent, or a tree block, at `bytenr` for the set that holds it alone.  Cheapest
-  // when addresses rise.
+  // Whether what `holders` hold is left out of the sums, and stays so whoever else joins them.
+  bool AreTooMany(const HolderUnion& holders) const {
+    return !request_.countSeveral && holders.AreSeveral();
+  }
+
+  // Counts a data extent, or a tree block, at `bytenr` for the set that holds it alone, if that is
+  // asked for.  Cheapest when addresses rise.
   void AddData(HolderId holder, uint64_t bytenr, uint64_t bytes);
   void AddTreeBlock(HolderId holder, uint64_t bytenr, uint64_t bytes);
 
   SizeTable Table() const;
 
  private:
+  bool Counts(HolderId holder) const {
+    return sets_.IsSingle(holder) || (request_.countSeveral && holder != HolderSets::kNobody);
+  }
   HeldBytes* Sum(HolderId holder, uint64_t bytenr);
 
   const SizeRequest& request_;

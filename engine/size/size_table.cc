@@ -24,7 +24,8 @@ size_t StepThatFrees(const SetRow& row, const std::vector<size_t>& stepOf) {
 }  // namespace
 
 bool SizeTable::Complete() const {
-  return std::all_of(rows.begin(), rows.end(), [](const SetRow& row) { return row.complete; });
+  return countsSeveral &&
+         std::all_of(rows.begin(), rows.end(), [](const SetRow& row) { return row.complete; });
 }
 
 HeldBytes SizeTable::Exclusive(size_t subvolume) const { return Sum(rows[subvolume].bytes); }
@@ -40,7 +41,7 @@ std::vector<ExclusiveSize> SizeTable::ExclusiveSizes() const {
 
 std::optional<std::vector<ForecastStep>> SizeTable::Forecast(
     const std::vector<uint32_t>& order) const {
-  if (!Complete() && !IsBeginning(order)) return std::nullopt;
+  if (!countsSeveral || (!Complete() && !IsBeginning(order))) return std::nullopt;
   std::vector<size_t> stepOf(ids.size(), kNotPlanned);
   std::vector<ForecastStep> steps;
   for (const uint32_t subvolume : order) {

@@ -55,8 +55,9 @@ class SizeTable {
   std::vector<uint64_t> ids;             // the subvolumes, in the order in which they were asked
   std::vector<Redundancy> redundancies;  // of the chunks of the file system, different ones only
   std::vector<SetRow> rows;              // no set twice; the sets of one member first, all of them
+  bool countsSeveral = true;             // false: nothing was looked for that several hold together
 
-  // Whether each row says all members of its set.
+  // Whether all sets are known, each with all its members.
   bool Complete() const;
 
   // What the subvolume at a position holds alone, over all redundancies.
@@ -66,8 +67,9 @@ class SizeTable {
   std::vector<ExclusiveSize> ExclusiveSizes() const;
 
   // What comes free when the subvolumes at the positions `order` (none twice) are deleted in this
-  // order, each step by itself; the last members of a set bring its bytes.  Nothing when the table
-  // is not complete and `order` is no beginning of `ids`: ask with the IDs in that order then.
+  // order, each step by itself; the last members of a set bring its bytes.  Nothing when sets of
+  // several were not counted, and when the table is not complete and `order` is no beginning of
+  // `ids`: ask with the IDs in that order then.
   std::optional<std::vector<ForecastStep>> Forecast(const std::vector<uint32_t>& order) const;
 
   // Sum over all redundancies.

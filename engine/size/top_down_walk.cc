@@ -141,6 +141,7 @@ class Walk {
   Status VisitReached(std::vector<Reference>& references, const LookUp& lookUp,
                       const Visit& visit) {
     std::ranges::sort(references, {}, &Reference::Bytenr);
+    LeaveOutTooMany(&references);
     std::vector<uint64_t> places;
     std::vector<ExtentEntry> entries;
     for (auto next = references.begin(); next != references.end();) {
@@ -162,6 +163,19 @@ class Walk {
     return Status();
   }
 
+  // Leaves out objects whose holders are too many already; nothing more is looked up for them.
+  template <typename Reference>
+  void LeaveOutTooMany(std::vector<Reference>* references) {
+    auto kept = references->begin();
+    for (auto next = references->begin(); next != references->end();) {
+      const auto end = EndOfObject(next, references->end());
+      AddHoldersOf(next, end);
+      if (!sums_.AreTooMany(holders_)) kept = std::move(next, end, kept);
+      next = end;
+    }
+    references->erase(kept, references->end());
+  }
+
   // The end of the references to the object of the first.
   template <typename At>
   static At EndOfObject(At at, At end) {
@@ -171,9 +185,14 @@ class Walk {
 
   template <typename At>
   HolderId HoldersOf(At at, At end) {
+    AddHoldersOf(at, end);
+    return holders_.Id();
+  }
+
+  template <typename At>
+  void AddHoldersOf(At at, At end) {
     holders_.Clear();
     for (; at != end; ++at) holders_.Add(at->holder);
-    return holders_.Id();
   }
 
   static Status TooManyReferences(uint64_t bytenr) {

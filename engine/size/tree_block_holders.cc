@@ -61,12 +61,18 @@ Status TreeBlockHolders::ResolveBlock(uint32_t number) {
   if (found > block.refs)
     return Status::Failed("the tree block at " + std::to_string(block.bytenr) +
                           " has more references than its item counts; run btrfs check");
-  block.held = !block.outside && found == block.refs;
+  block.held = !block.outside && found == block.refs && !IsLeafOfTooMany(block);
   if (!block.held) return Status();
   block.holder = union_.Id();
   if (block.level == 0) leafHolders_.Set(block.bytenr, block.holder);
   sums_.AddTreeBlock(block.holder, block.bytenr, reader_.NodeSize());
   return Status();
+}
+
+// What such a leaf refers to need not be known.  What a node does is looked at all the same: whose
+// leaves come within reach when one of the holders moves away, is known then.
+bool TreeBlockHolders::IsLeafOfTooMany(const Block& block) const {
+  return block.level == 0 && sums_.AreTooMany(union_);
 }
 
 // Puts those who hold what refers to the block into the union; returns how many references that

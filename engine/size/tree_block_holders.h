@@ -36,7 +36,8 @@ class TreeBlockHolders {
   // is held.  Status::kBadBlock when a block could not be read; throws NoArrayMemory.
   Status Resolve();
 
-  // Who holds the leaf at `bytenr`; nothing when somebody outside does too, or it is unknown.
+  // Who holds the leaf at `bytenr`; nothing when somebody outside does too, when these are too
+  // many, or it is unknown.
   std::optional<HolderId> HolderOfLeaf(uint64_t bytenr) const { return leafHolders_.Find(bytenr); }
 
   // The data extents that blocks which were read refer to; sorted.
@@ -63,11 +64,12 @@ class TreeBlockHolders {
     bool fullBackref : 1;
     bool outside : 1;
     bool touched : 1;  // an asked subvolume reaches it
-    bool held : 1;     // and nobody else does
+    bool held : 1;     // and nobody else does; of leaves, nor too many of them
   };
 
   Status ResolveLevel(int level);
   Status ResolveBlock(uint32_t number);
+  bool IsLeafOfTooMany(const Block& block) const;
   uint64_t AddUpReferences(uint32_t number);
   WordSpan ParentsOf(uint32_t number) const;
   Status ReadBlocks(const BigArray<uint32_t>& numbers);

@@ -26,6 +26,13 @@ inline ZorvEngine::SizeRequest Ask(const std::vector<uint64_t>& ids, size_t most
   return request;
 }
 
+// Only what each of `ids` holds alone.
+inline ZorvEngine::SizeRequest AskAlone(const std::vector<uint64_t>& ids) {
+  ZorvEngine::SizeRequest request = Ask(ids, 0);
+  request.countSeveral = false;
+  return request;
+}
+
 inline ZorvEngine::Status RunOn(ZorvEngine::StateSource& source,
                                 ZorvEngine::ExclusiveSizeMethod& method,
                                 const ZorvEngine::SizeRequest& request, ZorvEngine::SizeResult* out,
@@ -52,6 +59,13 @@ inline PlainSums PlainRows(const ZorvEngine::SizeTable& table) {
     plain[members].second += sum.metadata;
   }
   return plain;
+}
+
+// Those of `rows` that `request` asks for.
+inline PlainSums Asked(PlainSums rows, const ZorvEngine::SizeRequest& request) {
+  if (!request.countSeveral)
+    std::erase_if(rows, [](const auto& row) { return row.first.size() > 1; });
+  return rows;
 }
 
 // What the sets of `ids` hold that nobody else does; relocation trees are nobody.

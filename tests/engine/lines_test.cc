@@ -183,6 +183,7 @@ TEST(ChannelMessages, ArriveWholeHoweverTheyAreCut) {
   SizeResult sent;
   sent.generation = 12;
   sent.table.redundancies.push_back({1 << 7, 4, 3});
+  sent.table.countsSeveral = false;
   for (uint32_t i = 0; i < 10000; ++i) {
     sent.table.ids.push_back(256 + i);
     sent.table.rows.push_back({{i}, i % 2 == 0, {{i * 4096u, i * 16384u}}});
@@ -215,6 +216,7 @@ TEST(ChannelMessages, ArriveWholeHoweverTheyAreCut) {
   EXPECT_EQ(12u, received.generation);
   EXPECT_EQ(sent.table.ids, received.table.ids);
   EXPECT_EQ(sent.table.redundancies, received.table.redundancies);
+  EXPECT_FALSE(received.table.countsSeveral);
   ASSERT_EQ(10000u, received.table.rows.size());
   EXPECT_TRUE(received.table.rows[9998].complete);
   EXPECT_FALSE(received.table.rows[9999].complete);

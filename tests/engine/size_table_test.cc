@@ -80,6 +80,14 @@ TEST(SizeTableTest, IsCompleteWhenEachRowIs) {
   EXPECT_FALSE(Table(false).Complete());
 }
 
+TEST(SizeTableTest, TellsNothingOfSeveralWhenTheyWereNotCounted) {
+  SizeTable table = Table();
+  table.countsSeveral = false;
+  EXPECT_FALSE(table.Complete());
+  EXPECT_FALSE(table.Forecast({}).has_value());
+  EXPECT_FALSE(table.Forecast({0, 1, 2}).has_value());
+}
+
 TEST(SizeTableForecast, BringsASetWithTheLastOfItsMembers) {
   const SizeTable table = Table();
   EXPECT_EQ((Steps{{101, 1010}, {2, 0}, {12, 120}}), Sums(table.Forecast({0, 1, 2})));
@@ -194,4 +202,34 @@ TEST_F(SetSumsTest, WithoutRoomAddUpByTheLastMember) {
   EXPECT_EQ(std::vector<uint32_t>{2}, table.rows.back().members);
   EXPECT_EQ(10u, table.rows.back().bytes[1].data);
   EXPECT_EQ(0u, table.Exclusive(2).data);
+}
+
+TEST_F(SetSumsTest, OfOneAloneLeaveOutWhatSeveralHold) {
+  for (const size_t mostSetBytes : {0, 1 << 20}) {
+    request_.mostSetBytes = mostSetBytes;
+    request_.countSeveral = false;
+    SetSums sums(request_, trees_, progress_);
+    HolderUnion set(sums.Sets());
+    EXPECT_FALSE(sums.AreTooMany(set));
+    set.Add(HolderSets::Only(2));
+    set.Add(HolderSets::kNobody);
+    EXPECT_FALSE(sums.AreTooMany(set));
+    sums.AddData(set.Id(), 16 * kMiB, 5);
+    set.Add(HolderSets::Only(0));
+    EXPECT_TRUE(sums.AreTooMany(set));
+    sums.AddData(set.Id(), 16 * kMiB, 7);
+    sums.AddTreeBlock(set.Id(), 0, 9);
+    const HolderId both = set.Id();
+    set.Clear();
+    set.Add(both);
+    EXPECT_TRUE(sums.AreTooMany(set));
+
+    const SizeTable table = sums.Table();
+    EXPECT_FALSE(table.countsSeveral);
+    EXPECT_EQ(3u, table.rows.size());
+    EXPECT_EQ(5u, table.Exclusive(2).data);
+    EXPECT_EQ(5u, progress_.exclusiveBytes);
+    request_.countSeveral = true;
+    EXPECT_FALSE(sums.AreTooMany(set));
+  }
 }
