@@ -19,6 +19,15 @@ class CmdRunFailures : public CliWorld {
     EXPECT_EQ("", result.out);
   }
 
+  // Whether the lock of launches is free.
+  static bool NobodyLaunches() {
+    const UniqueFd lock(open(kLaunchLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    return fcntl(lock.Get(), F_GETLK, &whole) == 0 && whole.l_type == F_UNLCK;
+  }
+
+  static constexpr char kLaunchLock[] = "/run/zorv-snapusage.lock";
   static constexpr char kInstall[] = "; install the engine of this package as /sbin/btrfs";
 };
 
@@ -209,6 +218,7 @@ TEST_F(CmdRunFailures, ShareTakenOverOnceTheResultsAreStored) {
   WaitingEngine();
   Background run(Argv({"run", "photos", "--quiet"}));
   ASSERT_TRUE(EngineWaits());
+  ASSERT_TRUE(WaitUntil(NobodyLaunches));  // else the stopped one keeps others from it
   ASSERT_EQ(0, kill(run.Pid(), SIGSTOP));
   Release();
   ASSERT_TRUE(WaitUntil([] { return Tool({"start", "photos"}).status == 0; }));
@@ -221,7 +231,7 @@ TEST_F(CmdRunFailures, ShareTakenOverOnceTheResultsAreStored) {
 
 TEST_F(CmdRunFailures, OneLaunchAtATime) {
   // Between the look at a share and its claim nobody else may begin and be done.
-  const UniqueFd other(open("/run/zorv-snapusage.lock", O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  const UniqueFd other(open(kLaunchLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
   struct flock whole = {};
   whole.l_type = F_WRLCK;
   ASSERT_EQ(0, fcntl(other.Get(), F_SETLK, &whole));

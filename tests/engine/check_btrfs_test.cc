@@ -109,10 +109,7 @@ TEST_F(Check, AgreesWithTheRun) {
 TEST(CheckDevices, NamesAMissingOne) {
   BtrfsVolume volume(kMount, {0, {"-m", "raid1", "-d", "raid1"}, "", {256, 256}});
   volume.Subvolume("live");
-  volume.Unmount();
-  volume.RemoveDevice(1);
-  volume.SetMountOptions("degraded");
-  volume.Mount();
+  MountWithout(volume, 1);
   const EngineRun run = RunEngine({"--check", "-r", kMount, "5"});
   EXPECT_EQ(0, run.status);
   EXPECT_NE(std::string::npos, run.out.find("note: device 2 ")) << run.out;

@@ -43,6 +43,12 @@ EngineRun RunOn(const std::vector<unsigned long long>& ids) {
   return RunEngine(args);
 }
 
+// Makes a mounted seed writable by a further device.
+void AddDeviceToSeed(BtrfsVolume& volume) {
+  Stock({"device", "add", volume.AddDevice(256), kMount});
+  MustRun({"mount", "-o", "remount,rw", kMount});
+}
+
 struct Layout {
   const char* name;
   std::vector<int> devicesMiB;
@@ -124,10 +130,12 @@ TEST(Devices, StaysExactWhileOneIsBeingReplaced) {
   const std::vector<unsigned long long> ids = AllSubvolumes(volume);
   MustRun({"sync", "-f", kMount});
   const Sizes kernel = volume.KernelExclusive();
-  // The kernel throttles the copying; else it would be over before the engine has begun.
+  // The kernel throttles the copying until the engine has run often enough.
+  constexpr int kRuns = 10;
   std::string uuid = MustRun({"findmnt", "-n", "-o", "UUID", "--mountpoint", kMount});
   uuid.pop_back();
-  WriteFile("/sys/fs/btrfs/" + uuid + "/devinfo/1/scrub_speed_max", "20971520");
+  const std::string bytesPerSecond = "/sys/fs/btrfs/" + uuid + "/devinfo/1/scrub_speed_max";
+  WriteFile(bytesPerSecond, "4194304");
   Stock({"replace", "start", "-f", "1", volume.AddDevice(600), kMount});
   const auto isRunning = [] {
     const std::string status = MustRun({kStockBtrfs, "replace", "status", "-1", kMount});
@@ -137,11 +145,13 @@ TEST(Devices, StaysExactWhileOneIsBeingReplaced) {
   int runs = 0;
   while (isRunning()) {
     const EngineRun run = RunOn(ids);
+    // When the copying ends in the middle of a run, that reads a device which is no longer used.
+    if (run.status != 0 && !isRunning()) break;
     EXPECT_EQ(0, run.status) << run.err;
     EXPECT_EQ(kernel, run.sizes);
-    ++runs;
+    if (++runs == kRuns) WriteFile(bytesPerSecond, "0");
   }
-  EXPECT_GT(runs, 1);
+  EXPECT_GE(runs, kRuns);
   volume.RemoveDevice(0);
   ExpectKernelNumbers(volume, 6);
 }
@@ -151,10 +161,7 @@ TEST(Devices, EqualsTheKernelWhenOneOfAMirrorIsMissing) {
     SCOPED_TRACE(lost);
     BtrfsVolume volume(kMount, OnDevices({256, 256}, Profile("raid1")));
     MakeHistory(volume, 200, 4);
-    volume.Unmount();
-    volume.RemoveDevice(lost);
-    volume.SetMountOptions("commit=1,degraded");
-    volume.Mount();
+    MountWithout(volume, lost);
     ExpectKernelNumbers(volume, 6);
     WriteFiles("live", 1, 50, 77);  // into chunks that the missing device has no part of
     ExpectKernelNumbers(volume, 6);
@@ -164,10 +171,7 @@ TEST(Devices, EqualsTheKernelWhenOneOfAMirrorIsMissing) {
 TEST(Devices, EqualsTheKernelWhenOneOfRaid10IsMissing) {
   BtrfsVolume volume(kMount, OnDevices({256, 256, 256, 256}, Profile("raid10")));
   MakeHistory(volume, 200, 4);
-  volume.Unmount();
-  volume.RemoveDevice(2);
-  volume.SetMountOptions("commit=1,degraded");
-  volume.Mount();
+  MountWithout(volume, 2);
   ExpectKernelNumbers(volume, 6);
 }
 
@@ -206,10 +210,7 @@ TEST(Devices, SaysWhichOneIsMissingWhereParityWouldBeNeeded) {
       const std::vector<unsigned long long> ids = AllSubvolumes(volume);
       const Sizes healthy = RunOn(ids).sizes;
       EXPECT_EQ(6u, healthy.size());
-      volume.Unmount();
-      volume.RemoveDevice(lost);
-      volume.SetMountOptions("commit=1,degraded");
-      volume.Mount();
+      MountWithout(volume, lost);
 
       const EngineRun run = RunOn(ids);
       if (run.status == 0) {
@@ -238,8 +239,7 @@ TEST(Devices, EqualsTheKernelOnASproutOfASeed) {
   volume.Mount();
   const Sizes onSeed = RunOn(AllSubvolumes(volume)).sizes;  // mounted by itself, read-only
   EXPECT_EQ(6u, onSeed.size());
-  Stock({"device", "add", volume.AddDevice(256), kMount});
-  MustRun({"mount", "-o", "remount,rw", kMount});
+  AddDeviceToSeed(volume);
   ExpectKernelNumbers(volume, 6);
 
   WriteFiles("live", 1, 30, 9);
@@ -253,8 +253,7 @@ TEST(Devices, EqualsTheKernelOnASproutWhoseSeedIsRemoved) {
   volume.Unmount();
   MustRun({"btrfstune", "-S", "1", volume.Image()});
   volume.Mount();
-  Stock({"device", "add", volume.AddDevice(256), kMount});
-  MustRun({"mount", "-o", "remount,rw", kMount});
+  AddDeviceToSeed(volume);
   Stock({"device", "remove", volume.Devices()[0], kMount});
   volume.RemoveDevice(0);
   ExpectKernelNumbers(volume, 6);
@@ -268,8 +267,7 @@ TEST(Devices, EqualsTheKernelOnASproutOfAMirroredSeed) {
   Stock({"device", "scan", volume.Devices()[0], volume.Devices()[1]});
   MustRun({"btrfstune", "-S", "1", volume.Devices()[0]});
   volume.Mount();
-  Stock({"device", "add", volume.AddDevice(256), kMount});
-  MustRun({"mount", "-o", "remount,rw", kMount});
+  AddDeviceToSeed(volume);
   WriteFiles("live", 1, 10, 9);
   ExpectKernelNumbers(volume, 6);
 }
@@ -282,8 +280,7 @@ TEST(Devices, EqualsTheKernelOnASproutOfASprout) {
     volume.Attach();
     MustRun({"btrfstune", "-f", "-S", "1", volume.Devices().back()});
     volume.Mount();
-    Stock({"device", "add", volume.AddDevice(256), kMount});
-    MustRun({"mount", "-o", "remount,rw", kMount});
+    AddDeviceToSeed(volume);
     WriteFiles("live", round * 50, round * 50 + 10, round + 20);
     volume.Snapshot("live", "round" + std::to_string(round));
   }

@@ -93,8 +93,8 @@ TEST(ExtentTreeLeavesTest, AreTheRootWhenThatIsALeaf) {
 
 namespace {
 
-// An extent tree in which each node of a level has all nodes of the next, as far as first keys
-// allow: few blocks, and ways through them without number.
+// Makes an extent tree in which each node of a level has all nodes of the next, as far as first
+// keys allow: few blocks, and ways through them without number.
 void MakeKnottedExtentTree(MiniFilesystem* mini) {
   constexpr uint64_t kWide = 20;
   mini->Write();
@@ -119,30 +119,33 @@ void MakeKnottedExtentTree(MiniFilesystem* mini) {
   mini->SetExtentTree(place(kMaxLevel, 0), kMaxLevel, 0);
 }
 
+// The trees of a file system that has such a one.
+struct Knotted {
+  Knotted() : reader(mini.Devices(), {kNodeSize, 0}, meter), trees(reader) {
+    MakeKnottedExtentTree(&mini);
+    EXPECT_TRUE(trees.Load(mini.MakeSuperblock()).Ok());
+  }
+
+  MiniFilesystem mini;
+  ReadMeter meter;
+  BlockReader reader;
+  CommittedTrees trees;
+};
+
 }  // namespace
 
 TEST(ExtentTreeLeavesTest, OfAKnottedTreeAreRefused) {
-  MiniFilesystem mini;
-  MakeKnottedExtentTree(&mini);
-  ReadMeter meter;
-  BlockReader reader(mini.Devices(), {kNodeSize, 0}, meter);
-  CommittedTrees trees(reader);
-  ASSERT_TRUE(trees.Load(mini.MakeSuperblock()).Ok());
+  Knotted knotted;
   ArrayMemory memory(1 << 20, "/tmp");
   BigArray<ExtentTreeLeaf> leaves(memory);
-  const std::string text = ListExtentTreeLeaves(trees, &leaves).Text();
+  const std::string text = ListExtentTreeLeaves(knotted.trees, &leaves).Text();
   EXPECT_NE(std::string::npos, text.find(" has keys that belong behind it; run btrfs check"))
       << text;
 }
 
 TEST(TreeCursorOrder, EndsInAKnottedTree) {
-  MiniFilesystem mini;
-  MakeKnottedExtentTree(&mini);
-  ReadMeter meter;
-  BlockReader reader(mini.Devices(), {kNodeSize, 0}, meter);
-  CommittedTrees trees(reader);
-  ASSERT_TRUE(trees.Load(mini.MakeSuperblock()).Ok());
-  TreeCursor cursor(reader, trees.ExtentRoot());
+  Knotted knotted;
+  TreeCursor cursor(knotted.reader, knotted.trees.ExtentRoot());
   Status done = cursor.Seek(Key());
   for (int items = 0; done.Ok() && cursor.AtItem(); ++items) {
     ASSERT_LT(items, 1000);

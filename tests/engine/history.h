@@ -59,6 +59,14 @@ inline void ExpectKernelNumbers(BtrfsVolume& volume, size_t atLeast) {
     EXPECT_EQ((Sizes{{id, bytes}}), EngineSizes("-vm --verify", kMount, {id}));
 }
 
+// Takes a device away from a volume, which goes on without it.
+inline void MountWithout(BtrfsVolume& volume, size_t index) {
+  volume.Unmount();
+  volume.RemoveDevice(index);
+  volume.SetMountOptions("commit=1,degraded");
+  volume.Mount();
+}
+
 // A live subvolume that changes between its snapshots, one of which is gone, one written to.
 inline void MakeHistory(const BtrfsVolume& volume, unsigned files, unsigned snapshots) {
   volume.Subvolume("live");

@@ -40,14 +40,29 @@ Status Walk(MiniForest* forest, const SizeRequest& request, TopDownWalk* walk, S
       forest->Filesystem(), *walk, request, progress, [](const std::string&) {}, out);
 }
 
-// Some of the subvolumes of a forest, in any order.
-std::vector<uint64_t> SomeIds(std::mt19937* random, size_t subvolumes) {
+// The IDs of a forest's subvolumes.
+std::vector<uint64_t> IdsOf(size_t subvolumes) {
   std::vector<uint64_t> ids;
   for (size_t i = 0; i < subvolumes; ++i) ids.push_back(MiniForest::kFirstId + i);
-  std::shuffle(ids.begin(), ids.end(), *random);
-  ids.resize(1 + (*random)() % subvolumes);
   return ids;
 }
+
+// A random forest of `fewest` to 8 subvolumes, and some of them, in any order.
+struct RandomForest {
+  RandomForest(unsigned seed, size_t fewest)
+      : random(seed),
+        subvolumes(fewest + random() % (9 - fewest)),
+        forest(seed, subvolumes),
+        ids(IdsOf(subvolumes)) {
+    std::shuffle(ids.begin(), ids.end(), random);
+    ids.resize(1 + random() % subvolumes);
+  }
+
+  std::mt19937 random;
+  size_t subvolumes;
+  MiniForest forest;
+  std::vector<uint64_t> ids;  // asked for
+};
 
 }  // namespace
 
@@ -55,16 +70,13 @@ TEST(TopDownWalkSets, AreThoseOfABruteCount) {
   size_t several = 0;
   for (unsigned seed = 1; seed <= 150; ++seed) {
     SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    const size_t subvolumes = 1 + random() % 8;
-    MiniForest forest(seed, subvolumes);
-    const std::vector<uint64_t> ids = SomeIds(&random, subvolumes);
+    RandomForest random(seed, 1);
     TopDownWalk walk;
     SizeResult result;
-    const Status done = Walk(&forest, Ask(ids), &walk, &result);
+    const Status done = Walk(&random.forest, Ask(random.ids), &walk, &result);
     ASSERT_TRUE(done.Ok()) << done.Text();
     ASSERT_TRUE(result.table.Complete());
-    const Sums brute = forest.BruteCount(ids);
+    const Sums brute = random.forest.BruteCount(random.ids);
     ASSERT_EQ(Plain(brute), Plain(RowsOf(result.table)));
     for (const auto& [members, bytes] : brute) several += members.size() > 1 ? 1 : 0;
   }
@@ -75,16 +87,15 @@ TEST(TopDownWalkSets, AreThoseOfABruteCount) {
 TEST(TopDownWalkSets, WithoutRoomGiveWhatComesFreeInTheAskedOrder) {
   for (unsigned seed = 1; seed <= 50; ++seed) {
     SCOPED_TRACE(seed);
-    std::mt19937 random(seed);
-    const size_t subvolumes = 2 + random() % 7;
-    MiniForest forest(seed, subvolumes);
-    const std::vector<uint64_t> ids = SomeIds(&random, subvolumes);
+    RandomForest random(seed, 2);
+    const std::vector<uint64_t>& ids = random.ids;
     TopDownWalk walk;
     SizeResult result;
-    ASSERT_TRUE(Walk(&forest, Ask(ids, /*mostSetBytes=*/0), &walk, &result).Ok());
+    ASSERT_TRUE(Walk(&random.forest, Ask(ids, /*mostSetBytes=*/0), &walk, &result).Ok());
 
     std::vector<HeldBytes> freed(ids.size());
-    for (const auto& [members, bytes] : forest.BruteCount(ids)) freed[members.back()] += bytes;
+    for (const auto& [members, bytes] : random.forest.BruteCount(ids))
+      freed[members.back()] += bytes;
     std::vector<uint32_t> order;
     for (uint32_t i = 0; i < ids.size(); ++i) order.push_back(i);
     const auto steps = result.table.Forecast(order);
@@ -98,8 +109,7 @@ TEST(TopDownWalkSets, WithoutRoomGiveWhatComesFreeInTheAskedOrder) {
 
 TEST(TopDownWalkLimit, IsPassedByOneBlockTooManyAndLeavesNoResult) {
   MiniForest forest(7, 6);
-  std::vector<uint64_t> ids;
-  for (uint64_t i = 0; i < 6; ++i) ids.push_back(MiniForest::kFirstId + i);
+  const std::vector<uint64_t> ids = IdsOf(6);
   TopDownWalk walk;
   SizeResult result;
   ASSERT_TRUE(Walk(&forest, Ask(ids), &walk, &result).Ok());
