@@ -129,13 +129,15 @@ Status BlockReader::ReadAsPlanned(const SweepJob& job, size_t first, size_t coun
 // Makes all reads, and plans what is left anew when their pace asks for other requests.
 Status BlockReader::ReadInRounds(SweepJob* job) {
   for (size_t at = 0; at < job->reads.size();) {
-    const size_t count = std::min(pace_.Round(), job->reads.size() - at);
+    const size_t count = std::min(pace_.RoundSize(), job->reads.size() - at);
     const uint64_t bytesBefore = meter_.counters.bytesRead;
     const auto begin = std::chrono::steady_clock::now();
     ENGINE_TRY(ReadAsPlanned(*job, at, count));
-    at += count;
     const auto time = std::chrono::steady_clock::now() - begin;
-    if (!pace_.Note(count, meter_.counters.bytesRead - bytesBefore, time)) continue;
+    uint64_t blocks = 0;
+    for (const size_t end = at + count; at < end; ++at) blocks += job->reads[at].count;
+    const uint64_t bytes = meter_.counters.bytesRead - bytesBefore;
+    if (!pace_.Note({count, bytes, blocks * format_.nodeSize, time})) continue;
 
     std::vector<WantedBlock> left;
     for (; at < job->reads.size(); ++at)

@@ -34,10 +34,13 @@ struct RequestShape {
 };
 
 // Flash answers many requests at once, so gaps are not read, and requests need be no larger.
-constexpr RequestShape kFlashShape = {128u << 10, 0};
+inline constexpr RequestShape kFlashShape = {128u << 10, 0};
 
 // A disk that rotates reads half a megabyte in the time in which its head gets to the next place.
-constexpr RequestShape kRotatingShape = {1u << 20, 512u << 10};
+inline constexpr RequestShape kRotatingShape = {1u << 20, 512u << 10};
+
+// The same, as long as it is not known whether that pays.
+inline constexpr RequestShape kTrialShape = {256u << 10, 256u << 10};
 
 // Sorts `blocks` (each of `blockBytes`) by their places and gives the requests that read them: on
 // each device in the order of places, the devices taking turns, so that all of them have work.
