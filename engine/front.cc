@@ -18,6 +18,7 @@
 
 #include "base/unique_fd.h"
 #include "engine/channel.h"
+#include "engine/line_backlog.h"
 #include "engine/lines.h"
 #include "engine/stats_lines.h"
 #include "engine/table_json.h"
@@ -35,7 +36,20 @@ constexpr auto kProgressInterval = std::chrono::milliseconds(150);
 // How long a worker that has closed its channel may take to be gone.
 constexpr auto kWorkerEnd = std::chrono::milliseconds(1000);
 
-enum class Wait { kTick, kChannel, kReaderGone };
+// How long standard error may have no room at the end, before what waits for it is given up: less
+// than the time within which a reader that goes ends the engine.
+constexpr auto kLastRoom = std::chrono::milliseconds(150);
+
+// What a wait has ended with.
+struct Woken {
+  bool channel = false;     // the worker has said something, or has gone
+  bool readerGone = false;  // of standard output
+};
+
+void GiveFailure(const std::string& reason, LineBacklog& errors) {
+  errors.Add(ErrorLine(reason));
+  (void)WriteLine(STDOUT_FILENO, UnavailableLine(reason));
+}
 
 class Front {
  public:
@@ -43,15 +57,35 @@ class Front {
       : options_(options), progress_(progress), channel_(std::move(channel)), worker_(worker) {}
 
   int Run() {
+    const int status = RunCaught();
+    errors_.Finish(kLastRoom);
+    return status;
+  }
+
+ private:
+  // RunOrThrow with memory that has run out, anywhere in it, as a failure.
+  int RunCaught() {
+    try {
+      return RunOrThrow();
+    } catch (const std::bad_alloc&) {
+      errors_.Drop();  // room to say it
+      messages_ = MessageReader();
+      std::string().swap(result_);
+      return Fail("out of memory");
+    }
+  }
+
+  int RunOrThrow() {
     Clock::time_point tick = Clock::now() + kProgressInterval;
     for (;;) {
-      const Wait woken = WaitUntil(tick);
-      if (woken == Wait::kReaderGone) return Leave();
-      if (woken == Wait::kTick) {
+      const Woken woken = WaitUntil(tick);
+      if (woken.readerGone) return Leave();
+      errors_.WriteWhatFits();
+      if (Clock::now() >= tick) {
         tick = Clock::now() + kProgressInterval;
         if (options_.progress && !PrintProgress()) return OutputFailed();
-        continue;
       }
+      if (!woken.channel) continue;
       const bool open = messages_.Receive(channel_.Get());
       while (std::optional<Message> message = messages_.Next()) {
         if (std::optional<int> ended = Take(*message)) return *ended;
@@ -60,12 +94,11 @@ class Front {
     }
   }
 
- private:
   // Does what a message says; the exit status when it is the last one.
   std::optional<int> Take(const Message& message) {
     switch (message.kind) {
       case Message::kNote:
-        (void)WriteLine(STDERR_FILENO, NoteLine(message.payload));
+        errors_.AddUnlessFull(NoteLine(message.payload));
         return std::nullopt;
       case Message::kResultPart:
         result_ += message.payload;
@@ -86,15 +119,15 @@ class Front {
     return Fail(message.payload);
   }
 
-  // Waits for the worker's words, the tick, or the end of the reader (which wakes a poll for
-  // nothing as an error or a hang-up).
-  Wait WaitUntil(Clock::time_point tick) const {
-    pollfd watched[] = {{channel_.Get(), POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(tick - Clock::now()).count();
-    const int ready = poll(watched, 2, static_cast<int>(std::max<long>(left, 0)));
-    if (ready > 0 && watched[1].revents != 0) return Wait::kReaderGone;
-    return ready > 0 ? Wait::kChannel : Wait::kTick;
+  // Waits for the worker's words, the tick, room for what waits for it, or the end of the reader
+  // (which wakes a poll for nothing as an error or a hang-up).
+  Woken WaitUntil(Clock::time_point tick) const {
+    pollfd watched[] = {{channel_.Get(), POLLIN, 0},
+                        {STDOUT_FILENO, 0, 0},
+                        {errors_.Waits() ? STDERR_FILENO : -1, POLLOUT, 0}};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(tick - Clock::now()).count();
+    if (poll(watched, 3, static_cast<int>(std::max<long>(left, 0))) <= 0) return {};
+    return {watched[0].revents != 0, watched[1].revents != 0};
   }
 
   // Takes `processed` before `total`, so that the printed one never passes the other.
@@ -119,14 +152,6 @@ class Front {
   }
 
   int PrintResult() {
-    try {
-      return PrintResultOrThrow();
-    } catch (const std::bad_alloc&) {
-      return Fail("out of memory");
-    }
-  }
-
-  int PrintResultOrThrow() {
     SizeResult result;
     if (!DecodeResult(result_, &result)) return Fail("internal error: an unreadable result");
     result_.clear();
@@ -137,7 +162,7 @@ class Front {
                                        : PrintNumbers(result) && PrintTables(result.table, plan);
     if (!printed) return OutputFailed();
     if (options_.stats)
-      for (const std::string& line : StatsLines(progress_)) (void)WriteLine(STDERR_FILENO, line);
+      for (const std::string& line : StatsLines(progress_)) errors_.Add(line);
     return 0;
   }
 
@@ -186,40 +211,52 @@ class Front {
   }
 
   // The reason for a worker that closed its channel without an outcome.
-  std::string HowWorkerEnded() const {
+  std::string HowWorkerEnded() {
     const Clock::time_point deadline = Clock::now() + kWorkerEnd;
     int status = 0;
     pid_t ended = 0;
     while ((ended = waitpid(worker_, &status, WNOHANG)) == 0 && Clock::now() < deadline)
       (void)poll(nullptr, 0, 5);
-    if (ended == worker_ && WIFSIGNALED(status))
+    if (ended == 0) return kNoResult;
+    worker_ = kNobody;
+    if (ended > 0 && WIFSIGNALED(status))
       return std::string("the worker was ended by a signal (") + strsignal(WTERMSIG(status)) +
              "); see the kernel's log";
-    return "the worker ended without a result";
+    return kNoResult;
   }
 
   int Fail(const std::string& reason) {
     KillWorker();
-    return SayFailure(reason);
+    GiveFailure(reason, errors_);
+    return 1;
   }
 
   int OutputFailed() {
-    if (errno != EPIPE)
-      (void)WriteLine(STDERR_FILENO, ErrorLine(std::string("cannot write: ") + strerror(errno)));
-    return Leave();
-  }
-
-  int Leave() {
+    if (errno == EPIPE) return Leave();
+    errors_.Add(ErrorLine(std::string("cannot write: ") + strerror(errno)));
     KillWorker();
     return 1;
   }
 
-  void KillWorker() { (void)kill(worker_, SIGKILL); }
+  // The reader has gone: nobody is waited for.
+  int Leave() {
+    errors_.Drop();
+    KillWorker();
+    return 1;
+  }
+
+  void KillWorker() {
+    if (worker_ != kNobody) (void)kill(worker_, SIGKILL);
+  }
+
+  static constexpr pid_t kNobody = 0;
+  static constexpr char kNoResult[] = "the worker ended without a result";
 
   const Options& options_;
   SizeProgress& progress_;
   UniqueFd channel_;
-  const pid_t worker_;
+  pid_t worker_;  // kNobody once its end has been taken note of: its number may be another's then
+  LineBacklog errors_{STDERR_FILENO};
   MessageReader messages_;
   std::string result_;  // the pieces that have come
   std::optional<uint64_t> printedTotal_;
@@ -236,15 +273,14 @@ SizeProgress* MapProgress() {
 }  // namespace
 
 int SayFailure(const std::string& reason) {
-  (void)WriteLine(STDERR_FILENO, ErrorLine(reason));
-  (void)WriteLine(STDOUT_FILENO, UnavailableLine(reason));
+  LineBacklog errors(STDERR_FILENO);
+  GiveFailure(reason, errors);
+  errors.Finish(kLastRoom);
   return 1;
 }
 
 int RunFront(const Options& options) {
-  // A reader that has gone is seen as an error of the write; a worker's end as its status.
-  (void)signal(SIGPIPE, SIG_IGN);
-  (void)signal(SIGCHLD, SIG_DFL);
+  (void)signal(SIGCHLD, SIG_DFL);  // the worker's end is seen as its status
 
   SizeProgress* progress = MapProgress();
   int ends[2];

@@ -1,6 +1,7 @@
 // btrfs: answers `subvolume size`; gives every other command to the real btrfs program.
 #include <errno.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -24,6 +25,13 @@ bool HoldStandardStreams() {
   return true;
 }
 
+// A reader that has gone, and a file that may not grow, are seen as errors of the write.  What is
+// started inherits this; the real program must not.
+void SeeFailedWrites() {
+  (void)signal(SIGPIPE, SIG_IGN);
+  (void)signal(SIGXFSZ, SIG_IGN);
+}
+
 int Print(const char* text) { return WriteLine(STDOUT_FILENO, text) ? 0 : 1; }
 
 int SubvolumeSize(const std::vector<std::string>& words) {
@@ -41,5 +49,6 @@ int SubvolumeSize(const std::vector<std::string>& words) {
 int main(int argc, char** argv) {
   const std::vector<std::string> words(argv + (argc > 0 ? 1 : 0), argv + argc);
   if (!IsSizeCommand(words)) return HandOver(argv, RealBtrfsPaths());
+  SeeFailedWrites();
   return SubvolumeSize({words.begin() + 2, words.end()});
 }

@@ -56,14 +56,15 @@ Status Subjects::FindById(const Options& options, MountedFilesystem* filesystem)
   return Status();
 }
 
-// Leaves each number at its first place.
+// Leaves each number at its first place; says each repeated one once.
 void Subjects::LeaveOutRepeats(const NoteSink& note) {
   std::vector<uint64_t> unique;
   std::unordered_set<uint64_t> seen;
+  std::unordered_set<uint64_t> said;
   for (const uint64_t id : ids_) {
     if (seen.insert(id).second)
       unique.push_back(id);
-    else
+    else if (said.insert(id).second)
       note("subvolume " + std::to_string(id) + " is given more than once; it counts once");
   }
   ids_ = std::move(unique);

@@ -649,7 +649,7 @@ MUTATIONS = [
              "if (!open) return Fail(HowWorkerEnded());", "if (!open) return Leave();",
              "Front.SaysThatTheWorkerWasKilled EngineLines.KilledWorkerIsAFailureForTheParser"),
     Mutation("the-engine-outlives-its-reader", "engine/front.cc",
-             "    if (ready > 0 && watched[1].revents != 0) return Wait::kReaderGone;\n", "",
+             "      if (woken.readerGone) return Leave();\n", "",
              "Front.LeavesWhenTheReaderHasGoneWhileTheWorkerStandsStill"),
     Mutation("the-worker-outlives-the-front", "engine/worker.cc",
              "  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);\n", "",

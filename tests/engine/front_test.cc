@@ -4,12 +4,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <string.h>
 #include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
+#include <cstddef>
 #include <filesystem>
+#include <iterator>
 #include <regex>
 
 #include "tests/engine/engine_run.h"
@@ -39,6 +46,15 @@ class Front : public testing::Test {
     return args;
   }
 
+  // Options that give `count` IDs that nobody has, each twice: a note for each, then a failure.
+  static std::vector<std::string> RepeatedIds(unsigned count) {
+    std::vector<std::string> args = {"-vm", "-r", kMount};
+    for (unsigned repeat = 0; repeat < 2; ++repeat)
+      for (unsigned n = 0; n < count; ++n) args.push_back(std::to_string(kUnusedId + n));
+    return args;
+  }
+  static constexpr unsigned kUnusedId = 1000000;
+
   // What a descriptor of the worker is open on.
   static std::string OpenOn(const EngineProcess& engine, int fd) {
     std::error_code gone;
@@ -66,6 +82,63 @@ class Front : public testing::Test {
   BtrfsVolume volume_{kMount};
   std::vector<std::string> paths_;
 };
+
+// A pipe that is full: a standard error that nobody reads.
+class FullPipe {
+ public:
+  FullPipe() {
+    (void)unlink(kPath);
+    if (mkfifo(kPath, 0600) != 0) throw std::runtime_error("no pipe");
+    fd_.Reset(open(kPath, O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    const std::string page(PIPE_BUF, '.');
+    while (write(fd_.Get(), page.data(), page.size()) > 0) filled_ += page.size();
+  }
+  ~FullPipe() { (void)unlink(kPath); }
+
+  // The engine with the pipe as its standard error.
+  static EngineProcess::Whole Engine(const std::vector<std::string>& args) {
+    std::vector<std::string> argv = {"bash", "-c", std::string("exec \"$@\" 2> ") + kPath, "bash"};
+    for (const std::string& word : EngineCommand(args)) argv.push_back(word);
+    return {argv};
+  }
+
+  // What has been written behind what filled it, as far as it has come.
+  std::string Read() {
+    char buffer[65536];
+    for (ssize_t got; (got = read(fd_.Get(), buffer, sizeof buffer)) > 0;)
+      text_.append(buffer, static_cast<size_t>(got));
+    return text_.size() < filled_ ? "" : text_.substr(filled_);
+  }
+
+ private:
+  static constexpr char kPath[] = "/tmp/full-pipe";
+
+  UniqueFd fd_;
+  size_t filled_ = 0;
+  std::string text_;
+};
+
+// Has the kernel end this process, and those it starts, when they send SIGKILL by kill(2).
+void ForbidKill() {
+  constexpr uint32_t kSignal = offsetof(seccomp_data, args[1]);  // low half: little-endian
+  sock_filter code[] = {
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_kill, 0, 3),
+      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, kSignal),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SIGKILL, 0, 1),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_KILL_PROCESS),
+      BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+  };
+  const sock_fprog filter = {std::size(code), code};
+  if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) != 0)
+    throw std::runtime_error("no filter of system calls");
+}
+
+// Bytes of address space that a process has.
+rlim_t AddressSpace(pid_t process) {
+  return std::stoull(ReadFile("/proc/" + std::to_string(process) + "/statm")) *
+         static_cast<rlim_t>(getpagesize());
+}
 
 const std::regex kDocumented(
     "generation \\d+|total \\d+ bytes|processed \\d+ bytes|exclusive \\d+ bytes|"
@@ -200,6 +273,91 @@ TEST_F(Front, SaysThatTheWorkerCrashed) {
                 "the worker was ended by a signal (Aborted); see the kernel's log");
 }
 
+// Its number may be somebody else's by then.
+TEST_F(Front, SendsNothingToAWorkerWhoseEndItHasSeen) {
+  EXPECT_EQ(0, InChild([&] {
+              ForbidKill();
+              const auto engine = Stopped("-vpm");
+              (void)syscall(SYS_tgkill, engine->Worker(), engine->Worker(), SIGKILL);
+              return engine->Finish().status == 1 ? 0 : 1;
+            }));
+}
+
+TEST_F(Front, GivesAllWhenNobodyReadsStandardError) {
+  FullPipe errors;
+  const std::string id = std::to_string(SubvolumeID(paths_[0]));
+  EngineProcess engine(FullPipe::Engine({"-vpm", "-r", kMount, id, id, "5"}));
+  ASSERT_TRUE(engine.FrontEndsWithin(20));
+  ExpectSoundLines(engine.Finish(), 2);
+}
+
+TEST_F(Front, FailsInWordsWhenNobodyReadsStandardError) {
+  FullPipe errors;
+  EngineProcess engine(FullPipe::Engine(RepeatedIds(6000)));
+  ASSERT_TRUE(engine.FrontEndsWithin(20));
+  const EngineRun run = engine.Finish();
+  EXPECT_EQ(1, run.status);
+  ASSERT_FALSE(run.lines.empty());
+  EXPECT_EQ(
+      "exclusive sizes unavailable: there is no subvolume # on the file system; see btrfs "
+      "subvolume list",
+      run.lines.back());
+  EXPECT_EQ("", errors.Read().substr(0, 1));
+}
+
+TEST_F(Front, WritesNotesAsRoomComes) {
+  FullPipe errors;
+  EngineProcess engine(FullPipe::Engine(RepeatedIds(6000)));
+  usleep(20000);  // a reader that comes late
+  std::string text;
+  EXPECT_TRUE(WaitUntil([&] { return (text = errors.Read()).find("ERROR: ") != text.npos; }));
+  std::istringstream lines(text);
+  std::string line;
+  for (unsigned n = 0; n < 6000 && std::getline(lines, line); ++n)
+    ASSERT_EQ("NOTE: subvolume " + std::to_string(kUnusedId + n) +
+                  " is given more than once; it counts once",
+              line);
+  EXPECT_TRUE(std::getline(lines, line));
+  EXPECT_EQ(0u, line.find("ERROR: there is no subvolume ")) << line;
+  EXPECT_EQ(1, engine.Finish().status);
+}
+
+TEST_F(Front, LeavesWhenTheReaderHasGoneAndNobodyReadsStandardError) {
+  double shortest = 60;
+  for (int attempt = 0; attempt < 20 && shortest > 0.2; ++attempt) {
+    FullPipe errors;
+    EngineProcess engine(FullPipe::Engine(RepeatedIds(6000)));
+    if (!engine.StopWorker(static_cast<useconds_t>(attempt) * 2000)) continue;
+    const double left = Seconds();
+    engine.LeaveAsReader();
+    ASSERT_TRUE(engine.FrontEndsWithin(20));
+    shortest = std::min(shortest, Seconds() - left);
+  }
+  EXPECT_LT(shortest, 0.2);
+}
+
+// The notes that nobody reads take memory that the front is not given.
+TEST_F(Front, SaysThatItsMemoryHasRunOut) {
+  constexpr rlim_t kForItsStack = 256 << 10;
+  int said = 0;
+  for (int attempt = 0; attempt < 50 && said == 0; ++attempt) {
+    FullPipe errors;
+    EngineProcess engine(FullPipe::Engine(RepeatedIds(6000)));
+    if (!engine.StopWorker()) continue;
+    const rlim_t most = AddressSpace(engine.Front()) + kForItsStack;
+    const rlimit limit = {most, most};
+    ASSERT_EQ(0, prlimit(engine.Front(), RLIMIT_AS, &limit, nullptr));
+    engine.ContinueWorker();
+    ASSERT_TRUE(engine.FrontEndsWithin(20));
+    const EngineRun run = engine.Finish();
+    EXPECT_EQ(1, run.status);
+    ASSERT_FALSE(run.lines.empty());
+    EXPECT_EQ(0u, run.lines.back().find("exclusive sizes unavailable: ")) << run.out;
+    said += run.lines.back() == "exclusive sizes unavailable: out of memory";
+  }
+  EXPECT_EQ(1, said);
+}
+
 TEST_F(Front, TheWorkerDiesWithIt) {
   for (const int signal : {SIGKILL, SIGTERM}) {
     SCOPED_TRACE(signal);
@@ -233,6 +391,39 @@ TEST_F(Front, SaysWhenTheDiskForItsOutputIsFull) {
   EXPECT_EQ("ERROR: cannot write: No space left on device\n", result.err);
 }
 
+// As a file that may not grow, which a signal tells of too.
+TEST_F(Front, SaysWhenAFileMayNotGrow) {
+  const std::string limit = "ulimit -f 1; exec \"$@\" > /tmp/short";
+  for (const char* format : {"text", "json"}) {
+    SCOPED_TRACE(format);
+    std::vector<std::string> argv = {"bash", "-c", limit, "bash"};
+    std::vector<std::string> args = {"--table", "--format", format};
+    if (std::string(format) == "text") args.push_back("-v");
+    args.insert(args.end(), paths_.begin(), paths_.end());
+    for (const std::string& word : EngineCommand(args)) argv.push_back(word);
+    const CommandResult result = ZorvTest::Run(argv);
+    EXPECT_EQ(1, result.status);
+    EXPECT_EQ(0u, result.err.find("ERROR: cannot write: ")) << result.err;
+    const std::string written = ReadFile("/tmp/short");
+    EXPECT_TRUE(written.empty() || written.back() == '\n') << written;
+    if (std::string(format) == "json") EXPECT_EQ("", written);
+  }
+  (void)unlink("/tmp/short");
+}
+
+TEST(FrontReader, IsNotMissedWhenTheCommandLineIsWrong) {
+  for (const std::vector<std::string>& args :
+       {std::vector<std::string>{"--wrong"}, {"--help"}, {"--version"}}) {
+    EngineProcess engine(EngineProcess::Whole{[&] {
+      std::vector<std::string> argv = {"bash", "-c", "sleep 0.2; exec \"$@\"", "bash"};
+      for (const std::string& word : EngineCommand(args)) argv.push_back(word);
+      return argv;
+    }()});
+    engine.LeaveAsReader();
+    EXPECT_EQ(1, engine.Finish().status) << args[0];
+  }
+}
+
 TEST_F(Front, FailsWithoutStandardOutput) {
   const std::string command = std::string(ZORV_ENGINE_PATH) + " subvolume size -v /volume1 >&-";
   EXPECT_EQ(1, ZorvTest::Run({"bash", "-c", command}).status);
@@ -257,7 +448,7 @@ TEST_F(Front, CountsAnIdGivenTwiceOnce) {
   EXPECT_EQ(0, run.status);
   EXPECT_EQ(2u, run.sizes.size());
   const std::string note = "NOTE: subvolume " + id + " is given more than once; it counts once\n";
-  EXPECT_EQ(note + note, run.err);
+  EXPECT_EQ(note, run.err);
   ASSERT_EQ(4u, run.lines.size());
   EXPECT_EQ(0u, run.lines[2].find("subvol(" + id + ") "));
   EXPECT_EQ(0u, run.lines[3].find("subvol(5) "));
@@ -272,7 +463,7 @@ TEST_F(Front, CountsALinkAndItsTargetOnce) {
   EXPECT_EQ(1u, run.sizes.size());
   const std::string note =
       "NOTE: subvolume " + std::to_string(id) + " is given more than once; it counts once\n";
-  EXPECT_EQ(note + note, run.err);
+  EXPECT_EQ(note, run.err);
   (void)unlink("/tmp/link");
 }
 

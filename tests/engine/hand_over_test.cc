@@ -63,6 +63,24 @@ TEST_F(HandOver, KeepsArgumentsAndEnvironment) {
   EXPECT_EQ("/usr/bin/btrfs|send a b  -v|kept\n", result.out);
 }
 
+// The stock program does not expect to have a signal ignored that its caller does not ignore.
+TEST_F(HandOver, KeepsWhatIsDoneOnSignals) {
+  WriteScript("/usr/bin/btrfs", "grep SigIgn /proc/self/status\n");
+  for (const int how : {0, 1}) {
+    const std::vector<std::string> command = {ZORV_ENGINE_PATH, "device", "stats"};
+    std::string ignored;
+    for (const std::vector<std::string>& argv :
+         {std::vector<std::string>{"grep", "SigIgn", "/proc/self/status"}, command}) {
+      const std::string trap = how == 0 ? "" : "trap '' PIPE XFSZ; ";
+      std::vector<std::string> whole = {"bash", "-c", trap + "exec \"$@\"", "bash"};
+      whole.insert(whole.end(), argv.begin(), argv.end());
+      const std::string said = MustRun(whole);
+      EXPECT_TRUE(ignored.empty() || ignored == said) << ignored << said;
+      ignored = said;
+    }
+  }
+}
+
 TEST_F(HandOver, NeverLooksInPath) {
   WriteScript("/tmp/path/btrfs", kStandIn);
   const CommandResult result =
