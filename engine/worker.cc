@@ -74,7 +74,10 @@ struct Methods {
   CrossCheck both{scan, walk};
 
   ExclusiveSizeMethod& ChosenBy(const Options& options) {
-    if (options.verify) return both;
+    if (options.verify) {
+      walk.ComeAfterScan();
+      return both;
+    }
     switch (options.method) {
       case Method::kAuto:
         return either;

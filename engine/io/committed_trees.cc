@@ -125,6 +125,24 @@ Status CommittedTrees::CheckSettled() const {
   return Status();
 }
 
+// The tree has a root directory always, and a file for the block group that is being emptied.
+Status CommittedTrees::FindMovingData(bool* found) {
+  *found = false;
+  for (const RelocationTree& tree : relocationTrees_) {
+    if (tree.id != kDataRelocationTreeId) continue;
+    TreeCursor cursor(reader_, tree.root);
+    ENGINE_TRY(cursor.Seek(Key{kFirstInode + 1, 0, 0}));
+    *found = *found || cursor.AtItem();
+  }
+  return Status();
+}
+
+Status CommittedTrees::DataIsHandedOver() {
+  return Status::Unsettled(
+      "a balance, or a device that shrinks or goes, is giving subvolumes the new places of data that "
+      "it has moved; try again in a moment");
+}
+
 // The numbers of both kinds of trees are neighbours.  One of tree blocks has references from the
 // moment when all is moved until its subvolume has been given the moved blocks.
 Status CommittedTrees::FindRelocationTrees() {

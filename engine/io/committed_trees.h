@@ -62,6 +62,13 @@ class CommittedTrees {
   // another has not: what they share lies in two places, and looks as if each held it alone.
   Status CheckSettled() const;
 
+  // Whether data is being moved.  Who writes to a leaf meanwhile may be given the new place of the
+  // data there, and snapshots of it keep the old place until their turn comes.
+  Status FindMovingData(bool* found);
+
+  // Status::kUnsettled for that reason.
+  static Status DataIsHandedOver();
+
   // Root of the extent tree.
   const BlockPointer& ExtentRoot() const { return extentRoot_; }
 

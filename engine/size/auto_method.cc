@@ -29,6 +29,8 @@ Status AutoMethod::TryWalk(CommittedTrees& trees, const SizeRequest& request,
   progress.stats.Choose("walk", std::to_string(walk_.Blocks()) + " of at most " + limit);
   if (done.GetKind() == Status::kOverLimit)
     progress.stats.Choose("scan", "a walk takes more than " + limit);
+  else if (done.GetKind() == Status::kUnsettled)
+    progress.stats.Choose("scan", "a walk cannot follow what is being moved");
   else if (done.GetKind() == Status::kBadBlock && ++overtaken_ > kMostOvertaken)
     progress.stats.Choose("scan", "a walk was overtaken by commits again and again");
   else

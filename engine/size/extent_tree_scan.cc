@@ -18,7 +18,6 @@ struct ExtentTreeScan::Kept {
         blockDigests(memory),
         leaves(memory),
         asked(request.ids) {
-    asked.push_back(kDataRelocationTreeId);
     std::ranges::sort(asked);
   }
 
@@ -80,15 +79,13 @@ class ExtentTreeScan::Pass {
     return holders_.Resolve();
   }
 
-  // Relocation trees of tree blocks are known by their roots' own references.
+  // Relocation trees are known by their roots' own references.
   Status AddRoots() {
     for (size_t i = 0; i < request_.ids.size(); ++i) {
       CommittedTrees::Subvolume subvolume;
       ENGINE_TRY(trees_.FindAskedSubvolume(request_.ids[i], &subvolume));
       holders_.AddRoot(subvolume.root, HolderSets::Only(i));
     }
-    for (const CommittedTrees::RelocationTree& tree : trees_.RelocationTrees())
-      if (tree.id == kDataRelocationTreeId) holders_.AddRoot(tree.root, HolderSets::kNobody);
     return Status();
   }
 
@@ -100,8 +97,15 @@ class ExtentTreeScan::Pass {
     const PhaseTimer timer(stats_, "data: who holds it");
     HolderUnion together(sums_.Sets());
     return VisitExtents(&ExtentTreeLeaf::data, [&](const ExtentDigest& extent) {
+      if (IsHandedOver(extent)) return CommittedTrees::DataIsHandedOver();
       return extent.isTreeBlock || extent.outside ? Status() : CountExtent(extent, &together);
     });
+  }
+
+  // Whether a subvolume, asked for or not, has been given the new place of what a balance moves:
+  // others that share it may hold the old place still.
+  static bool IsHandedOver(const ExtentDigest& extent) {
+    return extent.moving != 0 && extent.moving != extent.refs;
   }
 
   // Data that is held by leaves which no asked subvolume reaches is left out of digests.  A leaf

@@ -13,7 +13,7 @@ constexpr uint64_t kLowBits = 4095;
 
 // The first word of an extent: its address and these.  Then its length or generation, a word with
 // its references and the number of words of its parents, the references found when they are not
-// all, and the parents.
+// all, those from moving data when there are any, and the parents.
 constexpr uint64_t kLevelBits = 15;
 constexpr uint64_t kTreeBlockBit = 1 << 4;
 constexpr uint64_t kFullBackrefBit = 1 << 5;
@@ -21,6 +21,7 @@ constexpr uint64_t kOutsideBit = 1 << 6;
 constexpr uint64_t kAskedBit = 1 << 7;
 constexpr uint64_t kContinuedBit = 1 << 8;
 constexpr uint64_t kPartialBit = 1 << 9;
+constexpr uint64_t kMovingBit = 1 << 10;
 
 // A leaf of 64 KiB has room for a few thousand references, so that few bits tell their words.
 constexpr int kParentBits = 20;
@@ -52,12 +53,14 @@ class Digester {
   const char* Sort(const ExtentRecord& extent) {
     const bool settles = !IsPartial(extent) && !extent.isTreeBlock;
     outside_ = asked_ = matters_ = false;
+    moving_ = 0;
     parents_.clear();
     for (const ExtentReference& ref : extent.references) {
       if (ref.kind == ExtentReference::kTree || ref.kind == ExtentReference::kFile) {
         const bool asked = std::ranges::binary_search(filter_.asked, ref.holder);
         asked_ = asked_ || asked;
         outside_ = outside_ || !asked;
+        if (ref.holder == kDataRelocationTreeId) moving_ += ref.count;
         continue;
       }
       if ((ref.holder & kLowBits) != 0) return "a reference comes from an impossible address";
@@ -71,7 +74,7 @@ class Digester {
 
   // What the next leaf may go on with is kept whatever it is.
   bool IsWorthKeeping(const ExtentRecord& extent) const {
-    if (IsPartial(extent)) return true;
+    if (IsPartial(extent) || moving_ != 0) return true;
     if (outside_) return extent.isTreeBlock && !parents_.empty();
     return extent.isTreeBlock || asked_ || matters_;
   }
@@ -84,14 +87,15 @@ class Digester {
     const bool known = !extent.continued;
     const bool partial = IsPartial(extent);
     const bool treeBlock = known && extent.isTreeBlock;
-    out_.push_back(extent.bytenr | (treeBlock ? extent.level : 0) |
-                   FlagIf(treeBlock, kTreeBlockBit) |
-                   FlagIf(known && extent.fullBackref, kFullBackrefBit) |
-                   FlagIf(outside_, kOutsideBit) | FlagIf(asked_, kAskedBit) |
-                   FlagIf(extent.continued, kContinuedBit) | FlagIf(partial, kPartialBit));
+    out_.push_back(
+        extent.bytenr | (treeBlock ? extent.level : 0) | FlagIf(treeBlock, kTreeBlockBit) |
+        FlagIf(known && extent.fullBackref, kFullBackrefBit) | FlagIf(outside_, kOutsideBit) |
+        FlagIf(asked_, kAskedBit) | FlagIf(extent.continued, kContinuedBit) |
+        FlagIf(partial, kPartialBit) | FlagIf(moving_ != 0, kMovingBit));
     out_.push_back(!known ? 0 : treeBlock ? extent.generation : extent.length);
     out_.push_back((known ? extent.refs << kParentBits : 0) | parents_.size());
     if (partial) out_.push_back(extent.found);
+    if (moving_ != 0) out_.push_back(moving_);
     out_.insert(out_.end(), parents_.begin(), parents_.end());
   }
 
@@ -100,8 +104,15 @@ class Digester {
   bool outside_ = false;
   bool asked_ = false;
   bool matters_ = false;
+  uint64_t moving_ = 0;
   Words parents_;
 };
+
+uint64_t TakeWord(WordSpan* words) {
+  const uint64_t word = words->front();
+  *words = words->subspan(1);
+  return word;
+}
 
 // Takes the first extent of a digest off it.
 ExtentDigest TakeExtentWords(WordSpan* words) {
@@ -117,8 +128,9 @@ ExtentDigest TakeExtentWords(WordSpan* words) {
   extent.level = static_cast<uint8_t>(head & kLevelBits);
   (extent.isTreeBlock ? extent.generation : extent.length) = (*words)[1];
   extent.refs = size >> kParentBits;
-  extent.found = IsFlag(head, kPartialBit) ? (*words)[3] : extent.refs;
-  *words = words->subspan(IsFlag(head, kPartialBit) ? 4 : 3);
+  *words = words->subspan(3);
+  extent.found = IsFlag(head, kPartialBit) ? TakeWord(words) : extent.refs;
+  extent.moving = IsFlag(head, kMovingBit) ? TakeWord(words) : 0;
   extent.parents = words->first(size & kMostParentWords);
   *words = words->subspan(size & kMostParentWords);
   return extent;
@@ -213,6 +225,7 @@ Status ExtentJoiner::Continue(const ExtentDigest& more) {
   if (!pending_ || open_.bytenr != more.bytenr)
     return ExtentTreeDamaged(more.bytenr, "a reference without an extent");
   open_.found += more.found;
+  open_.moving += more.moving;
   open_.outside = open_.outside || more.outside;
   open_.asked = open_.asked || more.asked;
   openParents_.insert(openParents_.end(), more.parents.begin(), more.parents.end());

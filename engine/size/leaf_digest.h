@@ -43,11 +43,13 @@ struct ExtentDigest {
   uint64_t generation = 0;  // of a tree block
   uint64_t refs = 0;        // references that there are
   uint64_t found = 0;       // references found, of any kind
+  uint64_t moving = 0;      // of these, from data that a balance moves
   WordSpan parents;         // blocks that hold it, a counted row
 };
 
 // Which extents of a leaf of the extent tree are worth keeping.  Extents that somebody outside
-// holds by name are not, but for tree blocks that other blocks hold too.
+// holds by name are not, but for tree blocks that other blocks hold too, and data that a balance
+// moves.
 struct DigestFilter {
   // Root IDs of the trees that are asked for, rising.
   const std::vector<uint64_t>& asked;

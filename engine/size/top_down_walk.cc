@@ -32,11 +32,13 @@ struct DataReference {
 // One walk.
 class Walk {
  public:
-  Walk(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress, BlockLimit& limit)
+  Walk(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress, BlockLimit& limit,
+       bool afterScan)
       : trees_(trees),
         request_(request),
         stats_(progress.stats),
         limit_(limit),
+        afterScan_(afterScan),
         refs_(trees.Reader(), trees.ExtentRoot(), limit),
         sums_(request, trees, progress),
         holders_(sums_.Sets()) {}
@@ -52,6 +54,7 @@ class Walk {
  private:
   Status FindRoots() {
     ENGINE_TRY(trees_.CheckSettled());
+    ENGINE_TRY(CheckDataStays());
     size_t position = 0;
     for (const uint64_t id : request_.ids) {
       CommittedTrees::Subvolume subvolume;
@@ -59,6 +62,7 @@ class Walk {
       levels_[subvolume.root.level].push_back({subvolume.root, HolderSets::Only(position++)});
     }
     for (const CommittedTrees::RelocationTree& tree : trees_.RelocationTrees()) {
+      if (tree.id == kDataRelocationTreeId) continue;
       if (tree.beingDropped)
         return Status::Unsettled(
             "a balance is removing what it has moved, which this way of counting cannot follow; "
@@ -66,6 +70,18 @@ class Walk {
       levels_[tree.root.level].push_back({tree.root, HolderSets::kNobody});
     }
     return Status();
+  }
+
+  // The new places of moved data are seen by who looks at all extents.
+  Status CheckDataStays() {
+    bool moves = false;
+    if (!afterScan_) ENGINE_TRY(trees_.FindMovingData(&moves));
+    return moves
+               ? Status::Unsettled(
+                     "a balance, or a device that shrinks or goes, is moving data, which this way "
+                     "of counting cannot follow; try again when it has ended, or with --method "
+                     "scan")
+               : Status();
   }
 
   Status CountBlocks() {
@@ -204,6 +220,7 @@ class Walk {
   const SizeRequest& request_;
   RunStats& stats_;
   BlockLimit& limit_;
+  const bool afterScan_;
   ExtentRefs refs_;
   SetSums sums_;
   HolderUnion holders_;
@@ -216,7 +233,7 @@ class Walk {
 Status TopDownWalk::Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,
                         SizeTable* out) {
   BlockLimit limit(mostBlocks_);
-  const Status done = Walk(trees, request, progress, limit).Run(out);
+  const Status done = Walk(trees, request, progress, limit, afterScan_).Run(out);
   blocks_ = limit.Taken();
   return done;
 }

@@ -29,11 +29,15 @@ class TopDownWalk : public ExclusiveSizeMethod {
   // Without this there is no limit.
   void LimitTo(uint64_t blocks) { mostBlocks_ = blocks; }
 
+  // A scan of the same state comes before each run: what only that can see need not be asked again.
+  void ComeAfterScan() { afterScan_ = true; }
+
   // Tree blocks that the last run read.
   uint64_t Blocks() const { return blocks_; }
 
  private:
   uint64_t mostBlocks_ = UINT64_MAX;
+  bool afterScan_ = false;
   uint64_t blocks_ = 0;
 };
 

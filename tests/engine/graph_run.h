@@ -93,7 +93,6 @@ struct RandomGraph {
       : random(seed), filesystem(seed, GraphShape::Random(seed)) {
     GraphTrees& trees = filesystem.Trees();
     for (size_t i = 0, count = 1 + random() % 3; i < count; ++i) trees.Create(4);
-    if (random() % 8 == 0) trees.CreateAs(ZorvEngine::kDataRelocationTreeId, 2);
     filesystem.Change(&random, static_cast<int>(random() % static_cast<unsigned>(mostSteps)),
                       mostSubvolumes);
     filesystem.Commit();

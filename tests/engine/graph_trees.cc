@@ -56,12 +56,16 @@ GraphBlock& GraphTrees::NewBlock(uint64_t owner, uint8_t level, const GraphRefer
   return blocks_[bytenr] = {bytenr, generation_, owner, level, 0, {}, {}};
 }
 
-uint64_t GraphTrees::Create(int levels) { return CreateAs(nextId_++, levels); }
+uint64_t GraphTrees::Create(int levels) {
+  CreateAs(nextId_, levels, kFirstInode);
+  return nextId_++;
+}
 
-uint64_t GraphTrees::CreateAs(uint64_t id, int levels) {
+void GraphTrees::CreateMovedData() { CreateAs(kDataRelocationTreeId, 1, kFirstInode + 1); }
+
+void GraphTrees::CreateAs(uint64_t id, int levels, uint64_t firstInode) {
   const auto level = static_cast<uint8_t>(Below(static_cast<size_t>(levels)));
-  roots_[{id, 0}] = {Build(id, level, 256, ByTree(id)), generation_, level};
-  return id;
+  roots_[{id, 0}] = {Build(id, level, firstInode, ByTree(id)), generation_, level};
 }
 
 uint64_t GraphTrees::Build(uint64_t owner, uint8_t level, uint64_t firstInode,

@@ -86,7 +86,9 @@ class GraphTrees {
 
   // Makes a subvolume of random shape, with up to `levels` levels; returns its number.
   uint64_t Create(int levels);
-  uint64_t CreateAs(uint64_t id, int levels);
+
+  // Makes the tree of data that a balance moves; subvolumes may have its data already.
+  void CreateMovedData();
 
   // Makes a snapshot of a subvolume; returns its number.
   uint64_t Snapshot(uint64_t id);
@@ -129,6 +131,7 @@ class GraphTrees {
   ZorvEngine::HeldBytes Entered() const;
 
  private:
+  void CreateAs(uint64_t id, int levels, uint64_t firstInode);
   size_t Below(size_t end) { return random_() % end; }
   bool OneIn(size_t n) { return Below(n) == 0; }
 
