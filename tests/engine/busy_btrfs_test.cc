@@ -384,6 +384,41 @@ TEST_F(BusyFilesystem, EqualsTheKernelWhileABalanceRuns) {
   ExpectKernelNumbersAtMoments();
 }
 
+// Whoever touches a file while its data is moved may be given the new place of the data at once,
+// and snapshots keep the old one for a while: it looks as if each had a copy.
+TEST(BusyBalance, DoesNotMakeSharedDataLookLikeCopies) {
+  constexpr unsigned kFiles = 8000;
+  BtrfsVolume volume(kMount, Options(1200, {}));
+  volume.Subvolume("touched");
+  WriteFiles("touched", 0, kFiles, 7);
+  volume.Snapshot("touched", "kept");
+  MustRun({"sync", "-f", kMount});
+  const std::vector<std::string> args = {"-v", "--method=scan", volume.Path("touched"),
+                                         volume.Path("kept")};
+  const Sizes quiet = RunEngine(args).sizes;
+  ASSERT_EQ(2u, quiet.size());
+
+  const Activity touching([&](unsigned round) {
+    std::mt19937 random(round);
+    for (int n = 0; n < 200; ++n)
+      (void)utimensat(AT_FDCWD, volume.Path("touched/" + std::to_string(random() % kFiles)).c_str(),
+                      nullptr, 0);
+    Commit(kMount);
+  });
+  const Activity moving([](unsigned) { MustRun({kStockBtrfs, "balance", "start", "-d", kMount}); });
+  const KernelView kernel;
+  const double begin = Seconds();
+  for (int whileMoving = 0; whileMoving < 30 || moving.Done() < 2;) {
+    ASSERT_LT(Seconds(), begin + 240) << whileMoving << " runs, " << moving.Done() << " balances";
+    const EngineRun run = RunEngine(args);
+    if (run.status == 0)
+      EXPECT_EQ(quiet, run.sizes);
+    else
+      EXPECT_TRUE(IsClearRefusal(run.err)) << run.err;
+    if (run.status == 0 && kernel.IsBalancing()) ++whileMoving;
+  }
+}
+
 // The worker is held until its subvolume is gone and its blocks have been used for others.
 TEST_F(BusyFilesystem, NamesASubvolumeThatIsDeletedWhileItCounts) {
   const Load load(volume_);
