@@ -1,11 +1,22 @@
 #include "engine/io/device_set.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <utility>
 
 #include "engine/io/superblock.h"
 
 namespace ZorvEngine {
+namespace {
+
+// What two nodes of one device have in common; 0 when that cannot be told.
+dev_t NumberOf(const Device& device) {
+  struct stat node;
+  return fstat(device.source->Descriptor(), &node) == 0 ? node.st_rdev : 0;
+}
+
+}  // namespace
 
 void DeviceSet::Add(uint64_t devid, Device device) {
   missing_.erase(devid);
@@ -37,6 +48,12 @@ std::vector<uint64_t> DeviceSet::Missing() const {
 bool DeviceSet::Rotates() const {
   return std::ranges::any_of(devices_,
                              [](const auto& entry) { return entry.second.source->Rotates(); });
+}
+
+bool DeviceSet::SameAs(const DeviceSet& other) const {
+  return std::ranges::equal(devices_, other.devices_, [](const auto& a, const auto& b) {
+    return a.first == b.first && NumberOf(a.second) == NumberOf(b.second);
+  });
 }
 
 Status DeviceSet::ReadNewestSuperblock(Superblock* out) const {

@@ -44,6 +44,9 @@ class DeviceSet {
   // Whether one of the devices rotates.
   bool Rotates() const;
 
+  // Whether both sets have the same devices under the same numbers, wherever those were found.
+  bool SameAs(const DeviceSet& other) const;
+
   // Reads the newest superblock on any of the devices: one that was away for a while has an old
   // one, and so has a seed.  Fails when no device has any; the text is the first device's.
   Status ReadNewestSuperblock(Superblock* out) const;

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <utility>
 
 #include "engine/io/ioctls.h"
 #include "engine/io/mounted_devices.h"
@@ -70,7 +71,10 @@ bool MountedFilesystem::SameAs(const MountedFilesystem& other) const {
 }
 
 Status MountedFilesystem::ReadSuperblock(Superblock* out) {
-  ENGINE_TRY(OpenMountedDevices(fd_.Get(), fsid_, &devices_));
+  DeviceSet devices;
+  ENGINE_TRY(OpenMountedDevices(fd_.Get(), fsid_, &devices));
+  devicesChanged_ = !devices.SameAs(devices_);
+  devices_ = std::move(devices);
   return devices_.ReadNewestSuperblock(out);
 }
 

@@ -34,6 +34,8 @@ class MountedFilesystem : public StateSource {
   // Opens the devices anew first: some may have come, gone or been replaced since.
   Status ReadSuperblock(Superblock* out) override;
 
+  bool DevicesChanged() const override { return devicesChanged_; }
+
   // As ReadSuperblock.  Waits `kCommitSeconds` at most for the kernel to start the commit and again
   // to finish it.
   static constexpr int kCommitSeconds = 5;
@@ -46,6 +48,7 @@ class MountedFilesystem : public StateSource {
   std::string path_;
   uint8_t fsid_[kUuidSize] = {};
   DeviceSet devices_;
+  bool devicesChanged_ = false;
 };
 
 }  // namespace ZorvEngine

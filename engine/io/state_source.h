@@ -25,6 +25,10 @@ class StateSource {
 
   // Reads the newest committed superblock.
   virtual Status ReadSuperblock(Superblock* out) = 0;
+
+  // Whether the last call found other devices than the one before: what was read in between may
+  // have come from one that has been replaced.
+  virtual bool DevicesChanged() const { return false; }
 };
 
 }  // namespace ZorvEngine

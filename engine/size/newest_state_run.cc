@@ -13,6 +13,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
 
+constexpr char kNothingCommitted[] =
+    " (nothing was committed meanwhile: if it is mounted read-only, mount it writable once)";
+
 BlockFormat FormatOf(const Superblock& superblock) {
   BlockFormat format;
   format.nodeSize = superblock.nodeSize.Get();
@@ -41,13 +44,15 @@ Status Commit(StateSource& source, SizeProgress& progress, const NoteSink& note,
   return Status();
 }
 
-// Waits for a newer superblock than `superblock`, which becomes it.  The failure is `why`, that
+// Waits for a newer superblock than `superblock`, which becomes it.  The failure is `why`, when
 // none has come until `deadline`.
 Status WaitForNewer(StateSource& source, Clock::time_point deadline, const Status& why,
                     Superblock* superblock) {
   const uint64_t before = superblock->generation.Get();
-  while (superblock->generation.Get() == before) {
-    if (Clock::now() >= deadline) return Status::Failed(why.Text());
+  bool waited = false;
+  for (; superblock->generation.Get() == before; waited = true) {
+    if (Clock::now() >= deadline)
+      return Status::Failed(why.Text() + (waited ? kNothingCommitted : ""));
     std::this_thread::sleep_for(kBetweenLooks);
     ENGINE_TRY(source.ReadSuperblock(superblock));
   }
@@ -93,8 +98,8 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
     ENGINE_TRY(source.ReadSuperblock(&superblock));
     sameBad = done.Text() == bad ? sameBad + 1 : 1;
     bad = done.Text();
-    if (superblock.generation.Get() == before || sameBad == kMostOfOneBlock)
-      return Status::Failed(bad + "; run btrfs scrub");
+    const bool isStill = superblock.generation.Get() == before || sameBad == kMostOfOneBlock;
+    if (isStill && !source.DevicesChanged()) return Status::Failed(bad + "; run btrfs scrub");
     if (!patience.GoesOn(counters.bytesRead - readBefore, Clock::now() - begin))
       return Status::Failed("the file system changes faster than it can be read (" +
                             std::to_string(attempt) + " attempts); try again when it is quieter");

@@ -2,10 +2,12 @@
 // missing.
 #include "engine/io/device_set.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <functional>
 
+#include "base/unique_fd.h"
 #include "tests/engine/blocks.h"
 
 using namespace ZorvEngine;
@@ -45,6 +47,28 @@ using DeviceSetReadNewestSuperblock = DeviceSetTest;
 using DeviceSetFind = DeviceSetTest;
 
 }  // namespace
+
+// Two devices of the machine that are always there stand for a disk and its successor.
+TEST(DeviceSetSameAs, MindsNumbersAndDevicesNotTheirDescriptors) {
+  const auto setOf = [](const std::vector<std::pair<uint64_t, const char*>>& paths) {
+    DeviceSet set;
+    for (const auto& [devid, path] : paths) {
+      struct Node : MemoryDevice {
+        explicit Node(const char* path) : MemoryDevice(4096), fd(open(path, O_RDONLY)) {}
+        int Descriptor() const override { return fd.Get(); }
+        UniqueFd fd;
+      };
+      set.Add(devid, Device{std::make_unique<Node>(path), {}, {}});
+    }
+    return set;
+  };
+  const DeviceSet both = setOf({{1, "/dev/null"}, {2, "/dev/zero"}});
+  EXPECT_TRUE(both.SameAs(setOf({{1, "/dev/null"}, {2, "/dev/zero"}})));
+  EXPECT_FALSE(both.SameAs(setOf({{1, "/dev/null"}, {2, "/dev/null"}})));
+  EXPECT_FALSE(both.SameAs(setOf({{1, "/dev/null"}, {3, "/dev/zero"}})));
+  EXPECT_FALSE(both.SameAs(setOf({{1, "/dev/null"}})));
+  EXPECT_FALSE(setOf({}).SameAs(both));
+}
 
 TEST_F(DeviceSetReadNewestSuperblock, TakesTheNewestOfAllDevices) {
   Add(1, 10);

@@ -276,6 +276,28 @@ TEST_F(RunOnNewestStateTest, NamesTheDamagedBlockWhenThereIsNoNewerSuperblock) {
       Run().Text());
 }
 
+// A device that has been replaced meanwhile has old blocks; its successor has the same superblock.
+TEST(RunOnReplacedDevice, BeginsAgainOnItsSuccessor) {
+  struct Replaced : Mini {
+    Status ReadSuperblock(Superblock* out) override {
+      if (++looks == 1) Write();
+      return Mini::ReadSuperblock(out);
+    }
+    bool DevicesChanged() const override { return looks == 1; }
+    int looks = 0;
+  } mini;
+  mini.Write();
+  mini.Memory().Put(Mini::kSubvolume, Bytes(kNodeSize));
+  TopDownWalk walk;
+  SizeProgress progress;
+  SizeResult result;
+  EXPECT_EQ("",
+            RunOnNewestState(
+                mini, walk, {{Mini::kSubvolumeId}}, progress, [](const std::string&) {}, &result)
+                .Text());
+  EXPECT_EQ(1, mini.looks);
+}
+
 TEST_F(RunOnNewestStateTest, GivesUpWhenItIsOvertakenAgainAndAgain) {
   mini_.Write();
   // The second attempt is shorter than the first, as it finds the chunks in the cache.
@@ -305,7 +327,8 @@ TEST_F(RunOnNewestStateTest, SaysThatMovedBlocksDoNotComeIntoTheirPlaces) {
   request_.mostSettling = std::chrono::milliseconds(50);
   EXPECT_EQ(
       "a balance, or a device that shrinks or goes, is giving subvolumes the blocks that it has "
-      "moved; try again in a moment",
+      "moved; try again in a moment (nothing was committed meanwhile: if it is mounted read-only, "
+      "mount it writable once)",
       Run().Text());
 }
 
