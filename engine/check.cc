@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "engine/io/array_memory.h"
 #include "engine/io/read_queue.h"
 #include "engine/io/superblock.h"
 #include "engine/lines.h"
@@ -57,8 +58,7 @@ bool CheckDevices(MountedFilesystem* filesystem, Findings* findings) {
   for (const uint64_t devid : missing)
     findings->Note("device " + std::to_string(devid) + " " +
                    filesystem->Devices().WhyMissing(devid) +
-                   "; tree blocks are read from other copies, and a run fails at the first one "
-                   "that has none");
+                   "; tree blocks are read from other copies where there are any");
   return findings->Take(CheckFeatures(superblock), "all features of the file system are known");
 }
 
@@ -67,10 +67,32 @@ struct TreeFindings {
   uint64_t generation = 0;
   uint64_t bytes = 0;
   std::vector<std::string> missing;  // why a subvolume cannot be asked about
+  std::string unsettled;             // why a run waits for a newer state
+  std::string lost;                  // why tree blocks cannot be read
 };
 
-Status LookAtTrees(CommittedTrees& trees, const std::vector<uint64_t>& ids, TreeFindings* out) {
-  *out = {trees.Generation(), trees.ExtentTreeBytes(), {}};
+// Why tree blocks of some chunk cannot be read: that all their copies lie on missing devices. Empty
+// when there is no such chunk.
+std::string WhyLost(const ChunkMap& chunks, const DeviceSet& devices) {
+  std::string why;
+  chunks.EachMetadataCopies([&](uint64_t logical, const std::vector<uint64_t>& copies) {
+    const auto isThere = [&](uint64_t devid) { return devices.Find(devid) != nullptr; };
+    if (!why.empty() || std::any_of(copies.begin(), copies.end(), isThere)) return;
+    why = "device " + std::to_string(copies[0]) + " " + devices.WhyMissing(copies[0]) +
+          ", and tree blocks of the chunk at " + std::to_string(logical) +
+          " have no copy elsewhere (nothing is rebuilt from parity); attach the device or replace "
+          "it (btrfs replace)";
+  });
+  return why;
+}
+
+Status LookAtTrees(CommittedTrees& trees, const DeviceSet& devices,
+                   const std::vector<uint64_t>& ids, TreeFindings* out) {
+  *out = {trees.Generation(),
+          trees.ExtentTreeBytes(),
+          {},
+          trees.CheckSettled().Text(),
+          WhyLost(trees.Reader().Chunks(), devices)};
   for (const uint64_t id : ids) {
     CommittedTrees::Subvolume subvolume;
     const Status found = trees.FindAskedSubvolume(id, &subvolume);
@@ -83,13 +105,19 @@ Status LookAtTrees(CommittedTrees& trees, const std::vector<uint64_t>& ids, Tree
 void CheckTrees(const std::vector<uint64_t>& ids, MountedFilesystem* filesystem,
                 SizeProgress& progress, Findings* findings) {
   TreeFindings found;
-  StateLook look([&](CommittedTrees& trees) { return LookAtTrees(trees, ids, &found); });
+  StateLook look([&](CommittedTrees& trees) {
+    return LookAtTrees(trees, filesystem->Devices(), ids, &found);
+  });
   const Status looked =
       look.AtNewest(*filesystem, progress, [&](const std::string& text) { findings->Note(text); });
   if (!findings->Take(looked, "the trees of generation " + std::to_string(found.generation) +
-                                  " can be read; a run reads about " + std::to_string(found.bytes) +
-                                  " bytes"))
+                                  " can be read; a scan reads at least " +
+                                  std::to_string(found.bytes) + " bytes"))
     return;
+  if (!found.lost.empty()) findings->Problem(found.lost);
+  if (!found.unsettled.empty())
+    findings->Note("a run would wait for a later state, and fail when none comes in time: " +
+                   found.unsettled);
   for (const std::string& why : found.missing) findings->Problem(why);
   const size_t there = ids.size() - found.missing.size();
   if (there > 0) findings->Good(std::to_string(there) + " of the subvolumes asked about are there");
@@ -102,6 +130,19 @@ void CheckReading(const Options& options, Findings* findings) {
     findings->Good("reading goes through io_uring");
   else
     findings->Note("io_uring is refused here; reading goes through threads, with the same numbers");
+}
+
+// Files for arrays are made when these outgrow their memory, long after a run has begun.
+void CheckTemporaryFiles(Findings* findings) {
+  constexpr size_t kTrial = 1 << 20;
+  ArrayMemory files(/*mostBytes=*/0);
+  try {
+    files.Free(files.Allocate(kTrial), kTrial);
+    findings->Good("temporary files can be made for arrays beyond --memory");
+  } catch (const NoArrayMemory& why) {
+    findings->Note(std::string("a run works while its arrays fit into --memory; beyond that ") +
+                   why.what());
+  }
 }
 
 }  // namespace
@@ -127,6 +168,7 @@ bool CheckRun(const Options& options, SizeProgress& progress, const LineSink& si
   if (CheckDevices(&filesystem, &findings))
     CheckTrees(subjects.Ids(), &filesystem, progress, &findings);
   CheckReading(options, &findings);
+  CheckTemporaryFiles(&findings);
   return findings.Verdict();
 }
 

@@ -39,6 +39,7 @@ constexpr Flag kFlags[] = {
     {"--table", &Options::table}, {"--stats", &Options::stats},
 };
 
+constexpr uint64_t kTopLevelId = 5;
 constexpr uint64_t kMostMiB = 1u << 20;
 constexpr uint64_t kMostThreads = 64;
 
@@ -161,6 +162,9 @@ class Parser {
       end = value.find(',', begin);
       uint64_t id = 0;
       ENGINE_TRY(ParseSubvolumeId(value.substr(begin, end - begin), &id));
+      if (id == kTopLevelId)
+        return Wrong(
+            "--forecast is about subvolumes that are deleted; 5, the top level, cannot be");
       options_->forecast.push_back(id);
     }
     return Status();
@@ -269,7 +273,8 @@ const char kHelpText[] =
     "  --table               the bytes of each set of subvolumes that hold them together:\n"
     "                        they come free when the whole set is deleted\n"
     "  --format json         one JSON document in place of lines; without -p and -v\n"
-    "  --estimate            say how many bytes there are to read, and end\n"
+    "  --estimate            say how many bytes a scan reads at least, and end; blocks that\n"
+    "                        are the subvolumes' own come on top\n"
     "  --check               say whether a run would work, and if not, why\n"
     "  --stats               say on standard error what the run did\n"
     "\n"

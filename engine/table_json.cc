@@ -57,7 +57,7 @@ void WriteForecast(const SizeTable& table, const std::vector<ForecastStep>& step
 void WriteRows(const SizeTable& table, bool complete, JsonText* json) {
   json->Begin('[');
   for (const SetRow& row : table.rows) {
-    if (row.complete != complete) continue;
+    if (row.complete != complete || !SizeTable::IsWorthSaying(row)) continue;
     json->NewLine().Begin('{');
     if (complete) {
       json->Key("subvolumes").Begin('[');

@@ -60,7 +60,9 @@ bool GiveForecastLines(const SizeTable& table, const std::vector<ForecastStep>& 
 
 bool GiveTableLines(const SizeTable& table, const LineSink& sink) {
   for (const SetRow& row : table.rows)
-    if (!(row.complete ? GiveSet(table, row, sink) : sink(SumLine(table, row)))) return false;
+    if (SizeTable::IsWorthSaying(row) &&
+        !(row.complete ? GiveSet(table, row, sink) : sink(SumLine(table, row))))
+      return false;
   return sink(table.Complete() ? "table complete\n"
                                : std::string("table incomplete: ") + kIncompleteTable + "\n");
 }

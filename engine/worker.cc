@@ -6,9 +6,11 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <string>
+#include <system_error>
 
 #include "engine/channel.h"
 #include "engine/check.h"
@@ -123,7 +125,9 @@ Status FindSizes(const Options& options, SizeProgress& progress, const UniqueFd&
   // Not freed: the end of the process, which follows, gives all memory back at once.
   Methods& methods = *std::make_unique<Methods>().release();
   ENGINE_TRY(FindResult(options, methods, progress, NotesTo(channel), &result));
-  progress.stats.sets = result.table.rows.size();
+  const std::vector<SetRow>& rows = result.table.rows;
+  progress.stats.sets =
+      static_cast<uint64_t>(std::count_if(rows.begin(), rows.end(), SizeTable::IsWorthSaying));
   progress.stats.peakBytes = PeakBytes();
   (void)SendResult(channel.Get(), result);
   return Status();
@@ -138,7 +142,8 @@ Status Estimate(const Options& options, SizeProgress& progress, const UniqueFd& 
   });
   {
     MountedFilesystem filesystem;
-    ENGINE_TRY(filesystem.Open(options.byId ? options.directory : options.arguments[0]));
+    Subjects subjects;
+    ENGINE_TRY(subjects.Find(options, NotesTo(channel), &filesystem));
     ENGINE_TRY(look.AtNewest(filesystem, progress, NotesTo(channel)));
   }
   (void)SendMessage(channel.Get(), {Message::kLine, TotalLine(bytes)});
@@ -173,6 +178,9 @@ Status WorkCaught(const Options& options, SizeProgress& progress, const UniqueFd
     return Work(options, progress, channel);
   } catch (const std::bad_alloc&) {
     return Status::Failed("out of memory");
+  } catch (const std::system_error& error) {
+    return Status::Failed(std::string("the system gives no further thread (") + error.what() +
+                          "); allow more processes or more memory (ulimit -u, ulimit -v)");
   } catch (const std::exception& error) {
     return Status::Failed(std::string("internal error: ") + error.what());
   }

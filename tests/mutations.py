@@ -673,7 +673,7 @@ MUTATIONS = [
              "  ids_ = options.forecast;\n", "  (void)options.forecast;\n",
              "Forecast.*"),
     Mutation("a-sum-of-sets-looks-like-a-set", "engine/table_json.cc",
-             "    if (row.complete != complete) continue;\n", "",
+             "row.complete != complete || ", "",
              "ResultJson.*"),
     Mutation("a-failed-document-stays-in-the-file", "engine/lines.cc",
              "      TakeBack();\n", "",

@@ -80,6 +80,9 @@ class BlockReader {
   // Makes all further reads expect this chunk tree uuid (16 bytes) in the headers.
   void ExpectChunkTree(const uint8_t* uuid);
 
+  // The chunks in use; the reader's own.
+  const ChunkMap& Chunks() const { return chunks_; }
+
   uint32_t NodeSize() const { return format_.nodeSize; }
 
   // Whether one of the devices rotates: single blocks then cost much more than neighbours.

@@ -171,6 +171,20 @@ Places ChunkMap::FindStriped(const Chunk& chunk, uint64_t within, uint64_t lengt
   return places;
 }
 
+// Stripes that stand side by side hold the same; parity moves over all of them.
+void ChunkMap::EachMetadataCopies(const CopiesSink& sink) const {
+  for (const auto& [logical, chunk] : chunks_) {
+    if ((chunk.type & (kChunkMetadata | kChunkSystem)) == 0) continue;
+    const size_t copies = chunk.profile->copies;
+    for (size_t first = 0; first < chunk.stripes.size(); first += copies) {
+      std::vector<uint64_t> devices;
+      for (size_t copy = 0; copy < copies; ++copy)
+        devices.push_back(chunk.stripes[first + copy].devid);
+      sink(logical, devices);
+    }
+  }
+}
+
 std::vector<LogicalRange> ChunkMap::Ranges(uint64_t kind) const {
   std::vector<LogicalRange> ranges;
   for (const auto& [logical, chunk] : chunks_) {

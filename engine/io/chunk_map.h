@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <tuple>
 #include <vector>
@@ -88,6 +89,11 @@ class ChunkMap {
   // The places of all copies of `length` bytes at `logical`; parity is no copy.  Empty when the
   // range is not inside one chunk, or not inside one piece of a striped one.
   Places Find(uint64_t logical, uint64_t length) const;
+
+  // Calls `sink` for each chunk that holds tree blocks, in their order, with the numbers of devices
+  // one of which is enough to read each piece.  What parity could rebuild does not count.
+  using CopiesSink = std::function<void(uint64_t logical, const std::vector<uint64_t>& devices)>;
+  void EachMetadataCopies(const CopiesSink& sink) const;
 
   // The ranges of all chunks whose type has the bit `kind`, such as kChunkData; sorted, neighbours
   // joined.

@@ -25,7 +25,7 @@ struct RunStats {
   Phase phases[kMostPhases];  // in the order in which they first came; unused ones have no name
   uint64_t passes = 0;     // over the extent tree, those that mend what later commits changed too
   uint64_t repairs = 0;    // blocks that later commits had reused
-  uint64_t sets = 0;       // different sets of subvolumes that were found
+  uint64_t sets = 0;       // rows of the table with bytes, and those of single subvolumes
   uint64_t peakBytes = 0;  // most memory that the process had at a time
   char method[16] = {};    // how was counted,
   char why[160] = {};      // and why so: one sentence, empty when it was asked for

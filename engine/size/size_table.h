@@ -57,6 +57,12 @@ class SizeTable {
   std::vector<SetRow> rows;              // no set twice; the sets of one member first, all of them
   bool countsSeveral = true;             // false: nothing was looked for that several hold together
 
+  // Whether a row says something: one of several members without bytes does not.
+  static bool IsWorthSaying(const SetRow& row) {
+    const HeldBytes held = Sum(row.bytes);
+    return (row.complete && row.members.size() == 1) || held.data != 0 || held.metadata != 0;
+  }
+
   // Whether all sets are known, each with all its members.
   bool Complete() const;
 

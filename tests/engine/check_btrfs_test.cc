@@ -6,6 +6,7 @@
 #include <linux/io_uring.h>
 #include <linux/seccomp.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -116,6 +117,37 @@ TEST(CheckDevices, NamesAMissingOne) {
   EXPECT_FALSE(HasLine(run, "ok: every device is there"));
 }
 
+// Parity would bring the blocks back, but is not used: the chunks tell beforehand.
+TEST(CheckDevices, NamesAMissingOneThatHasTheOnlyCopy) {
+  for (const char* profile : {"raid5"}) {
+    SCOPED_TRACE(profile);
+    BtrfsVolume volume(kMount,
+                       {0, {"-m", profile, "-d", profile, "-n", "4096"}, "", {256, 256, 256, 256}});
+    MakeHistory(volume, 100, 4);
+    volume.Unmount();
+    volume.RemoveDevice(1);
+    volume.SetMountOptions("degraded");
+    volume.Mount();
+    const EngineRun run = RunEngine({"--check", "-r", kMount, "5"});
+    EXPECT_EQ(1, run.status);
+    EXPECT_NE(std::string::npos, run.out.find("problem: device 2 ")) << run.out;
+    EXPECT_NE(std::string::npos, run.out.find(" have no copy elsewhere ")) << run.out;
+    EXPECT_EQ("verdict: a run would fail, because of the problem above", run.lines.back());
+  }
+}
+
+TEST_F(Check, NotesThatNoTemporaryFileCanBeMade) {
+  ASSERT_EQ(0, mount("none", "/var/tmp", "tmpfs", 0, "size=4k"));
+  const EngineRun run = RunEngine({"--check", "-r", kMount});
+  EXPECT_EQ(0, umount("/var/tmp"));
+  EXPECT_EQ(0, run.status);
+  EXPECT_NE(std::string::npos,
+            run.out.find("note: a run works while its arrays fit into --memory; beyond that there "
+                         "is no room for "))
+      << run.out;
+  EXPECT_EQ("verdict: a run would work", run.lines.back());
+}
+
 namespace {
 
 // Bytes of the blocks of the extent tree, as the stock program lists them.
@@ -152,6 +184,22 @@ TEST_F(Estimate, IsTheExtentTree) {
 TEST_F(Estimate, FailsAsARunDoes) {
   ExpectFailure(RunEngine({"--estimate", "-r", "/tmp"}), "/tmp is not on btrfs",
                 "/tmp is not on btrfs");
+  ExpectFailure(RunEngine({"--estimate", "-r", kMount, "abc"}),
+                "\"abc\" is not a subvolume ID: decimal digits are expected",
+                "\"abc\" is not a subvolume ID: decimal digits are expected");
+}
+
+// Too little address space for the stack of a thread.
+TEST_F(Estimate, SaysThatThereIsNoThread) {
+  bool said = false;
+  for (int kibibytes = 6000; kibibytes <= 16000 && !said; kibibytes += 500) {
+    const CommandResult result =
+        ZorvTest::Run({"bash", "-c", "ulimit -v " + std::to_string(kibibytes) + "; exec \"$@\"",
+                       "bash", ZORV_ENGINE_PATH, "subvolume", "size", "--estimate", "-r", kMount});
+    EXPECT_EQ(std::string::npos, result.err.find("internal error")) << result.err;
+    said = result.err.rfind("ERROR: the system gives no further thread (", 0) == 0;
+  }
+  EXPECT_TRUE(said);
 }
 
 TEST_F(Stats, GoToStandardErrorAndChangeNothingElse) {

@@ -105,8 +105,8 @@ TEST(OptionsParse, ReadsAPlan) {
   ASSERT_TRUE(ParseOptions({"--forecast", "258,00257,258", "-r", "/volume1"}, &options).Ok());
   EXPECT_EQ((std::vector<uint64_t>{258, 257, 258}), options.forecast);
   EXPECT_TRUE(options.arguments.empty());
-  ASSERT_TRUE(ParseOptions({"-r", "/volume1", "--forecast=5", "300"}, &options).Ok());
-  EXPECT_EQ(std::vector<uint64_t>{5}, options.forecast);
+  ASSERT_TRUE(ParseOptions({"-r", "/volume1", "--forecast=256", "300"}, &options).Ok());
+  EXPECT_EQ(std::vector<uint64_t>{256}, options.forecast);
   EXPECT_EQ(Words{"300"}, options.arguments);
 }
 
@@ -237,7 +237,9 @@ TEST(OptionsParse, SaysWhatIsWrong) {
        "--estimate and --check are asked one after the other" + see},
       {{"--check", "--table", "/a"},
        "--estimate and --check go with neither --table, --forecast nor --format json" + see},
-      {{"--estimate", "--forecast=5", "-r", "/a"},
+      {{"--forecast", "257,005", "-r", "/a"},
+       "--forecast is about subvolumes that are deleted; 5, the top level, cannot be" + see},
+      {{"--estimate", "--forecast=256", "-r", "/a"},
        "--estimate and --check go with neither --table, --forecast nor --format json" + see},
       {{"--estimate", "--format=json", "/a"},
        "--estimate and --check go with neither --table, --forecast nor --format json" + see},
