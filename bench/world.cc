@@ -103,8 +103,7 @@ void MustBe(bool done, const char* what) {
   if (!done) throw std::runtime_error(std::string(what) + " failed");
 }
 
-// ---- The share-to-task map
-// -----------------------------------------------------------------------
+// ---- The share-to-task map ----------------------------------------------------------------------
 
 namespace {
 

@@ -24,8 +24,7 @@ void InstallEngine(const std::string& program);
 // Throws unless `done`.
 void MustBe(bool done, const char* what);
 
-// ---- The share-to-task map
-// -----------------------------------------------------------------------
+// ---- The share-to-task map ----------------------------------------------------------------------
 
 // The shares of a map, and the tasks that serve them.
 std::string ShareOf(int number);

@@ -69,6 +69,7 @@ struct TreeFindings {
   std::vector<std::string> missing;  // why a subvolume cannot be asked about
   std::string unsettled;             // why a run waits for a newer state
   std::string lost;                  // why tree blocks cannot be read
+  bool movesData = false;
 };
 
 // Why tree blocks of some chunk cannot be read: that all their copies lie on missing devices. Empty
@@ -93,6 +94,7 @@ Status LookAtTrees(CommittedTrees& trees, const DeviceSet& devices,
           {},
           trees.CheckSettled().Text(),
           WhyLost(trees.Reader().Chunks(), devices)};
+  ENGINE_TRY(trees.FindMovingData(&out->movesData));
   for (const uint64_t id : ids) {
     CommittedTrees::Subvolume subvolume;
     const Status found = trees.FindAskedSubvolume(id, &subvolume);
@@ -118,6 +120,10 @@ void CheckTrees(const std::vector<uint64_t>& ids, MountedFilesystem* filesystem,
   if (!found.unsettled.empty())
     findings->Note("a run would wait for a later state, and fail when none comes in time: " +
                    found.unsettled);
+  if (found.movesData)
+    findings->Note(
+        "a balance, or a device that shrinks or goes, is moving data: a run scans, and waits while "
+        "it gives subvolumes the new places; --method walk cannot follow it");
   for (const std::string& why : found.missing) findings->Problem(why);
   const size_t there = ids.size() - found.missing.size();
   if (there > 0) findings->Good(std::to_string(there) + " of the subvolumes asked about are there");

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "engine/ondisk/keys.h"
+
 namespace ZorvEngine {
 namespace {
 
@@ -39,7 +41,6 @@ constexpr Flag kFlags[] = {
     {"--table", &Options::table}, {"--stats", &Options::stats},
 };
 
-constexpr uint64_t kTopLevelId = 5;
 constexpr uint64_t kMostMiB = 1u << 20;
 constexpr uint64_t kMostThreads = 64;
 
@@ -162,7 +163,7 @@ class Parser {
       end = value.find(',', begin);
       uint64_t id = 0;
       ENGINE_TRY(ParseSubvolumeId(value.substr(begin, end - begin), &id));
-      if (id == kTopLevelId)
+      if (id == kTopLevelTreeId)
         return Wrong(
             "--forecast is about subvolumes that are deleted; 5, the top level, cannot be");
       options_->forecast.push_back(id);

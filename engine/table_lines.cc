@@ -36,9 +36,9 @@ std::string SumLine(const SizeTable& table, const SetRow& row) {
 
 const char kIncompleteTable[] =
     "more sets than the memory for them holds: those beyond it are summed up by their last "
-    "subvolume in the order asked; exclusive sizes, sets that are given one by one, and what comes "
-    "free in the order asked are exact; for another order ask with --forecast, for all sets with "
-    "more --table-memory";
+    "subvolume in the order asked; exclusive sizes, and what comes free in the order asked, are "
+    "exact; a set of several holds at least what is said of it; for another order ask with "
+    "--forecast, for all sets with more --table-memory";
 
 bool GiveForecastLines(const SizeTable& table, const std::vector<ForecastStep>& steps,
                        const LineSink& sink) {

@@ -18,7 +18,7 @@ while [ $# -gt 0 ]; do
       shift
       ;;
     *)
-      case $1 in --quick | --only* | --make | --doc*) whole=no ;; esac
+      case $1 in --quick | --only* | --make | --rounds* | --limit* | --doc*) whole=no ;; esac
       arguments+=("$1")
       ;;
   esac

@@ -4,7 +4,7 @@ import dataclasses
 QUOTA_AIMS = {"a": 150, "b": 150, "c": 80}
 DU_AIMS = {"a": 1000, "b": 1000}
 READING_AIMS = {"a": (2, 3.5), "b": (2, 3.5), "c": (2, 2.2), "e": (1.3, 1.3)}  # aim, must
-RESIDENT_AIMS = {letter: 32 << 20 for letter in "abc"}
+RESIDENT_AIMS = {letter: 32_000_000 for letter in "abc"}  # bytes
 DU = "btrfs filesystem du -s"
 
 
@@ -40,7 +40,8 @@ def quota_aim(letter, found):
 def du_aim(letter, found):
     wanted = DU_AIMS[letter]
     answer = next((peer for peer in found.peers if peer.name == DU), None)
-    return at_least(f"({letter}) at least {wanted:,} times faster than `{DU}`",
+    rounds = f" ({answer.figure.rounds} of it)" if answer and answer.figure else ""
+    return at_least(f"({letter}) at least {wanted:,} times faster than `{DU}`{rounds}",
                     peer_ratio(found, answer), wanted)
 
 

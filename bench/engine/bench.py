@@ -47,7 +47,10 @@ class Bench:
 
 
 class Parser(argparse.ArgumentParser):
-    """Says in one line what is wrong with the arguments."""
+    """Says in one line what is wrong with the arguments, which stand there in full."""
+
+    def __init__(self, **settings):
+        super().__init__(allow_abbrev=False, **settings)
 
     def error(self, message):
         print(f"bench.sh: {message}; try --help", file=sys.stderr)

@@ -31,14 +31,14 @@ def span(seconds):
 def size(count):
     """Bytes with three digits: 24.1 MB."""
     for unit in ("bytes", "kB", "MB", "GB"):
-        if count < 1000 or unit == "GB":
+        if count < 999.5 or unit == "GB":
             return f"{count:.3g} {unit}" if count < 1000 else f"{count:.0f} {unit}"
         count /= 1000
     return None
 
 
 def times(ratio):
-    """A ratio: 1.7, 24, 2,613."""
+    """A ratio: 1.70, 24, 2,613."""
     return f"{ratio:.2f}" if ratio < 10 else f"{ratio:,.0f}"
 
 

@@ -1,16 +1,17 @@
 // Fills a directory of a btrfs file system with what the measurements need, much faster than a
 // shell.
 //
-//   make_files write DIR FIRST COUNT BYTES         files FIRST.. of random bytes
-//   make_files rewrite DIR COUNT BYTES CHOSEN SEED CHOSEN of the files 0..COUNT-1, anew and in
-//   place make_files blocks FILE COUNT CHOSEN SEED       CHOSEN of the COUNT blocks of 4 KiB of a
-//   file, in
-//                                                  random order, each written on its own
-//   make_files pieces DIR FIRST COUNT PIECES       files FIRST.. of PIECES allocated extents of 4
-//   KiB make_files clone FROM TO                       TO gets a reflinked copy of each file in
-//   FROM make_files count DIR                           prints how many items the extent tree has
-//   for
-//                                                  extents and tree blocks
+// clang-format off
+//   make_files write DIR FIRST COUNT BYTES          files FIRST.. of random bytes
+//   make_files rewrite DIR COUNT BYTES CHOSEN SEED  CHOSEN of the files 0..COUNT-1, anew, in place
+//   make_files blocks FILE COUNT CHOSEN SEED        CHOSEN of the COUNT blocks of 4 KiB of a file,
+//                                                   in random order, each written on its own
+//   make_files pieces DIR FIRST COUNT PIECES        files FIRST.. of PIECES allocated extents of
+//                                                   4 KiB
+//   make_files clone FROM TO                        TO gets a reflinked copy of each file in FROM
+//   make_files count DIR                            prints how many items the extent tree has for
+//                                                   extents and tree blocks
+// clang-format on
 #include <dirent.h>
 #include <endian.h>
 #include <errno.h>

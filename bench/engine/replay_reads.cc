@@ -71,7 +71,8 @@ std::vector<Place> LoadPlaces(const char* path) {
 // Reads places with a fixed number of buffers, each of the longest read's size.
 class Replay {
  public:
-  Replay(int fd, const std::vector<Place>& places, unsigned depth) : fd_(fd), places_(places) {
+  Replay(int fd, const std::vector<Place>& places, unsigned depth)
+      : fd_(fd), places_(places), lengths_(depth) {
     for (const Place& place : places) bufferSize_ = std::max(bufferSize_, place.length);
     const int failed = io_uring_queue_init(depth, &ring_, 0);
     if (failed < 0) Fail("io_uring", -failed);
@@ -103,13 +104,16 @@ class Replay {
     io_uring_prep_read(entry, fd_, memory_ + slot * bufferSize_,
                        static_cast<unsigned>(place.length), place.offset);
     io_uring_sqe_set_data64(entry, slot);
+    lengths_[slot] = place.length;
   }
 
   void Collect() {
     io_uring_cqe* done = nullptr;
     while (io_uring_peek_cqe(&ring_, &done) == 0) {
+      const auto slot = static_cast<unsigned>(io_uring_cqe_get_data64(done));
       if (done->res < 0) Fail("read", -done->res);
-      free_.push_back(static_cast<unsigned>(io_uring_cqe_get_data64(done)));
+      if (static_cast<uint64_t>(done->res) != lengths_[slot]) Fail("short read", EIO);
+      free_.push_back(slot);
       io_uring_cqe_seen(&ring_, done);
       ++done_;
     }
@@ -121,6 +125,7 @@ class Replay {
   io_uring ring_{};
   uint8_t* memory_ = nullptr;  // lives as long as the program
   std::vector<unsigned> free_;
+  std::vector<uint64_t> lengths_;  // of the reads under way, by slot
   size_t started_ = 0;
   size_t done_ = 0;
 };
@@ -136,8 +141,9 @@ int main(int argc, char** argv) {
   Commit(argv[1]);
   const std::vector<Place> places = LoadPlaces(argv[3]);
   const UniqueFd device = OpenFile(argv[2], O_RDONLY | O_DIRECT);
+  Replay replay(device.Get(), places, static_cast<unsigned>(depth));
   const int64_t start = NowMicroseconds();
-  Replay(device.Get(), places, static_cast<unsigned>(depth)).Run();
+  replay.Run();
   printf("%lld\n", static_cast<long long>(NowMicroseconds() - start));
   return 0;
 }

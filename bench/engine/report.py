@@ -112,12 +112,13 @@ def aims_part(comparisons):
 
 
 METHOD = """\
-Every round begins cold: the file system is unmounted, its loop device detached, all caches are dropped, and
-both are set up anew. The loop device reads the image past the page cache (direct I/O); that this took effect
+Except where a part says otherwise: every round begins cold. The file system is unmounted, its loop device
+detached, all caches are dropped, and both are set up anew. The loop device reads the image past the page cache (direct I/O); that this took effect
 is asked of the kernel after each attaching, and after each round no byte of the image may be in the page
 cache, else the run fails. Where the image's bytes lie on the disk is looked up beforehand, since a real disk
 has no such map to read; the programs themselves are in memory. Loop devices are told that they do not rotate
-(a virtual disk says that it does, whatever lies below), and have no I/O scheduler of their own. Those who are compared take turns within a round.
+(a virtual disk says that it does, whatever lies below), and have no I/O scheduler of their own. Those who are
+compared take turns within a round.
 Medians; the lowest and the highest stand beside them. Below 100 ms look at these: a few milliseconds are the
 machine's.
 

@@ -59,6 +59,7 @@ Status BlockReader::Read(const BlockPointer& pointer, TreeBlockPtr* out) {
   meter_.Plan(format_.nodeSize);
   std::optional<TreeBlockView> view;
   ENGINE_TRY(ReadCopies(pointer, buffer_.get(), &view));
+  ++meter_.counters.blocksVerified;
   *out = CopyOf(*view);
   Keep(*out);
   meter_.Done(format_.nodeSize);

@@ -13,7 +13,7 @@ namespace ZorvEngine {
 class AutoMethod : public ExclusiveSizeMethod {
  public:
   // The walk may read one block for that many of the extent tree: a walked block was seen to cost
-  // two to three scanned ones, and giving a walk up is not to cost more than a tenth of the scan.
+  // two to three scanned ones, and giving a walk up is to cost a tenth of the scan or so.
   static constexpr uint64_t kScannedPerWalked = 20;
 
   // The same where devices say that a head must get to each place: there the scan reads many blocks

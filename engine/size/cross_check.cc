@@ -27,7 +27,8 @@ Status Disagree(const std::string& about) {
                         "; run btrfs check, and report this when it finds nothing");
 }
 
-// What comes free in the order in which the subvolumes were asked; tables always know that.
+// What comes free in the order in which the subvolumes were asked; all but those without sets of
+// several know it.
 std::vector<ForecastStep> InAskedOrder(const SizeTable& table) {
   std::vector<uint32_t> order(table.ids.size());
   std::iota(order.begin(), order.end(), 0);

@@ -19,11 +19,16 @@ namespace ZorvEngine {
 // kind must be read, to see which children they have; those of the first need not.
 //
 // While blocks are being moved, relocation trees hold some of them too, or in place of a subvolume.
-// They count as being asked for, and as nobody.
+// They count as being asked for, and as nobody.  Data that is being moved has two places; a state
+// in which somebody has been given the new one is Status::kUnsettled.
+//
+// When what several hold is not counted, a leaf of several is not read, and the second holder
+// settles an extent.
 //
 // Of each tree block that was read a digest is kept.  A block that was reused by a later commit
-// ends a run with Status::kBadBlock after everything else was read: the next run, from the newer
-// superblock, reads only what has changed since, so that each has less to read than the one before.
+// ends a run with Status::kBadBlock after everything else of its step was read: the next run, from
+// the newer superblock, reads only what has changed since, so that each has less to read than the
+// one before.
 //
 // Cost: the leaves of the extent tree, once, and the reached blocks that must be read.  Memory: see
 // docs/engine.md; what passes the request's limit lies in a file.

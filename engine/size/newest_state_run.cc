@@ -1,6 +1,7 @@
 #include "engine/size/newest_state_run.h"
 
 #include <chrono>
+#include <optional>
 #include <thread>
 
 #include "engine/io/superblock.h"
@@ -11,7 +12,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kBetweenLooks = std::chrono::milliseconds(20);
+// Each look opens the devices anew, which may be busy with what is waited for.
+constexpr auto kBetweenLooks = std::chrono::milliseconds(100);
 
 constexpr char kNothingCommitted[] =
     " (nothing was committed meanwhile: if it is mounted read-only, mount it writable once)";
@@ -49,10 +51,11 @@ Status Commit(StateSource& source, SizeProgress& progress, const NoteSink& note,
 Status WaitForNewer(StateSource& source, Clock::time_point deadline, const Status& why,
                     Superblock* superblock) {
   const uint64_t before = superblock->generation.Get();
-  bool waited = false;
-  for (; superblock->generation.Get() == before; waited = true) {
+  const bool late = Clock::now() >= deadline;
+  ENGINE_TRY(source.ReadSuperblock(superblock));
+  while (superblock->generation.Get() == before) {
     if (Clock::now() >= deadline)
-      return Status::Failed(why.Text() + (waited ? kNothingCommitted : ""));
+      return Status::Failed(why.Text() + (late ? "" : kNothingCommitted));
     std::this_thread::sleep_for(kBetweenLooks);
     ENGINE_TRY(source.ReadSuperblock(superblock));
   }
@@ -74,6 +77,7 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
   Patience patience;
   std::string bad;
   int sameBad = 0;
+  std::optional<Clock::time_point> unsettled;  // since when
   for (int attempt = 1;; ++attempt) {
     SizeResult result;
     const uint64_t readBefore = counters.bytesRead;
@@ -87,7 +91,8 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
       return Status();
     }
     if (done.GetKind() == Status::kUnsettled) {
-      ENGINE_TRY(WaitForNewer(source, begin + request.mostSettling, done, &superblock));
+      if (!unsettled) unsettled = Clock::now();
+      ENGINE_TRY(WaitForNewer(source, *unsettled + request.mostSettling, done, &superblock));
       progress.meter.Abandon();
       progress.exclusiveBytes = 0;
       continue;

@@ -47,7 +47,8 @@ struct ForecastStep {
 };
 
 // The bytes that only subvolumes asked about hold, by the set of those that hold them.  Each byte
-// is in one row; what somebody else holds too is in none.
+// is in one row, unless only those of one subvolume were counted; what somebody else holds too is in
+// none.
 //
 // A value: made by SetSums, passed between processes, read by whoever prints it.
 class SizeTable {

@@ -186,7 +186,7 @@ class Walk {
     for (auto next = references->begin(); next != references->end();) {
       const auto end = EndOfObject(next, references->end());
       AddHoldersOf(next, end);
-      if (!sums_.AreTooMany(holders_)) kept = std::move(next, end, kept);
+      if (!sums_.AreTooMany(holders_)) kept = kept == next ? end : std::move(next, end, kept);
       next = end;
     }
     references->erase(kept, references->end());

@@ -13,7 +13,8 @@ namespace ZorvEngine {
 // when as many references as its item counts come from root items and from the blocks that were
 // reached above it; those who hold these hold it.  What somebody else refers to as well is left,
 // with all below it.  Data extents likewise, by the file extents of all leaves that were reached.
-// Reads each block that is reached, and the leaves of the extent tree that speak of their children.
+// When what several hold is not counted, what two of them reach is left too.  Reads each block that
+// is reached, and the leaves of the extent tree that speak of their children.
 //
 // Memory: the block cache, 64 bytes for each pointer to one level from what was reached above it
 // (and 136 more for each block of the level that is reached itself), 16 bytes for each reference to

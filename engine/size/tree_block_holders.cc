@@ -69,8 +69,7 @@ Status TreeBlockHolders::ResolveBlock(uint32_t number) {
   return Status();
 }
 
-// What such a leaf refers to need not be known.  What a node does is looked at all the same: whose
-// leaves come within reach when one of the holders moves away, is known then.
+// What such a leaf refers to need not be known.  Nodes are few, and are read as with tables.
 bool TreeBlockHolders::IsLeafOfTooMany(const Block& block) const {
   return block.level == 0 && sums_.AreTooMany(union_);
 }

@@ -201,7 +201,6 @@ TEST_F(BlockReaderReadMany, ReadsNeighboursTogetherInOrderOfPlace) {
                               return Status();
                             })
                   .Ok());
-  std::sort(seen.begin(), seen.end());
   EXPECT_EQ((std::vector<uint64_t>{1, 2, 3, 5, 7}), seen);
   EXPECT_EQ(3, device_.Reads());
   EXPECT_EQ(5 * kNodeSize, meter_.total);

@@ -363,6 +363,64 @@ TEST(ExclusiveSize, EqualsTheKernelOnAReadOnlyMount) {
   EXPECT_EQ(kernel, EngineSizes("-vm", kMount, ids));
 }
 
+// By one of its subvolumes, read-only, by a directory of it elsewhere, and below another mount.
+TEST(ExclusiveSize, IsTheSameHoweverTheFileSystemIsMounted) {
+  BtrfsVolume volume(kMount, Options());
+  MakeHistory(volume, 200, 4);
+  MustRun({"sync", "-f", kMount});
+  const Sizes kernel = volume.KernelExclusive();
+  std::vector<unsigned long long> ids;
+  for (const auto& [id, bytes] : kernel) ids.push_back(id);
+  const std::string device = volume.Device();
+  std::filesystem::create_directories("/tmp/elsewhere");
+  const std::vector<std::vector<std::string>> kMounts = {
+      {"mount", "-o", "subvol=live", device, "/tmp/elsewhere"},
+      {"mount", "-o", "ro,subvol=snap1", device, "/tmp/elsewhere"},
+      {"mount", "--bind", volume.Path("live"), "/tmp/elsewhere"},
+  };
+  for (const bool below : {false, true})
+    for (const std::vector<std::string>& mount : kMounts) {
+      SCOPED_TRACE(testing::PrintToString(mount) + (below ? " below another" : ""));
+      if (below) MustRun({"mount", "-t", "tmpfs", "none", "/tmp/elsewhere"});
+      MustRun(mount);
+      EXPECT_EQ(kernel, EngineSizes("-vm --verify", "/tmp/elsewhere", ids));
+      EXPECT_EQ(kernel, EngineSizes("-vm", kMount, ids));
+      MustRun({"umount", "/tmp/elsewhere"});
+      if (below) MustRun({"umount", "/tmp/elsewhere"});
+    }
+}
+
+// Two file systems with one identity, mounted both; what was written since belongs to one of them.
+TEST(ExclusiveSize, IsThatOfTheFileSystemThatIsMeantBesideItsCopy) {
+  BtrfsVolume volume(kMount, Options());
+  MakeHistory(volume, 200, 4);
+  MustRun({"sync", "-f", kMount});
+  const Sizes before = volume.KernelExclusive();
+  std::vector<unsigned long long> ids;
+  for (const auto& [id, bytes] : before) ids.push_back(id);
+  std::filesystem::create_directories("/tmp/copy");
+  volume.Unmount();
+  volume.SaveImages("/tmp/images");
+  volume.Mount();
+  const CommandResult mounted =
+      ZorvTest::Run({"mount", "-o", "loop", "/tmp/images/device1", "/tmp/copy"});
+  if (mounted.status != 0) {
+    // Before Linux 6.7 one of the two can be mounted; the other is a device that looks the same.
+    EXPECT_NE(std::string::npos, mounted.err.find("File exists")) << mounted.err;
+  } else {
+    EXPECT_EQ(before, EngineSizes("-vm --verify", "/tmp/copy", ids));
+  }
+  WriteFiles("live", 1, 60, 5);
+  MustRun({"sync", "-f", kMount});
+  const Sizes now = EngineSizes("-vm --verify", kMount, ids);
+  EXPECT_NE(before, now);
+  if (mounted.status == 0) {
+    EXPECT_EQ(before, EngineSizes("-vm --verify", "/tmp/copy", ids));
+    MustRun({"umount", "/tmp/copy"});
+  }
+  EXPECT_EQ(volume.KernelExclusive(), now);
+}
+
 // Without -m there is no number of the kernel's to hold against, but there is what deletion frees.
 TEST(ExclusiveSize, DataAloneIsWhatDeletionFrees) {
   BtrfsVolume volume(kMount, Options());

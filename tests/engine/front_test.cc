@@ -20,6 +20,7 @@
 #include <regex>
 
 #include "tests/engine/engine_run.h"
+#include "tests/support/sanitizer.h"
 
 using namespace ZorvTest;
 
@@ -338,6 +339,7 @@ TEST_F(Front, LeavesWhenTheReaderHasGoneAndNobodyReadsStandardError) {
 
 // The notes that nobody reads take memory that the front is not given.
 TEST_F(Front, SaysThatItsMemoryHasRunOut) {
+  NEEDS_MEMORY_LIMITS();
   constexpr rlim_t kForItsStack = 256 << 10;
   int said = 0;
   for (int attempt = 0; attempt < 50 && said == 0; ++attempt) {
@@ -414,13 +416,17 @@ TEST_F(Front, SaysWhenAFileMayNotGrow) {
 TEST(FrontReader, IsNotMissedWhenTheCommandLineIsWrong) {
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{"--wrong"}, {"--help"}, {"--version"}}) {
+    ASSERT_EQ(0, mkfifo("/tmp/reader-has-gone", 0600));
     EngineProcess engine(EngineProcess::Whole{[&] {
-      std::vector<std::string> argv = {"bash", "-c", "sleep 0.2; exec \"$@\"", "bash"};
+      std::vector<std::string> argv = {"bash", "-c", "read -r < /tmp/reader-has-gone; exec \"$@\"",
+                                       "bash"};
       for (const std::string& word : EngineCommand(args)) argv.push_back(word);
       return argv;
     }()});
     engine.LeaveAsReader();
+    WriteFile("/tmp/reader-has-gone", "yes\n");
     EXPECT_EQ(1, engine.Finish().status) << args[0];
+    (void)unlink("/tmp/reader-has-gone");
   }
 }
 

@@ -15,7 +15,7 @@ struct Recipe {
   bool manyReferences = false;  // one extent is referred to 10^5 times
   bool manySnapshots = false;   // of the same subvolume, 60, with small changes between them
   unsigned steps = 0;           // of the history
-  Features features;  // of the format and the mount, such as "DataRaid5" and "Csum xxhash"
+  Features features;  // of the format and the mount, such as "DataRaid5" and "Xxhash"
 };
 
 // The recipe of a seed: always the same.  Neighbouring seeds differ in profile, devices, node size

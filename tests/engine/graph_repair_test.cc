@@ -11,7 +11,7 @@ using namespace ZorvTest;
 
 namespace {
 
-// Notes how many bytes each run takes.
+// Notes how many blocks each run takes.
 class CountedScan : public ExclusiveSizeMethod {
  public:
   Status Run(CommittedTrees& trees, const SizeRequest& request, SizeProgress& progress,

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <thread>
 
 #include "engine/size/newest_state_run.h"
 #include "engine/size/patience.h"
@@ -330,6 +331,26 @@ TEST_F(RunOnNewestStateTest, SaysThatMovedBlocksDoNotComeIntoTheirPlaces) {
       "moved; try again in a moment (nothing was committed meanwhile: if it is mounted read-only, "
       "mount it writable once)",
       Run().Text());
+}
+
+// The time of waiting does not begin before there is something to wait for.
+TEST_F(RunOnNewestStateTest, WaitsAlsoWhenItHasTakenLongAlready) {
+  struct SettlesLate : ExclusiveSizeMethod {
+    Status Run(CommittedTrees&, const SizeRequest& request, SizeProgress&, SizeTable*) override {
+      if (++runs > 1) return Status();
+      std::this_thread::sleep_for(2 * request.mostSettling);
+      return Status::Unsettled("not yet");
+    }
+    int runs = 0;
+  } method;
+  mini_.Write();
+  const std::vector<Item> roots = mini_.Roots();
+  for (const uint64_t generation : {kGeneration, kGeneration + 1}) CommitRoots(generation, roots);
+  request_.mostSettling = std::chrono::milliseconds(50);
+  EXPECT_EQ("", RunOnNewestState(
+                    mini_, method, request_, progress_, [](const std::string&) {}, &result_)
+                    .Text());
+  EXPECT_EQ(2, method.runs);
 }
 
 TEST_F(RunOnNewestStateTest, PassesOnWhyTheCommitIsNotTheNewest) {

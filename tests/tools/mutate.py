@@ -8,8 +8,8 @@ usage: scripts/mutate.sh [PATTERN]    all mutations, or those whose name matches
 
 Works in a copy of the tree under build/mutate; the checkout is not touched. First the tests that
 the table names must pass without a mutation. Then each mutation is built and its tests run; one
-line says which test turned red (a program that crashes or does not end counts as one). The last line is "N mutations, N caught"; the status is 0 when the
-two are equal.
+line says which test turned red (a program that crashes or does not end counts as one). The last
+line is "N mutations, N caught"; the status is 0 when the two are equal.
 """
 import fnmatch
 import json
@@ -40,9 +40,15 @@ def fail(text):
 # ---- The table ------------------------------------------------------------------------------------
 
 
+def suites_in(path):
+    """The test suites of a source; those with parameters cannot be named."""
+    return re.findall(r"^TEST(?:_F)?\(\s*(\w+)\s*,", path.read_text(), re.M)
+
+
 def check_table(mutations):
-    """Every name is there once; every old text stands in its file exactly once."""
+    """Every name is there once; every old text stands in its file exactly once; every test exists."""
     problems = []
+    suites = {suite for path in (PROJECT / "tests").rglob("*_test.cc") for suite in suites_in(path)}
     names = [m.name for m in mutations]
     problems += [f"{name}: the name is taken twice" for name in sorted(set(names)) if names.count(name) > 1]
     for m in mutations:
@@ -52,6 +58,8 @@ def check_table(mutations):
             problems.append(f"{m.name}: the old text occurs {found} times in {m.file}")
         if m.old == m.new or not m.tests:
             problems.append(f"{m.name}: changes nothing, or names no test")
+        problems += [f"{m.name}: there is no test suite for {pattern}" for pattern in m.tests.split()
+                     if not fnmatch.filter(suites, pattern.split(".")[0])]
     if problems:
         fail("the table does not fit the sources:\n  " + "\n  ".join(problems))
 
@@ -104,8 +112,7 @@ def programs_of_suites():
     for entry in json.loads((BUILD / "compile_commands.json").read_text()):
         target = re.search(r"CMakeFiles/(\w+)\.dir/", entry["command"])
         if target and entry["file"].endswith("_test.cc"):
-            source = pathlib.Path(entry["file"]).read_text()
-            for suite in re.findall(r"^TEST(?:_F)?\(\s*(\w+)\s*,", source, re.M):
+            for suite in suites_in(pathlib.Path(entry["file"])):
                 programs.setdefault(suite, set()).add(target[1])
     return programs
 
