@@ -41,6 +41,14 @@ class Comparison:
     start: Figure  # start and commit alone
     quota: Answer
     peers: list
+    way: str = "auto"  # of counting, of the engine's runs
+    ways: dict = dataclasses.field(default_factory=dict)  # each way: its Figure, or why it has none
+
+
+# The aim on (e) is about the reading of a large extent tree, where "auto" would walk.
+WAY_OF = {"e": "scan"}
+
+ROUNDS_OF_WAYS = 3
 
 
 def check_numbers(found, kernel, where):
@@ -48,6 +56,10 @@ def check_numbers(found, kernel, where):
     for one, own in kernel.items():
         if found.get(one) != own:
             raise Wrong(f"{where}: subvolume {one}: the engine says {found.get(one)}, the kernel {own}")
+
+
+def way_words(found):
+    return found if isinstance(found, str) else f"{span(found.median)} ({found.spread()})"
 
 
 class Rounds:
@@ -61,13 +73,15 @@ class Rounds:
         self.none = os.path.join(bench.folder, "no-reads.bin")
         self.runs, self.replays, self.reading, self.starts, self.quotas = [], [], [], [], []
         self.kernel, self.given_up = None, ""
+        self.way = WAY_OF.get(letter, "auto")
+        self.ways = {}
         self.reads = None
 
     def cold(self):
         return cold(self.bench.programs, self.image, self.bench.mount)
 
     def engine_run(self):
-        return engine.measure(self.bench.programs, self.bench.mount, self.ids)
+        return engine.measure(self.bench.programs, self.bench.mount, self.ids, self.way)
 
     def record(self):
         """Takes down what the engine reads; leaves `reads` None where tracing is not to be had."""
@@ -120,6 +134,24 @@ class Rounds:
 
         if self.kernel is not None:
             self.check()
+        for way in engine.WAYS:
+            self.ways[way] = self.way_rounds(way)
+            print(f"  --method {way}: {way_words(self.ways[way])}", flush=True)
+
+    def way_rounds(self, way):
+        """The time of one way of counting, whose numbers are those of the others."""
+        values = []
+        for _ in range(min(ROUNDS_OF_WAYS, self.bench.rounds)):
+            try:
+                with self.cold():
+                    took = engine.measure(self.bench.programs, self.bench.mount, self.ids, way,
+                                          self.bench.limit)
+            except TimedOut:
+                return f"given up after {self.bench.limit} s"
+            check_numbers(engine.numbers(took.out), engine.numbers(self.runs[0].out),
+                          f"({self.letter}), --method {way}")
+            values.append(took.seconds)
+        return Figure(values)
 
     def say_round(self, number):
         last = [("engine", [run.seconds for run in self.runs]), ("same reads", self.replays),
@@ -167,7 +199,8 @@ class Rounds:
             max(each.resident_bytes for each in self.runs),
             Figure([each.processor_seconds for each in self.runs]).median, self.reads,
             Figure(self.replays) if self.reads else None, Figure(self.reading) if self.reads else None,
-            Figure(self.starts), self.quota_answer(), [self.peer_answer(peer, data) for peer in asked])
+            Figure(self.starts), self.quota_answer(), [self.peer_answer(peer, data) for peer in asked],
+            self.way, self.ways)
 
 
 def compare(bench, letter, item):

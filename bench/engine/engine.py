@@ -4,9 +4,12 @@ import re
 from commands import timed
 
 
-def command(programs, mount, ids, metadata=True):
+WAYS = ["auto", "scan", "walk"]  # of counting
+
+
+def command(programs, mount, ids, metadata=True, way="auto"):
     flags = "-vm" if metadata else "-v"
-    return [programs.engine, "subvolume", "size", "-r", mount, flags, *ids]
+    return [programs.engine, "subvolume", "size", "-r", mount, flags, "--method", way, *ids]
 
 
 def numbers(out):
@@ -20,5 +23,5 @@ def planned_bytes(out):
     return int(re.findall(r"^total (\d+) bytes$", out, re.M)[-1])
 
 
-def measure(programs, mount, ids):
-    return timed(programs, *command(programs, mount, ids))
+def measure(programs, mount, ids, way="auto", limit=None):
+    return timed(programs, *command(programs, mount, ids, way=way), limit=limit)

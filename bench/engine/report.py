@@ -3,6 +3,8 @@ import aims
 import growth
 import library
 import shapes
+from comparison import ROUNDS_OF_WAYS, way_words
+from engine import WAYS
 from figures import size, span, times
 from neighbour import ENGINE, NOBODY, QUOTA
 from peers import QUOTA_PEER
@@ -50,13 +52,23 @@ def comparison_part(letter, found):
              f"{facts['extents']:,} extents and tree blocks, extent tree {size(facts['extent_tree_bytes'])}; "
              f"made in {facts['seconds']:.0f} s. {reads_words(found)} Resident memory "
              f"{found.resident_bytes / 1e6:.1f} MB, processor time {span(found.processor_seconds)}.", ""]
-    rows = [["**engine**", span(engine.median), engine.spread(), str(engine.rounds), "1",
+    way = "" if found.way == "auto" else f" (`--method {found.way}`)"
+    rows = [[f"**engine**{way}", span(engine.median), engine.spread(), str(engine.rounds), "1",
              "all bytes of each", f"exact: {found.quota.exact}" if found.quota.exact else
              "not held against the kernel"]]
     rows += list(reading_rows(found))
     rows += [answer_row(answer, engine) for answer in [found.quota, *found.peers]]
     return lines + table(["", "median", "lowest - highest", "rounds", "times the engine", "answers",
                           "exact?"], rows)
+
+
+def ways_part(comparisons):
+    rows = [[f"({letter})", *(way_words(found.ways[way]) for way in WAYS)]
+            for letter, found in comparisons.items()]
+    return ["## Ways of counting", "",
+            f"Medians of {ROUNDS_OF_WAYS}, with the lowest and the highest; all give the same numbers. `auto` is what "
+            "the engine does when it is not told: it walks while that stays small, else it scans.", ""] \
+        + table(["", *(f"`--method {way}`" for way in WAYS)], rows)
 
 
 def throttled_part(found):
@@ -149,6 +161,7 @@ def document(bench, found):
         lines += aims_part(comparisons) + ["## Side by side", ""]
         for letter, each in comparisons.items():
             lines += comparison_part(letter, each)
+        lines += ways_part(comparisons)
     if found.get("throttled"):
         lines += throttled_part(found["throttled"])
     if found.get("loads"):

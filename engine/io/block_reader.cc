@@ -135,10 +135,8 @@ Status BlockReader::ReadInRounds(SweepJob* job) {
     const auto begin = std::chrono::steady_clock::now();
     ENGINE_TRY(ReadAsPlanned(*job, at, count));
     const auto time = std::chrono::steady_clock::now() - begin;
-    uint64_t blocks = 0;
-    for (const size_t end = at + count; at < end; ++at) blocks += job->reads[at].count;
-    const uint64_t bytes = meter_.counters.bytesRead - bytesBefore;
-    if (!pace_.Note({count, bytes, blocks * format_.nodeSize, time})) continue;
+    at += count;
+    if (!pace_.Note({count, meter_.counters.bytesRead - bytesBefore, time})) continue;
 
     std::vector<WantedBlock> left;
     for (; at < job->reads.size(); ++at)

@@ -13,9 +13,22 @@ constexpr uint64_t kNanosecondsPerByte = 10;
 // Faster than any single head reads: 500 MB a second.
 constexpr uint64_t kBytesPerMicrosecond = 500;
 
-double NanosecondsPerWanted(const SeekPace::Round& done) {
-  return static_cast<double>(done.time.count()) /
-         static_cast<double>(std::max<uint64_t>(done.wanted, 1));
+// A trial is at least that long: limits on requests or bytes hold back for a tenth of a second at a
+// time, and let pass at once what has come together.
+constexpr auto kTrialTime = std::chrono::milliseconds(400);
+// How much larger its requests must be than those before.
+constexpr double kTellingRatio = 1.5;
+
+double Each(double sum, const SeekPace::Round& done) {
+  return sum / static_cast<double>(done.requests);
+}
+
+double BytesEach(const SeekPace::Round& done) {
+  return Each(static_cast<double>(done.bytes), done);
+}
+
+double TimeEach(const SeekPace::Round& done) {
+  return Each(static_cast<double>(done.time.count()), done);
 }
 
 }  // namespace
@@ -28,7 +41,7 @@ bool SeekPace::Note(const Round& done) {
     round_ = std::min(2 * round_, kLongestRound);
     return false;
   }
-  if (!wasSlow) withoutGaps_ = NanosecondsPerWanted(done);
+  if (!wasSlow) before_ = done;
   round_ = slow_ && !tried_ ? kTrialRound : kFirstRound;
   return true;
 }
@@ -42,12 +55,17 @@ bool SeekPace::IsSlow(const Round& done) {
   return done.bytes <= kBytesPerMicrosecond * static_cast<uint64_t>(time);
 }
 
-// Looks once, at the first round with gaps that is long enough to tell: later ones read elsewhere,
-// where what is wanted may lie farther apart.
+// Where a head travels, larger requests take hardly longer; where bytes are few, by as much as they
+// are larger.  Decides once, by the middle between both.
 bool SeekPace::GapsPay(const Round& done) {
-  if (tried_ || done.requests < kTrialRound || done.bytes == done.wanted) return gapsPay_;
+  if (tried_) return gapsPay_;
+  trial_.requests += done.requests;
+  trial_.bytes += done.bytes;
+  trial_.time += done.time;
+  const double larger = BytesEach(trial_) / BytesEach(before_);
+  if (trial_.time < kTrialTime || larger < kTellingRatio) return true;
   tried_ = true;
-  gapsPay_ = NanosecondsPerWanted(done) < withoutGaps_;
+  gapsPay_ = TimeEach(trial_) / TimeEach(before_) < (1 + larger) / 2;
   return gapsPay_;
 }
 

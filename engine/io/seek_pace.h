@@ -14,8 +14,8 @@ namespace ZorvEngine {
 // do: many virtual disks are said to rotate and do not, and gaps read there cost many times the
 // bytes. So requests begin as those for flash; where they take longer than the transfer and a short
 // wait explain, the head travels, and gaps are read from then on.  A disk that gives few bytes a
-// second looks the same: unless the first requests with gaps, small ones, bring what is wanted
-// sooner than those without, gaps are read no more.
+// second looks the same at first: when the first requests with gaps, small ones, take longer by as
+// much as they are larger, gaps are read no more.
 class SeekPace {
  public:
   const RequestShape& Shape() const {
@@ -26,11 +26,10 @@ class SeekPace {
   // After how many requests Note is to be called.
   size_t RoundSize() const { return round_; }
 
-  // What a round took, and what it brought.
+  // What a round read, gaps included, and the time that it took.
   struct Round {
     size_t requests;
-    uint64_t bytes;   // read,
-    uint64_t wanted;  // and of these without the gaps
+    uint64_t bytes;
     std::chrono::nanoseconds time;
   };
 
@@ -44,7 +43,7 @@ class SeekPace {
   // A limit on requests a second lets some pass at once before it holds the others back; a round
   // has more than those.
   static constexpr size_t kFirstRound = 64;
-  // So many requests with gaps are a trial, small ones: where bytes are few they take long.
+  // So many requests begin the trial: where bytes are few they take long.
   static constexpr size_t kTrialRound = 4;
   // Where heads begin to travel late, at most so many slow requests are made before it is seen.
   static constexpr size_t kLongestRound = 512;
@@ -52,7 +51,8 @@ class SeekPace {
   bool slow_ = false;
   bool tried_ = false;  // whether gaps pay, which is then known:
   bool gapsPay_ = true;
-  double withoutGaps_ = 0;  // nanoseconds for each wanted byte in the round that was found slow
+  Round before_{};  // the round that was found slow,
+  Round trial_{};   // and those of the trial together
   size_t round_ = kFirstRound;
 };
 

@@ -10,11 +10,6 @@ namespace {
 
 constexpr uint64_t kKiB = 1 << 10;
 
-// Requests of which nothing is a gap.
-SeekPace::Round Plain(size_t requests, uint64_t bytes, milliseconds time) {
-  return {requests, bytes, bytes, time};
-}
-
 bool ReadsGaps(const SeekPace& pace) { return pace.Shape().mostGap > 0; }
 
 }  // namespace
@@ -38,18 +33,17 @@ TEST(SeekPace, TellsHeadsFromTheRest) {
     SeekPace pace;
     EXPECT_FALSE(ReadsGaps(pace));
     ASSERT_EQ(64u, pace.RoundSize());
-    EXPECT_EQ(c.readsGaps, pace.Note(Plain(64, 64 * c.bytesEach, milliseconds(c.milliseconds))));
+    EXPECT_EQ(c.readsGaps, pace.Note({64, 64 * c.bytesEach, milliseconds(c.milliseconds)}));
     EXPECT_EQ(c.readsGaps, ReadsGaps(pace));
   }
 }
 
 TEST(SeekPace, TakesBackWhatNoHeadCanDo) {
   SeekPace pace;
-  ASSERT_TRUE(
-      pace.Note(Plain(64, 64 * 16 * kKiB, milliseconds(500))));  // something else held it up
-  EXPECT_FALSE(pace.Note(Plain(64, 64 * 1024 * kKiB, milliseconds(330))));  // 200 MB a second
+  ASSERT_TRUE(pace.Note({64, 64 * 16 * kKiB, milliseconds(500)}));     // something else held it up
+  EXPECT_FALSE(pace.Note({64, 64 * 1024 * kKiB, milliseconds(330)}));  // 200 MB a second
   EXPECT_TRUE(ReadsGaps(pace));
-  EXPECT_TRUE(pace.Note(Plain(64, 64 * 1024 * kKiB, milliseconds(60))));  // 1.1 GB a second
+  EXPECT_TRUE(pace.Note({64, 64 * 1024 * kKiB, milliseconds(60)}));  // 1.1 GB a second
   EXPECT_FALSE(ReadsGaps(pace));
 }
 
@@ -57,46 +51,58 @@ TEST(SeekPace, LooksLessOftenWhereNothingChanges) {
   SeekPace pace;
   size_t last = pace.RoundSize();
   for (int i = 0; i < 10; ++i) {
-    (void)pace.Note(Plain(pace.RoundSize(), 1, milliseconds(1)));
+    (void)pace.Note({pace.RoundSize(), 1, milliseconds(1)});
     EXPECT_GE(pace.RoundSize(), last);
     last = pace.RoundSize();
   }
   EXPECT_EQ(512u, last);
-  ASSERT_TRUE(pace.Note(Plain(512, 1, milliseconds(5000))));
+  ASSERT_TRUE(pace.Note({512, 1, milliseconds(5000)}));
   EXPECT_EQ(4u, pace.RoundSize());
 }
 
-// 64 scattered requests come first; then four with gaps, of which a quarter is wanted.
+// 64 requests come first; then those with gaps, of 256 KiB.
 TEST(SeekPace, ReadsGapsOnlyWhereTheyPay) {
   const struct {
     const char* name;
-    int before;  // milliseconds of the 64
-    int after;   // and of the four
+    uint64_t bytesBefore;  // of each of the 64
+    int before;            // milliseconds of them all
+    double after;          // of each with gaps
     bool readsGaps;
   } kCases[] = {
-      {"head", 320, 50, true},
-      {"150 requests a second", 430, 27, true},
-      {"512 KiB a second", 2000, 2000, false},
-      {"1 MiB a second", 1000, 1000, false},
+      {"head, scattered", 16 * kKiB, 320, 6.7, true},
+      {"head, side by side", 128 * kKiB, 380, 6.7, true},
+      {"150 requests a second", 16 * kKiB, 430, 6.7, true},
+      {"150 requests a second, large ones", 128 * kKiB, 430, 6.7, true},
+      {"512 KiB a second", 16 * kKiB, 2000, 500, false},
+      {"512 KiB a second, large requests", 128 * kKiB, 16000, 500, false},
+      {"20 MiB a second, large requests", 128 * kKiB, 400, 12.5, false},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     SeekPace pace;
-    ASSERT_TRUE(pace.Note(Plain(64, 64 * 16 * kKiB, milliseconds(c.before))));
+    ASSERT_TRUE(pace.Note({64, 64 * c.bytesBefore, milliseconds(c.before)}));
+    EXPECT_TRUE(ReadsGaps(pace));
     ASSERT_EQ(4u, pace.RoundSize());
-    // Larger requests, or none with gaps.
-    EXPECT_TRUE(pace.Note({4, 1024 * kKiB, 256 * kKiB, milliseconds(c.after)}));
+    for (bool decided = false; !decided;) {
+      const size_t count = pace.RoundSize();
+      ASSERT_LT(count, 512u);
+      decided = pace.Note({count, count * 256 * kKiB,
+                           milliseconds(static_cast<int>(c.after * static_cast<double>(count)))});
+    }
     EXPECT_EQ(c.readsGaps, ReadsGaps(pace));
     // What was found out once stays, however slow it is elsewhere.
-    EXPECT_FALSE(pace.Note({64, 4096 * kKiB, 64 * kKiB, milliseconds(20000)}));
+    EXPECT_FALSE(pace.Note({64, 4096 * kKiB, milliseconds(20000)}));
     EXPECT_EQ(c.readsGaps, ReadsGaps(pace));
   }
 }
 
+// A limit that holds requests back for a tenth of a second at a time, and lets many pass at once.
 TEST(SeekPace, DoesNotJudgeGapsByRoundsThatTellNothing) {
   SeekPace pace;
-  ASSERT_TRUE(pace.Note(Plain(64, 64 * 16 * kKiB, milliseconds(320))));
-  EXPECT_FALSE(pace.Note({3, 64 * kKiB, 16 * kKiB, milliseconds(1000)}));  // too short
-  EXPECT_FALSE(pace.Note(Plain(4, 64 * kKiB, milliseconds(1000))));        // no gaps
+  ASSERT_TRUE(pace.Note({64, 64 * 128 * kKiB, milliseconds(430)}));
+  EXPECT_FALSE(pace.Note({4, 4 * 256 * kKiB, milliseconds(100)}));    // too short
+  EXPECT_FALSE(pace.Note({8, 8 * 256 * kKiB, milliseconds(1)}));      // likewise
+  EXPECT_FALSE(pace.Note({90, 90 * 128 * kKiB, milliseconds(600)}));  // no larger
   EXPECT_TRUE(ReadsGaps(pace));
+  EXPECT_EQ(kTrialShape.mostBytes, pace.Shape().mostBytes);
 }
