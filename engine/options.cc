@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "engine/ondisk/keys.h"
-
 namespace ZorvEngine {
 namespace {
 
@@ -163,9 +161,6 @@ class Parser {
       end = value.find(',', begin);
       uint64_t id = 0;
       ENGINE_TRY(ParseSubvolumeId(value.substr(begin, end - begin), &id));
-      if (id == kTopLevelTreeId)
-        return Wrong(
-            "--forecast is about subvolumes that are deleted; 5, the top level, cannot be");
       options_->forecast.push_back(id);
     }
     return Status();

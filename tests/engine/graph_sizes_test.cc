@@ -177,10 +177,9 @@ TEST(GraphSizes, AreNotToldWhileMovedDataIsHandedOver) {
     const Status done = RunOn(graph.filesystem, scan, request, &result);
     if (handedOver) {
       ++waited;
-      EXPECT_EQ(
-          "a balance, or a device that shrinks or goes, is giving subvolumes the new places of data "
-          "that it has moved; try again in a moment",
-          done.Text());
+      EXPECT_EQ(0u, done.Text().find("a balance, or a device that shrinks or goes, is giving "
+                                     "subvolumes the new places of data that it has moved"))
+          << done.Text();
     } else {
       ++told;
       ASSERT_EQ(graph.Expected(), PlainRows(result.table)) << done.Text();

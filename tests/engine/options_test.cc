@@ -237,8 +237,6 @@ TEST(OptionsParse, SaysWhatIsWrong) {
        "--estimate and --check are asked one after the other" + see},
       {{"--check", "--table", "/a"},
        "--estimate and --check go with neither --table, --forecast nor --format json" + see},
-      {{"--forecast", "257,005", "-r", "/a"},
-       "--forecast is about subvolumes that are deleted; 5, the top level, cannot be" + see},
       {{"--estimate", "--forecast=256", "-r", "/a"},
        "--estimate and --check go with neither --table, --forecast nor --format json" + see},
       {{"--estimate", "--format=json", "/a"},

@@ -101,7 +101,7 @@ TEST(SeekPace, DoesNotJudgeGapsByRoundsThatTellNothing) {
   SeekPace pace;
   ASSERT_TRUE(pace.Note({64, 64 * 128 * kKiB, milliseconds(430)}));
   EXPECT_FALSE(pace.Note({4, 4 * 256 * kKiB, milliseconds(100)}));    // too short
-  EXPECT_FALSE(pace.Note({8, 8 * 256 * kKiB, milliseconds(1)}));      // likewise
+  EXPECT_FALSE(pace.Note({8, 8 * 256 * kKiB, milliseconds(10)}));     // likewise
   EXPECT_FALSE(pace.Note({90, 90 * 128 * kKiB, milliseconds(600)}));  // no larger
   EXPECT_TRUE(ReadsGaps(pace));
   EXPECT_EQ(kTrialShape.mostBytes, pace.Shape().mostBytes);

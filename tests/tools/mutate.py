@@ -48,7 +48,8 @@ def suites_in(path):
 def check_table(mutations):
     """Every name is there once; every old text stands in its file exactly once; every test exists."""
     problems = []
-    suites = {suite for path in (PROJECT / "tests").rglob("*_test.cc") for suite in suites_in(path)}
+    suites = {suite for name in files_of(PROJECT) if name.name.endswith("_test.cc")
+              for suite in suites_in(PROJECT / name)}
     names = [m.name for m in mutations]
     problems += [f"{name}: the name is taken twice" for name in sorted(set(names)) if names.count(name) > 1]
     for m in mutations:
