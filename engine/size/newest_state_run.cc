@@ -1,5 +1,6 @@
 #include "engine/size/newest_state_run.h"
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <thread>
@@ -56,7 +57,7 @@ Status WaitForNewer(StateSource& source, Clock::time_point deadline, const Statu
   while (superblock->generation.Get() == before) {
     if (Clock::now() >= deadline)
       return Status::Failed(why.Text() + (late ? "" : kNothingCommitted));
-    std::this_thread::sleep_for(kBetweenLooks);
+    std::this_thread::sleep_until(std::min(deadline, Clock::now() + kBetweenLooks));
     ENGINE_TRY(source.ReadSuperblock(superblock));
   }
   return CheckFeatures(*superblock);

@@ -185,10 +185,11 @@ TEST(GraphSizes, AreNotToldWhileMovedDataIsHandedOver) {
       ASSERT_EQ(graph.Expected(), PlainRows(result.table)) << done.Text();
     }
     TopDownWalk walk;
-    EXPECT_EQ(
-        "a balance, or a device that shrinks or goes, is moving data, which this way of "
-        "counting cannot follow; try again when it has ended, or with --method scan",
-        RunOn(graph.filesystem, walk, request, &result).Text());
+    const std::string walked = RunOn(graph.filesystem, walk, request, &result).Text();
+    EXPECT_EQ(0u, walked.find("a balance, or a device that shrinks or goes, is moving data, which "
+                              "this way of counting cannot follow; try again when it has ended, or "
+                              "with --method scan"))
+        << walked;
   }
   EXPECT_GT(told, 10u);
   EXPECT_GT(waited, 10u);
@@ -329,7 +330,9 @@ TEST(GraphLaws, AForecastGrowsWithItsSet) {
     std::vector<uint32_t> fewer = order;
     fewer.erase(fewer.begin() + static_cast<ptrdiff_t>(graph.random() % count));
     HeldBytes ofFewer;
-    for (const ForecastStep& step : *table.Forecast(fewer)) ofFewer += SizeTable::Sum(step.bytes);
+    const auto stepsOfFewer = table.Forecast(fewer);
+    ASSERT_TRUE(stepsOfFewer.has_value());
+    for (const ForecastStep& step : *stepsOfFewer) ofFewer += SizeTable::Sum(step.bytes);
     EXPECT_LE(ofFewer.data, total.data);
     EXPECT_LE(ofFewer.metadata, total.metadata);
   }
