@@ -40,7 +40,7 @@ def quota_aim(letter, found):
 def du_aim(letter, found):
     wanted = DU_AIMS[letter]
     answer = next((peer for peer in found.peers if peer.name == DU), None)
-    rounds = f" ({answer.figure.rounds} of it)" if answer and answer.figure else ""
+    rounds = f" (its rounds: {answer.figure.rounds})" if answer and answer.figure else ""
     return at_least(f"({letter}) at least {wanted:,} times faster than `{DU}`{rounds}",
                     peer_ratio(found, answer), wanted)
 
