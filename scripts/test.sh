@@ -25,6 +25,7 @@ build "$preset"
 results=$PROJECT/build/$preset/test-results
 rm -rf "$results"
 status=0
-ctest --test-dir "$PROJECT/build/$preset" -j "$(nproc)" --output-on-failure || status=1
+ctest --test-dir "$PROJECT/build/$preset" -j "$(nproc)" --label-exclude torture \
+  --output-on-failure || status=1
 python3 "$PROJECT/tests/tools/count_results.py" "$results" || status=1
 exit $status
