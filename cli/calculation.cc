@@ -2,12 +2,15 @@
 
 #include <errno.h>
 #include <fmt/format.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 #include <zorvbtrfssnapusage/share_task_status.h>
 #include <zorvbtrfssnapusage/utils.h>
 
 #include "cli/failure.h"
+#include "cli/names.h"
+#include "cli/plain_files.h"
 #include "cli/process_watch.h"
 #include "cli/share.h"
 #include "cli/text.h"
@@ -72,9 +75,25 @@ void FillFrom(const Json::Value& record, Calculation& calculation) {
   calculation.command = Attribute(record, TASKSTATUS_ATTR_BTRFS_CMD);
 }
 
+void RequireSafeTask(const std::string& share, const std::string& taskID) {
+  if (!IsTaskID(taskID))
+    throw Failure(kUnsafeRoots,
+                  fmt::format("the record of share {} names a task {}, which is none",
+                              Quoted(share), Quoted(taskID)),
+                  fmt::format("remove the record with: zorv-snapusage clean {}", ShellWord(share)));
+  RequirePlainFilesOfTask(taskID);
+}
+
+// Nothing: the record does not name a process yet.
+std::optional<pid_t> Process(const std::string& text) {
+  if (text.empty()) return std::nullopt;
+  const std::optional<unsigned long long> number = Number(text);
+  return number && *number <= INT_MAX ? static_cast<pid_t>(*number) : kNoProcess;
+}
+
 }  // namespace
 
-std::optional<std::string> TaskOf(const std::string& share) {
+std::optional<std::string> RecordedTask(const std::string& share) {
   std::string taskID;
   bool expired = false;
   switch (ShareSnapUsageCal::FindTaskID(share, taskID, expired)) {
@@ -87,13 +106,25 @@ std::optional<std::string> TaskOf(const std::string& share) {
   }
 }
 
-std::string RequireTask(const std::string& share) {
-  const std::optional<std::string> taskID = TaskOf(share);
+std::optional<std::string> TaskOf(const std::string& share) {
+  const std::optional<std::string> taskID = RecordedTask(share);
+  if (taskID) RequireSafeTask(share, *taskID);
+  return taskID;
+}
+
+std::string RequireRecordedTask(const std::string& share) {
+  const std::optional<std::string> taskID = RecordedTask(share);
   if (taskID) return *taskID;
   RequireShare(share);
   throw Failure(kNothingRecorded,
                 fmt::format("no calculation of share {} is recorded", Quoted(share)),
                 fmt::format("start one with: zorv-snapusage run {}", ShellWord(share)));
+}
+
+std::string RequireTask(const std::string& share) {
+  const std::string taskID = RequireRecordedTask(share);
+  RequireSafeTask(share, taskID);
+  return taskID;
 }
 
 std::optional<Calculation> ReadCalculation(const std::string& share, const std::string& taskID) {
@@ -107,8 +138,7 @@ std::optional<Calculation> ReadCalculation(const std::string& share, const std::
   if (calculation.stateWord.empty()) return std::nullopt;
   if (TaskStatus::CnvStatusStrToEnumIdx(calculation.stateWord, calculation.state) != RESULT_OK)
     throw SystemFailure(fmt::format("the record of share {} names no known state", Quoted(share)));
-  if (const auto pid = Number(Attribute(task, TASKSTATUS_ATTR_PID)); pid && *pid > 1)
-    calculation.pid = static_cast<pid_t>(*pid);
+  calculation.pid = Process(Attribute(task, TASKSTATUS_ATTR_PID));
   if (!task.isObject() && calculation.Finished())
     FillFrom(*record, calculation);
   else
@@ -127,7 +157,7 @@ Calculation RequireCalculation(const std::string& share, const std::string& task
 }
 
 Activity ActivityOf(const std::string& share, const Calculation& calculation) {
-  const bool alive = calculation.pid && ProcessIsAlive(*calculation.pid);
+  const bool alive = calculation.pid && CalculatorIsAlive(*calculation.pid);
   if (calculation.state == CAL_TASK_STATUS_DONE)
     return alive ? Activity::kFinishing : Activity::kNone;
   if (calculation.Finished()) return Activity::kNone;

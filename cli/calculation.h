@@ -11,13 +11,17 @@
 
 namespace ZorvSnapUsage {
 
+// The number of no process.
+inline constexpr pid_t kNoProcess = -1;
+
 // One reading of the records. The state is the share's; the rest comes from the task's own record
 // while there is one, because the share's keeps values of an earlier task until the first progress.
 struct Calculation {
   std::string taskID;
   std::string stateWord;  // as recorded
   ZorvBtrfsUsage::CAL_TASK_STATUS state = ZorvBtrfsUsage::CAL_TASK_STATUS_READY;
-  std::optional<pid_t> pid;  // only while the task has a record of its own
+  // Only while the task has a record of its own; kNoProcess when that names what is none.
+  std::optional<pid_t> pid;
   std::optional<time_t> started;
   std::optional<time_t> ended;
   std::optional<unsigned long long> processedBytes;
@@ -38,10 +42,18 @@ enum class Activity {
   kDied,       // recorded as running, but its process is gone
 };
 
-// The share's task; nothing when no calculation is recorded.
+// The share's task, as its record names it: any text. Nothing when no calculation is recorded.
+std::optional<std::string> RecordedTask(const std::string& share);
+
+// The share's task; nothing when no calculation is recorded. Gives up when the record names what is
+// none, or when the files of the task are not what they should be: whatever is done to a task is
+// done to files of that name, and some of it to all that begin so.
 std::optional<std::string> TaskOf(const std::string& share);
 
-// As TaskOf, but gives up when there is none: with "no such share" when that is the reason.
+// As RecordedTask, but gives up when there is none: with "no such share" when that is the reason.
+std::string RequireRecordedTask(const std::string& share);
+
+// As TaskOf, but gives up when there is none, likewise.
 std::string RequireTask(const std::string& share);
 
 // Reads the records of a share's task; nothing when the share has none with a state.

@@ -3,13 +3,17 @@
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <optional>
 
+#include "base/paths.h"
+#include "cli/begin_work.h"
 #include "cli/calculation.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
-#include "cli/launch.h"
+#include "cli/names.h"
+#include "cli/plain_files.h"
 #include "cli/results.h"
 #include "cli/share.h"
 #include "cli/string_list.h"
@@ -18,6 +22,7 @@
 namespace ZorvSnapUsage {
 namespace {
 
+using ZorvBtrfsUsage::kShareMap;
 using ZorvBtrfsUsage::ShareSnapUsageCal;
 using ZorvBtrfsUsage::SnapUsageCalculator;
 
@@ -39,15 +44,22 @@ std::string ResultText(const std::optional<Result>& result) {
   return fmt::format("the result of {} snapshots", result->subvolumeIDs.size());
 }
 
-// Removes everything of one share and says so. False: a calculation is under way.
-bool CleanShare(const std::string& share, const std::string& taskID) {
+void PrintDropped(const std::string& share) {
+  fmt::print("removed share {}: it no longer exists\n", Quoted(share));
+}
+
+// Removes everything of one share and says so. False: a calculation is under way. A task that is
+// none is left alone: the library would remove the files that its text leads to.
+bool CleanShare(const std::string& share, const std::string& recordedTask) {
+  const std::string taskID = IsTaskID(recordedTask) ? recordedTask : "";
+  if (!taskID.empty()) RequirePlainFilesOfTask(taskID);
   const std::optional<Calculation> calculation = ReadCalculation(share, taskID);
   if (UnderWay(share, calculation)) return false;
   const std::optional<Result> result = NewestResult(share);
   ShareSnapUsageCal::CleanAll(share);
   // A task that failed or was stopped keeps its own record until somebody removes it.
   if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();
-  if (TaskOf(share))
+  if (RecordedTask(share))
     throw SystemFailure(fmt::format("the record of share {} cannot be removed", Quoted(share)));
   fmt::print("removed share {}: state {}, {}\n", Quoted(share),
              calculation ? calculation->stateWord : "unknown", ResultText(result));
@@ -60,30 +72,54 @@ bool CleanShare(const std::string& share, const std::string& taskID) {
                 fmt::format("end it first with: zorv-snapusage stop {}", ShellWord(share)));
 }
 
+// A name that no share can have, but a path may: the library would remove the files that it leads
+// to, so it is left alone. Any other removal drops it, as it drops shares that no longer exist.
+void RequireDropped(const std::vector<std::string>& names) {
+  const std::vector<std::string> left = RecordedShares();
+  for (const std::string& name : names) {
+    if (std::find(left.begin(), left.end(), name) != left.end())
+      throw Failure(kUnsafeRoots,
+                    fmt::format("{} names a share {}, which can be none", kShareMap, Quoted(name)),
+                    "take the entry out of that file");
+    PrintDropped(name);
+  }
+}
+
 // Removing one share also drops shares that no longer exist, so each is looked up anew.
 int CleanAllShares() {
   std::string busy;
+  std::vector<std::string> impossible;
   const std::vector<std::string> shares = RecordedShares();
   for (const std::string& share : shares) {
-    const std::optional<std::string> taskID = TaskOf(share);
+    if (!CanBeShareName(share)) {
+      impossible.push_back(share);
+      continue;
+    }
+    RequirePlainFilesOfShare(share);
+    const std::optional<std::string> taskID = RecordedTask(share);
     if (!taskID)
-      fmt::print("removed share {}: it no longer exists\n", Quoted(share));
+      PrintDropped(share);
     else if (!CleanShare(share, *taskID))
       busy = share;
   }
   if (shares.empty()) fmt::print("nothing to remove\n");
+  RequireDropped(impossible);
   if (!busy.empty()) RefuseUnderWay(busy);
   return kOk;
 }
 
 int CleanOneShare(const std::string& share) {
-  if (!CleanShare(share, RequireTask(share))) RefuseUnderWay(share);
+  if (!CleanShare(share, RequireRecordedTask(share))) RefuseUnderWay(share);
   return kOk;
 }
 
 int Clean(const std::string& share) {
-  RequireRoot();
-  return share.empty() ? CleanAllShares() : CleanOneShare(share);
+  if (share.empty()) {
+    BeginWork();
+    return CleanAllShares();
+  }
+  BeginWorkOn(share);
+  return CleanOneShare(share);
 }
 
 }  // namespace

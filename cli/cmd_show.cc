@@ -5,10 +5,10 @@
 #include <memory>
 #include <optional>
 
+#include "cli/begin_work.h"
 #include "cli/calculation.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
-#include "cli/launch.h"
 #include "cli/options.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
@@ -62,8 +62,8 @@ void PrintNotes(const Report& report, const std::optional<Calculation>& latest) 
 }
 
 int Show(const ShowOptions& options) {
-  RequireRoot();
   const std::string& share = options.share;
+  BeginWorkOn(share);
   const std::optional<Calculation> latest = LatestCalculation(share);
   const std::optional<Result> result = NewestResult(share);
   if (!result) RefuseWithoutResult(share, latest);

@@ -4,10 +4,10 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "cli/begin_work.h"
 #include "cli/calculation.h"
 #include "cli/commands.h"
 #include "cli/exit_status.h"
-#include "cli/launch.h"
 #include "cli/options.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
@@ -52,7 +52,7 @@ void PrintActivity(const std::string& share, const Calculation& calculation) {
 }
 
 int Status(const std::string& share) {
-  RequireRoot();
+  BeginWorkOn(share);
   const std::string taskID = RequireTask(share);
   const Calculation calculation = RequireCalculation(share, taskID);
   PrintLine("share", Escaped(share));

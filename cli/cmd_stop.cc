@@ -4,10 +4,10 @@
 #include <CLI/CLI.hpp>
 #include <memory>
 
+#include "cli/begin_work.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/follow.h"
-#include "cli/launch.h"
 #include "cli/options.h"
 #include "cli/text.h"
 #include "cli/watch.h"
@@ -29,14 +29,14 @@ Calculation StopAndWait(const std::string& share, const std::string& taskID) {
                                 "its state is {}",
                                 Quoted(share), kTimeToStop.count(), watch.Now().stateWord),
                     fmt::format("look again with: zorv-snapusage status {}", ShellWord(share)));
-    request.Repeat();
+    request.Repeat(watch.Process());
     watch.Pause();
   }
   return watch.Now();
 }
 
 int Stop(const std::string& share) {
-  RequireRoot();
+  BeginWorkOn(share);
   const std::string taskID = RequireTask(share);
   Calculation calculation = RequireCalculation(share, taskID);
   const Activity activity = ActivityOf(share, calculation);

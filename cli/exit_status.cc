@@ -27,6 +27,7 @@ constexpr Row kRows[] = {
     {kShortResult, "the result lacks snapshots that were asked for"},
     {kNotFinalInTime, "the calculation did not stop in time"},
     {kShareOutOfReach, "the share cannot be reached for the moment"},
+    {kUnsafeRoots, "a directory, file or record of the library may be somebody else's"},
     {kLeftAtOnce, "left at once by a second Ctrl-C"},
 };
 

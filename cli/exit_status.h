@@ -24,6 +24,7 @@ enum ExitStatus : int {
   kShortResult = 13,
   kNotFinalInTime = 14,
   kShareOutOfReach = 15,
+  kUnsafeRoots = 16,
   kLeftAtOnce = 130,  // 128 + SIGINT, as shells say it
 };
 

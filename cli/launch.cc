@@ -11,10 +11,13 @@
 #include <optional>
 #include <set>
 
+#include "cli/begin_work.h"
 #include "cli/calculation.h"
 #include "cli/engine.h"
 #include "cli/failure.h"
 #include "cli/interrupt.h"
+#include "cli/names.h"
+#include "cli/plain_files.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
@@ -97,8 +100,14 @@ std::vector<Snapshot> Selected(const Selection& selection, const std::optional<T
       "widen the range; snapshots whose names carry no time are in none");
 }
 
-// The library keeps names in JSON, which can carry no other bytes.
-void RequireUtf8(const std::string& share, const std::vector<Snapshot>& asked) {
+// The library keeps names in JSON, which can carry no other bytes, and makes files of them. A name
+// that is refused too late leaves an empty result directory behind.
+void RequireRecordable(const std::string& share, const std::vector<Snapshot>& asked) {
+  if (!CanBeCalculated(share))
+    throw Failure(
+        kSystemFailure,
+        fmt::format("the name of share {} is too long for the names of its records", Quoted(share)),
+        "give it a name of at most 248 bytes");
   if (ValidUtf8(share) != share)
     throw Failure(kSystemFailure, fmt::format("the name of share {} is not UTF-8", Quoted(share)),
                   "rename it");
@@ -139,7 +148,7 @@ void RequireIdle(const std::string& share) {
 // fcntl(2), which the calculation's process does not inherit.
 class LaunchLock {
  public:
-  LaunchLock() : fd_(open(kPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
+  LaunchLock() : fd_(Open()) {
     struct flock whole = {};
     whole.l_type = F_WRLCK;
     int code = -1;
@@ -156,6 +165,11 @@ class LaunchLock {
   LaunchLock& operator=(const LaunchLock&) = delete;
 
  private:
+  static int Open() {
+    (void)RequirePlainFile(kPath);
+    return open(kPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
+  }
+
   static constexpr char kPath[] = "/run/zorv-snapusage.lock";
   const int fd_;
 };
@@ -181,10 +195,10 @@ void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
 Launched Launch(const Selection& selection) {
   const std::string& share = selection.share;
   const std::optional<TimeRange> range = RangeOf(selection);
-  RequireRoot();
+  BeginWorkOn(share);
   RequireShare(share);
   const std::vector<Snapshot> asked = Selected(selection, range);
-  RequireUtf8(share, asked);
+  RequireRecordable(share, asked);
   RequireEngine();
   const LaunchLock lock;
   RequireIdle(share);
@@ -199,11 +213,6 @@ Launched Launch(const Selection& selection) {
   const std::string taskID = RequireTask(share);
   LaunchOrFail(calculation, share, asked, range);
   return {taskID, asked};
-}
-
-void RequireRoot() {
-  if (geteuid() == 0) return;
-  throw Failure(kNotRoot, "this needs root", "run it with sudo");
 }
 
 }  // namespace ZorvSnapUsage

@@ -27,9 +27,6 @@ struct Launched {
 // when anything is in its way.
 Launched Launch(const Selection& selection);
 
-// Gives up unless the program runs as root, which volumes and records need.
-void RequireRoot();
-
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_LAUNCH_H_

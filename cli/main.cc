@@ -1,6 +1,7 @@
 // zorv-snapusage: how much space the snapshots of a share take.
 #include <fmt/format.h>
 #include <stdio.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
 #include <CLI/CLI.hpp>
@@ -62,6 +63,9 @@ std::string Complaint(const CLI::App& program, const CLI::ParseError& error) {
 
 int Main(int argc, char** argv) {
   if (!HoldStandardStreams()) return kSystemFailure;
+  // Also for the calculations that are started: whatever the caller's is, nobody but root writes
+  // into what they make, and root can.
+  (void)umask(022);
   openlog(kName, LOG_PID, LOG_USER);
   CLI::App program("How much space the snapshots of a share take: the bytes that each holds alone.",
                    kName);

@@ -151,7 +151,7 @@ Report MakeReport(const std::string& share, const Result& result,
 std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
                                const std::vector<Snapshot>& present) {
   std::vector<Snapshot> asked;
-  if (TaskOf(share) != result.taskID) return asked;
+  if (RecordedTask(share) != result.taskID) return asked;
   for (const Snapshot& snapshot : present)
     if (!RecordedName(share, snapshot.subvolumeID).empty()) asked.push_back(snapshot);
   return asked;

@@ -33,12 +33,16 @@ std::string LastComponent(const std::string& path) { return path.substr(path.rfi
 
 }  // namespace
 
+void RefuseUnknownShare(const std::string& share) {
+  throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)),
+                "a share is a subvolume directly below /volume1, /volume2, ...");
+}
+
 void RequireShare(const std::string& share) {
   if (FindShare(share)) return;
   switch (PLATCErrGet()) {
     case PLATC_ERR_NO_SUCH_SHARE:
-      throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)),
-                    "a share is a subvolume directly below /volume1, /volume2, ...");
+      RefuseUnknownShare(share);
     case PLATC_ERR_RETRY:
       throw Failure(kShareOutOfReach,
                     fmt::format("share {} cannot be reached for the moment", Quoted(share)),

@@ -18,6 +18,9 @@ struct Snapshot {
   std::optional<time_t> time;  // when the name carries one
 };
 
+// Gives up because there is no such share.
+[[noreturn]] void RefuseUnknownShare(const std::string& share);
+
 // Gives up unless the share exists and can be reached.
 void RequireShare(const std::string& share);
 

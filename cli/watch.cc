@@ -25,7 +25,7 @@ Watch::Watch(std::string share, std::string taskID)
     : share_(std::move(share)), taskID_(std::move(taskID)) {}
 
 bool Watch::Poll() {
-  const std::optional<std::string> taskID = TaskOf(share_);
+  const std::optional<std::string> taskID = RecordedTask(share_);
   const std::optional<Calculation> read = ReadCalculation(share_, taskID_);
   const bool ours = taskID && *taskID == taskID_ && read;
   if (!ours && DoneBefore()) return true;

@@ -19,6 +19,9 @@ class Watch {
   // Reads the records anew. True: the state is final.
   bool Poll();
 
+  // The calculation's process, once it is known.
+  const ProcessWatch& Process() const { return process_; }
+
   // What the last Poll read.
   const Calculation& Now() const { return now_; }
 

@@ -53,7 +53,7 @@ const Row kRows[] = {
     {"engine/io/", {"engine/ondisk/", "engine/io/", "base/unique_fd.h"}},
     {"engine/size/", {"engine/ondisk/", "engine/io/", "engine/size/", "base/unique_fd.h"}},
     {"engine/", {"engine/", "base/unique_fd.h"}},
-    {"cli/", With(kPublic, {"cli/", "base/paths.h"})},
+    {"cli/", With(kPublic, {"cli/", "base/paths.h", "base/unique_fd.h"})},
 };
 
 // Public headers that a layer below must not know of.

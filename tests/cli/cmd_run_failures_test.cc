@@ -243,7 +243,8 @@ TEST_F(CmdRunFailures, OneLaunchAtATime) {
 }
 
 TEST_F(CmdRunFailures, ResultsThatCannotBeStored) {
-  WriteFile(kResultsOfPhotos, "a file where the directory should be");
+  FakeEngine("rmdir " + std::string(kResultsOfPhotos) + "; touch " + kResultsOfPhotos + "\n" +
+             kAnswer);
   ExpectFailure(Tool({"run", "photos", "--quiet"}), 1,
                 "the calculation of share 'photos' is done, but its results could not be stored; "
                 "the system log says why (journalctl -t zorv-snapusage)");
