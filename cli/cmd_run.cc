@@ -26,12 +26,13 @@ struct RunOptions {
   bool quiet = false;
 };
 
-void AskToStop(Progress& progress, std::optional<StopRequest>& stop, const std::string& share) {
+void AskToStop(Progress& progress, std::optional<StopRequest>& stop, const std::string& share,
+               const ProcessWatch& process) {
   if (!stop) {
     progress.Say("asked the calculation to stop, waiting for it (Ctrl-C again leaves at once)");
     stop.emplace(share);
   }
-  stop->Repeat();
+  stop->Repeat(process);
 }
 
 // Follows to the final state and to the end of the calculation's process.
@@ -41,7 +42,7 @@ Calculation Follow(const std::string& share, const std::string& taskID, bool qui
   std::optional<StopRequest> stop;
   while (!watch.Poll()) {
     progress.Show(watch.Now());
-    if (Interrupt::Asked()) AskToStop(progress, stop, share);
+    if (Interrupt::Asked()) AskToStop(progress, stop, share, watch.Process());
     watch.Pause();
   }
   if (!watch.WaitForProcess(kTimeToCopy))

@@ -1,7 +1,6 @@
 #include "cli/follow.h"
 
 #include <fmt/format.h>
-#include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 
 #include <utility>
 
@@ -14,12 +13,11 @@ using namespace ZorvBtrfsUsage;
 
 StopRequest::StopRequest(std::string share) : share_(std::move(share)) {}
 
-void StopRequest::Repeat() {
+void StopRequest::Repeat(const ProcessWatch& process) {
   const auto now = std::chrono::steady_clock::now();
   if (now < next_) return;
   next_ = now + std::chrono::seconds(1);
-  const int code = ShareSnapUsageCal::Stop(share_);
-  if (code != RESULT_OK && code != RESULT_NOT_FOUND)
+  if (!process.AskToStop())
     throw SystemFailure(
         fmt::format("the calculation of share {} cannot be stopped", Quoted(share_)));
 }

@@ -6,17 +6,19 @@
 #include <string>
 
 #include "cli/calculation.h"
+#include "cli/process_watch.h"
 
 namespace ZorvSnapUsage {
 
 // Asks a share's calculation to stop, again each second: one that has not begun cannot be asked
-// yet.
+// yet. Asks the process itself, not through the library, which would signal whoever has the number
+// that the record names by then.
 class StopRequest {
  public:
   explicit StopRequest(std::string share);
 
   // Asks when it is time to.
-  void Repeat();
+  void Repeat(const ProcessWatch& process);
 
  private:
   const std::string share_;

@@ -1,8 +1,12 @@
 #include "cli/process_watch.h"
 
+#include <errno.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+
+#include "cli/calculator_process.h"
 
 namespace ZorvSnapUsage {
 
@@ -14,6 +18,10 @@ void ProcessWatch::Attach(pid_t pid) {
   if (attached_) return;
   attached_ = true;
   fd_ = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  // What is seen under the number while the process is there, is seen of it: so in this order.
+  if (fd_ < 0 || IsCalculator(pid)) return;
+  (void)close(fd_);
+  fd_ = -1;
 }
 
 bool ProcessWatch::WaitForEnd(int milliseconds) const {
@@ -22,7 +30,11 @@ bool ProcessWatch::WaitForEnd(int milliseconds) const {
   return poll(&end, 1, milliseconds) == 1;
 }
 
-bool ProcessIsAlive(pid_t pid) {
+bool ProcessWatch::AskToStop() const {
+  return fd_ < 0 || syscall(SYS_pidfd_send_signal, fd_, SIGTERM, nullptr, 0) == 0 || errno == ESRCH;
+}
+
+bool CalculatorIsAlive(pid_t pid) {
   ProcessWatch process;
   process.Attach(pid);
   return !process.WaitForEnd(0);

@@ -1,4 +1,4 @@
-// Whether a process that is nobody's child here is still there.
+// Whether a calculation's process, which is nobody's child here, is still there; and stopping it.
 #ifndef CLI_PROCESS_WATCH_H_
 #define CLI_PROCESS_WATCH_H_
 
@@ -15,7 +15,8 @@ class ProcessWatch {
   ProcessWatch(const ProcessWatch&) = delete;
   ProcessWatch& operator=(const ProcessWatch&) = delete;
 
-  // Takes hold of `pid`, once; a process that is gone already is known as gone.
+  // Takes hold of `pid`, once. A process that is gone already, or is no calculation's and only has
+  // got its number, is known as gone: nothing is waited for and nobody is signalled.
   void Attach(pid_t pid);
 
   bool Attached() const { return attached_; }
@@ -24,13 +25,16 @@ class ProcessWatch {
   // True: it has ended. Nothing attached: waits, and is false.
   bool WaitForEnd(int milliseconds) const;
 
+  // Asks the process to stop. Nothing attached, or gone: nothing is done. False: refused.
+  bool AskToStop() const;
+
  private:
   bool attached_ = false;
   int fd_ = -1;  // attached without a descriptor: the process is gone
 };
 
-// Whether the process is there and has not ended.
-bool ProcessIsAlive(pid_t pid);
+// Whether the calculation's process is there and has not ended.
+bool CalculatorIsAlive(pid_t pid);
 
 }  // namespace ZorvSnapUsage
 

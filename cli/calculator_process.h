@@ -1,0 +1,18 @@
+// Telling the process of a calculation from any other that has got its number.
+#ifndef CLI_CALCULATOR_PROCESS_H_
+#define CLI_CALCULATOR_PROCESS_H_
+
+#include <sys/types.h>
+
+namespace ZorvSnapUsage {
+
+// Whether `pid` is what the library makes of each calculation's process: root's, with the library
+// loaded, leader of a session of its own, standard input and output on /dev/null, and a SIGTERM
+// that does not end it. A number that a record names may be anybody's: the record may outlive its
+// process, which a signal, or a machine that went down, has ended.
+// Gives up when it cannot be told; a process that ends meanwhile may be either.
+bool IsCalculator(pid_t pid);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_CALCULATOR_PROCESS_H_
