@@ -14,6 +14,7 @@ namespace ZorvEngine {
 struct Message {
   enum Kind : uint32_t {
     kNote,        // a sentence for standard error
+    kTurn,        // a row to wait in; the front answers when the turn has come
     kResultPart,  // a piece of what EncodeResult made; more follow
     kResult,      // the last piece
     kLine,        // a line of standard output, with its end

@@ -23,6 +23,7 @@
 #include "engine/stats_lines.h"
 #include "engine/table_json.h"
 #include "engine/table_lines.h"
+#include "engine/turn.h"
 #include "engine/worker.h"
 
 namespace ZorvEngine {
@@ -40,6 +41,9 @@ constexpr auto kWorkerEnd = std::chrono::milliseconds(1000);
 // than the time within which a reader that goes ends the engine.
 constexpr auto kLastRoom = std::chrono::milliseconds(150);
 
+// How often it is looked whether the turn has come.
+constexpr auto kTurnInterval = std::chrono::milliseconds(20);
+
 // What a wait has ended with.
 struct Woken {
   bool channel = false;     // the worker has said something, or has gone
@@ -53,8 +57,12 @@ void GiveFailure(const std::string& reason, LineBacklog& errors) {
 
 class Front {
  public:
-  Front(const Options& options, SizeProgress& progress, UniqueFd channel, pid_t worker)
-      : options_(options), progress_(progress), channel_(std::move(channel)), worker_(worker) {}
+  Front(const Options& options, SizeProgress& progress, UniqueFd channel, UniqueFd go, pid_t worker)
+      : options_(options),
+        progress_(progress),
+        channel_(std::move(channel)),
+        go_(std::move(go)),
+        worker_(worker) {}
 
   int Run() {
     const int status = RunCaught();
@@ -78,12 +86,15 @@ class Front {
   int RunOrThrow() {
     Clock::time_point tick = Clock::now() + kProgressInterval;
     for (;;) {
-      const Woken woken = WaitUntil(tick);
+      const Woken woken = WaitUntil(waits_ ? std::min(tick, Clock::now() + kTurnInterval) : tick);
       if (woken.readerGone) return Leave();
       errors_.WriteWhatFits();
+      if (waits_ && turn_.HasCome()) LetWorkerRead();
       if (Clock::now() >= tick) {
         tick = Clock::now() + kProgressInterval;
+        if (!SayWhoIsWaitedFor()) return OutputFailed();
         if (options_.progress && !PrintProgress()) return OutputFailed();
+        if (StandsStill()) turn_.Leave();
       }
       if (!woken.channel) continue;
       const bool open = messages_.Receive(channel_.Get());
@@ -100,10 +111,14 @@ class Front {
       case Message::kNote:
         errors_.AddUnlessFull(NoteLine(message.payload));
         return std::nullopt;
+      case Message::kTurn:
+        JoinRow(message.payload);
+        return std::nullopt;
       case Message::kResultPart:
         result_ += message.payload;
         return std::nullopt;
       case Message::kResult:
+        turn_.Leave();  // printing may take its time
         result_ += message.payload;
         return PrintResult();
       case Message::kLine:
@@ -117,6 +132,37 @@ class Front {
         break;
     }
     return Fail(message.payload);
+  }
+
+  // Order is worth less than a number: without a row the worker reads at once.
+  void JoinRow(const std::string& name) {
+    const Status joined = turn_.Join(name);
+    if (!joined.Ok()) progress_.stats.SayNoTurn(joined.Text());
+    waits_ = !turn_.HasCome();
+    if (!waits_) LetWorkerRead();
+  }
+
+  void LetWorkerRead() {
+    waits_ = false;
+    reading_ = StandStill(Clock::now());
+    (void)!write(go_.Get(), "", 1);
+  }
+
+  // Says how many runs are waited for, when that is news.  False: standard output failed.
+  bool SayWhoIsWaitedFor() {
+    const size_t ahead = waits_ ? turn_.Ahead() : 0;
+    if (ahead == 0 || ahead == saidAhead_) return true;
+    const std::string line = WaitingLine(ahead);
+    if (!saidAhead_) errors_.AddUnlessFull(NoteLine(line.substr(0, line.size() - 1)));
+    saidAhead_ = ahead;
+    return !options_.progress || WriteLine(STDOUT_FILENO, line);
+  }
+
+  // Whether the worker has read nothing for so long that others need not wait for it.
+  bool StandsStill() {
+    const uint64_t read = progress_.meter.counters.bytesRead;
+    const auto still = reading_.Take(read, Clock::now());
+    return !waits_ && still > kMostStandStill;
   }
 
   // Waits for the worker's words, the tick, room for what waits for it, or the end of the reader
@@ -255,12 +301,31 @@ class Front {
   const Options& options_;
   SizeProgress& progress_;
   UniqueFd channel_;
+  UniqueFd go_;
   pid_t worker_;  // kNobody once its end has been taken note of: its number may be another's then
   LineBacklog errors_{STDERR_FILENO};
   MessageReader messages_;
   std::string result_;  // the pieces that have come
+  Turn turn_;
+  bool waits_ = false;  // the worker, for its turn
+  std::optional<size_t> saidAhead_;
+  StandStill reading_{Clock::now()};
   std::optional<uint64_t> printedTotal_;
   std::optional<uint64_t> printedExclusive_;
+};
+
+struct Pipe {
+  UniqueFd read;
+  UniqueFd write;
+
+  // False: errno says why.
+  bool Make() {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return false;
+    read.Reset(ends[0]);
+    write.Reset(ends[1]);
+    return true;
+  }
 };
 
 // Memory that the worker writes and the front reads; it lasts as long as the process.
@@ -283,21 +348,21 @@ int RunFront(const Options& options) {
   (void)signal(SIGCHLD, SIG_DFL);  // the worker's end is seen as its status
 
   SizeProgress* progress = MapProgress();
-  int ends[2];
-  if (progress == nullptr || pipe2(ends, O_CLOEXEC) != 0)
+  Pipe channel, go;
+  if (progress == nullptr || !channel.Make() || !go.Make())
     return SayFailure(std::string("cannot start: ") + strerror(errno));
-  UniqueFd readEnd(ends[0]);
-  UniqueFd writeEnd(ends[1]);
 
   const pid_t front = getpid();
   const pid_t worker = fork();
   if (worker < 0) return SayFailure(std::string("cannot start a process: ") + strerror(errno));
   if (worker == 0) {
-    readEnd.Reset();
-    RunWorker(options, *progress, std::move(writeEnd), front);
+    channel.read.Reset();
+    go.write.Reset();
+    RunWorker(options, *progress, {std::move(channel.write), std::move(go.read)}, front);
   }
-  writeEnd.Reset();
-  return Front(options, *progress, std::move(readEnd), worker).Run();
+  channel.write.Reset();
+  go.read.Reset();
+  return Front(options, *progress, std::move(channel.read), std::move(go.write), worker).Run();
 }
 
 }  // namespace ZorvEngine

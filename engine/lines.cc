@@ -73,6 +73,9 @@ std::string ExclusiveLine(uint64_t bytes) { return BytesLine("exclusive", bytes)
 std::string SubvolumeLine(uint64_t id, uint64_t bytes) {
   return BytesLine("subvol(" + std::to_string(id) + ")", bytes);
 }
+std::string WaitingLine(size_t runs) {
+  return "waiting for other runs on this file system: " + std::to_string(runs) + " ahead\n";
+}
 
 std::string UnavailableLine(const std::string& reason) {
   std::string line = "exclusive sizes unavailable: " + WithoutDigits(WithoutControls(reason));

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -15,6 +16,7 @@ std::string TotalLine(uint64_t bytes);
 std::string ProcessedLine(uint64_t bytes);
 std::string ExclusiveLine(uint64_t bytes);
 std::string SubvolumeLine(uint64_t id, uint64_t bytes);
+std::string WaitingLine(size_t runs);
 
 // The last line of a failed run.  Its reader may take the first number it finds for a size, so
 // there is none: digits become '#', a run of them one.  Control characters become '?'; at most 200

@@ -294,6 +294,7 @@ const char kHelpText[] =
     "  btrfs subvolume size --table --format json -r /volume1 257 258 261\n"
     "  btrfs subvolume size --check -r /volume1\n"
     "\n"
+    "Runs on one file system take turns; one that waits says so.\n"
     "All numbers belong to one committed state of the file system, whose generation is\n"
     "printed.  On failure the exit status is 1, the reason is on standard error, and no\n"
     "number is printed that is not exact.  All other commands are those of btrfs-progs.\n";

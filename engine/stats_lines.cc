@@ -23,8 +23,10 @@ std::vector<std::string> StatsLines(const SizeProgress& progress) {
   const RunStats& stats = progress.stats;
   const ReadCounters& reads = progress.meter.counters;
   const std::string why = stats.why;
+  const std::string noTurn = stats.noTurn;
   std::vector<std::string> lines = {
       Line("method", why.empty() ? stats.method : stats.method + (" (" + why + ")")),
+      Line("turn", noTurn.empty() ? "taken" : "none (" + noTurn + ")"),
       Line("blocks", reads.blocksVerified),
       Line("bytes", reads.bytesRead),
       Line("requests", reads.requests),

@@ -1,5 +1,6 @@
 #include "engine/worker.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -105,31 +106,42 @@ Status Count(const Options& options, const Subjects& subjects, MountedFilesystem
   return RunOnNewestState(filesystem, methods.ChosenBy(options), request, progress, note, result);
 }
 
+// Waits until the front says that this run may read.
+void WaitForTurn(const MountedFilesystem& filesystem, const FrontLink& link,
+                 SizeProgress& progress) {
+  const PhaseTimer timer(progress.stats, "turn");
+  char go = 0;
+  if (!SendMessage(link.channel.Get(), {Message::kTurn, filesystem.Name()})) return;
+  while (read(link.go.Get(), &go, sizeof go) < 0 && errno == EINTR) continue;
+}
+
 // Counts; on return nothing of the file system is open any more.
 Status FindResult(const Options& options, Methods& methods, SizeProgress& progress,
-                  const NoteSink& note, SizeResult* result) {
+                  const FrontLink& link, SizeResult* result) {
+  const NoteSink note = NotesTo(link.channel);
   MountedFilesystem filesystem;
   Subjects subjects;
   {
     const PhaseTimer timer(progress.stats, "arguments");
     ENGINE_TRY(subjects.Find(options, note, &filesystem));
   }
+  WaitForTurn(filesystem, link, progress);
   const Status counted = Count(options, subjects, filesystem, methods, progress, note, result);
   return counted.Ok() ? counted : subjects.Explain(filesystem, counted);
 }
 
 // Whoever has read the result may unmount the file system at once.
-Status FindSizes(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+Status FindSizes(const Options& options, SizeProgress& progress, const FrontLink& link) {
   ENGINE_TRY(RequireRoot());
   SizeResult result;
   // Not freed: the end of the process, which follows, gives all memory back at once.
   Methods& methods = *std::make_unique<Methods>().release();
-  ENGINE_TRY(FindResult(options, methods, progress, NotesTo(channel), &result));
+  ENGINE_TRY(FindResult(options, methods, progress, link, &result));
   const std::vector<SetRow>& rows = result.table.rows;
   progress.stats.sets =
       static_cast<uint64_t>(std::count_if(rows.begin(), rows.end(), SizeTable::IsWorthSaying));
   progress.stats.peakBytes = PeakBytes();
-  (void)SendResult(channel.Get(), result);
+  (void)SendResult(link.channel.Get(), result);
   return Status();
 }
 
@@ -159,23 +171,23 @@ Status Check(const Options& options, SizeProgress& progress, const UniqueFd& cha
   return Status();
 }
 
-// Answers the question, the answer going to the channel.
-Status Work(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+// Answers the question, the answer going to the front.
+Status Work(const Options& options, SizeProgress& progress, const FrontLink& link) {
   switch (options.question) {
     case Question::kEstimate:
-      return Estimate(options, progress, channel);
+      return Estimate(options, progress, link.channel);
     case Question::kCheck:
-      return Check(options, progress, channel);
+      return Check(options, progress, link.channel);
     case Question::kSizes:
       break;
   }
-  return FindSizes(options, progress, channel);
+  return FindSizes(options, progress, link);
 }
 
 // Work with every exception turned into a failure: memory can run out anywhere.
-Status WorkCaught(const Options& options, SizeProgress& progress, const UniqueFd& channel) {
+Status WorkCaught(const Options& options, SizeProgress& progress, const FrontLink& link) {
   try {
-    return Work(options, progress, channel);
+    return Work(options, progress, link);
   } catch (const std::bad_alloc&) {
     return Status::Failed("out of memory");
   } catch (const std::system_error& error) {
@@ -188,14 +200,14 @@ Status WorkCaught(const Options& options, SizeProgress& progress, const UniqueFd
 
 }  // namespace
 
-void RunWorker(const Options& options, SizeProgress& progress, UniqueFd channel, pid_t front) {
+void RunWorker(const Options& options, SizeProgress& progress, FrontLink link, pid_t front) {
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != front) _exit(1);  // the front had gone before the line above
   LeaveStandardStreams();
   ReadWhenIdle();
 
-  const Status done = WorkCaught(options, progress, channel);
-  if (!done.Ok()) (void)SendMessage(channel.Get(), {Message::kFailure, done.Text()});
+  const Status done = WorkCaught(options, progress, link);
+  if (!done.Ok()) (void)SendMessage(link.channel.Get(), {Message::kFailure, done.Text()});
   _exit(done.Ok() ? 0 : 1);
 }
 

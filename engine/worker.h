@@ -10,10 +10,16 @@
 
 namespace ZorvEngine {
 
+// The worker's ends of two pipes.
+struct FrontLink {
+  UniqueFd channel;  // to the front: notes and the outcome
+  UniqueFd go;       // from it: a byte when the turn has come
+};
+
 // Does what `options` asks, in a process of its own, and ends that process.  Progress goes to
-// `progress` (shared memory), notes and the outcome to `channel`.  Touches neither standard stream:
+// `progress` (shared memory), notes and the outcome to the front.  Touches neither standard stream:
 // a worker that the kernel does not let go must not hold them open.  Dies with `front`.
-[[noreturn]] void RunWorker(const Options& options, SizeProgress& progress, UniqueFd channel,
+[[noreturn]] void RunWorker(const Options& options, SizeProgress& progress, FrontLink link,
                             pid_t front);
 
 }  // namespace ZorvEngine

@@ -17,18 +17,6 @@
 namespace ZorvEngine {
 namespace {
 
-// A uuid as the kernel writes it in paths.
-std::string UuidText(const uint8_t* uuid) {
-  const char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (size_t i = 0; i < kUuidSize; ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-    text += kDigits[uuid[i] >> 4];
-    text += kDigits[uuid[i] & 15];
-  }
-  return text;
-}
-
 // The first line of a file; empty when it cannot be read.
 std::string FirstLine(const std::string& path) {
   std::ifstream file(path);
@@ -85,6 +73,17 @@ Status FindDevice(const DevInfo& info, const uint8_t* fsid, Device* out) {
 }
 
 }  // namespace
+
+std::string UuidText(const uint8_t* uuid) {
+  const char kDigits[] = "0123456789abcdef";
+  std::string text;
+  for (size_t i = 0; i < kUuidSize; ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += kDigits[uuid[i] >> 4];
+    text += kDigits[uuid[i] & 15];
+  }
+  return text;
+}
 
 Status OpenMountedDevices(int fd, const uint8_t* fsid, DeviceSet* out) {
   FsInfo filesystem;

@@ -3,6 +3,7 @@
 #define ENGINE_IO_MOUNTED_DEVICES_H_
 
 #include <cstdint>
+#include <string>
 
 #include "engine/io/device_set.h"
 #include "engine/ondisk/status.h"
@@ -17,6 +18,9 @@ namespace ZorvEngine {
 // The target of a running replacement (number 0) is left out: it is complete only at the end.
 // Fails when the kernel cannot be asked; a device that cannot be opened is a missing one.
 Status OpenMountedDevices(int fd, const uint8_t* fsid, DeviceSet* out);
+
+// A uuid (16 bytes) as the kernel writes it in paths.
+std::string UuidText(const uint8_t* uuid);
 
 }  // namespace ZorvEngine
 

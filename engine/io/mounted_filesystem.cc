@@ -66,6 +66,8 @@ Status MountedFilesystem::SubvolumeHere(uint64_t* id) const {
   return Status();
 }
 
+std::string MountedFilesystem::Name() const { return UuidText(fsid_); }
+
 bool MountedFilesystem::SameAs(const MountedFilesystem& other) const {
   return memcmp(fsid_, other.fsid_, kUuidSize) == 0;
 }

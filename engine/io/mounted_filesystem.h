@@ -26,6 +26,9 @@ class MountedFilesystem : public StateSource {
   // A descriptor of the opened directory; the object's own.
   int Directory() const { return fd_.Get(); }
 
+  // The file system's id as text.
+  std::string Name() const;
+
   // Whether both are the same file system, however they were reached.
   bool SameAs(const MountedFilesystem& other) const;
 

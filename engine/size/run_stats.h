@@ -29,12 +29,16 @@ struct RunStats {
   uint64_t peakBytes = 0;  // most memory that the process had at a time
   char method[16] = {};    // how was counted,
   char why[160] = {};      // and why so: one sentence, empty when it was asked for
+  char noTurn[160] = {};   // why it did not wait for other runs; empty: it would have
 
   // Says which way of counting was taken; texts that are too long are cut.
   void Choose(const std::string& taken, const std::string& reason) {
     Copy(taken, method);
     Copy(reason, why);
   }
+
+  // Says why there is no turn to wait for; cut as above.  Not while the writing thread runs.
+  void SayNoTurn(const std::string& reason) { Copy(reason, noTurn); }
 
   // Adds time to the phase `name`, a literal.  Phases beyond kMostPhases go to the last one.
   void AddTime(const char* name, std::chrono::nanoseconds time) {

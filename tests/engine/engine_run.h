@@ -187,6 +187,16 @@ class EngineProcess {
     return state == 0 || state == 'Z' || state == 'X';
   }
 
+  // What it has said on standard error so far.
+  std::string ErrSoFar() const {
+    std::string text;
+    char buffer[65536];
+    for (ssize_t got;
+         (got = pread(err_.Get(), buffer, sizeof buffer, static_cast<off_t>(text.size()))) > 0;)
+      text.append(buffer, static_cast<size_t>(got));
+    return text;
+  }
+
   // Closes the test's end of the pipe.
   void LeaveAsReader() { out_.Reset(); }
 
@@ -203,9 +213,7 @@ class EngineProcess {
       result.out.append(buffer, static_cast<size_t>(got));
     result.status = WaitForExit(front_);
     front_ = 0;
-    off_t at = 0;
-    for (ssize_t got; (got = pread(err_.Get(), buffer, sizeof buffer, at)) > 0; at += got)
-      result.err.append(buffer, static_cast<size_t>(got));
+    result.err = ErrSoFar();
     return ParseRun(result);
   }
 
