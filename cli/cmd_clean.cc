@@ -12,6 +12,7 @@
 #include "cli/calculation.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
+#include "cli/leftovers.h"
 #include "cli/names.h"
 #include "cli/plain_files.h"
 #include "cli/results.h"
@@ -116,9 +117,11 @@ int CleanOneShare(const std::string& share) {
 int Clean(const std::string& share) {
   if (share.empty()) {
     BeginWork();
+    RemoveLeftovers();
     return CleanAllShares();
   }
   BeginWorkOn(share);
+  RemoveLeftovers();
   return CleanOneShare(share);
 }
 

@@ -8,6 +8,7 @@
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/follow.h"
+#include "cli/leftovers.h"
 #include "cli/options.h"
 #include "cli/text.h"
 #include "cli/watch.h"
@@ -37,6 +38,7 @@ Calculation StopAndWait(const std::string& share, const std::string& taskID) {
 
 int Stop(const std::string& share) {
   BeginWorkOn(share);
+  RemoveLeftovers();
   const std::string taskID = RequireTask(share);
   Calculation calculation = RequireCalculation(share, taskID);
   const Activity activity = ActivityOf(share, calculation);

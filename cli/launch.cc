@@ -16,6 +16,7 @@
 #include "cli/engine.h"
 #include "cli/failure.h"
 #include "cli/interrupt.h"
+#include "cli/leftovers.h"
 #include "cli/names.h"
 #include "cli/plain_files.h"
 #include "cli/string_list.h"
@@ -196,6 +197,7 @@ Launched Launch(const Selection& selection) {
   const std::string& share = selection.share;
   const std::optional<TimeRange> range = RangeOf(selection);
   BeginWorkOn(share);
+  RemoveLeftovers();
   RequireShare(share);
   const std::vector<Snapshot> asked = Selected(selection, range);
   RequireRecordable(share, asked);

@@ -54,6 +54,10 @@ void RequireShare(const std::string& share) {
 
 bool ShareIsThere(const std::string& share) { return FindShare(share) != nullptr; }
 
+bool ShareMayExist(const std::string& share) {
+  return ShareIsThere(share) || PLATCErrGet() != PLATC_ERR_NO_SUCH_SHARE;
+}
+
 std::vector<Snapshot> SnapshotsOf(const std::string& share) {
   StringList paths;
   if (Utils::ShareSnapListGet(share, paths.Ref(), Json::Value()) != 0)

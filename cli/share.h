@@ -27,6 +27,9 @@ void RequireShare(const std::string& share);
 // Whether the share exists and can be reached.
 bool ShareIsThere(const std::string& share);
 
+// As ShareIsThere, or it cannot be told.
+bool ShareMayExist(const std::string& share);
+
 // The share's snapshots, in the order of their times, those without a time last. A snapshot that is
 // deleted while it is looked at is left out. Gives up when they cannot be listed.
 std::vector<Snapshot> SnapshotsOf(const std::string& share);

@@ -712,4 +712,22 @@ MUTATIONS = [
     Mutation("a-deleted-subvolume-is-not-named", "engine/subjects.cc",
              "    if (live.IsGone(id))\n", "    if (false)\n",
              "DeletedMeanwhile.*"),
+
+    # ---- cli/leftovers ----------------------------------------------------------------------------
+    Mutation("temporary-files-of-killed-writers-stay", "cli/leftovers.cc",
+             "  SweepTargets(kPersistentDir, LockOfRecord);\n", "",
+             "Leftovers.Go*"),
+    Mutation("temporary-files-go-without-the-lock", "cli/leftovers.cc",
+             "if (lock.Free()) directory.RemoveFile(name);", "directory.RemoveFile(name);",
+             "Leftovers.StayWhileTheirWriterLives"),
+    Mutation("a-share-with-the-name-of-a-temporary-file-loses-its-status", "cli/leftovers.cc",
+             "IsRecorded(name) || ShareMayExist(name)", "IsRecorded(name)",
+             "Leftovers.StatusOfAShareWithSuchANameStays"),
+    Mutation("a-share-out-of-reach-does-not-exist", "cli/share.cc",
+             "return ShareIsThere(share) || PLATCErrGet() != PLATC_ERR_NO_SUCH_SHARE;",
+             "return ShareIsThere(share);",
+             "Leftovers.StatusOfAShareThatMayBeOutOfReachStays"),
+    Mutation("copies-of-living-processes-go", "cli/leftovers.cc",
+             "if (copier && IsGone(*copier)) directory", "if (copier) directory",
+             "Leftovers.CopyOfALivingProcessStays"),
 ]
