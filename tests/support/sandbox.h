@@ -17,6 +17,9 @@ namespace ZorvTest {
 // 125: the world could not be made; the reason is on standard error.
 int RunInSandbox(const std::vector<std::string>& binds, const std::function<int()>& body);
 
+// Whether this process is in a private world already.
+bool IsInSandbox();
+
 }  // namespace ZorvTest
 
 #endif  // TESTS_SUPPORT_SANDBOX_H_

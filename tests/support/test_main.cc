@@ -1,7 +1,8 @@
-// main of every test program: enters the private world, then runs the tests.
+// main of every test program: enters the private world, unless it is in one, then runs the tests.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include "tests/support/left_over.h"
 #include "tests/support/sandbox.h"
 
 namespace {
@@ -32,9 +33,11 @@ class SkipIsFailure : public testing::EmptyTestEventListener {
 int main(int argc, char** argv) {
   testing::InitGoogleTest(&argc, argv);
   testing::UnitTest::GetInstance()->listeners().Append(new SkipReasons);
+  testing::UnitTest::GetInstance()->listeners().Append(new ZorvTest::LeftOverIsFailure);
   const char* ci = getenv("CI");
   if (ci != nullptr && std::string(ci) == "true")
     testing::UnitTest::GetInstance()->listeners().Append(new SkipIsFailure);
   if (testing::GTEST_FLAG(list_tests)) return RUN_ALL_TESTS();
+  if (ZorvTest::IsInSandbox()) return RUN_ALL_TESTS();
   return ZorvTest::RunInSandbox({ZORV_BINARY_DIR}, [] { return RUN_ALL_TESTS(); });
 }
