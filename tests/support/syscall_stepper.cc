@@ -80,6 +80,26 @@ const CallShape kShapes[] = {
     {SYS_fsync, "fsync", {}, 0},
     {SYS_fdatasync, "fdatasync", {}, 0},
     {SYS_fcntl, "fcntl", {}, 0},
+    {SYS_ioctl, "ioctl", {}, 0},
+    {SYS_fstat, "fstat", {}, 0},
+    {SYS_newfstatat, "newfstatat", {1}, 0},
+    {SYS_statx, "statx", {1}, 0},
+    {SYS_statfs, "statfs", {0}},
+    {SYS_readlink, "readlink", {0}},
+    {SYS_getdents64, "getdents64", {}, 0},
+    {SYS_dup2, "dup2", {}, 0},
+    {SYS_dup3, "dup3", {}, 0},
+    {SYS_pipe2, "pipe2", {}},
+    {SYS_clone, "clone", {}},
+    {SYS_clone3, "clone3", {}},
+    {SYS_vfork, "vfork", {}},
+    {SYS_execve, "execve", {0}},
+    {SYS_wait4, "wait4", {}},
+    {SYS_poll, "poll", {}},
+    {SYS_mmap, "mmap", {}, 4},
+    {SYS_mprotect, "mprotect", {}},
+    {SYS_io_uring_setup, "io_uring_setup", {}},
+    {SYS_io_uring_enter, "io_uring_enter", {}},
 };
 
 const CallShape* ShapeOf(long call) {
@@ -211,6 +231,11 @@ void MakeFail(pid_t pid, uint64_t error) {
   });
 }
 
+// Of a call that has been made.
+void SetResult(pid_t pid, uint64_t error) {
+  ChangeRegisters(pid, [error](user_regs_struct& registers) { registers.rax = -error; });
+}
+
 void SetArgument(pid_t pid, int argument, uint64_t value) {
   ChangeRegisters(pid, [argument, value](user_regs_struct& registers) {
     registers.*kArgumentRegisters[argument] = value;
@@ -223,6 +248,7 @@ void SetArgument(pid_t pid, int argument, uint64_t value) {
   throw std::logic_error("calls are changed on x86-64 alone; killing works everywhere");
 }
 void MakeFail(pid_t, uint64_t) { RefuseToChange(); }
+void SetResult(pid_t, uint64_t) { RefuseToChange(); }
 void SetArgument(pid_t, int, uint64_t) { RefuseToChange(); }
 
 #endif
@@ -432,10 +458,13 @@ void SyscallStepper::TakeStop(pid_t pid, Tracee& tracee, int status) {
       break;
   }
   if (signal != (SIGTRAP | 0x80)) return Continue(pid, signal);
-  if (tracee.killAfter)
+  if (tracee.killAfter) {
     (void)kill(tracee.process, SIGKILL);
-  else
-    Continue(pid);
+    return;
+  }
+  if (tracee.failAfter != 0) SetResult(pid, tracee.failAfter);
+  tracee.failAfter = 0;
+  Continue(pid);
 }
 
 void SyscallStepper::TakeExec(pid_t pid, Tracee& tracee) {
@@ -490,6 +519,10 @@ void SyscallStepper::Perform(pid_t pid, Tracee& tracee, const Action& action, co
     case Action::kFail:
       MakeFail(pid, action.value);
       break;
+    case Action::kFailAfter:
+      tracee.failAfter = action.value;
+      (void)ptrace(PTRACE_SYSCALL, pid, nullptr, 0);
+      return;
     case Action::kShorten:
       Shorten(pid, step, action.value);
       break;

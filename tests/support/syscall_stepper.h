@@ -52,7 +52,7 @@ struct Step {
 
 // What becomes of it.
 struct Action {
-  enum Kind { kGoOn, kKillBefore, kKillAfter, kFail, kShorten };
+  enum Kind { kGoOn, kKillBefore, kKillAfter, kFail, kFailAfter, kShorten };
 
   Kind kind = kGoOn;
   uint64_t value = 0;
@@ -65,6 +65,9 @@ struct Action {
 
   // The call is not made, and seems to fail so (EIO, EINTR, ...).
   static Action Fail(int error) { return {kFail, static_cast<uint64_t>(error)}; }
+
+  // The call is made, and seems to have failed so: what close does to a descriptor.
+  static Action FailAfter(int error) { return {kFailAfter, static_cast<uint64_t>(error)}; }
 
   // The call is made with a smaller length (writev, readv: number of pieces); one that has none, or
   // a smaller one, goes on as it is.
@@ -100,6 +103,7 @@ class SyscallStepper {
     Role role;
     pid_t process;
     bool killAfter = false;
+    uint64_t failAfter = 0;
     std::string last = {};  // its last step
   };
 

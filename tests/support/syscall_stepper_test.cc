@@ -86,6 +86,11 @@ TEST_F(SyscallStepperTest, FailedCallWasNotMadeAndGivesItsError) {
   EXPECT_TRUE(std::filesystem::exists(kOld));
 }
 
+TEST_F(SyscallStepperTest, CallThatFailsAfterwardsWasMadeAndGivesItsError) {
+  EXPECT_EQ(EIO, RunWith(3, Action::FailAfter(EIO)));
+  EXPECT_EQ("content", ReadFile(kNew));
+}
+
 TEST_F(SyscallStepperTest, ShortenedCallDoesLess) {
   EXPECT_EQ(1, RunWith(2, Action::Shorten(3)));
   EXPECT_EQ("con", ReadFile(kNew));
