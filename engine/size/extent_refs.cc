@@ -135,10 +135,11 @@ Status ExtentRefs::ReadPaths(std::vector<Path> paths, const PathVisitor& visit) 
 
   ENGINE_TRY(limit_.Take(reader_, pointers));
   return reader_.ReadMany(pointers, [&](const TreeBlockView& block) {
+    const uint64_t bytenr = block.Header().bytenr.Get();
     // More than one only in a damaged tree.
-    for (const Path& path :
-         std::ranges::equal_range(paths, block.Header().bytenr.Get(), {}, bytenrOf))
-      ENGINE_TRY(visit(block, path));
+    for (auto path = std::ranges::lower_bound(paths, bytenr, {}, bytenrOf);
+         path != paths.end() && path->pointer.bytenr == bytenr; ++path)
+      ENGINE_TRY(visit(block, *path));
     return Status();
   });
 }
