@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <mntent.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -56,14 +57,40 @@ std::string WithoutTrailingSlashes(std::string path) {
   return path;
 }
 
+// No fstab of a working system is larger.
+constexpr size_t kMostFstabBytes = 1 << 20;
+
+// The whole content of fstab.  False: errno says why.
+bool ReadFstabText(std::string* text) {
+  const UniqueFd fd(open(kFstab, O_RDONLY | O_NOCTTY | O_CLOEXEC));
+  if (!fd.Valid()) return false;
+  char piece[4096];
+  ssize_t got;
+  while ((got = read(fd.Get(), piece, sizeof piece)) != 0) {
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return false;
+    text->append(piece, static_cast<size_t>(got));
+    if (text->size() <= kMostFstabBytes) continue;
+    errno = EFBIG;
+    return false;
+  }
+  return true;
+}
+
 // Where fstab mounts file systems, but the root.  No fstab: nowhere.  False: errno says why.
 bool ReadFstab(std::vector<std::string>* mountPoints) {
-  const Mntent fstab(setmntent(kFstab, "re"));
-  if (fstab == nullptr) return errno == ENOENT;
+  std::string text;
+  if (!ReadFstabText(&text)) return errno == ENOENT;
+  if (text.empty()) return true;
+  // getmntent_r takes a line with a NUL in it for one that goes on, and leaves the next one out.
+  std::replace(text.begin(), text.end(), '\0', '\n');
+  const Mntent fstab(fmemopen(text.data(), text.size(), "r"));
+  if (fstab == nullptr) return false;
 
   mntent entry;
-  char buffer[3 * PATH_MAX];  // a line holds two paths and options
-  while (getmntent_r(fstab.get(), &entry, buffer, sizeof buffer) != nullptr) {
+  std::string buffer(text.size() + 2, '\0');  // room for any line: a longer one would be cut
+  while (getmntent_r(fstab.get(), &entry, buffer.data(), static_cast<int>(buffer.size())) !=
+         nullptr) {
     const std::string mountPoint = WithoutTrailingSlashes(entry.mnt_dir);
     if (mountPoint[0] == '/' && mountPoint != "/") mountPoints->push_back(mountPoint);
   }

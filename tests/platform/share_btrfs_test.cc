@@ -217,6 +217,23 @@ TEST_F(ZORVShareEnum, FstabLinesThatNameNoVolume) {
   EXPECT_EQ(Names{"photos"}, Shares());
 }
 
+// A line with a NUL in it took the next one with it, and the volume there was not missed.
+TEST_F(ZORVShareEnum, AFstabWithNulsHidesNoVolume) {
+  using std::string_literals::operator""s;
+  const std::string volume = "UUID=aaaa /volume3 btrfs defaults 0 0\n";
+  for (const std::string& before : {"#\0\n"s, "\0\n"s, "a\0b /mnt/x btrfs\n"s, "\0"s}) {
+    WriteFile("/etc/fstab", before + volume);
+    EXPECT_EQ(Names{"failed"}, Shares());
+  }
+}
+
+TEST_F(ZORVShareEnum, AFstabWithLongLinesHidesNoVolume) {
+  WriteFile("/etc/fstab", "UUID=" + std::string(100'000, 'a') + " /volume3 btrfs defaults 0 0\n");
+  EXPECT_EQ(Names{"failed"}, Shares());
+  WriteFile("/etc/fstab", std::string(2 << 20, '#') + "\n");
+  EXPECT_EQ(Names{"failed"}, Shares());
+}
+
 TEST_F(ZORVShareEnum, ALinkedVolumeWhoseMountIsMissingIsAnError) {
   // The link leads into the empty directory below the missing mount.
   fs::create_directories("/mnt/with blank/pool");
