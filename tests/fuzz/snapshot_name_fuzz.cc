@@ -1,0 +1,37 @@
+// Names of snapshots: the first byte chooses the zone of the machine.
+#include "tests/fuzz/target.h"
+#include "tests/fuzz/time_zones.h"
+#include "zorvbtrfssnapusage/utils.h"
+#include "zorvplatform/share.h"
+
+using namespace ZorvTest;
+using ZorvBtrfsUsage::Utils;
+
+namespace {
+
+// Before this the names of years have fewer than four digits, and are none.
+constexpr time_t kYear1000 = -30610224000;
+
+void NameItAgain(time_t time, BOOL local) {
+  char name[1024];
+  FUZZ_LAW(Utils::SnapNameGenerateByTime(name, sizeof name, time, local) == 0);
+  time_t again = 0;
+  FUZZ_LAW(ZORVShareSnapTimeGet(name, &again) >= 0 && again == time);
+}
+
+}  // namespace
+
+FUZZ_TARGET(snapshot_name) {
+  FuzzInput bytes(input);
+  SetZone(bytes.Number(1));
+  const std::string name(bytes.Rest());
+  time_t time = 77;
+  if (ZORVShareSnapTimeGet(name.c_str(), &time) < 0) {
+    FUZZ_LAW(time == 77);
+    return;
+  }
+  // A day off, for what a zone may move the year by.
+  if (time < kYear1000 + 86400 * 2) return;
+  NameItAgain(time, /*local=*/0);
+  NameItAgain(time, /*local=*/1);
+}
