@@ -211,19 +211,61 @@ Status BlockReader::TakeBlock(const SweepJob& job, const WantedBlock& block, uin
 Status BlockReader::ReadCopies(const BlockPointer& pointer, uint8_t* bytes,
                                std::optional<TreeBlockView>* out) {
   const Places places = chunks_.Find(pointer.bytenr, format_.nodeSize);
-  std::string why;
+  std::vector<BadCopy> bad;
   for (const Place& place : places) {
     const Device* device = devices_.Find(place.devid);
     if (device == nullptr) continue;
     meter_.counters.CountRequest(format_.nodeSize);
-    const Status read = device->source->ReadAt(place.offset, bytes, format_.nodeSize);
-    why = read.Ok() ? Verify(pointer, *device, bytes, out) : read.Text();
-    if (!why.empty() && read.Ok() && IsReused(pointer, *device, bytes)) break;
-    if (!why.empty()) continue;
-    if (&place != places.begin()) ++meter_.counters.mirrorsUsed;
-    return Status();
+    bool unreadable = false;
+    const std::string why = TryCopy(pointer, place, bytes, out, &unreadable);
+    if (why.empty()) {
+      if (&place != places.begin()) ++meter_.counters.mirrorsUsed;
+      KeepInMind(std::move(bad));
+      return Status();
+    }
+    bad.push_back({pointer, place, why, unreadable});
+    if (!unreadable && IsReused(pointer, *device, bytes)) break;
   }
-  return why.empty() ? NoCopyIsThere(pointer, places) : Bad(pointer, why);
+  return bad.empty() ? NoCopyIsThere(pointer, places) : Bad(pointer, bad.back().why);
+}
+
+// Reads the copy at `place`, whose device is there; what is wrong with it, empty when it is sound.
+std::string BlockReader::TryCopy(const BlockPointer& pointer, const Place& place, uint8_t* bytes,
+                                 std::optional<TreeBlockView>* out, bool* unreadable) const {
+  const Device& device = *devices_.Find(place.devid);
+  const Status read = device.source->ReadAt(place.offset, bytes, format_.nodeSize);
+  *unreadable = !read.Ok();
+  return read.Ok() ? Verify(pointer, device, bytes, out) : read.Text();
+}
+
+void BlockReader::KeepInMind(std::vector<BadCopy> bad) {
+  if (bad.empty()) return;
+  const std::lock_guard<std::mutex> lock(badCopiesMutex_);
+  for (BadCopy& copy : bad)
+    if (badCopies_.size() < kMostBadCopies)
+      badCopies_.try_emplace({copy.pointer.bytenr, copy.pointer.generation, copy.place},
+                             std::move(copy));
+}
+
+std::vector<BadCopy> BlockReader::FindBadCopies() {
+  std::vector<BadCopy> still;
+  for (const auto& [where, copy] : badCopies_)
+    if (copy.unreadable || IsStillBad(copy)) still.push_back(copy);
+  return still;
+}
+
+// Whether a copy does not verify while another of its block does.  In this order: what is written
+// to all copies at about the same time would else look like that.
+bool BlockReader::IsStillBad(const BadCopy& copy) {
+  std::optional<TreeBlockView> view;
+  bool unreadable = false;
+  const auto isSound = [&](const Place& place) {
+    return devices_.Find(place.devid) != nullptr &&
+           TryCopy(copy.pointer, place, buffer_.get(), &view, &unreadable).empty();
+  };
+  if (buffer_ == nullptr || isSound(copy.place)) return false;
+  const Places places = chunks_.Find(copy.pointer.bytenr, format_.nodeSize);
+  return std::any_of(places.begin(), places.end(), isSound);
 }
 
 // Whether a later commit than that of the state has put a block of the same file system there.

@@ -5,9 +5,12 @@
 #include <cstdint>
 #include <functional>
 #include <list>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -45,6 +48,14 @@ struct BadBlock {
   Status why;
 };
 
+// A copy that could not be used, in whose place another was.
+struct BadCopy {
+  BlockPointer pointer;
+  Place place;
+  std::string why;
+  bool unreadable;  // the device would not give it
+};
+
 // What all tree blocks of a file system have in common.
 struct BlockFormat {
   uint32_t nodeSize = 0;
@@ -66,6 +77,9 @@ class BlockReader {
   // Bytes of blocks that the cache holds at most: the upper levels of the trees, and the leaves
   // that searches come back to.
   static constexpr size_t kCacheBytes = 8u << 20;
+
+  // As many copies that could not be used are kept in mind.
+  static constexpr size_t kMostBadCopies = 64;
 
   // Devices and meter are the caller's and outlive the reader; the set may change between reads.
   BlockReader(const DeviceSet& devices, const BlockFormat& format, ReadMeter& meter,
@@ -111,6 +125,11 @@ class BlockReader {
   using Visitor = std::function<Status(const TreeBlockView&)>;
   Status ReadMany(const std::vector<BlockPointer>& pointers, const Visitor& visit);
 
+  // The copies that could not be used until now, at most kMostBadCopies, each once, in the order of
+  // their blocks.  Each is looked at again: one that was just being written, or whose block a later
+  // commit has given up since, is none.  Not while a sweep goes on.
+  std::vector<BadCopy> FindBadCopies();
+
  private:
   // Takes a block that could not be had; its failure ends the sweep.  From several threads at once.
   using BadSink = std::function<Status(size_t index, Status why)>;
@@ -139,6 +158,10 @@ class BlockReader {
   Status TakeBlock(const SweepJob& job, const WantedBlock& block, uint8_t* bytes,
                    const Status& done);
   Status ReadCopies(const BlockPointer& pointer, uint8_t* bytes, std::optional<TreeBlockView>* out);
+  std::string TryCopy(const BlockPointer& pointer, const Place& place, uint8_t* bytes,
+                      std::optional<TreeBlockView>* out, bool* unreadable) const;
+  void KeepInMind(std::vector<BadCopy> bad);
+  bool IsStillBad(const BadCopy& copy);
   bool IsReused(const BlockPointer& pointer, const Device& device, const uint8_t* bytes) const;
   Status NoCopyIsThere(const BlockPointer& pointer, const Places& places) const;
   std::string Verify(const BlockPointer& pointer, const Device& device, const uint8_t* bytes,
@@ -153,6 +176,9 @@ class BlockReader {
   std::optional<std::vector<uint8_t>> chunkTreeUuid_;
   uint64_t stateGeneration_ = UINT64_MAX;
   AlignedBuffer buffer_;  // of one block
+  std::mutex badCopiesMutex_;
+  using CopyKey = std::tuple<uint64_t, uint64_t, Place>;  // block, generation, where
+  std::map<CopyKey, BadCopy> badCopies_;
   ReadPipeline pipeline_;
   SeekPace pace_;     // of the devices that rotate, if any
   CacheList recent_;  // front: used last

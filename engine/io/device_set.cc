@@ -78,4 +78,19 @@ Status DeviceSet::ReadNewestSuperblock(Superblock* out) const {
                            : firstFailure;
 }
 
+std::vector<std::string> DeviceSet::FindDamage() const {
+  std::vector<std::string> damage;
+  for (const auto& [devid, why] : missing_)
+    if (!why.empty())
+      damage.push_back("device " + std::to_string(devid) + " " + WhyMissing(devid) +
+                       "; other copies are read where there are any");
+  for (const auto& [devid, device] : devices_) {
+    const Status checked = CheckSuperblockCopies(*device.source, device.uuid);
+    if (!checked.Ok())
+      damage.push_back("device " + std::to_string(devid) + ": " + checked.Text() +
+                       "; another copy is read; run btrfs scrub");
+  }
+  return damage;
+}
+
 }  // namespace ZorvEngine

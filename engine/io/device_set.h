@@ -51,6 +51,10 @@ class DeviceSet {
   // one, and so has a seed.  Fails when no device has any; the text is the first device's.
   Status ReadNewestSuperblock(Superblock* out) const;
 
+  // What is wrong with devices although the file system can be read: those that are there and
+  // cannot be used, and copies of superblocks that are damaged.  A sentence for each.
+  std::vector<std::string> FindDamage() const;
+
  private:
   std::map<uint64_t, Device> devices_;
   std::map<uint64_t, std::string> missing_;

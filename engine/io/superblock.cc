@@ -79,6 +79,20 @@ Status Unreadable(const Search& search) {
   return Status::Failed("no valid btrfs superblock on the device");
 }
 
+// Looks at the copy at `offset` until it is sound; fails with what is wrong with it.
+Status CheckCopy(ByteSource& source, uint64_t offset, const uint8_t* deviceUuid, uint8_t* buffer) {
+  Search search;
+  for (int attempt = 0; attempt < kAttempts && !search.found; ++attempt) {
+    if (attempt > 0) (void)nanosleep(&kBetweenAttempts, nullptr);
+    search = Search();
+    Superblock copy;
+    Consider(source, offset, deviceUuid, buffer, &search, &copy);
+  }
+  if (search.found) return Status();
+  return Status::Failed("the superblock at " + std::to_string(offset) + " is damaged" +
+                        (search.readFailure.empty() ? "" : " (" + search.readFailure + ")"));
+}
+
 }  // namespace
 
 Status ReadNewestSuperblock(ByteSource& source, const uint8_t* deviceUuid, Superblock* out) {
@@ -97,6 +111,20 @@ Status ReadNewestSuperblock(ByteSource& source, const uint8_t* deviceUuid, Super
     return Status();
   }
   return Unreadable(search);
+}
+
+Status CheckSuperblockCopies(ByteSource& source, const uint8_t* deviceUuid) {
+  const AlignedBuffer buffer = MakeAlignedBuffer(kSuperblockSize);
+  if (buffer == nullptr) return Status::Failed("out of memory");
+
+  Superblock newest;
+  if (!ReadNewestSuperblock(source, deviceUuid, &newest).Ok()) return Status();
+  for (const uint64_t offset : kSuperblockOffsets) {
+    // What lies beyond the file system's part of the device is none of its own.
+    if (newest.device.totalBytes.Get() < offset + kSuperblockSize) break;
+    ENGINE_TRY(CheckCopy(source, offset, deviceUuid, buffer.get()));
+  }
+  return Status();
 }
 
 Status CheckFeatures(const Superblock& superblock) {

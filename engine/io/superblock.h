@@ -17,6 +17,10 @@ namespace ZorvEngine {
 // Fails when there is none, or when its checksum type cannot be verified here.
 Status ReadNewestSuperblock(ByteSource& source, const uint8_t* deviceUuid, Superblock* out);
 
+// Looks at all copies that the newest one says there are.  Fails, naming the first that cannot be
+// read or does not verify, however often it is tried; not when there is none at all.
+Status CheckSuperblockCopies(ByteSource& source, const uint8_t* deviceUuid);
+
 // Fails, naming the feature, when a file system with this superblock cannot be read exactly:
 // zoned, extent-tree-v2, unknown incompatible features, impossible sizes.
 Status CheckFeatures(const Superblock& superblock);

@@ -47,6 +47,22 @@ Status Commit(StateSource& source, SizeProgress& progress, const NoteSink& note,
   return Status();
 }
 
+// Says what was not as it should be and did no harm, because there is another copy of it.
+void SayDamage(const StateSource& source, BlockReader& reader, const NoteSink& note) {
+  for (const std::string& damage : source.Devices().FindDamage()) note(damage);
+  const std::vector<BadCopy> bad = reader.FindBadCopies();
+  if (bad.empty()) return;
+  const BadCopy& first = bad[0];
+  const bool all = bad.size() < BlockReader::kMostBadCopies;
+  const std::string others = bad.size() == 1
+                                 ? ""
+                                 : ", and " + std::string(all ? "" : "at least ") +
+                                       std::to_string(bad.size() - 1) + " further copies of blocks";
+  note("the copy of tree block " + std::to_string(first.pointer.bytenr) + " on device " +
+       std::to_string(first.place.devid) + " at " + std::to_string(first.place.offset) +
+       " cannot be used (" + first.why + ")" + others + "; another copy was read; run btrfs scrub");
+}
+
 // Waits for a newer superblock than `superblock`, which becomes it.  The failure is `why`, when
 // none has come until `deadline`.
 Status WaitForNewer(StateSource& source, Clock::time_point deadline, const Status& why,
@@ -88,6 +104,7 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
         note(
             "a subvolume is being deleted; what it shares is held by it until that has ended "
             "(btrfs subvolume sync)");
+      SayDamage(source, reader, note);
       *out = std::move(result);
       return Status();
     }

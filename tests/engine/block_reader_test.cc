@@ -56,6 +56,20 @@ class BlockReaderTest : public testing::Test {
   BlockReader reader_{devices_, Format(), meter_};
 };
 
+class BlockReaderFindBadCopies : public BlockReaderTest {
+ protected:
+  static Bytes Spoilt(uint64_t bytenr) {
+    Bytes block = MakeLeaf(bytenr, {});
+    block[200] ^= 1;
+    return block;
+  }
+
+  void ExpectRead(uint64_t bytenr) {
+    TreeBlockPtr block;
+    EXPECT_EQ("", reader_.Read(Leaf(bytenr), &block).Text());
+  }
+};
+
 using BlockReaderRead = BlockReaderTest;
 using BlockReaderReadMany = BlockReaderTest;
 
@@ -89,6 +103,64 @@ TEST_F(BlockReaderRead, TakesTheSecondCopyWhenTheFirstCannotBeRead) {
   device_.Break(kMiB);
   TreeBlockPtr block;
   EXPECT_TRUE(reader_.Read(Leaf(kMiB), &block).Ok());
+}
+
+// Once the other copy of a bad one was used, and nobody was told: the next fault would have found
+// the file system without any.
+TEST_F(BlockReaderFindBadCopies, NamesThoseInWhosePlaceAnotherWasRead) {
+  for (const uint64_t bytenr : {kMiB, 2 * kMiB, 3 * kMiB}) PutBoth(bytenr, MakeLeaf(bytenr, {}));
+  device_.Put(kMiB, Spoilt(kMiB));
+  device_.Break(2 * kMiB);
+  for (const uint64_t bytenr : {3 * kMiB, 2 * kMiB, kMiB, kMiB}) ExpectRead(bytenr);
+  const std::vector<BadCopy> bad = reader_.FindBadCopies();
+  ASSERT_EQ(2u, bad.size());
+  EXPECT_EQ(kMiB, bad[0].pointer.bytenr);
+  EXPECT_EQ((Place{1, kMiB}), bad[0].place);
+  EXPECT_EQ("its checksum is wrong", bad[0].why);
+  EXPECT_EQ(2 * kMiB, bad[1].pointer.bytenr);
+  EXPECT_EQ("Input/output error", bad[1].why);
+}
+
+TEST_F(BlockReaderFindBadCopies, NamesThoseOfASweep) {
+  PutBoth(kMiB, MakeLeaf(kMiB, {}));
+  device_.Put(kMiB, Spoilt(kMiB));
+  ASSERT_TRUE(reader_.ReadMany({Leaf(kMiB)}, kIgnore).Ok());
+  EXPECT_EQ(1u, reader_.FindBadCopies().size());
+}
+
+TEST_F(BlockReaderFindBadCopies, LeavesOutWhatWasJustBeingWritten) {
+  PutBoth(kMiB, MakeLeaf(kMiB, {}));
+  device_.Put(kMiB, Spoilt(kMiB));
+  ExpectRead(kMiB);
+  device_.Put(kMiB, MakeLeaf(kMiB, {}));
+  EXPECT_TRUE(reader_.FindBadCopies().empty());
+}
+
+TEST_F(BlockReaderFindBadCopies, LeavesOutWhatIsNoLongerThere) {
+  PutBoth(kMiB, MakeLeaf(kMiB, {}));
+  device_.Put(kMiB, Spoilt(kMiB));
+  ExpectRead(kMiB);
+  PutBoth(kMiB, Bytes(kNodeSize));
+  EXPECT_TRUE(reader_.FindBadCopies().empty());
+}
+
+TEST_F(BlockReaderFindBadCopies, AreNoneWhenADeviceIsMissing) {
+  ChunkMap chunks;
+  const Bytes chunk = MakeChunkOn(4 * kMiB, kChunkMetadata | kRaid1, {{2, 0}, {1, 0}});
+  ASSERT_TRUE(chunks.Add(ChunkKey(0), View(chunk)).Ok());
+  reader_.UseChunks(chunks);
+  device_.Put(kMiB, MakeLeaf(kMiB, {}));
+  ExpectRead(kMiB);
+  EXPECT_TRUE(reader_.FindBadCopies().empty());
+}
+
+TEST_F(BlockReaderFindBadCopies, AreKeptInMindUpToALimit) {
+  for (uint64_t n = 0; n <= BlockReader::kMostBadCopies; ++n) {
+    const uint64_t bytenr = kMiB + n * kNodeSize;
+    device_.Put(bytenr + kMirror, MakeLeaf(bytenr, {}));
+    ExpectRead(bytenr);
+  }
+  EXPECT_EQ(BlockReader::kMostBadCopies, reader_.FindBadCopies().size());
 }
 
 TEST_F(BlockReaderRead, SaysWhichBlockCannotBeReadAtAll) {

@@ -16,24 +16,29 @@ using namespace ZorvTest;
 namespace {
 
 constexpr uint64_t kPrimary = 64 << 10;
+constexpr uint64_t kSecond = 64 << 20;
+constexpr size_t kDeviceSize = kSecond + kSuperblockSize;
 
 class DeviceSetTest : public testing::Test {
  protected:
   // A device whose superblock is of `generation`; 0: it has none.
   MemoryDevice& Add(uint64_t devid, uint64_t generation) {
-    auto memory = std::make_unique<MemoryDevice>(1 << 20);
+    auto memory = std::make_unique<MemoryDevice>(kDeviceSize);
     MemoryDevice& source = *memory;
     Device device{std::move(memory), {}, {}};
     device.uuid[0] = static_cast<uint8_t>(devid);
     if (generation != 0) {
       Superblock superblock{};
       superblock.magic.Set(kSuperblockMagic);
-      superblock.bytenr.Set(kPrimary);
       superblock.generation.Set(generation);
+      superblock.device.totalBytes.Set(kDeviceSize);
       memcpy(superblock.device.uuid, device.uuid, kUuidSize);
-      Bytes bytes = BytesOf(superblock);
-      Seal(&bytes);
-      source.Put(kPrimary, bytes);
+      for (const uint64_t offset : {kPrimary, kSecond}) {
+        superblock.bytenr.Set(offset);
+        Bytes bytes = BytesOf(superblock);
+        Seal(&bytes);
+        source.Put(offset, bytes);
+      }
     }
     devices_.Add(devid, std::move(device));
     return source;
@@ -45,6 +50,7 @@ class DeviceSetTest : public testing::Test {
 
 using DeviceSetReadNewestSuperblock = DeviceSetTest;
 using DeviceSetFind = DeviceSetTest;
+using DeviceSetFindDamage = DeviceSetTest;
 
 }  // namespace
 
@@ -81,7 +87,8 @@ TEST_F(DeviceSetReadNewestSuperblock, TakesTheNewestOfAllDevices) {
 
 TEST_F(DeviceSetReadNewestSuperblock, LeavesOutDevicesThatHaveNoneOrAreMissing) {
   Add(1, 0);
-  Add(2, 12).Break(kPrimary);
+  MemoryDevice& unreadable = Add(2, 12);
+  for (const uint64_t offset : {kPrimary, kSecond}) unreadable.Break(offset);
   Add(3, 10);
   devices_.AddMissing(4, "cannot open device /dev/sdx: No such device");
   ASSERT_TRUE(devices_.ReadNewestSuperblock(&found_).Ok());
@@ -121,4 +128,17 @@ TEST_F(DeviceSetFind, FollowsWhatChanges) {
   Add(1, 11);
   ASSERT_TRUE(devices_.ReadNewestSuperblock(&found_).Ok());
   EXPECT_EQ(11u, found_.generation.Get());
+}
+
+TEST_F(DeviceSetFindDamage, NamesDevicesThatCannotBeUsedAndDamagedSuperblocks) {
+  Add(1, 10);
+  devices_.AddMissing(2, "");  // the kernel knows that, and so does its user
+  devices_.AddMissing(3, "cannot open device /dev/sdx: No such device");
+  Add(4, 10).Put(kSecond, Bytes(kSuperblockSize, 0xFF));
+  EXPECT_EQ(
+      (std::vector<std::string>{
+          "device 3 cannot be used (cannot open device /dev/sdx: No such device); other copies are "
+          "read where there are any",
+          "device 4: the superblock at 67108864 is damaged; another copy is read; run btrfs scrub"}),
+      devices_.FindDamage());
 }

@@ -5,6 +5,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "tests/engine/history.h"
@@ -191,6 +192,11 @@ TEST(Devices, EqualsTheKernelWhenOneOfAMirrorIsOutOfDate) {
   MustRun({"sync", "-f", kMount});
   const EngineRun outOfDate = RunOn(AllSubvolumes(volume));
   EXPECT_EQ(0, outOfDate.status) << outOfDate.err;
+  EXPECT_EQ(0u, outOfDate.err.rfind("NOTE: the copy of tree block ", 0)) << outOfDate.err;
+  EXPECT_NE(std::string::npos, outOfDate.err.find(" on device 1 at ")) << outOfDate.err;
+  EXPECT_NE(std::string::npos, outOfDate.err.find(" another copy was read; run btrfs scrub\n"))
+      << outOfDate.err;
+  EXPECT_EQ(1, std::ranges::count(outOfDate.err, '\n')) << "said once: " << outOfDate.err;
   Stock({"scrub", "start", "-B", kMount});
   EXPECT_EQ(volume.KernelExclusive(), outOfDate.sizes);
 }

@@ -47,6 +47,21 @@ class SuperblockReadNewest : public testing::Test {
   Superblock found_{};
 };
 
+class SuperblockCheckCopies : public testing::Test {
+ protected:
+  void SetSize(Superblock* superblock) const { superblock->device.totalBytes.Set(size_); }
+
+  void PutBoth() {
+    for (const uint64_t offset : {kPrimary, kSecond})
+      device_.Put(offset, MakeSuperblock(offset, 10, [this](Superblock* s) { SetSize(s); }));
+  }
+
+  std::string Check() { return CheckSuperblockCopies(device_, kDevice).Text(); }
+
+  uint64_t size_ = kSecond + kSuperblockSize;
+  MemoryDevice device_{(64u << 20) + 4096};
+};
+
 }  // namespace
 
 TEST_F(SuperblockReadNewest, TakesTheNewerOfTwoCopies) {
@@ -106,6 +121,30 @@ TEST_F(SuperblockReadNewest, NamesAChecksumTypeItCannotVerify) {
               MakeSuperblock(kPrimary, 10, [](Superblock* s) { s->checksumType.Set(9); }));
   EXPECT_EQ("the checksum type unknown cannot be verified by this engine", Read().Text());
 }
+
+TEST_F(SuperblockCheckCopies, FindsNothingWrongWithSoundOnes) {
+  PutBoth();
+  EXPECT_EQ("", Check());
+}
+
+TEST_F(SuperblockCheckCopies, NamesTheOneThatIsDamagedOrCannotBeRead) {
+  PutBoth();
+  Bytes spoilt = MakeSuperblock(kSecond, 10);
+  spoilt[2000] ^= 1;
+  device_.Put(kSecond, spoilt);
+  EXPECT_EQ("the superblock at 67108864 is damaged", Check());
+  PutBoth();
+  device_.Break(kPrimary);
+  EXPECT_EQ("the superblock at 65536 is damaged (Input/output error)", Check());
+}
+
+TEST_F(SuperblockCheckCopies, LeavesOutWhatLiesBeyondTheFileSystem) {
+  size_ = kSecond + kSuperblockSize - 1;
+  device_.Put(kPrimary, MakeSuperblock(kPrimary, 10, [this](Superblock* s) { SetSize(s); }));
+  EXPECT_EQ("", Check());
+}
+
+TEST_F(SuperblockCheckCopies, LeaveItToOthersThatThereIsNone) { EXPECT_EQ("", Check()); }
 
 TEST(SuperblockCheckFeatures, AcceptsWhatCanBeRead) {
   for (const uint64_t bit : {0, 2, 6, 8, 9, 10, 14, 16}) {
