@@ -1,0 +1,303 @@
+// A file system that hurts: disks that give errors, wrong bytes, old bytes or nothing, and changes
+// of the file system itself in the middle of a run.  The number is right, or the error is clear.
+#include "tests/torture/hurting_volume.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+
+#include "tests/engine/history.h"
+#include "tests/support/torture.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+std::vector<std::string> Profile(const std::string& profile) {
+  return {"-n", "4096", "-d", "single", "-m", profile};
+}
+
+const DiskLayout kLayouts[] = {
+    {"Single", 1, Profile("single"), 1}, {"Dup", 1, Profile("dup"), 2},
+    {"Raid1", 2, Profile("raid1"), 2},   {"Raid1c3", 3, Profile("raid1c3"), 3},
+    {"Raid10", 4, Profile("raid10"), 2}, {"Raid0", 2, Profile("raid0"), 1},
+    {"Raid5", 3, Profile("raid5"), 1},   {"Raid6", 4, Profile("raid6"), 1},
+};
+
+constexpr size_t kLayoutCount = std::size(kLayouts);
+
+// The kinds of blocks that are read in different ways.
+enum class Kind { kChunkTree, kRootTree, kExtentNode, kExtentLeaf, kSubvolumeNode, kSubvolumeLeaf };
+constexpr Kind kKinds[] = {Kind::kChunkTree,  Kind::kRootTree,      Kind::kExtentNode,
+                           Kind::kExtentLeaf, Kind::kSubvolumeNode, Kind::kSubvolumeLeaf};
+
+Kind KindOf(const LiveBlock& block) {
+  if (block.tree == 3) return Kind::kChunkTree;
+  if (block.tree == 1) return Kind::kRootTree;
+  if (block.tree == 2) return block.level > 0 ? Kind::kExtentNode : Kind::kExtentLeaf;
+  return block.level > 0 ? Kind::kSubvolumeNode : Kind::kSubvolumeLeaf;
+}
+
+// What a test has done to copies of blocks.
+class Wounds {
+ public:
+  explicit Wounds(HurtingVolume& volume) : volume_(volume) {}
+
+  // Hurts one copy of a block.
+  void Add(const LiveBlock& block, const LiveBlock::Copy& copy, DiskFault fault) {
+    fault.begin = copy.offset;
+    fault.size = volume_.NodeSize();
+    const size_t number = volume_.Disk(copy.device).Add(fault);
+    all_.push_back({&block, copy.device, copy.offset, number});
+  }
+
+  // Whether a copy of a block that is hurt has been read.
+  bool Met() const {
+    return std::ranges::any_of(all_, [this](const Wound& wound) { return HitsOf(wound) > 0; });
+  }
+
+  // Whether a text names one of the blocks.
+  bool AreNamedIn(const std::string& text) const {
+    return std::ranges::any_of(all_, [&](const Wound& wound) {
+      return text.find("tree block " + std::to_string(wound.block->bytenr) + " ") !=
+             std::string::npos;
+    });
+  }
+
+  // Whether each block has a copy that is sound.
+  bool CanBeHealed() const {
+    std::map<uint64_t, size_t> hurt;
+    for (const Wound& wound : all_) ++hurt[wound.block->bytenr];
+    return std::ranges::all_of(
+        all_, [&](const Wound& wound) { return hurt[wound.block->bytenr] < volume_.Copies(); });
+  }
+
+  std::string Text() const {
+    std::string text;
+    for (const Wound& wound : all_)
+      text += "tree " + std::to_string(wound.block->tree) + " block " +
+              std::to_string(wound.block->bytenr) + " disk " + std::to_string(wound.device + 1) +
+              " at " + std::to_string(wound.offset) + " read " + std::to_string(HitsOf(wound)) +
+              " times; ";
+    return text;
+  }
+
+ private:
+  struct Wound {
+    const LiveBlock* block;
+    size_t device;
+    uint64_t offset;
+    size_t number;
+  };
+
+  unsigned HitsOf(const Wound& wound) const {
+    return volume_.Disk(wound.device).Hits(wound.number);
+  }
+
+  HurtingVolume& volume_;
+  std::vector<Wound> all_;
+};
+
+// What runs came to; all of a test together.
+struct Tally {
+  unsigned runs = 0, exact = 0, said = 0, named = 0, wrong = 0;
+
+  void Leave() const {
+    Figure("runs", runs);
+    Figure("right numbers", exact);
+    Figure("other copies used and said", said);
+    Figure("errors that name the block", named);
+    Figure("wrong numbers", wrong);
+  }
+};
+
+size_t CountOf(const std::string& text, const std::string& what) {
+  size_t count = 0;
+  for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += what.size()) ++count;
+  return count;
+}
+
+constexpr char kBadCopy[] = "NOTE: the copy of tree block ";
+
+// A run on blocks of which some are hurt: a number is the kernel's, an error names a block, and one
+// that was read from another copy is said, once.
+void Judge(const EngineRun& run, const HurtingVolume& volume, const Wounds& wounds, Tally* tally) {
+  SCOPED_TRACE(wounds.Text() + run.err);
+  ++tally->runs;
+  if (run.status == 0) {
+    ++tally->exact;
+    if (run.sizes != volume.Kernel()) ++tally->wrong;
+    EXPECT_EQ(volume.Kernel(), run.sizes) << "a wrong number";
+    EXPECT_LE(CountOf(run.err, kBadCopy), 1u) << "said more than once";
+    if (CountOf(run.err, kBadCopy) == 0) return;
+    ++tally->said;
+    EXPECT_TRUE(wounds.AreNamedIn(run.err)) << "said of another block";
+    EXPECT_GT(NumberOf(run, "mirrors"), 0u) << "not counted";
+    return;
+  }
+  EXPECT_EQ(1, run.status);
+  EXPECT_TRUE(run.sizes.empty()) << "a number beside an error";
+  EXPECT_EQ(0u, run.err.rfind("ERROR: ", 0));
+  ASSERT_FALSE(run.lines.empty());
+  EXPECT_EQ(0u, run.lines.back().rfind("exclusive sizes unavailable: ", 0));
+  EXPECT_TRUE(wounds.AreNamedIn(run.err)) << "no block is named";
+  EXPECT_NE(std::string::npos, run.err.find("run btrfs scrub")) << "no next step";
+  ++tally->named;
+}
+
+// The same where the faults stayed as they were all the time: what was met is known to be said.
+void JudgeLasting(const EngineRun& run, const HurtingVolume& volume, const Wounds& wounds,
+                  Tally* tally) {
+  Judge(run, volume, wounds, tally);
+  SCOPED_TRACE(wounds.Text() + run.err);
+  if (wounds.CanBeHealed()) {
+    EXPECT_EQ(0, run.status) << "another copy was there";
+    EXPECT_EQ(wounds.Met(), CountOf(run.err, kBadCopy) == 1) << "said if and only if it was met";
+  } else if (run.status == 0) {
+    EXPECT_TRUE(!wounds.Met() || volume.Copies() > 1) << "a block that is hurt was believed";
+  }
+}
+
+// How a block can be hurt for good.
+std::vector<DiskFault> LastingFaults(const HurtingVolume& volume, const LiveBlock& block,
+                                     std::mt19937& random) {
+  const size_t size = volume.NodeSize();
+  const LiveBlock& another = volume.Blocks()[random() % volume.Blocks().size()];
+  std::vector<uint8_t> stale = volume.ContentOf(block.copies[0]);
+  stale[80] ^= 1;  // of the generation: an earlier state of the block, but for its checksum
+  std::vector<uint8_t> inverse = volume.ContentOf(block.copies[0]);
+  for (uint8_t& byte : inverse) byte = static_cast<uint8_t>(~byte);
+  std::vector<DiskFault> faults = {
+      {0, 0, DiskFault::kError},
+      {0, 0, DiskFault::kShort},
+      {0, 0, DiskFault::kFlip, static_cast<uint32_t>(256 + random() % (8 * size - 256))},
+      {0, 0, DiskFault::kOther, 0, std::vector<uint8_t>(size)},  // as if discarded
+      {0, 0, DiskFault::kOther, 0, std::move(stale)},
+      {0, 0, DiskFault::kTorn, 0, std::move(inverse)},
+  };
+  if (another.bytenr != block.bytenr)  // sound, and written to the wrong place
+    faults.push_back({0, 0, DiskFault::kOther, 0, volume.ContentOf(another.copies[0])});
+  return faults;
+}
+
+constexpr const char* kWays[] = {"--stats --method=scan", "--stats --method=walk",
+                                 "--stats --verify", "--stats --table"};
+
+class HurtingDisk : public testing::TestWithParam<DiskLayout> {
+ protected:
+  static constexpr double kPart = 0.75 / kLayoutCount;  // of the program's time
+
+  const LiveBlock& RandomBlock(Kind kind) {
+    std::vector<const LiveBlock*> of;
+    for (const LiveBlock& block : volume_.Blocks())
+      if (KindOf(block) == kind) of.push_back(&block);
+    EXPECT_FALSE(of.empty());
+    return *of.at(random_() % of.size());
+  }
+
+  const LiveBlock& RandomBlock() { return volume_.Blocks()[random_() % volume_.Blocks().size()]; }
+
+  EngineRun RunAsked() { return RunEngine(volume_.Arguments(kWays[random_() % std::size(kWays)])); }
+
+  HurtingVolume volume_{GetParam()};
+  std::mt19937 random_{1};
+};
+
+}  // namespace
+
+// Each kind of block in each way, in one copy of it and in all of them.
+TEST_P(HurtingDisk, EachKindOfBlockInEachWay) {
+  const Budget budget(kPart * 0.4);
+  Tally tally;
+  constexpr size_t kFaults = 7;
+  const size_t steps = std::size(kKinds) * kFaults * 2;
+  size_t done = 0;
+  for (const size_t step : SpreadOrder(steps)) {
+    // Both ends of the road are gone in any time: errors, of each kind of block.
+    const size_t way = step / 2 % kFaults;
+    const bool must = way == 0;
+    if (!must && !budget.IsLeft()) continue;
+    ++done;
+    const bool everyCopy = step % 2 == 1;
+    const LiveBlock& block = RandomBlock(kKinds[step / 2 / kFaults]);
+    const std::vector<DiskFault> faults = LastingFaults(volume_, block, random_);
+    const DiskFault& fault = faults[std::min(way, faults.size() - 1)];
+    Wounds wounds(volume_);
+    const size_t only = random_() % block.copies.size();
+    for (size_t n = 0; n < block.copies.size(); ++n)
+      if (everyCopy || n == only) wounds.Add(block, block.copies[n], fault);
+    JudgeLasting(RunAsked(), volume_, wounds, &tally);
+    volume_.ClearFaults();
+  }
+  Figure("steps", done);
+  Figure("of steps", steps);
+  tally.Leave();
+}
+
+// Bits of any block, one or a few at a time.
+TEST_P(HurtingDisk, RandomBitsAreFound) {
+  const Budget budget(kPart * 0.4);
+  Tally tally;
+  unsigned flips = 0, met = 0;
+  do {
+    Wounds wounds(volume_);
+    std::set<uint64_t> hurt;
+    for (unsigned n = 1 + random_() % 4; n > 0; --n) {
+      const LiveBlock& block = RandomBlock();
+      if (!hurt.insert(block.bytenr).second) continue;
+      // The first 32 bytes have room for longer checksums than this one of 4.
+      uint32_t bit = random_() % (8 * volume_.NodeSize() - 224);
+      if (bit >= 32) bit += 224;
+      wounds.Add(block, block.copies[random_() % block.copies.size()],
+                 {0, 0, DiskFault::kFlip, bit});
+      ++flips;
+    }
+    JudgeLasting(RunAsked(), volume_, wounds, &tally);
+    met += wounds.Met();
+    volume_.ClearFaults();
+  } while (budget.IsLeft() || met < 5);
+  Figure("flips", flips);
+  Figure("runs that met one", met);
+  tally.Leave();
+}
+
+// In the middle of a run: what was sound is not, what was not is again, what is read is a mixture
+// of two writes.
+TEST_P(HurtingDisk, AtARandomMoment) {
+  const Budget budget(kPart * 0.2);
+  Tally tally;
+  RandomMoment moment;
+  unsigned moments = 0;
+  do {
+    const LiveBlock& block =
+        RandomBlock(random_() % 2 == 0 ? Kind::kExtentLeaf : kKinds[random_() % 6]);
+    std::vector<uint8_t> other = volume_.ContentOf(block.copies[0]);
+    for (size_t n = other.size() / 2; n < other.size(); ++n) other[n] = 0;
+    const DiskFault faults[] = {{0, 0, DiskFault::kError},
+                                {0, 0, DiskFault::kFlicker, 0, other},
+                                {0, 0, DiskFault::kDelay, 50}};
+    Wounds wounds(volume_);
+    const DiskFault& fault = faults[random_() % std::size(faults)];
+    const bool early = random_() % 2 == 0;
+    if (early) wounds.Add(block, block.copies[0], fault);
+    EngineProcess engine(volume_.Arguments(kWays[random_() % std::size(kWays)]));
+    const bool stopped = engine.StopWorker(moment.Next());
+    moment.WasMet(stopped);
+    moments += stopped;
+    if (!early) wounds.Add(block, block.copies[0], fault);
+    if (stopped && early && random_() % 2 == 0) volume_.Disk(block.copies[0].device).Clear();
+    if (stopped) engine.ContinueWorker();
+    Judge(engine.Finish(), volume_, wounds, &tally);
+    volume_.ClearFaults();
+  } while (budget.IsLeft() || moments < 5);
+  Figure("moments", moments);
+  tally.Leave();
+}
+
+INSTANTIATE_TEST_SUITE_P(Layout, HurtingDisk, testing::ValuesIn(kLayouts),
+                         [](const auto& test) { return std::string(test.param.name); });
