@@ -4,7 +4,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 
@@ -14,11 +14,11 @@
 namespace ZorvTest {
 namespace {
 
-constexpr char kImages[] = "/tmp/hurting";
+const std::string kImages = "/tmp/hurting";
 constexpr int kDeviceMiB = 256;
 
-// Makes the file system, leaves its images in kImages and returns the kernel's numbers.
-Sizes MakeImages(const DiskLayout& layout) {
+// Makes the file system, leaves its images in `directory` and returns the kernel's numbers.
+Sizes MakeImages(const DiskLayout& layout, const std::string& directory) {
   BtrfsOptions options = Options(0, layout.mkfs, "noatime");
   options.devicesMiB.assign(layout.devices, kDeviceMiB);
   BtrfsVolume volume(kMount, options);
@@ -27,18 +27,28 @@ Sizes MakeImages(const DiskLayout& layout) {
   MustRun({kStockBtrfs, "subvolume", "sync", kMount});
   const Sizes kernel = volume.KernelExclusive();
   volume.Unmount();
-  volume.SaveImages(kImages);
+  volume.SaveImages(directory);
   return kernel;
 }
 
-std::string ImageOf(size_t device) {
-  return std::string(kImages) + "/device" + std::to_string(device + 1);
+// The images of a layout to be worked on, made once, and copied to kImages; the kernel's numbers.
+const Sizes& CopyImages(const DiskLayout& layout) {
+  static std::map<std::string, Sizes> made;
+  const std::string directory = kImages + "/" + layout.name;
+  if (made.count(layout.name) == 0) made[layout.name] = MakeImages(layout, directory);
+  for (size_t n = 1; n <= layout.devices; ++n) {
+    const std::string name = "/device" + std::to_string(n);
+    MustRun({"cp", "--sparse=always", directory + name, kImages + name});
+  }
+  return made[layout.name];
 }
+
+std::string ImageOf(size_t device) { return kImages + "/device" + std::to_string(device + 1); }
 
 }  // namespace
 
 HurtingVolume::HurtingVolume(const DiskLayout& layout)
-    : layout_(layout), kernel_(MakeImages(layout)) {
+    : layout_(layout), kernel_(CopyImages(layout)) {
   std::string devices;
   for (size_t n = 0; n < layout.devices; ++n) {
     disks_.push_back(std::make_unique<FaultyDisk>(ImageOf(n), "/tmp/disk" + std::to_string(n + 1)));
@@ -68,8 +78,7 @@ HurtingVolume::~HurtingVolume() {
   (void)umount2(kMount, MNT_DETACH);
   disks_.clear();
   (void)Run({kStockBtrfs, "device", "scan", "--forget"});
-  std::error_code ignored;
-  std::filesystem::remove_all(kImages, ignored);
+  for (size_t n = 0; n < layout_.devices; ++n) (void)unlink(ImageOf(n).c_str());
 }
 
 std::vector<std::string> HurtingVolume::Arguments(const std::string& options) const {

@@ -23,7 +23,7 @@ struct DiskLayout {
 // A mounted file system at kMount with snapshots, numbers from the kernel, and nothing going on.
 class HurtingVolume {
  public:
-  // Takes about as long as a quota rescan.
+  // The first of a layout takes about as long as a quota rescan; others are copies of it.
   explicit HurtingVolume(const DiskLayout& layout);
   ~HurtingVolume();
   HurtingVolume(const HurtingVolume&) = delete;

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <random>
 #include <set>
@@ -28,8 +29,6 @@ const DiskLayout kLayouts[] = {
     {"Raid10", 4, Profile("raid10"), 2}, {"Raid0", 2, Profile("raid0"), 1},
     {"Raid5", 3, Profile("raid5"), 1},   {"Raid6", 4, Profile("raid6"), 1},
 };
-
-constexpr size_t kLayoutCount = std::size(kLayouts);
 
 // The kinds of blocks that are read in different ways.
 enum class Kind { kChunkTree, kRootTree, kExtentNode, kExtentLeaf, kSubvolumeNode, kSubvolumeLeaf };
@@ -188,116 +187,135 @@ std::vector<DiskFault> LastingFaults(const HurtingVolume& volume, const LiveBloc
 constexpr const char* kWays[] = {"--stats --method=scan", "--stats --method=walk",
                                  "--stats --verify", "--stats --table"};
 
-class HurtingDisk : public testing::TestWithParam<DiskLayout> {
- protected:
-  static constexpr double kPart = 0.75 / kLayoutCount;  // of the program's time
+// A volume, and random choices that are the same in each run.
+class HurtingDisk {
+ public:
+  explicit HurtingDisk(const DiskLayout& layout) : volume(layout) {}
 
   const LiveBlock& RandomBlock(Kind kind) {
     std::vector<const LiveBlock*> of;
-    for (const LiveBlock& block : volume_.Blocks())
+    for (const LiveBlock& block : volume.Blocks())
       if (KindOf(block) == kind) of.push_back(&block);
-    EXPECT_FALSE(of.empty());
-    return *of.at(random_() % of.size());
+    return *of.at(random() % of.size());
   }
 
-  const LiveBlock& RandomBlock() { return volume_.Blocks()[random_() % volume_.Blocks().size()]; }
+  const LiveBlock& RandomBlock() { return volume.Blocks()[random() % volume.Blocks().size()]; }
 
-  EngineRun RunAsked() { return RunEngine(volume_.Arguments(kWays[random_() % std::size(kWays)])); }
+  std::vector<std::string> RandomArguments() {
+    return volume.Arguments(kWays[random() % std::size(kWays)]);
+  }
 
-  HurtingVolume volume_{GetParam()};
-  std::mt19937 random_{1};
+  HurtingVolume volume;
+  std::mt19937 random{1};
 };
+
+// Does something on a disk of each layout, for its part of the time that a test has.
+void OnEachLayout(double part, const std::function<void(HurtingDisk&, const Budget&)>& test) {
+  for (const DiskLayout& layout : kLayouts) {
+    SCOPED_TRACE(layout.name);
+    HurtingDisk disk(layout);
+    test(disk, Budget(part / std::size(kLayouts)));
+  }
+}
+
+// Hurts a block in one way: one copy of it, each in turn, then all.
+void HurtInTurn(HurtingDisk& disk, const LiveBlock& block, const DiskFault& fault, Tally* tally) {
+  const size_t copies = block.copies.size();
+  for (size_t turn = 0; turn <= (copies > 1 ? copies : 0); ++turn) {
+    Wounds wounds(disk.volume);
+    for (size_t n = 0; n < copies; ++n)
+      if (turn == n || turn == copies) wounds.Add(block, block.copies[n], fault);
+    JudgeLasting(RunEngine(disk.RandomArguments()), disk.volume, wounds, tally);
+    disk.volume.ClearFaults();
+  }
+}
 
 }  // namespace
 
-// Each kind of block in each way, in one copy of it and in all of them.
-TEST_P(HurtingDisk, EachKindOfBlockInEachWay) {
-  const Budget budget(kPart * 0.4);
+// Each kind of block in each way on each profile.
+TEST(HurtingDisk, EachKindOfBlockInEachWay) {
   Tally tally;
   constexpr size_t kFaults = 7;
-  const size_t steps = std::size(kKinds) * kFaults * 2;
+  const size_t steps = std::size(kKinds) * kFaults;
   size_t done = 0;
-  for (const size_t step : SpreadOrder(steps)) {
-    // Both ends of the road are gone in any time: errors, of each kind of block.
-    const size_t way = step / 2 % kFaults;
-    const bool must = way == 0;
-    if (!must && !budget.IsLeft()) continue;
-    ++done;
-    const bool everyCopy = step % 2 == 1;
-    const LiveBlock& block = RandomBlock(kKinds[step / 2 / kFaults]);
-    const std::vector<DiskFault> faults = LastingFaults(volume_, block, random_);
-    const DiskFault& fault = faults[std::min(way, faults.size() - 1)];
-    Wounds wounds(volume_);
-    const size_t only = random_() % block.copies.size();
-    for (size_t n = 0; n < block.copies.size(); ++n)
-      if (everyCopy || n == only) wounds.Add(block, block.copies[n], fault);
-    JudgeLasting(RunAsked(), volume_, wounds, &tally);
-    volume_.ClearFaults();
-  }
+  OnEachLayout(0.3, [&](HurtingDisk& disk, const Budget& budget) {
+    for (const size_t step : SpreadOrder(steps)) {
+      const size_t way = step % kFaults;
+      // An error in each kind of block there is in any case.
+      if (way != 0 && !budget.IsLeft()) continue;
+      ++done;
+      const LiveBlock& block = disk.RandomBlock(kKinds[step / kFaults]);
+      const std::vector<DiskFault> faults = LastingFaults(disk.volume, block, disk.random);
+      HurtInTurn(disk, block, faults[std::min(way, faults.size() - 1)], &tally);
+    }
+  });
   Figure("steps", done);
-  Figure("of steps", steps);
+  Figure("of steps", steps * std::size(kLayouts));
   tally.Leave();
 }
 
 // Bits of any block, one or a few at a time.
-TEST_P(HurtingDisk, RandomBitsAreFound) {
-  const Budget budget(kPart * 0.4);
+TEST(HurtingDisk, RandomBitsAreFound) {
   Tally tally;
   unsigned flips = 0, met = 0;
-  do {
-    Wounds wounds(volume_);
-    std::set<uint64_t> hurt;
-    for (unsigned n = 1 + random_() % 4; n > 0; --n) {
-      const LiveBlock& block = RandomBlock();
-      if (!hurt.insert(block.bytenr).second) continue;
-      // The first 32 bytes have room for longer checksums than this one of 4.
-      uint32_t bit = random_() % (8 * volume_.NodeSize() - 224);
-      if (bit >= 32) bit += 224;
-      wounds.Add(block, block.copies[random_() % block.copies.size()],
-                 {0, 0, DiskFault::kFlip, bit});
-      ++flips;
-    }
-    JudgeLasting(RunAsked(), volume_, wounds, &tally);
-    met += wounds.Met();
-    volume_.ClearFaults();
-  } while (budget.IsLeft() || met < 5);
+  OnEachLayout(0.2, [&](HurtingDisk& disk, const Budget& budget) {
+    unsigned metHere = 0;
+    do {
+      Wounds wounds(disk.volume);
+      std::set<uint64_t> hurt;
+      for (unsigned n = 1 + disk.random() % 4; n > 0; --n) {
+        const LiveBlock& block = disk.RandomBlock();
+        if (!hurt.insert(block.bytenr).second) continue;
+        // The first 32 bytes have room for longer checksums than this one of 4.
+        uint32_t bit = disk.random() % (8 * disk.volume.NodeSize() - 224);
+        if (bit >= 32) bit += 224;
+        wounds.Add(block, block.copies[disk.random() % block.copies.size()],
+                   {0, 0, DiskFault::kFlip, bit});
+        ++flips;
+      }
+      JudgeLasting(RunEngine(disk.RandomArguments()), disk.volume, wounds, &tally);
+      metHere += wounds.Met();
+      disk.volume.ClearFaults();
+    } while (budget.IsLeft() || metHere < 5);
+    met += metHere;
+  });
   Figure("flips", flips);
   Figure("runs that met one", met);
   tally.Leave();
 }
 
-// In the middle of a run: what was sound is not, what was not is again, what is read is a mixture
-// of two writes.
-TEST_P(HurtingDisk, AtARandomMoment) {
-  const Budget budget(kPart * 0.2);
+// In the middle of a run: what was sound is not, what was not is again, what is read is one of two
+// writes, or a mixture of both.
+TEST(HurtingDisk, AtARandomMoment) {
   Tally tally;
-  RandomMoment moment;
   unsigned moments = 0;
-  do {
-    const LiveBlock& block =
-        RandomBlock(random_() % 2 == 0 ? Kind::kExtentLeaf : kKinds[random_() % 6]);
-    std::vector<uint8_t> other = volume_.ContentOf(block.copies[0]);
-    for (size_t n = other.size() / 2; n < other.size(); ++n) other[n] = 0;
-    const DiskFault faults[] = {{0, 0, DiskFault::kError},
-                                {0, 0, DiskFault::kFlicker, 0, other},
-                                {0, 0, DiskFault::kDelay, 50}};
-    Wounds wounds(volume_);
-    const DiskFault& fault = faults[random_() % std::size(faults)];
-    const bool early = random_() % 2 == 0;
-    if (early) wounds.Add(block, block.copies[0], fault);
-    EngineProcess engine(volume_.Arguments(kWays[random_() % std::size(kWays)]));
-    const bool stopped = engine.StopWorker(moment.Next());
-    moment.WasMet(stopped);
-    moments += stopped;
-    if (!early) wounds.Add(block, block.copies[0], fault);
-    if (stopped && early && random_() % 2 == 0) volume_.Disk(block.copies[0].device).Clear();
-    if (stopped) engine.ContinueWorker();
-    Judge(engine.Finish(), volume_, wounds, &tally);
-    volume_.ClearFaults();
-  } while (budget.IsLeft() || moments < 5);
+  OnEachLayout(0.1, [&](HurtingDisk& disk, const Budget& budget) {
+    RandomMoment moment;
+    unsigned met = 0;
+    do {
+      const LiveBlock& block = disk.RandomBlock(
+          disk.random() % 2 == 0 ? Kind::kExtentLeaf : kKinds[disk.random() % std::size(kKinds)]);
+      std::vector<uint8_t> other = disk.volume.ContentOf(block.copies[0]);
+      for (size_t n = other.size() / 2; n < other.size(); ++n) other[n] = 0;
+      const DiskFault faults[] = {{0, 0, DiskFault::kError},
+                                  {0, 0, DiskFault::kFlicker, 0, other},
+                                  {0, 0, DiskFault::kDelay, 50}};
+      const DiskFault& fault = faults[disk.random() % std::size(faults)];
+      Wounds wounds(disk.volume);
+      const bool early = disk.random() % 2 == 0;
+      if (early) wounds.Add(block, block.copies[0], fault);
+      EngineProcess engine(disk.RandomArguments());
+      const bool stopped = engine.StopWorker(moment.Next());
+      moment.WasMet(stopped);
+      met += stopped;
+      if (!early) wounds.Add(block, block.copies[0], fault);
+      if (stopped && early && disk.random() % 2 == 0) disk.volume.ClearFaults();
+      if (stopped) engine.ContinueWorker();
+      Judge(engine.Finish(), disk.volume, wounds, &tally);
+      disk.volume.ClearFaults();
+    } while (budget.IsLeft() || met < 5);
+    moments += met;
+  });
   Figure("moments", moments);
   tally.Leave();
 }
-
-INSTANTIATE_TEST_SUITE_P(Layout, HurtingDisk, testing::ValuesIn(kLayouts),
-                         [](const auto& test) { return std::string(test.param.name); });
