@@ -27,12 +27,19 @@ bool IsRotating(int fd) {
   return false;
 }
 
+// Root of a user namespace, and root without some of its rights, are kept from devices.
+const char* NextStep(int error) {
+  return error == EACCES || error == EPERM ? "; root of the machine is needed, with all its rights"
+                                           : "";
+}
+
 }  // namespace
 
 Status DirectDevice::Open(const std::string& path) {
   path_ = path;
   fd_.Reset(open(path.c_str(), O_RDONLY | O_DIRECT | O_CLOEXEC));
-  if (!fd_.Valid()) return Status::Failed("cannot open device " + path + ": " + strerror(errno));
+  if (!fd_.Valid())
+    return Status::Failed("cannot open device " + path + ": " + strerror(errno) + NextStep(errno));
 
   const off_t end = lseek(fd_.Get(), 0, SEEK_END);
   if (end < 0) return Status::Failed("cannot find the size of " + path + ": " + strerror(errno));

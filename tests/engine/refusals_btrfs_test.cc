@@ -1,5 +1,6 @@
 // What the engine refuses: the reason is named on standard error, and no number is printed.
 #include <fcntl.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -8,6 +9,7 @@
 #include <filesystem>
 
 #include "tests/engine/engine_run.h"
+#include "tests/support/user_rights.h"
 
 using namespace ZorvTest;
 
@@ -125,6 +127,22 @@ TEST(EngineRefuses, AnyoneButRoot) {
   EXPECT_EQ(
       "exclusive sizes unavailable: this needs root, because the device is read directly; try sudo\n",
       result.out);
+}
+
+// Root there, but with the rights of an ordinary user outside.
+TEST(EngineRefuses, RootOfAUserNamespace) {
+  BtrfsVolume volume(kMount);
+  std::filesystem::copy_file(ZORV_ENGINE_PATH, "/usr/local/engine",
+                             std::filesystem::copy_options::overwrite_existing);
+  const CommandResult result =
+      ZorvTest::Run({"/usr/local/engine", "subvolume", "size", "-v", kMount},
+                    [] { BecomeRootOfUserNamespace(65534); });
+  EXPECT_EQ(1, result.status);
+  EXPECT_THAT(
+      result.err,
+      testing::MatchesRegex("ERROR: cannot open device /dev/loop[0-9]+: Permission denied; root of "
+                            "the machine is needed, with all its rights\n"));
+  EXPECT_THAT(result.out, testing::HasSubstr("exclusive sizes unavailable: cannot open device"));
 }
 
 TEST(EngineRefuses, NoArgument) {

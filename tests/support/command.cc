@@ -41,7 +41,7 @@ std::string Content(const UniqueFd& fd) {
 
 }  // namespace
 
-CommandResult Run(const std::vector<std::string>& argv) {
+CommandResult Run(const std::vector<std::string>& argv, const std::function<void()>& before) {
   std::vector<char*> args;
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
   args.push_back(nullptr);
@@ -50,6 +50,7 @@ CommandResult Run(const std::vector<std::string>& argv) {
   const int status = InChild([&] {
     dup2(out.Get(), STDOUT_FILENO);
     dup2(err.Get(), STDERR_FILENO);
+    if (before) before();
     execvp(args[0], args.data());
     dprintf(STDERR_FILENO, "%s: %s\n", args[0], strerror(errno));
     return 127;

@@ -17,8 +17,8 @@ struct CommandResult {
   std::string err;
 };
 
-// Runs a program (looked for in PATH) to its end.
-CommandResult Run(const std::vector<std::string>& argv);
+// Runs a program (looked for in PATH) to its end. `before` is done in its process first.
+CommandResult Run(const std::vector<std::string>& argv, const std::function<void()>& before = {});
 
 // As Run, but anything except exit status 0 throws with what it printed. Returns standard output.
 std::string MustRun(const std::vector<std::string>& argv);
