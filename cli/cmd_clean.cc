@@ -114,15 +114,15 @@ int CleanOneShare(const std::string& share) {
   return kOk;
 }
 
-int Clean(const std::string& share) {
-  if (share.empty()) {
+int Clean(const std::optional<std::string>& share) {
+  if (!share) {
     BeginWork();
     RemoveLeftovers();
     return CleanAllShares();
   }
-  BeginWorkOn(share);
+  BeginWorkOn(*share);
   RemoveLeftovers();
-  return CleanOneShare(share);
+  return CleanOneShare(*share);
 }
 
 }  // namespace
@@ -130,7 +130,7 @@ int Clean(const std::string& share) {
 void AddClean(CLI::App& program, Action& action) {
   CLI::App* const command =
       program.add_subcommand("clean", "Remove results and records of a share, or of all shares");
-  const auto share = std::make_shared<std::string>();
+  const auto share = std::make_shared<std::optional<std::string>>();
   command->add_option("SHARE", *share, "Name of the share (default: all)");
   command->footer(
       "Asks nothing. Shares with a calculation under way are kept. Snapshots are not touched.\n"
