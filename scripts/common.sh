@@ -46,3 +46,10 @@ build() { # preset [-D...]
   { cd "$PROJECT" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset"; } >"$log" 2>&1 ||
     { grep -E -A5 'error|FAILED' "$log" | head -n 40 >&2; die "the build failed; all of it is in build/$preset.log"; }
 }
+
+# Builds the fuzz targets, with the packages that they alone need.
+build_fuzzers() {
+  PACKAGES="$PACKAGES clang libclang-rt-14-dev"
+  install_packages
+  build fuzz
+}

@@ -34,6 +34,7 @@ done
 need_machine
 install_packages
 build "$preset"
+[[ "${only:-fuzz}" =~ (^|\|)fuzz(\||$) ]] && build_fuzzers
 
 built=$PROJECT/build/$preset
 selection=(--test-dir "$built" -L torture -R "^(${only:-.*})_test\$")
