@@ -1,4 +1,5 @@
-# Installation: libraries, headers, the engine, the tool, a pkg-config file and a CMake package.
+# Installation: libraries, headers, the engine, the tool, the directories of each boot, a pkg-config
+# file and a CMake package.
 include(CMakePackageConfigHelpers)
 
 install(TARGETS zorvbtrfssnapusage zorvplatform EXPORT zorvbtrfssnapusage
@@ -6,6 +7,8 @@ install(TARGETS zorvbtrfssnapusage zorvplatform EXPORT zorvbtrfssnapusage
 # The library runs /sbin/btrfs: with the prefix /usr on a merged system, or / on others, it is this.
 install(TARGETS zorv_btrfs_engine RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS zorv-snapusage RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+# In lib whatever the architecture: the one place below a prefix where it is looked for.
+install(FILES packaging/tmpfiles.d/zorvbtrfssnapusage.conf DESTINATION lib/tmpfiles.d)
 install(DIRECTORY include/zorvbtrfssnapusage platform/include/zorvplatform
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.h)
 

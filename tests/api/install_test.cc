@@ -87,6 +87,7 @@ TEST_F(Install, ReadmeCallerCompiles) {
 TEST_F(Install, PutsEveryPartInItsPlace) {
   for (const char* file : {"/opt/zorv/bin/zorv-snapusage", "/opt/zorv/sbin/btrfs",
                            "/opt/zorv/include/zorvbtrfssnapusage/share_snap_usage_cal.h",
-                           "/opt/zorv/include/zorvplatform/platc.h"})
+                           "/opt/zorv/include/zorvplatform/platc.h",
+                           "/opt/zorv/lib/tmpfiles.d/zorvbtrfssnapusage.conf"})
     EXPECT_TRUE(fs::exists(file)) << file;
 }
