@@ -228,6 +228,19 @@ TEST_F(UtilsGeneralFileLock, ExclusiveWaitsForAllReaders) {
   EXPECT_EQ(0, writer.LetGo());
 }
 
+TEST_F(UtilsGeneralFileLock, ReadersPassAWriterThatWaits) {
+  Holder one(kLock, false);
+  ASSERT_TRUE(one.Holds());
+  Holder writer(kLock, true);
+  ASSERT_TRUE(WaitUntil([&] { return WaitsForLock(writer.Pid()); }));
+  alarm(60);
+  EXPECT_TRUE(Utils::GeneralFileLock(kLock, false, fd));
+  alarm(0);
+  EXPECT_TRUE(WaitsForLock(writer.Pid()));
+  EXPECT_EQ(0, one.LetGo());
+  EXPECT_TRUE(WaitsForLock(writer.Pid()));
+}
+
 TEST_F(UtilsGeneralFileLock, EndsWithItsProcess) {
   Holder dies(kLock);
   ASSERT_TRUE(dies.Holds());
