@@ -173,11 +173,18 @@ std::string NameOfDescriptor(pid_t pid, uint64_t fd) {
   return length < 0 ? std::to_string(fd) : std::string(name, static_cast<size_t>(length));
 }
 
-std::string TextOf(pid_t pid, long call, const uint64_t* arguments) {
+std::vector<std::string> PathsOf(pid_t pid, long call, const uint64_t* arguments) {
+  std::vector<std::string> paths;
+  if (const CallShape* const shape = ShapeOf(call))
+    for (const int path : shape->paths) paths.push_back(TextAt(pid, arguments[path]));
+  return paths;
+}
+
+std::string TextOf(pid_t pid, long call, const uint64_t* arguments,
+                   const std::vector<std::string>& paths) {
   const CallShape* const shape = ShapeOf(call);
   if (shape == nullptr) return "call " + std::to_string(call);
-  std::vector<std::string> words;
-  for (const int path : shape->paths) words.push_back(TextAt(pid, arguments[path]));
+  std::vector<std::string> words = paths;
   if (shape->fd != kNone) words.push_back(NameOfDescriptor(pid, arguments[shape->fd]));
   if (shape->length != kNone) words.push_back(std::to_string(arguments[shape->length]));
   std::string text = std::string(shape->name) + "(";
@@ -503,7 +510,8 @@ Step SyscallStepper::StepOf(pid_t pid, const Tracee& tracee, long call, const ui
   std::copy(arguments, arguments + step.arguments.size(), step.arguments.begin());
   step.number = ++steps_[tracee.role];
   step.ofCall = ++stepsOfCall_[{tracee.role, call}];
-  step.text = TextOf(pid, call, arguments);
+  step.paths = PathsOf(pid, call, arguments);
+  step.text = TextOf(pid, call, arguments, step.paths);
   return step;
 }
 

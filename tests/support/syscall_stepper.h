@@ -45,9 +45,10 @@ struct Step {
   pid_t pid;  // of the process, also when one of its threads makes the call
   long call;
   std::array<uint64_t, 6> arguments;
-  size_t number;     // among the steps of its role, from 1
-  size_t ofCall;     // among those with this call, from 1
-  std::string text;  // "rename(/a, /b)", "write(/a, 12)"
+  size_t number;                   // among the steps of its role, from 1
+  size_t ofCall;                   // among those with this call, from 1
+  std::vector<std::string> paths;  // the paths among the arguments, as they are given
+  std::string text;                // "rename(/a, /b)", "write(/a, 12)"
 };
 
 // What becomes of it.

@@ -1,0 +1,526 @@
+// SIGKILL at each system call that changes a file, before it and after it, in every process of a
+// calculation: what stands then is whole, nothing is held or left running, and the share comes
+// back by each of the ways that are told to bring it back.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "base/paths.h"
+#include "base/unique_fd.h"
+#include "tests/support/btrfs_volume.h"
+#include "tests/support/command.h"
+#include "tests/support/syscall_stepper.h"
+#include "tests/support/torture.h"
+#include "tests/torture/record_ledger.h"
+#include "zorvbtrfssnapusage/share_snap_usage_cal.h"
+#include "zorvbtrfssnapusage/share_task_status.h"
+#include "zorvbtrfssnapusage/utils.h"
+
+namespace ZorvTest {
+namespace {
+
+using namespace ZorvBtrfsUsage;
+namespace fs = std::filesystem;
+using Sizes = std::map<unsigned long long, unsigned long long>;
+
+constexpr char kEngine[] = "/sbin/btrfs";
+constexpr char kShare[] = "photos";
+constexpr char kNeighbour[] = "mail";  // recorded beside it, and never touched
+constexpr char kOutput[] = "/tmp/tool.out";
+
+// How the share is brought back.
+enum class Cleanup { kTool, kNotDone, kExpiry };
+constexpr size_t kCleanups = 3;
+
+const char* NameOf(Cleanup cleanup) {
+  switch (cleanup) {
+    case Cleanup::kTool:
+      return "zorv-snapusage clean";
+    case Cleanup::kNotDone:
+      return "CleanNotDoneTask";
+    case Cleanup::kExpiry:
+      break;
+  }
+  return "expiry";
+}
+
+// One way to kill: all ways of a road have numbers from 0 on.
+struct Way {
+  size_t step;  // of the victim's role, from 1
+  bool after;
+  Cleanup cleanup;
+
+  static constexpr size_t kOfAStep = 2 * kCleanups;
+  explicit Way(size_t number)
+      : step(number / kOfAStep + 1),
+        after(number % kOfAStep >= kCleanups),
+        cleanup(static_cast<Cleanup>(number % kCleanups)) {}
+};
+
+// A way to a calculation, and who is killed on it.
+struct Road {
+  Role victim;
+  std::function<int()> body;
+  std::function<void()> prepare = [] {};
+  // The worker stands still until the caller has ended: there is something to stop.
+  bool holdWorker = false;
+};
+
+// The calculation goes on without its caller; here it is waited for.
+void WaitForEverybody() {
+  while (waitpid(-1, nullptr, 0) > 0) {
+  }
+}
+
+std::vector<std::string> Argv(const std::vector<std::string>& words) {
+  std::vector<std::string> argv = {ZORV_CLI_PATH};
+  argv.insert(argv.end(), words.begin(), words.end());
+  return argv;
+}
+
+// To its end, and to that of the calculation that it may have started.
+CommandResult Tool(const std::vector<std::string>& words) {
+  CommandResult result = Run(Argv(words));
+  WaitForEverybody();
+  return result;
+}
+
+void MustTool(const std::vector<std::string>& words) {
+  const CommandResult result = Tool(words);
+  ASSERT_EQ(0, result.status) << result.out << result.err;
+}
+
+std::function<int()> ToolBody(const std::vector<std::string>& words) {
+  return Program(Argv(words), kOutput);
+}
+
+// What a program does that links the library.
+int CallLibrary(bool reminder) {
+  ShareSnapUsageCal cal;
+  if (const int code = cal.CreateTask(kShare); code != RESULT_OK) return code;
+  if (const int code = cal.Launch(nullptr, nullptr); code != RESULT_OK) return code;
+  return Utils::ReminderStatusSet(reminder) ? RESULT_OK : RESULT_FAILURE;
+}
+
+std::set<std::string> Processes() {
+  std::set<std::string> found;
+  for (const auto& entry : fs::directory_iterator("/proc"))
+    if (std::string name = entry.path().filename();
+        name.find_first_not_of("0123456789") == std::string::npos)
+      found.insert(name);
+  return found;
+}
+
+size_t Descriptors() {
+  return static_cast<size_t>(
+      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+// What a calculation must not leave behind. Mounts are compared as a whole: their text is long.
+struct Machine {
+  std::set<std::string> processes = Processes();
+  size_t descriptors = Descriptors();
+  std::string mounts = ReadFile("/proc/self/mountinfo");
+};
+
+void ExpectSame(const Machine& before) {
+  const Machine now;
+  EXPECT_EQ(before.processes, now.processes);
+  EXPECT_EQ(before.descriptors, now.descriptors);
+  EXPECT_TRUE(before.mounts == now.mounts) << now.mounts;
+}
+
+std::vector<std::string> LockFiles() {
+  std::vector<std::string> files;
+  for (const char* root : {kLockDir, "/run/zorv-btrfs-engine"}) {
+    if (!fs::exists(root)) continue;
+    for (const auto& entry : fs::recursive_directory_iterator(root))
+      if (entry.is_regular_file()) files.push_back(entry.path());
+  }
+  if (fs::exists("/run/zorv-snapusage.lock")) files.push_back("/run/zorv-snapusage.lock");
+  return files;
+}
+
+// Locks that outlive the process which took them: of a dead one, of an open file that others have
+// got from it (fcntl(2) names no process then), or of the other kind, flock(2).
+std::string LocksThatOutlive(pid_t dead) {
+  std::string found;
+  for (const std::string& path : LockFiles()) {
+    const UniqueFd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    const bool told = fcntl(fd.Get(), F_GETLK, &lock) == 0;
+    if (told && lock.l_type != F_UNLCK && (lock.l_pid == dead || lock.l_pid <= 0))
+      found += path + " is locked by " + std::to_string(lock.l_pid) + "\n";
+    if (flock(fd.Get(), LOCK_EX | LOCK_NB) != 0) found += path + " is locked by flock\n";
+  }
+  return found;
+}
+
+// Locks that cannot be had at once.
+std::string LocksThatAreHeld() {
+  std::string found;
+  for (const std::string& path : LockFiles()) {
+    const UniqueFd fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    if (fcntl(fd.Get(), F_SETLK, &lock) != 0) found += path + " cannot be locked\n";
+  }
+  return found;
+}
+
+std::string TaskOf(const std::string& share) {
+  std::string taskID;
+  bool expired = false;
+  return ShareSnapUsageCal::FindTaskID(share, taskID, expired) == RESULT_OK ? taskID : "";
+}
+
+std::string StateOf(const std::string& share) {
+  ShareTaskStatus status;
+  std::string word;
+  if (!ShareTaskStatus::CheckShareStatusFile(share) || !status.Init(share, /*create=*/false))
+    return "";
+  return status.GetStatusAttr(TASKSTATUS_ATTR_STATUS, word) == RESULT_OK ? word : "";
+}
+
+// The share's result as readers get it; nothing when they get none.
+Sizes ResultOf(const std::string& share) {
+  std::vector<unsigned long long> ids, bytes;
+  if (ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT_SUBVOL_ID, share, ids) != RESULT_OK ||
+      ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT_RESULT, share, bytes) != RESULT_OK)
+    return {};
+  Sizes sizes;
+  for (size_t i = 0; i < ids.size(); ++i) sizes[ids[i]] = i < bytes.size() ? bytes[i] : 0;
+  return sizes;
+}
+
+// Two minutes pass for the share's claim.
+void Expire() {
+  Json::Value map = Utils::GetJsonAttrByPath(kShareMap);
+  if (!map.isMember(kShare)) return;
+  map[kShare]["time"] = static_cast<Json::Int64>(time(nullptr) - 120);
+  ASSERT_TRUE(Utils::SetJsonAttrByPath(kShareMap, map));
+}
+
+bool IsPartOf(const Sizes& part, const Sizes& whole) {
+  return std::includes(whole.begin(), whole.end(), part.begin(), part.end());
+}
+
+// What the tool shows, with its exit status.
+struct Shown {
+  int status;
+  Sizes sizes;
+};
+
+Shown Show() {
+  const CommandResult result = Tool({"show", kShare, "--format", "json"});
+  Shown shown = {result.status, {}};
+  if (result.out.empty()) return shown;
+  Json::Value report;
+  std::istringstream(result.out) >> report;
+  for (const Json::Value& row : report["snapshots"])
+    shown.sizes[row["subvolume_id"].asUInt64()] = row["exclusive"].asUInt64();
+  return shown;
+}
+
+// Keeps the worker of a calculation from going on (SIGSTOP) for as long as the caller lives.
+class WorkerHold {
+ public:
+  explicit WorkerHold(bool wanted) : wanted_(wanted) {}
+
+  void Take(const Step& step) {
+    if (!wanted_ || step.role != Role::kWorker) return;
+    wanted_ = false;
+    held_ = step.pid;
+    kill(held_, SIGSTOP);
+  }
+
+  void TakeEnd(Role role) {
+    if (role != Role::kCaller) return;
+    wanted_ = false;
+    if (held_ != 0) kill(held_, SIGCONT);
+    held_ = 0;
+  }
+
+ private:
+  bool wanted_;
+  pid_t held_ = 0;
+};
+
+class KillAnywhere : public testing::Test {
+ protected:
+  static void SetUpTestSuite();
+  static void TearDownTestSuite() { delete volume_; }
+
+  // Kills along the road for so much of the time, and counts.
+  void KillAlong(const Road& road, double part);
+
+  // Everything as after a calculation, of the neighbour as well.
+  static void HaveResults();
+
+  // Whoever has made a calculation, in whatever state the files are: it succeeded.
+  static void ExpectRight();
+
+  // A road of a program that links the library.
+  Road LibraryRoad(Role victim) {
+    return {victim, [this] { return CallLibrary(reminder_); }, [this] { reminder_ = !reminder_; }};
+  }
+
+ private:
+  size_t CountSteps(const Road& road);
+  void Try(const Road& road, const Way& way);
+  // The whole road with one kill; the text of the step where it was, empty when it never came.
+  std::string KillOnce(const Road& road, const Way& way);
+  void ExpectWholeRest(Role victim);
+  void BringBack(Cleanup cleanup);
+  void CalculateAgain(const Way& way);
+
+  static BtrfsVolume* volume_;  // the child of a calculation leaves by exit: no owner that it ends
+  static Sizes expected_;
+  bool reminder_ = false;
+  size_t kills_ = 0, notReached_ = 0, left_ = 0, removed_ = 0, claims_ = 0, renames_ = 0,
+         short_ = 0;
+};
+
+BtrfsVolume* KillAnywhere::volume_ = nullptr;
+Sizes KillAnywhere::expected_;
+
+void KillAnywhere::SetUpTestSuite() {
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  fs::remove_all(kEngine);
+  fs::copy_file(ZORV_ENGINE_PATH, kEngine);
+  volume_ = new BtrfsVolume("/volume1");
+  for (const char* share : {kShare, kNeighbour}) volume_->Subvolume(share);
+  for (unsigned i = 1; i <= 3; ++i) {
+    WriteRandom(volume_->Path("photos/file"), 20000 * i, i);
+    volume_->Snapshot(kShare, "photos/.snapshots/GMT-2024.03.0" + std::to_string(i) + "-09.04.09");
+  }
+  volume_->Snapshot(kNeighbour, "mail/.snapshots/GMT-2024.03.01-09.04.09");
+  const Sizes kernels = volume_->KernelExclusive();
+  for (const auto& entry : fs::directory_iterator(volume_->Path("photos/.snapshots"))) {
+    const unsigned long long id = SubvolumeID(entry.path());
+    expected_[id] = kernels.at(id);
+  }
+  HaveResults();
+}
+
+void KillAnywhere::HaveResults() {
+  for (const char* share : {kNeighbour, kShare}) MustTool({"run", share, "--quiet"});
+}
+
+void KillAnywhere::ExpectRight() {
+  EXPECT_EQ("done", StateOf(kShare));
+  EXPECT_EQ(expected_, ResultOf(kShare));
+  const Shown shown = Show();
+  EXPECT_EQ(0, shown.status);
+  EXPECT_EQ(expected_, shown.sizes);
+}
+
+// Twice, because how often the engine says how far it is depends on the time it takes.
+size_t KillAnywhere::CountSteps(const Road& road) {
+  size_t steps = 0;
+  for (int run = 0; run < 2; ++run) {
+    road.prepare();
+    WorkerHold hold(road.holdWorker);
+    SyscallStepper stepper;
+    stepper.OnEnd([&](pid_t, Role role, int) { hold.TakeEnd(role); });
+    const int status = stepper.Run(road.body, [&](const Step& step) {
+      hold.Take(step);
+      if (step.role == road.victim) steps = std::max(steps, step.number);
+      return Action::GoOn();
+    });
+    EXPECT_EQ(0, status);
+  }
+  return steps;
+}
+
+void KillAnywhere::KillAlong(const Road& road, double part) {
+  constexpr size_t kAtLeast = 6;
+  const Budget budget(part);
+  const size_t steps = CountSteps(road);
+  ASSERT_GT(steps, 0u);
+  std::set<size_t> tried;
+  const char* const told = getenv("ZORV_TORTURE_NUMBER");
+  for (const size_t number : SpreadOrder(steps * Way::kOfAStep)) {
+    if (told != nullptr && number != strtoul(told, nullptr, 10)) continue;
+    if (kills_ + notReached_ >= kAtLeast && !budget.IsLeft()) break;
+    const Way way(number);
+    SCOPED_TRACE("number " + std::to_string(number) + ": " + ZorvTest::NameOf(road.victim) +
+                 " killed " + (way.after ? "after" : "before") + " step " +
+                 std::to_string(way.step) + ", brought back by " + NameOf(way.cleanup));
+    tried.insert(way.step);
+    Try(road, way);
+    if (HasFailure()) break;  // what comes after one is not to be trusted
+  }
+  Figure("kills", kills_);
+  Figure("not reached", notReached_);
+  Figure("steps", tried.size());
+  Figure("of steps", steps);
+  Figure("objects put in place", renames_);
+  Figure("temporary files left", left_);
+  Figure("temporary files removed", removed_);
+  Figure("claims that had to expire", claims_);
+  if (road.victim == Role::kFront) Figure("short results, said to be short", short_);
+  Figure("lost", HasFailure() ? 1 : 0);
+}
+
+std::string KillAnywhere::KillOnce(const Road& road, const Way& way) {
+  RecordLedger ledger;
+  std::string at;
+  pid_t victim = 0;
+  WorkerHold hold(road.holdWorker);
+  SyscallStepper stepper;
+  stepper.OnEnd([&](pid_t pid, Role role, int) {
+    if (pid == victim) {
+      EXPECT_EQ("", LocksThatOutlive(pid)) << "after " << at;
+    }
+    hold.TakeEnd(role);
+  });
+  (void)stepper.Run(road.body, [&](const Step& step) {
+    hold.Take(step);
+    const bool here = victim == 0 && step.role == road.victim && step.number == way.step;
+    if (!here || way.after) ledger.Take(step);
+    if (!here) return Action::GoOn();
+    victim = step.pid;
+    at = step.text;
+    return way.after ? Action::KillAfter() : Action::KillBefore();
+  });
+  EXPECT_EQ("", ledger.Differences()) << "after " << at;
+  renames_ += ledger.Renames();
+  return at;
+}
+
+void KillAnywhere::Try(const Road& road, const Way& way) {
+  road.prepare();
+  const std::string neighbour = TaskOf(kNeighbour);
+  const Machine machine;
+  const std::string at = KillOnce(road, way);
+  SCOPED_TRACE("at " + at);
+  ++(at.empty() ? notReached_ : kills_);
+  ExpectSame(machine);
+  ExpectWholeRest(road.victim);
+  const std::vector<std::string> left = TemporaryFiles();
+  left_ += left.size();
+  BringBack(way.cleanup);
+  CalculateAgain(way);
+  for (const std::string& path : left) removed_ += fs::exists(path) ? 0 : 1;
+  EXPECT_EQ(std::vector<std::string>{}, TemporaryFiles());
+  EXPECT_EQ(neighbour, TaskOf(kNeighbour));
+  ExpectSame(machine);
+}
+
+// What readers find before anybody has cleaned up: the right numbers, or none. A front that is
+// killed says no word of failure, and the calculation ends with what it has heard: then there may
+// be fewer, and the tool says so (13).
+void KillAnywhere::ExpectWholeRest(Role victim) {
+  EXPECT_EQ("", LocksThatAreHeld());
+  const Sizes result = ResultOf(kShare);
+  const Shown shown = Show();
+  EXPECT_TRUE(IsPartOf(shown.sizes, expected_));
+  if (shown.status == 13) {
+    EXPECT_EQ(Role::kFront, victim);
+    EXPECT_LT(shown.sizes.size(), expected_.size());
+    ++short_;
+  } else if (shown.status == 0) {
+    EXPECT_EQ(expected_, shown.sizes);
+  } else {
+    EXPECT_EQ(10, shown.status);
+  }
+  if (StateOf(kShare) == "done" && !result.empty()) {
+    EXPECT_EQ(shown.status == 13 ? shown.sizes : expected_, result);
+  }
+}
+
+void KillAnywhere::BringBack(Cleanup cleanup) {
+  if (cleanup == Cleanup::kTool) {
+    const int status = Tool({"clean", kShare}).status;
+    EXPECT_TRUE(status == 0 || status == 10 || status == 4) << status;
+  }
+  if (cleanup == Cleanup::kNotDone) {
+    EXPECT_EQ(0, ShareSnapUsageCal::CleanNotDoneTask());
+  }
+  std::string taskID;
+  if (cleanup == Cleanup::kExpiry || !ShareSnapUsageCal::CheckAvail(kShare, taskID)) {
+    if (cleanup != Cleanup::kExpiry) ++claims_;
+    Expire();
+  }
+  EXPECT_TRUE(ShareSnapUsageCal::CheckAvail(kShare, taskID)) << StateOf(kShare);
+}
+
+// By the tool, or by the library; then the tool comes by afterwards.
+void KillAnywhere::CalculateAgain(const Way& way) {
+  if (way.step % 2 == 0) {
+    const CommandResult run = Tool({"run", kShare, "--quiet"});
+    EXPECT_EQ(0, run.status) << run.err;
+  } else {
+    EXPECT_EQ(0, InChild([this] { return CallLibrary(reminder_); }));
+    WaitForEverybody();
+    EXPECT_EQ(0, Tool({"stop", kShare}).status);
+  }
+  ExpectRight();
+}
+
+// ---- The roads ----------------------------------------------------------------------------------
+
+TEST_F(KillAnywhere, Caller) { KillAlong(LibraryRoad(Role::kCaller), 0.15); }
+
+TEST_F(KillAnywhere, CallerOnAFreshMachine) {
+  Road road = LibraryRoad(Role::kCaller);
+  road.prepare = [] {
+    for (const char* root : {kRunDir, kLockDir, kPersistentDir}) fs::remove_all(root);
+  };
+  KillAlong(road, 0.1);
+  HaveResults();
+}
+
+TEST_F(KillAnywhere, Calculator) { KillAlong(LibraryRoad(Role::kCalculator), 0.25); }
+
+TEST_F(KillAnywhere, EngineFront) { KillAlong(LibraryRoad(Role::kFront), 0.06); }
+
+TEST_F(KillAnywhere, EngineWorker) { KillAlong(LibraryRoad(Role::kWorker), 0.06); }
+
+TEST_F(KillAnywhere, ToolRun) {
+  KillAlong({Role::kCaller, ToolBody({"run", kShare, "--quiet"})}, 0.1);
+}
+
+TEST_F(KillAnywhere, ToolStart) { KillAlong({Role::kCaller, ToolBody({"start", kShare})}, 0.08); }
+
+TEST_F(KillAnywhere, ToolStop) {
+  Road road = {Role::kCaller, [] {
+                 const int started = InChild(ToolBody({"start", kShare}));
+                 return started == 0 ? ToolBody({"stop", kShare})() : started;
+               }};
+  road.holdWorker = true;
+  KillAlong(road, 0.08);
+}
+
+TEST_F(KillAnywhere, ToolClean) {
+  Road road = {Role::kCaller, ToolBody({"clean", kShare})};
+  // A share with everything: results of one calculation, and the records of one that failed.
+  road.prepare = [] {
+    MustTool({"run", kShare, "--quiet"});
+    fs::rename(kEngine, "/sbin/engine");
+    WriteScript(kEngine,
+                "[ \"$3\" = --version ] && echo zorv btrfs engine && exit\n"
+                "echo exclusive sizes unavailable\n");
+    (void)Tool({"run", kShare, "--quiet"});
+    fs::rename("/sbin/engine", kEngine);
+  };
+  KillAlong(road, 0.08);
+}
+
+}  // namespace
+}  // namespace ZorvTest
