@@ -1,8 +1,6 @@
 // The engine on real file systems that change all the time beside it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -58,20 +56,6 @@ class BusySlowRun : public testing::Test {
 
   BtrfsVolume volume_{kMount, Options(320, {"-n", "4096", "-m", "single"})};
   std::vector<std::string> asked_;
-};
-
-// Freezes a file system: nothing is written until the object goes.
-class Freeze {
- public:
-  explicit Freeze(const std::string& path) : fd_(Open(path, O_RDONLY | O_DIRECTORY)) {
-    if (ioctl(fd_.Get(), FIFREEZE, 0) != 0) throw std::runtime_error("cannot freeze " + path);
-  }
-  ~Freeze() { (void)ioctl(fd_.Get(), FITHAW, 0); }
-  Freeze(const Freeze&) = delete;
-  Freeze& operator=(const Freeze&) = delete;
-
- private:
-  UniqueFd fd_;
 };
 
 // What people and programs do to a file system, each in processes of its own, until it goes.

@@ -2,6 +2,8 @@
 #ifndef TESTS_ENGINE_BUSY_VOLUME_H_
 #define TESTS_ENGINE_BUSY_VOLUME_H_
 
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -77,6 +79,20 @@ class Activity {
 
   Shared* shared_;
   pid_t pid_;
+};
+
+// Freezes a file system: nothing is written until the object goes.
+class Freeze {
+ public:
+  explicit Freeze(const std::string& path) : fd_(Open(path, O_RDONLY | O_DIRECTORY)) {
+    if (ioctl(fd_.Get(), FIFREEZE, 0) != 0) throw std::runtime_error("cannot freeze " + path);
+  }
+  ~Freeze() { (void)ioctl(fd_.Get(), FITHAW, 0); }
+  Freeze(const Freeze&) = delete;
+  Freeze& operator=(const Freeze&) = delete;
+
+ private:
+  UniqueFd fd_;
 };
 
 // What the kernel says in sysfs of the file system at kMount.
