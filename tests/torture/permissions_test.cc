@@ -1,0 +1,414 @@
+// Through the program nothing outside the library's directories is written, removed or signalled,
+// whatever is planted in them, whatever their records say, and whoever runs it.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+
+#include "tests/cli/cli_world.h"
+#include "tests/cli/stranger.h"
+#include "tests/support/torture.h"
+#include "tests/support/user_rights.h"
+#include "tests/torture/listing.h"
+
+using namespace ZorvTest;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kRun[] = "/run/zorvbtrfssnapusage";
+constexpr char kLock[] = "/run/lock/zorvbtrfssnapusage";
+constexpr char kPersistent[] = "/usr/local/zorvbtrfssnapusage";
+const std::vector<std::string> kRoots = {kRun, kLock, kPersistent};
+
+constexpr char kLaunchLock[] = "/run/zorv-snapusage.lock";
+
+// What must not be touched: a directory with a file and a directory in it.
+constexpr char kTreasure[] = "/opt/treasure";
+constexpr char kTreasureFile[] = "/opt/treasure/file";
+
+constexpr char kTask[] = "8b0f0c36-8a3f-4a57-9f6f-1f7e5d0c1a55";
+
+constexpr uid_t kSomebody = 4711;
+
+// Steps that a test takes, however long they take.
+constexpr size_t kFewest = 200;
+
+// The end of timeout(1) for a program that did not end by itself; and of one that did, by itself.
+constexpr int kHung = 124;
+constexpr int kLastOwnStatus = 16;
+
+// A way to spoil a place.
+struct Spoiling {
+  const char* name;
+  bool replaces;  // what stands there goes aside first
+  void (*spoil)(const std::string& path);
+};
+
+void MakeSocket(const std::string& path) {
+  const UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  // Its address has 107 bytes at most, however long the name of its directory is.
+  const UniqueFd directory(
+      open(fs::path(path).parent_path().c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  const std::string near =
+      "/proc/self/fd/" + std::to_string(directory.Get()) + "/" + fs::path(path).filename().string();
+  near.copy(address.sun_path, sizeof address.sun_path - 1);
+  (void)bind(fd.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address);
+}
+
+const std::vector<Spoiling> kForFiles = {
+    {"link to a file", true, [](const std::string& p) { fs::create_symlink(kTreasureFile, p); }},
+    {"link to a directory", true, [](const std::string& p) { fs::create_symlink(kTreasure, p); }},
+    {"link to a place for a new file", true,
+     [](const std::string& p) { fs::create_symlink("/opt/treasure/new", p); }},
+    {"named pipe", true, [](const std::string& p) { (void)mkfifo(p.c_str(), 0600); }},
+    {"directory", true, [](const std::string& p) { fs::create_directory(p); }},
+    {"device", true,
+     [](const std::string& p) { (void)mknod(p.c_str(), S_IFCHR | 0600, makedev(1, 5)); }},
+    {"socket", true, MakeSocket},
+    {"second name of a file", true,
+     [](const std::string& p) {
+       WriteFile(p, "{}");
+       fs::create_hard_link(p, p + "-second");
+     }},
+    {"file of somebody else", true,
+     [](const std::string& p) {
+       WriteFile(p, "{}");
+       (void)!chown(p.c_str(), kSomebody, 0);
+     }},
+    {"file that all can write", true,
+     [](const std::string& p) {
+       WriteFile(p, "{}");
+       (void)chmod(p.c_str(), 0666);
+     }},
+};
+
+const std::vector<Spoiling> kForDirectories = {
+    {"link to a directory", true, [](const std::string& p) { fs::create_symlink(kTreasure, p); }},
+    {"link to nothing", true,
+     [](const std::string& p) { fs::create_symlink("/opt/treasure/new", p); }},
+    {"file", true, [](const std::string& p) { WriteFile(p, "{}"); }},
+    {"named pipe", true, [](const std::string& p) { (void)mkfifo(p.c_str(), 0600); }},
+    {"directory of somebody else", false,
+     [](const std::string& p) { (void)!chown(p.c_str(), kSomebody, 0); }},
+    {"directory that all can write", false,
+     [](const std::string& p) { (void)chmod(p.c_str(), 01777); }},
+};
+
+const std::vector<std::string> kFiles = {
+    kMap,
+    "/usr/local/zorvbtrfssnapusage/reminder_record",
+    "/run/lock/zorvbtrfssnapusage/share_snap_cal_map.lock",
+    "/run/lock/zorvbtrfssnapusage/reminder_record.lock",
+    kStatusOfPhotos,
+    "/run/lock/zorvbtrfssnapusage/share_task_status/photos",
+    "/run/lock/zorvbtrfssnapusage/share_task/photos.lock",
+    std::string(kResultsOfPhotos) + "/" + kTask + ".result",
+    std::string(kResultsOfPhotos) + "/" + kTask + ".subvol_id",
+    std::string("/run/zorvbtrfssnapusage/task_status/") + kTask,
+    std::string("/run/lock/zorvbtrfssnapusage/task_status/") + kTask + ".lock",
+    std::string("/run/zorvbtrfssnapusage/task_result/") + kTask + ".result",
+    std::string("/run/lock/zorvbtrfssnapusage/snap_cal_result/") + kTask + ".subvol_id",
+    kLaunchLock};
+
+const std::vector<std::string> kDirectories = {kRun,
+                                               kLock,
+                                               kPersistent,
+                                               "/run/zorvbtrfssnapusage/task_status",
+                                               "/run/zorvbtrfssnapusage/task_result",
+                                               "/run/lock/zorvbtrfssnapusage/task_status",
+                                               "/run/lock/zorvbtrfssnapusage/snap_cal_result",
+                                               "/run/lock/zorvbtrfssnapusage/share_task",
+                                               "/run/lock/zorvbtrfssnapusage/share_task_status",
+                                               "/usr/local/zorvbtrfssnapusage/share_task_status",
+                                               "/usr/local/zorvbtrfssnapusage/share_task_result",
+                                               kResultsOfPhotos};
+
+struct Command {
+  const char* name;
+  std::vector<std::string> words;
+};
+
+const std::vector<Command> kCommands = {
+    {"run", {"run", "photos"}},   {"start", {"start", "photos"}}, {"status", {"status", "photos"}},
+    {"show", {"show", "photos"}}, {"stop", {"stop", "photos"}},   {"clean", {"clean", "photos"}},
+    {"clean all", {"clean"}}};
+
+// Who runs the program, and what it says to that when nothing else comes first.
+struct User {
+  const char* name;
+  void (*become)();
+  int refusal;
+};
+
+const std::vector<User> kUsers = {
+    {"root", [] {}, 16},
+    {"an ordinary user", [] { BecomeUser(kSomebody); }, 3},
+    {"root of a user namespace", [] { BecomeRootOfUserNamespace(kSomebody); }, 16}};
+
+// A place and a way to spoil it.
+struct Planting {
+  std::string place;
+  const Spoiling* spoiling;
+};
+
+std::vector<Planting> AllPlantings() {
+  std::vector<Planting> plantings;
+  for (const std::string& place : kFiles)
+    for (const Spoiling& spoiling : kForFiles) plantings.push_back({place, &spoiling});
+  for (const std::string& place : kDirectories)
+    for (const Spoiling& spoiling : kForDirectories) plantings.push_back({place, &spoiling});
+  return plantings;
+}
+
+// Puts what is planted into its place for one scope.
+class Planted {
+ public:
+  explicit Planted(const Planting& planting) : planting_(planting), aside_(planting.place + "-") {
+    struct stat status;
+    was_ = lstat(planting.place.c_str(), &status) == 0;
+    mode_ = status.st_mode & 07777;
+    if (was_ && planting.spoiling->replaces) fs::rename(planting.place, aside_);
+    planting.spoiling->spoil(planting.place);
+  }
+  ~Planted() {
+    fs::remove(planting_.place + "-second");
+    if (!planting_.spoiling->replaces) {
+      (void)!chown(planting_.place.c_str(), 0, 0);
+      (void)chmod(planting_.place.c_str(), mode_);
+      return;
+    }
+    fs::remove_all(planting_.place);
+    if (was_) fs::rename(aside_, planting_.place);
+  }
+  Planted(const Planted&) = delete;
+  Planted& operator=(const Planted&) = delete;
+
+ private:
+  const Planting& planting_;
+  const std::string aside_;
+  bool was_ = false;
+  mode_t mode_ = 0;
+};
+
+class Permissions : public CliWorld {
+ protected:
+  // Everybody can reach the program, and nobody else changes what is looked at.
+  static void SetUpTestSuite() {
+    for (const char* directory : {"/opt/bin", "/opt/lib"}) fs::create_directories(directory);
+    MustRun({"cp", ZORV_CLI_PATH, "/opt/bin/"});
+    MustRun({"sh", "-c", "cp -a " ZORV_BINARY_DIR "/lib/*.so* /opt/lib/"});
+    MustRun({"cp", "-a", "/etc", "/opt/etc"});
+    if (mount("/opt/etc", "/etc", nullptr, MS_BIND, nullptr) != 0)
+      throw std::runtime_error("no /etc of its own");
+  }
+
+  Permissions() {
+    fs::remove_all(kTreasure);
+    WriteFile(kTreasureFile, "not to be touched");
+    WriteFile("/opt/treasure/deep/file", "not to be touched");
+  }
+
+  // What is looked at after each step: where the paths lead, and the directories above the roots.
+  static Listing Near() { return List({kTreasure, "/run"}, kRoots); }
+
+  // What is looked at in the end, without the directories that the test itself plants in.
+  static Listing Far() {
+    Listing listing = List({"/opt", "/etc", "/usr/local"}, kRoots);
+    listing.erase("/usr/local");
+    return listing;
+  }
+
+  static Listing Inside() {
+    std::vector<std::string> trees = kRoots;
+    trees.push_back(kLaunchLock);
+    return List(trees);
+  }
+
+  // The program in the hands of a user, for a minute at most.
+  static CommandResult ToolOf(const User& user, mode_t mask,
+                              const std::vector<std::string>& words) {
+    std::vector<std::string> argv = {"timeout", "-s", "KILL", "60", "/opt/bin/zorv-snapusage"};
+    argv.insert(argv.end(), words.begin(), words.end());
+    CommandResult result = ZorvTest::Run(argv, [&] {
+      umask(mask);
+      user.become();
+    });
+    if (result.status == 128 + SIGKILL) result.status = kHung;
+    return result;
+  }
+};
+
+// Records of a calculation that has failed, with the results of the one before.
+void WriteRecords() {
+  for (const std::string& root : kRoots) fs::remove_all(root);
+  for (const std::string& directory : kDirectories) {
+    fs::create_directories(directory);
+    fs::permissions(directory, fs::perms(0700));
+  }
+  const std::string vector("\1\0\0\0\0\0\0\0\7\0\0\0\0\0\0\0", 16);
+  for (const std::string& file : kFiles) {
+    const std::string extension = fs::path(file).extension();
+    const bool isVector = extension == ".result" || extension == ".subvol_id";
+    WriteFile(file, isVector ? vector : "");
+  }
+  WriteFile(kMap, std::string(R"({"photos":{"task_id":")") + kTask + R"(","time":1}})");
+  for (const std::string& status :
+       {std::string(kStatusOfPhotos), std::string("/run/zorvbtrfssnapusage/task_status/") + kTask})
+    WriteFile(status, R"({"status":"fail","error_code":"1"})");
+}
+
+// Every kind at every place, for every command, umask and user. The lock of launches, which the
+// others do not take, is looked at by run and start alone.
+TEST_F(Permissions, WhateverIsPlanted) {
+  const Budget budget(0.6);
+  const std::vector<Planting> plantings = AllPlantings();
+  const mode_t masks[] = {0, 022, 077};
+  WriteRecords();
+  ASSERT_EQ(0, ToolOf(kUsers[0], 022, {"show", "photos"}).status) << "nothing is planted yet";
+  const Listing far = Far();
+  const size_t all = plantings.size() * kCommands.size() * std::size(masks) * kUsers.size();
+  size_t tried = 0, refused = 0, hung = 0, touched = 0;
+  for (const size_t step : SpreadOrder(all)) {
+    if ((tried >= kFewest && !budget.IsLeft()) || HasFailure()) break;
+    size_t rest = step;
+    const auto choose = [&rest](size_t count) {
+      const size_t choice = rest % count;
+      rest /= count;
+      return choice;
+    };
+    const User& user = kUsers[choose(kUsers.size())];
+    const mode_t mask = masks[choose(std::size(masks))];
+    const Command& command = kCommands[choose(kCommands.size())];
+    const Planting& planting = plantings[choose(plantings.size())];
+    const bool launches = command.words[0] == "run" || command.words[0] == "start";
+    if (planting.place == kLaunchLock && !launches) continue;
+    SCOPED_TRACE("step " + std::to_string(step) + ": " + planting.place + " is a " +
+                 planting.spoiling->name + "; " + command.name + " by " + user.name);
+    const Planted planted(planting);
+    const Listing inside = Inside();
+    const Listing outside = Near();
+    const CommandResult result = ToolOf(user, mask, command.words);
+    ++tried;
+    refused += result.status == user.refusal;
+    hung += result.status == kHung;
+    EXPECT_EQ(user.refusal, result.status) << result.out << result.err;
+    EXPECT_THAT(result.err, HasSubstr("; ")) << "what to do next";
+    const std::string change = Difference(inside, Inside()) + Difference(outside, Near());
+    touched += !change.empty();
+    EXPECT_EQ("", change);
+  }
+  EXPECT_EQ("", Difference(far, Far()));
+  Figure("combinations", tried);
+  Figure("of combinations", all);
+  Figure("refused", refused);
+  Figure("outside or inside touched", touched);
+  Figure("hung", hung);
+}
+
+// Names, tasks, states and processes in the records, each innocent or not, and every command.
+TEST_F(Permissions, WhateverTheRecordsSay) {
+  const Budget budget(0.4);
+  Stranger victim({.stopBlocked = false});
+  Stranger lookalike({.library = false});
+  Stranger users({.root = false, .stopBlocked = false});
+  const std::vector<std::string> names = {"photos",
+                                          "../../../../opt/treasure",
+                                          "../../../../opt/treasure/deep",
+                                          "..",
+                                          ".",
+                                          "",
+                                          "photos/..",
+                                          "a\nb",
+                                          "--help",
+                                          std::string(255, 'x')};
+  const std::vector<std::string> tasks = {kTask,
+                                          "",
+                                          ".",
+                                          "..",
+                                          "8",
+                                          "8b0f0c36",
+                                          "../../../opt/treasure/file",
+                                          "../../../../opt/treasure/file",
+                                          std::string(kTask) + "\n",
+                                          std::string(kTask) + "/../../../../opt/treasure/file"};
+  std::vector<std::string> pids = {
+      "", "0", "1", "-1", "-5", "12x", "x", "99999999999", "2147483648", std::to_string(getpid())};
+  for (const Stranger* stranger : {&victim, &lookalike, &users})
+    for (const char* form : {"%lld", " %lld", "-%lld", "0%lld", "%lld "}) {
+      char text[64];
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+      (void)snprintf(text, sizeof text, form, static_cast<long long>(stranger->Pid()));
+#pragma GCC diagnostic pop
+      pids.push_back(text);
+    }
+  pids.push_back(std::to_string((1LL << 32) + victim.Pid()));
+  const std::vector<std::string> states = {"process", "ready", "done", "fail", "stop", "", "?"};
+  const std::vector<std::string> commands = {"run", "status", "show", "stop", "clean", "clean all"};
+  const Listing far = Far();
+  const size_t all = names.size() * tasks.size() * pids.size() * states.size() * commands.size();
+  size_t tried = 0, hung = 0, crashed = 0, touched = 0, signalled = 0;
+  for (const size_t step : SpreadOrder(all)) {
+    if ((tried >= kFewest && !budget.IsLeft()) || HasFailure()) break;
+    size_t rest = step;
+    const auto choose = [&rest](const std::vector<std::string>& texts) {
+      const std::string& text = texts[rest % texts.size()];
+      rest /= texts.size();
+      return text;
+    };
+    const std::string command = choose(commands);
+    const std::string state = choose(states);
+    const std::string task = choose(tasks);
+    const std::string name = choose(names);
+    const std::string pid = choose(pids);
+    SCOPED_TRACE("step " + std::to_string(step) + ": " + command + " of share '" + name +
+                 "' with task '" + task + "' in state '" + state + "' of process '" + pid + "'");
+    WriteRecords();
+    Json::Value map, status;
+    map[name]["task_id"] = task;
+    map[name]["time"] =
+        static_cast<Json::Int64>(time(nullptr) - static_cast<time_t>(step % 2) * 600);
+    status["status"] = state;
+    status["pid"] = pid;
+    status["start_time"] = "2024.03.01-09.04.09";
+    WriteFile(kMap, Json::writeString(Json::StreamWriterBuilder(), map));
+    for (const std::string& file : {std::string(kStatusOfPhotos),
+                                    std::string("/run/zorvbtrfssnapusage/task_status/") + kTask})
+      WriteFile(file, Json::writeString(Json::StreamWriterBuilder(), status));
+    const Listing outside = Near();
+    std::vector<std::string> words = {command, "--", name};
+    if (command == "clean all") words = {"clean"};
+    const CommandResult result = ToolOf(kUsers[0], 022, words);
+    ++tried;
+    hung += result.status == kHung;
+    crashed += result.status > kLastOwnStatus && result.status != kHung;
+    EXPECT_GE(kLastOwnStatus, result.status) << result.out << result.err;
+    const std::string change = Difference(outside, Near());
+    touched += !change.empty();
+    EXPECT_EQ("", change);
+    for (Stranger* stranger : {&victim, &lookalike, &users}) {
+      signalled += stranger->WasSignalled();
+      EXPECT_FALSE(stranger->WasSignalled()) << stranger->Pid();
+    }
+  }
+  EXPECT_EQ("", Difference(far, Far()));
+  WriteRecords();  // nothing runs by them
+  Figure("records", tried);
+  Figure("of records", all);
+  Figure("outside touched", touched);
+  Figure("signalled", signalled);
+  Figure("hung", hung);
+  Figure("crashed", crashed);
+}
+
+}  // namespace
