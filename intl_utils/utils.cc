@@ -23,6 +23,7 @@
 #include <sstream>
 #include <string_view>
 
+#include "base/durable.h"
 #include "base/ensure_dirs.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -31,6 +32,7 @@
 #include "base/unique_fd.h"
 #include "base/utf8.h"
 #include "intl_utils/json_shape.h"
+#include "intl_utils/json_store.h"
 #include "intl_utils/scoped_file_lock.h"
 
 namespace ZorvBtrfsUsage {
@@ -234,14 +236,27 @@ void TakeOver(const char* name, const struct stat& target) {
   if (chmod(name, 0644) != 0) ZLOG(LOG_DEBUG, "Failed to chmod, path(%s), errno(%d)", name, errno);
 }
 
-bool ReplaceByJson(const Json::Value& value, const std::string& path) {
+// What the disk refuses fails before the rename, so that the old content is still there; after it
+// readers see the new one, and there is nothing to take back: the result is that of the rename.
+bool ReplaceByJson(const Json::Value& value, const std::string& path, Durability durability) {
+  const bool persistent = IsPersistent(path);
   const TempFile temp(path);
   if (!temp.Made()) return false;
   struct stat target;
   const bool replaces = stat(path.c_str(), &target) == 0;
   if (!WriteJson(value, temp.Name())) return false;
   if (replaces) TakeOver(temp.Name(), target);
-  return rename(temp.Name(), path.c_str()) == 0;
+  if (persistent && !BringToDisk(temp.Name(), durability)) return false;
+  if (rename(temp.Name(), path.c_str()) != 0) return false;
+  if (persistent && durability == Durability::kSynced) (void)SyncDirectoryOf(path);
+  return true;
+}
+
+// JsonToFile with a say on what a power cut may do.
+bool WriteFileByJson(const Json::Value& value, const std::string& path, Durability durability) try {
+  return !path.empty() && ReplaceByJson(value, path, durability);
+} catch (const std::exception&) {  // no memory
+  return false;
 }
 
 // Json::Reader throws on nesting that is too deep, the stream on a directory, both on no memory.
@@ -256,10 +271,8 @@ bool ParseJson(std::ifstream& in, Json::Value& value) {
 
 }  // namespace
 
-bool Utils::JsonToFile(const Json::Value& value, const std::string& path) try {
-  return !path.empty() && ReplaceByJson(value, path);
-} catch (const std::exception&) {  // no memory
-  return false;
+bool Utils::JsonToFile(const Json::Value& value, const std::string& path) {
+  return WriteFileByJson(value, path, Durability::kSynced);
 }
 
 bool Utils::JsonFromFile(Json::Value& value, const std::string& path) try {
@@ -281,9 +294,15 @@ bool Utils::JsonFromFile(Json::Value& value, const std::string& path) try {
   return false;
 }
 
+bool StoreJson(const std::string& path, const Json::Value& value, Durability durability) {
+  if (WriteFileByJson(value, path, durability)) return true;
+  ZLOG(LOG_DEBUG, "Failed to write Json data to file, path: %s", path.c_str());
+  return false;
+}
+
 bool Utils::SetJsonAttrByPath(const char* path, const Json::Value& value) try {
-  if (path != nullptr && JsonToFile(value, path)) return true;
-  ZLOG(LOG_DEBUG, "Failed to write Json data to file, path: %s", path != nullptr ? path : "(null)");
+  if (path != nullptr) return StoreJson(path, value, Durability::kSynced);
+  ZLOG(LOG_DEBUG, "Failed to write Json data to file, path: %s", "(null)");
   return false;
 } catch (const std::exception&) {  // no memory
   return false;

@@ -9,6 +9,7 @@
 #include <exception>
 #include <utility>
 
+#include "base/durable.h"
 #include "base/ensure_dirs.h"
 #include "base/log.h"
 #include "base/paths.h"
@@ -58,7 +59,11 @@ bool ShareTaskStatus::CleanShareStatus(const std::string& name) try {
     return false;
   }
   for (const std::string& path : {ShareStatusPath(name), ShareStatusLock(name)}) {
-    if (unlink(path.c_str()) == 0 || errno == ENOENT) continue;
+    if (unlink(path.c_str()) == 0) {
+      if (IsPersistent(path)) (void)SyncDirectoryOf(path);  // or a power cut brings it back
+      continue;
+    }
+    if (errno == ENOENT) continue;
     ZLOG(LOG_ERR, "Failed to unlink file (%s) err:(%s) ", path.c_str(), strerror(errno));
   }
   return true;

@@ -15,6 +15,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "intl_utils/json_shape.h"
+#include "intl_utils/json_store.h"
 #include "zorvbtrfssnapusage/utils.h"
 
 // The first priority that programs may use: the tables stand before the initialisers of the
@@ -83,13 +84,24 @@ class TaskFileLock {
   TaskStatus& status_;
 };
 
-// Copies the members of the vocabulary, the values as they are.
-void CopyKnownMembers(const Json::Value& source, Json::Value& target) {
+// How far a calculation is: each line of the command tells it anew, and after a power cut, which no
+// calculation survives, nobody asks. All else is state.
+bool IsProgress(int attr) {
+  return attr == TASKSTATUS_ATTR_PROCESSED_IN_BYTES || attr == TASKSTATUS_ATTR_ESTIMATED_IN_BYTES;
+}
+
+// Copies the members of the vocabulary, the values as they are. Returns what the change is worth.
+Durability CopyKnownMembers(const Json::Value& source, Json::Value& target) {
+  Durability worth = Durability::kOrdered;
   for (int attr = TASKSTATUS_ATTR_STATUS; attr <= TASKSTATUS_ATTR_RANGE_END; ++attr) {
     const std::string& key = TextOf(_task_status_attr_str, static_cast<TASKSTATUS_ATTR>(attr));
     const Json::Value* value = JsonMember(source, key);
-    if (value != nullptr) target[key] = *value;
+    if (value == nullptr) continue;
+    const Json::Value* old = JsonMember(target, key);
+    if (!IsProgress(attr) && (old == nullptr || *old != *value)) worth = Durability::kSynced;
+    target[key] = *value;
   }
+  return worth;
 }
 
 }  // namespace
@@ -221,7 +233,8 @@ int TaskStatus::SetStatusAttr(const TASKSTATUS_ATTR& attr, const std::string& va
     return RESULT_FAILURE;
   }
   document[key] = value;
-  return Utils::SetJsonAttrByPath(statusFilePath.c_str(), document) ? RESULT_OK : RESULT_FAILURE;
+  const Durability worth = IsProgress(attr) ? Durability::kOrdered : Durability::kSynced;
+  return StoreJson(statusFilePath, document, worth) ? RESULT_OK : RESULT_FAILURE;
 } catch (const std::exception&) {
   return RESULT_FAILURE;
 }
@@ -344,9 +357,10 @@ bool TaskStatus::Import(TaskStatus& other) try {
 
   Json::Value target = Utils::GetJsonAttrByPath(statusFilePath.c_str());
   if (target.isNull()) target = Json::Value(Json::objectValue);  // a status file is an object
-  const bool isObject = target.isObject();
-  if (isObject) CopyKnownMembers(source, target);
-  if (isObject && Utils::SetJsonAttrByPath(statusFilePath.c_str(), target)) return true;
+  if (target.isObject()) {
+    const Durability worth = CopyKnownMembers(source, target);
+    if (StoreJson(statusFilePath, target, worth)) return true;
+  }
   ZLOG_TASK(LOG_ERR, taskID, "Failed to write task attr. to file [%s][0x%04X %s:%d]",
             statusFilePath.c_str(), PLAT_ERR);
   return false;

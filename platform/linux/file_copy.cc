@@ -51,10 +51,19 @@ class TempFile {
   bool TakePlace() {
     if (rename(path_.c_str(), destination_.c_str()) != 0) return false;
     fd_.Reset();
+    SyncDirectory();
     return true;
   }
 
  private:
+  // So that a power cut does not take the copy away. The copy is there for every reader by now;
+  // that a file system cannot be asked for it is no failure of the copy.
+  void SyncDirectory() const {
+    const char* const name = directory_.empty() ? "." : directory_.c_str();
+    const UniqueFd fd(open(name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.Valid()) (void)fsync(fd.Get());
+  }
+
   const std::string destination_;
   const std::string directory_;  // with its slash; "" is the working directory
   std::string path_;

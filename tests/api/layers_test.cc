@@ -31,7 +31,7 @@ std::vector<std::string> With(std::vector<std::string> base,
 
 const std::vector<std::string> kLow =
     With(kPublic, {"base/", "intl_utils/scoped_file_lock.h", "intl_utils/json_shape.h",
-                   "intl_utils/plain_json.h"});
+                   "intl_utils/json_store.h", "intl_utils/plain_json.h"});
 
 const Row kRows[] = {
     {"platform/include/", {"zorvplatform/"}},
@@ -41,6 +41,7 @@ const Row kRows[] = {
     {"intl_utils/utils.cc", kLow},
     {"intl_utils/scoped_file_lock.h", kLow},
     {"intl_utils/json_shape.h", kLow},
+    {"intl_utils/json_store.h", kLow},
     {"intl_utils/plain_json", kLow},
     {"utils/task_status.cc", kLow},
     {"utils/share_task_status.cc", kLow},

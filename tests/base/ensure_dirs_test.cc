@@ -10,6 +10,7 @@
 #include "base/scoped_umask.h"
 #include "tests/support/command.h"
 #include "tests/support/platform_hook.h"
+#include "tests/support/sync_calls.h"
 #include "tests/support/syslog_capture.h"
 
 using namespace ZorvBtrfsUsage;
@@ -75,4 +76,15 @@ TEST_F(EnsureDirsTest, StopsAtTheFirstFailure) {
   EXPECT_FALSE(EnsureDirs(kSite, {std::string(kDir) + "/missing/below", kDir}));
   EXPECT_FALSE(std::filesystem::exists(kDir));
   EXPECT_EQ(1u, log.Lines().size());
+}
+
+// A power cut must not take a directory away with what has been synced in it.
+TEST_F(EnsureDirsTest, NewPersistentOnesAreSyncedAndNoOthers) {
+  const std::string root = "/usr/local/zorvbtrfssnapusage";
+  std::filesystem::remove_all(root);
+  SyncCalls calls;
+  EXPECT_TRUE(EnsureDirs(kSite, {kDir, root, root + "/below"}));
+  EXPECT_EQ((std::vector<std::string>{"sync /usr/local", "sync " + root}), calls.Events());
+  EXPECT_TRUE(EnsureDirs(kSite, {kDir, root, root + "/below"}));
+  EXPECT_EQ(std::vector<std::string>{}, calls.Events());
 }

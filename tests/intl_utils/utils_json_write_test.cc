@@ -18,6 +18,7 @@
 #include "tests/intl_utils/utils_fixture.h"
 #include "tests/support/platform_hook.h"
 #include "tests/support/scarce_memory.h"
+#include "tests/support/sync_calls.h"
 #include "zorvbtrfssnapusage/utils.h"
 
 using namespace std::string_literals;
@@ -73,6 +74,19 @@ class UtilsJsonToFile : public UtilsTest {
 };
 
 class UtilsSetJsonAttrByPath : public UtilsJsonToFile {};
+
+// The map, as an example of a file that outlives a power cut; there already.
+class UtilsPersistentJson : public UtilsJsonToFile {
+ protected:
+  void SetUp() override {
+    UtilsJsonToFile::SetUp();
+    WriteFile(map, "{}");
+  }
+
+  const std::string directory = "/usr/local/zorvbtrfssnapusage";
+  const std::string map = directory + "/share_snap_cal_map";
+  const std::string temporary = map + ".XXXXXX";
+};
 
 }  // namespace
 
@@ -428,4 +442,47 @@ TEST_F(UtilsSetJsonAttrByPath, EmptyPathFails) {
 TEST_F(UtilsSetJsonAttrByPath, NullPathFails) {
   EXPECT_FALSE(Utils::SetJsonAttrByPath(nullptr, "x"));
   EXPECT_EQ(1, Logged(LOG_DEBUG, "Failed to write Json data to file, path: (null)")) << log.Dump();
+}
+
+TEST_F(UtilsPersistentJson, FileIsSyncedBeforeItTakesThePlaceAndItsDirectoryAfter) {
+  SyncCalls calls;
+  EXPECT_TRUE(Utils::JsonToFile(1, map));
+  const std::vector<std::string> order = {"sync " + temporary, "rename to " + map,
+                                          "sync " + directory};
+  EXPECT_EQ(order, calls.Events());
+  EXPECT_TRUE(Utils::SetJsonAttrByPath(map.c_str(), 2));
+  EXPECT_EQ(order, calls.Events());
+}
+
+TEST_F(UtilsPersistentJson, OthersAreNotSynced) {
+  SyncCalls calls;
+  EXPECT_TRUE(Utils::JsonToFile(1, path));
+  EXPECT_EQ(std::vector<std::string>{"rename to " + path}, calls.Events());
+}
+
+TEST_F(UtilsPersistentJson, RefusedSyncOfTheFileKeepsTheOldContent) {
+  SyncCalls calls;
+  calls.Fail(temporary, EIO);
+  EXPECT_FALSE(Utils::JsonToFile(1, map));
+  EXPECT_FALSE(Utils::SetJsonAttrByPath(map.c_str(), 1));
+  EXPECT_EQ("{}", ReadFile(map));
+  EXPECT_EQ(1, std::distance(std::filesystem::directory_iterator(directory), {}));
+  EXPECT_EQ(1, Logged(LOG_DEBUG, "Failed to write Json data to file, path: " + map));
+  EXPECT_EQ(1u, log.Lines().size()) << log.Dump();
+}
+
+// The new content is what every reader sees by then.
+TEST_F(UtilsPersistentJson, RefusedSyncOfTheDirectoryIsStillAWrite) {
+  SyncCalls calls;
+  calls.Fail(directory, EIO);
+  EXPECT_TRUE(Utils::JsonToFile(1, map));
+  EXPECT_EQ("1", ReadFile(map));
+  EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+}
+
+TEST_F(UtilsPersistentJson, TemporaryFileThatCannotBeOpenedForItsSyncFails) {
+  ChmodHook hook("chmod");
+  hook.Replace([&](const char* name, mode_t) { return unlink(name); });
+  EXPECT_FALSE(Utils::JsonToFile(1, map));
+  EXPECT_EQ("{}", ReadFile(map));
 }

@@ -1,5 +1,4 @@
 // The file copy.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -16,26 +15,9 @@
 #include "tests/platform/process_state.h"
 #include "tests/support/command.h"
 #include "tests/support/platform_hook.h"
+#include "tests/support/sync_calls.h"
 
 using namespace ZorvTest;
-
-namespace {
-
-int gSyncs = 0;
-int gSyncError = 0;
-
-}  // namespace
-
-// Stands before the C library's function.
-extern "C" int fsync(int fd) {
-  ++gSyncs;
-  if (gSyncError != 0) {
-    errno = gSyncError;
-    return -1;
-  }
-  static auto* const real = reinterpret_cast<int (*)(int)>(dlsym(RTLD_NEXT, "fsync"));
-  return real(fd);
-}
 
 namespace {
 
@@ -48,7 +30,6 @@ class ZORVFileCopy : public testing::Test {
     std::filesystem::create_directories("/tmp/copy/out");
     WriteFile(kFrom, "new");
     umask(0022);
-    gSyncs = gSyncError = 0;
   }
   ~ZORVFileCopy() override { std::filesystem::remove_all("/tmp/copy"); }
 
@@ -229,22 +210,31 @@ TEST_F(ZORVFileCopy, AFailedRenameKeepsTheOldFile) {
   EXPECT_EQ("old", ReadFile(kTo));
 }
 
-TEST_F(ZORVFileCopy, TheNewFileIsOnTheDiskBeforeItTakesThePlace) {
-  PlatformHook<int(const char*, const char*)> hook("rename");
-  int syncsBefore = -1;
-  hook.Replace([&](const char* from, const char* to) {
-    syncsBefore = gSyncs;
-    return hook.Real(from, to);
-  });
+TEST_F(ZORVFileCopy, TheNewFileIsOnTheDiskBeforeItTakesThePlaceAndItsDirectoryAfter) {
+  SyncCalls calls;
   EXPECT_EQ(0, Copy());
-  EXPECT_EQ(1, syncsBefore);
+  const std::vector<std::string> events = calls.Events();
+  ASSERT_EQ(3u, events.size());
+  EXPECT_EQ(0u, events[0].find("sync /tmp/copy/out/.zorvcopy."));
+  EXPECT_EQ("rename to " + kTo, events[1]);
+  EXPECT_EQ("sync /tmp/copy/out", events[2]);
 }
 
 TEST_F(ZORVFileCopy, AFailedSyncKeepsTheOldFile) {
   WriteFile(kTo, "old");
-  gSyncError = EIO;
+  PlatformHook<int(int)> hook("fsync");
+  hook.AlwaysFails(0, EIO);
   ExpectFailure(EIO);
   EXPECT_EQ("old", ReadFile(kTo));
+}
+
+// Every reader sees the new file by then.
+TEST_F(ZORVFileCopy, AFailedSyncOfTheDirectoryIsStillACopy) {
+  WriteFile(kTo, "old");
+  SyncCalls calls;
+  calls.Fail("/tmp/copy/out", EIO);
+  EXPECT_EQ(0, Copy());
+  EXPECT_EQ("new", ReadFile(kTo));
 }
 
 TEST_F(ZORVFileCopy, WhatAKilledCopyLeftIsNoObstacle) {

@@ -100,6 +100,8 @@ HOOKABLE(localtime_r)
 HOOKABLE(gmtime_r)
 HOOKABLE(mktime)
 HOOKABLE(statfs)
+HOOKABLE(fsync)
+HOOKABLE(sync_file_range)
 HOOKABLE(dirfd)
 
 // Variadic in C. Every command takes at most one argument more, which fits a pointer here.
@@ -193,6 +195,10 @@ struct tm* gmtime_r(const time_t* t, struct tm* out) noexcept {
 time_t mktime(struct tm* t) noexcept { return HOOK(mktime)(t); }
 int statfs(const char* path, struct statfs* out) noexcept { return HOOK(statfs)(path, out); }
 int dirfd(DIR* dir) noexcept { return HOOK(dirfd)(dir); }
+int fsync(int fd) { return HOOK(fsync)(fd); }
+int sync_file_range(int fd, off64_t offset, off64_t count, unsigned int flags) {
+  return HOOK(sync_file_range)(fd, offset, count, flags);
+}
 int fcntl(int fd, int command, ...) {
   va_list args;
   va_start(args, command);

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tests/support/platform_hook.h"
+#include "tests/support/sync_calls.h"
 #include "tests/utils/task_files.h"
 
 using namespace ZorvBtrfsUsage;
@@ -329,6 +330,77 @@ TEST_F(ShareTaskStatusFiles, ImportedStateOutlivesTheTask) {
   EXPECT_EQ(CAL_TASK_STATUS_PROCESS, state);
 }
 
+TEST_F(ShareTaskStatusFiles, ChangeOfStateIsSyncedAndProgressIsNot) {
+  const std::string directory = kPersistent + "/share_task_status";
+  const std::vector<std::string> synced = {"sync " + kFile + ".XXXXXX", "rename to " + kFile,
+                                           "sync " + directory};
+  const std::vector<std::string> writtenOut = {"write out " + kFile + ".XXXXXX",
+                                               "rename to " + kFile};
+  ShareTaskStatus share;
+  ASSERT_TRUE(share.Init("photos", true));
+  SyncCalls calls;
+  for (int attr = TASKSTATUS_ATTR_STATUS; attr <= TASKSTATUS_ATTR_RANGE_END; ++attr) {
+    SCOPED_TRACE(attr);
+    const bool progress =
+        attr == TASKSTATUS_ATTR_PROCESSED_IN_BYTES || attr == TASKSTATUS_ATTR_ESTIMATED_IN_BYTES;
+    EXPECT_EQ(0, share.SetStatusAttr(static_cast<TASKSTATUS_ATTR>(attr), "1"));
+    EXPECT_EQ(progress ? writtenOut : synced, calls.Events());
+  }
+}
+
+TEST_F(ShareTaskStatusFiles, ImportOfProgressAloneIsNotSynced) {
+  const std::string source = kRun + "/task_status/id";
+  const struct {
+    const char* name;
+    std::string text;
+    bool synced;
+  } kCases[] = {
+      {"first", R"({"pid":"12","processed_in_bytes":"1","status":"process"})", true},
+      {"same again", R"({"pid":"12","processed_in_bytes":"1","status":"process"})", false},
+      {"further", R"({"pid":"12","processed_in_bytes":"2","status":"process"})", false},
+      {"first estimate",
+       R"({"estimated_in_bytes":"7","pid":"12","processed_in_bytes":"2","status":"process"})",
+       false},
+      {"another process", R"({"pid":"13","processed_in_bytes":"2","status":"process"})", true},
+      {"end, and further", R"({"pid":"13","processed_in_bytes":"3","status":"done"})", true},
+      {"member that was not there", R"({"end_time":"1","pid":"13","status":"done"})", true},
+      {"only what is there already", R"({"status":"done"})", false},
+  };
+  ShareTaskStatus share;
+  ASSERT_TRUE(share.Init("photos", true));
+  TaskStatus task;
+  ASSERT_TRUE(task.Init("id", true));
+  SyncCalls calls;
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    WriteFile(source, c.text);
+    EXPECT_TRUE(share.Import(task));
+    const std::vector<std::string> events = calls.Events();
+    EXPECT_EQ(c.synced ? 3u : 2u, events.size());
+    EXPECT_EQ((c.synced ? "sync " : "write out ") + kFile + ".XXXXXX", events.at(0));
+  }
+}
+
+// What the disk refuses must not take the place of what it has.
+TEST_F(ShareTaskStatusFiles, ProgressThatTheDiskRefusesIsNotWritten) {
+  ShareTaskStatus share;
+  ASSERT_TRUE(share.Init("photos", true));
+  SyncCalls calls;
+  calls.Fail(kFile + ".XXXXXX", EIO);
+  EXPECT_EQ(1, share.SetStatusAttr(TASKSTATUS_ATTR_PROCESSED_IN_BYTES, "1"));
+  EXPECT_EQ("{\"status\":\"ready\"}", ReadFile(kFile));
+}
+
+TEST_F(ShareTaskStatusFiles, StatusOfATaskIsNeverSynced) {
+  SyncCalls calls;
+  TaskStatus task;
+  ASSERT_TRUE(task.Init("id", true));
+  EXPECT_EQ(0, task.SetStatusAttr(TASKSTATUS_ATTR_PID, "12"));
+  EXPECT_EQ(0, task.SetStatusAttr(TASKSTATUS_ATTR_PROCESSED_IN_BYTES, "1"));
+  const std::string rename = "rename to " + kRun + "/task_status/id";
+  EXPECT_EQ(std::vector<std::string>(3, rename), calls.Events());
+}
+
 TEST_F(ShareTaskStatusCleanShareStatus, RemovesStatusAndLock) {
   ShareTaskStatus share;
   ASSERT_TRUE(share.Init("photos", true));
@@ -340,6 +412,16 @@ TEST_F(ShareTaskStatusCleanShareStatus, RemovesStatusAndLock) {
   EXPECT_TRUE(std::filesystem::exists(kFile + "2"));
   EXPECT_TRUE(std::filesystem::exists(kLockFile + "2"));
   EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+}
+
+TEST_F(ShareTaskStatusCleanShareStatus, ARemovedStatusDoesNotComeBackAfterAPowerCut) {
+  ShareTaskStatus share;
+  ASSERT_TRUE(share.Init("photos", true));
+  SyncCalls calls;
+  EXPECT_TRUE(ShareTaskStatus::CleanShareStatus("photos"));
+  EXPECT_EQ(std::vector<std::string>{"sync " + kPersistent + "/share_task_status"}, calls.Events());
+  EXPECT_TRUE(ShareTaskStatus::CleanShareStatus("photos"));
+  EXPECT_EQ(std::vector<std::string>{}, calls.Events());
 }
 
 TEST_F(ShareTaskStatusCleanShareStatus, NothingThereIsTrueAndSilent) {
