@@ -1,6 +1,7 @@
 // zorv-snapusage clean: remove what is recorded of shares.
 #include <fmt/format.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
+#include <zorvbtrfssnapusage/share_task_status.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -25,6 +26,7 @@ namespace {
 
 using ZorvBtrfsUsage::kShareMap;
 using ZorvBtrfsUsage::ShareSnapUsageCal;
+using ZorvBtrfsUsage::ShareTaskStatus;
 using ZorvBtrfsUsage::SnapUsageCalculator;
 
 std::vector<std::string> RecordedShares() {
@@ -49,6 +51,15 @@ void PrintDropped(const std::string& share) {
   fmt::print("removed share {}: it no longer exists\n", Quoted(share));
 }
 
+// In an order that lets the next clean finish one that was killed. The entry in the map, by which
+// the rest is found, goes last, and the share's state first: without it nothing looks under way. A
+// task that failed or was stopped keeps its own record until somebody removes it.
+void RemoveRecords(const std::string& share, const std::string& taskID) {
+  (void)ShareTaskStatus::CleanShareStatus(share);
+  if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();
+  ShareSnapUsageCal::CleanAll(share);
+}
+
 // Removes everything of one share and says so. False: a calculation is under way. A task that is
 // none is left alone: the library would remove the files that its text leads to.
 bool CleanShare(const std::string& share, const std::string& recordedTask) {
@@ -57,9 +68,7 @@ bool CleanShare(const std::string& share, const std::string& recordedTask) {
   const std::optional<Calculation> calculation = ReadCalculation(share, taskID);
   if (UnderWay(share, calculation)) return false;
   const std::optional<Result> result = NewestResult(share);
-  ShareSnapUsageCal::CleanAll(share);
-  // A task that failed or was stopped keeps its own record until somebody removes it.
-  if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();
+  RemoveRecords(share, taskID);
   if (RecordedTask(share))
     throw SystemFailure(fmt::format("the record of share {} cannot be removed", Quoted(share)));
   fmt::print("removed share {}: state {}, {}\n", Quoted(share),

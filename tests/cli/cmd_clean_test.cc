@@ -2,6 +2,7 @@
 #include <filesystem>
 
 #include "tests/cli/cli_world.h"
+#include "tests/support/syscall_stepper.h"
 
 using namespace ZorvTest;
 namespace fs = std::filesystem;
@@ -46,6 +47,31 @@ TEST_F(CmdClean, FailedTaskLeavesNothing) {
   ASSERT_FALSE(fs::is_empty("/run/zorvbtrfssnapusage/task_status"));
   EXPECT_EQ("removed share 'photos': state fail, no result\n", MustRun(Argv({"clean", "photos"})));
   EXPECT_TRUE(fs::is_empty("/run/zorvbtrfssnapusage/task_status"));
+}
+
+// A killed one took the share out of the map and left the task's record, which nobody could find
+// then.
+TEST_F(CmdClean, OneThatWasKilledIsFinishedByTheNext) {
+  FakeEngine("echo 'exclusive sizes unavailable: x'\n");
+  size_t number = 0;
+  for (bool reached = true; reached;) {
+    ++number;
+    Tool({"run", "photos"});
+    reached = false;
+    SyscallStepper().Run(Program(Argv({"clean", "photos"}), "/tmp/clean.out"),
+                         [&](const Step& step) {
+                           if (step.number != number) return Action::GoOn();
+                           reached = true;
+                           return Action::KillBefore();
+                         });
+    SCOPED_TRACE("killed before step " + std::to_string(number));
+    const int status = Tool({"clean", "photos"}).status;
+    EXPECT_TRUE(status == 0 || status == 10) << status;
+    EXPECT_TRUE(fs::is_empty("/run/zorvbtrfssnapusage/task_status"));
+    EXPECT_FALSE(fs::exists(kStatusOfPhotos));
+    EXPECT_FALSE(fs::exists(kResultsOfPhotos));
+  }
+  EXPECT_GT(number, 10u);
 }
 
 TEST_F(CmdClean, ShareWithACalculationUnderWayIsKept) {
