@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/random.h>
 
 #include <charconv>
 #include <exception>
@@ -344,10 +345,35 @@ bool ReadEngineLine(const char* line, unsigned long long& subvolID, unsigned lon
   return true;
 }
 
+// Different subvolumes that an output may speak of. The kernel takes 6 MiB of arguments at most
+// (execve(2)), and an ID takes 12 bytes of them at least, so no command is asked about more than
+// half as many. What prints more is no engine, and must not fill the machine's memory.
+constexpr size_t kMostSubvolumes = 1 << 20;
+
+// Spreads IDs over the table by a number that nobody outside knows: those of an output could be
+// chosen so that all of them fall together, and each look-up would go through all.
+class KeyedHash {
+ public:
+  size_t operator()(unsigned long long id) const {
+    id =
+        (id ^ key_) * 0x9E3779B97F4A7C15ULL;  // 2^64 by the golden ratio: every bit reaches the top
+    return static_cast<size_t>((id ^ id >> 32) * 0x9E3779B97F4A7C15ULL >> 16);
+  }
+
+ private:
+  static unsigned long long NewKey() {
+    unsigned long long key = 0;
+    (void)getrandom(&key, sizeof key, GRND_NONBLOCK);  // else the old way, which is no failure
+    return key;
+  }
+
+  unsigned long long key_ = NewKey();
+};
+
 // What the lines say: progress goes to the status file at once, sizes are collected.
 class OutputRecorder {
  public:
-  enum Verdict { kGoOn, kNotConverted, kNotWritten };
+  enum Verdict { kGoOn, kNotConverted, kNotWritten, kTooMany };
 
   OutputRecorder(TaskStatus& taskStatus, PROGRESS_UPDATE_FUNCTION fpProgressUpdate)
       : taskStatus_(taskStatus), fpProgressUpdate_(fpProgressUpdate) {}
@@ -358,15 +384,10 @@ class OutputRecorder {
     errno = 0;
     if (BeginsWith(line, "subvol")) {
       unsigned long long subvolID = 0;
-      if (ReadEngineLine(line, subvolID, bytes_)) {
-        Record(subvolID);
-        return kGoOn;
-      }
+      if (ReadEngineLine(line, subvolID, bytes_)) return Record(subvolID);
       // Kept: one value is enough. The bytes are then those of the conversion before.
       converted_ = sscanf(line, "subvol(%llu) %llu bytes", &subvolID, &bytes_);
-      if (converted_ < 1) return kNotConverted;
-      Record(subvolID);
-      return kGoOn;
+      return converted_ < 1 ? kNotConverted : Record(subvolID);
     }
     if (BeginsWith(line, "exclusive")) {
       converted_ = sscanf(line, "exclusive %llu bytes", &bytes_);
@@ -387,14 +408,19 @@ class OutputRecorder {
 
  private:
   // A later line for the same subvolume overrides the earlier one, at its place.
-  void Record(unsigned long long subvolID) {
+  Verdict Record(unsigned long long subvolID) {
     const auto [entry, isNew] = indexOf_.emplace(subvolID, subvolIDs_.size());
     if (!isNew) {
       exclusiveBytes_[entry->second] = bytes_;
-      return;
+      return kGoOn;
+    }
+    if (subvolIDs_.size() == kMostSubvolumes) {
+      PLAT_ERR_SET(0x2A00);
+      return kTooMany;
     }
     subvolIDs_.push_back(subvolID);
     exclusiveBytes_.push_back(bytes_);
+    return kGoOn;
   }
 
   Verdict Publish(TASKSTATUS_ATTR attr) {
@@ -410,7 +436,8 @@ class OutputRecorder {
   int converted_ = 0;
   std::vector<unsigned long long> subvolIDs_;
   std::vector<unsigned long long> exclusiveBytes_;
-  std::unordered_map<unsigned long long, size_t> indexOf_;  // of a subvolume ID in both vectors
+  std::unordered_map<unsigned long long, size_t, KeyedHash>
+      indexOf_;  // of a subvolume ID in both vectors
 };
 
 }  // namespace

@@ -238,6 +238,29 @@ TEST_F(SnapUsageCalculatorParseCmdFp, LastLineNeedsNoLineEnd) {
   ExpectResult({257}, {12});
 }
 
+// IDs that fall together in a table of the standard library's sizes took 2 ms each, and more the
+// longer it went on.
+TEST_F(SnapUsageCalculatorParseCmdFp, SubvolumesThatFallTogetherTakeLinearTime) {
+  std::string lines;
+  for (unsigned long long i = 1; i <= 300'000; ++i)  // multiples of two sizes that it will have
+    lines += "subvol(" + std::to_string(i * 172'933 * 351'061) + ") 1 bytes\n";
+  const double begin = Seconds();
+  EXPECT_EQ(FP_PARSE_OK, Parse(lines));
+  EXPECT_LT(Seconds() - begin, 60);
+}
+
+// As many IDs as memory had room for were collected, whoever printed them.
+TEST_F(SnapUsageCalculatorParseCmdFp, MoreSubvolumesThanACommandCanBeAskedAboutFail) {
+  constexpr unsigned kMost = 1 << 20;
+  std::string lines;
+  for (unsigned id = 1; id <= kMost; ++id) lines += "subvol(" + std::to_string(id) + ") 1 bytes\n";
+  EXPECT_EQ(FP_PARSE_OK, Parse(lines + "subvol(1) 2 bytes\n"));
+  EXPECT_EQ(8u * (1 + kMost),
+            std::filesystem::file_size(std::string(kResultDir) + kTask + ".result"));
+  EXPECT_EQ(FP_PARSE_FAIL, Parse(lines + "subvol(0) 1 bytes\n"));
+  EXPECT_EQ(0x2A00u, PLATCErrGet());
+}
+
 TEST_F(SnapUsageCalculatorParseCmdFp, ManySubvolumesTakeLinearTime) {
   constexpr unsigned long long kCount = 300000;
   std::string text;
