@@ -41,6 +41,13 @@ class PlantedFiles : public CliWorld {
   }
   ~PlantedFiles() override { EXPECT_EQ("not to be touched", ReadFile(kTreasure)); }
 
+  // The program for a minute at most: what it must not wait for, it would wait for without end.
+  static CommandResult Tool(const std::vector<std::string>& words) {
+    std::vector<std::string> argv = {"timeout", "-s", "KILL", "60"};
+    for (const std::string& word : Argv(words)) argv.push_back(word);
+    return ZorvTest::Run(argv);
+  }
+
   static void ExpectRefusal(const CommandResult& result, const std::string& line) {
     EXPECT_EQ(16, result.status);
     EXPECT_EQ("zorv-snapusage: " + line + "\n", result.err);

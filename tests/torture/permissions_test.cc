@@ -9,8 +9,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <functional>
 
 #include "tests/cli/cli_world.h"
 #include "tests/cli/stranger.h"
@@ -315,80 +315,129 @@ TEST_F(Permissions, WhateverIsPlanted) {
   Figure("hung", hung);
 }
 
-// Names, tasks, states and processes in the records, each innocent or not, and every command.
+// The values of a record, and what is done with it; the first of names and tasks is innocent.
+struct Records {
+  std::vector<std::string> commands, states, pids, tasks, names;
+
+  size_t Innocent() const { return commands.size() * states.size() * pids.size(); }
+  size_t All() const { return Innocent() * tasks.size() * names.size(); }
+
+  // All numbers of records: first those with an innocent name and task, then those in which one of
+  // the two is hostile, then those with both.
+  std::vector<size_t> Order() const {
+    std::vector<size_t> order = SpreadOrder(All());
+    const auto hostile = [this](size_t number) {
+      return (TaskOf(number) != tasks[0]) + (NameOf(number) != names[0]);
+    };
+    std::stable_sort(order.begin(), order.end(),
+                     [&](size_t a, size_t b) { return hostile(a) < hostile(b); });
+    return order;
+  }
+
+  const std::string& CommandOf(size_t number) const { return commands[number % commands.size()]; }
+  const std::string& StateOf(size_t number) const {
+    return states[number / commands.size() % states.size()];
+  }
+  const std::string& PidOf(size_t number) const {
+    return pids[number / commands.size() / states.size() % pids.size()];
+  }
+  const std::string& TaskOf(size_t number) const {
+    return tasks[number / Innocent() % tasks.size()];
+  }
+  const std::string& NameOf(size_t number) const {
+    return names[number / Innocent() / tasks.size()];
+  }
+
+  std::string Text(size_t number) const {
+    return "record " + std::to_string(number) + ": " + CommandOf(number) + " of share '" +
+           NameOf(number) + "' with task '" + TaskOf(number) + "' in state '" + StateOf(number) +
+           "' of process '" + PidOf(number) + "'";
+  }
+
+  // Puts it in place; every other one is as old as to block nobody.
+  void Write(size_t number) const {
+    WriteRecords();
+    Json::Value map, status;
+    const time_t age = number % 2 == 0 ? 0 : 600;
+    map[NameOf(number)]["task_id"] = TaskOf(number);
+    map[NameOf(number)]["time"] = static_cast<Json::Int64>(time(nullptr) - age);
+    status["status"] = StateOf(number);
+    status["pid"] = PidOf(number);
+    status["start_time"] = "2024.03.01-09.04.09";
+    const Json::StreamWriterBuilder writer;
+    WriteFile(kMap, Json::writeString(writer, map));
+    for (const std::string& file : {std::string(kStatusOfPhotos),
+                                    std::string("/run/zorvbtrfssnapusage/task_status/") + kTask})
+      WriteFile(file, Json::writeString(writer, status));
+  }
+
+  // `start` is left out: it is `run` in the background, and would meet the next record.
+  std::vector<std::string> Words(size_t number) const {
+    if (CommandOf(number) == "clean all") return {"clean"};
+    return {CommandOf(number), "--", NameOf(number)};
+  }
+};
+
+Records HostileRecords(const std::string& victim, const std::vector<std::string>& others) {
+  Records records;
+  records.commands = {"run", "status", "show", "stop", "clean", "clean all"};
+  records.states = {"process", "ready", "done", ""};
+  records.pids = {victim,
+                  " " + victim,
+                  victim + " ",
+                  "-" + victim,
+                  "0" + victim,
+                  std::to_string((1LL << 32) + std::stoll(victim)),
+                  std::to_string(getpid()),
+                  "",
+                  "0",
+                  "1",
+                  "-1",
+                  "-5",
+                  "x",
+                  "99999999999",
+                  "2147483648"};
+  records.pids.insert(records.pids.end(), others.begin(), others.end());
+  records.tasks = {kTask,
+                   "",
+                   ".",
+                   "..",
+                   "8",
+                   "8b0f0c36",
+                   "../../../opt/treasure/file",
+                   "../../../../opt/treasure/file",
+                   std::string(kTask) + "\n",
+                   std::string(kTask) + "/../../../../opt/treasure/file"};
+  records.names = {"photos",
+                   "../../../../opt/treasure",
+                   "../../../../opt/treasure/deep",
+                   "..",
+                   ".",
+                   "",
+                   "photos/..",
+                   "a\nb",
+                   "--help",
+                   std::string(255, 'x')};
+  return records;
+}
+
+// Names, tasks, states and processes in the records, and every command.
 TEST_F(Permissions, WhateverTheRecordsSay) {
   const Budget budget(0.4);
   Stranger victim({.stopBlocked = false});
   Stranger lookalike({.library = false});
   Stranger users({.root = false, .stopBlocked = false});
-  const std::vector<std::string> names = {"photos",
-                                          "../../../../opt/treasure",
-                                          "../../../../opt/treasure/deep",
-                                          "..",
-                                          ".",
-                                          "",
-                                          "photos/..",
-                                          "a\nb",
-                                          "--help",
-                                          std::string(255, 'x')};
-  const std::vector<std::string> tasks = {kTask,
-                                          "",
-                                          ".",
-                                          "..",
-                                          "8",
-                                          "8b0f0c36",
-                                          "../../../opt/treasure/file",
-                                          "../../../../opt/treasure/file",
-                                          std::string(kTask) + "\n",
-                                          std::string(kTask) + "/../../../../opt/treasure/file"};
-  std::vector<std::string> pids = {
-      "", "0", "1", "-1", "-5", "12x", "x", "99999999999", "2147483648", std::to_string(getpid())};
-  for (const Stranger* stranger : {&victim, &lookalike, &users})
-    for (const char* form : {"%lld", " %lld", "-%lld", "0%lld", "%lld "}) {
-      char text[64];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-      (void)snprintf(text, sizeof text, form, static_cast<long long>(stranger->Pid()));
-#pragma GCC diagnostic pop
-      pids.push_back(text);
-    }
-  pids.push_back(std::to_string((1LL << 32) + victim.Pid()));
-  const std::vector<std::string> states = {"process", "ready", "done", "fail", "stop", "", "?"};
-  const std::vector<std::string> commands = {"run", "status", "show", "stop", "clean", "clean all"};
+  const Records records = HostileRecords(
+      std::to_string(victim.Pid()), {std::to_string(lookalike.Pid()), std::to_string(users.Pid())});
+  const size_t fewest = records.Innocent() + kFewest;
   const Listing far = Far();
-  const size_t all = names.size() * tasks.size() * pids.size() * states.size() * commands.size();
   size_t tried = 0, hung = 0, crashed = 0, touched = 0, signalled = 0;
-  for (const size_t step : SpreadOrder(all)) {
-    if ((tried >= kFewest && !budget.IsLeft()) || HasFailure()) break;
-    size_t rest = step;
-    const auto choose = [&rest](const std::vector<std::string>& texts) {
-      const std::string& text = texts[rest % texts.size()];
-      rest /= texts.size();
-      return text;
-    };
-    const std::string command = choose(commands);
-    const std::string state = choose(states);
-    const std::string task = choose(tasks);
-    const std::string name = choose(names);
-    const std::string pid = choose(pids);
-    SCOPED_TRACE("step " + std::to_string(step) + ": " + command + " of share '" + name +
-                 "' with task '" + task + "' in state '" + state + "' of process '" + pid + "'");
-    WriteRecords();
-    Json::Value map, status;
-    map[name]["task_id"] = task;
-    map[name]["time"] =
-        static_cast<Json::Int64>(time(nullptr) - static_cast<time_t>(step % 2) * 600);
-    status["status"] = state;
-    status["pid"] = pid;
-    status["start_time"] = "2024.03.01-09.04.09";
-    WriteFile(kMap, Json::writeString(Json::StreamWriterBuilder(), map));
-    for (const std::string& file : {std::string(kStatusOfPhotos),
-                                    std::string("/run/zorvbtrfssnapusage/task_status/") + kTask})
-      WriteFile(file, Json::writeString(Json::StreamWriterBuilder(), status));
+  for (const size_t number : records.Order()) {
+    if ((tried >= fewest && !budget.IsLeft()) || HasFailure()) break;
+    SCOPED_TRACE(records.Text(number));
+    records.Write(number);
     const Listing outside = Near();
-    std::vector<std::string> words = {command, "--", name};
-    if (command == "clean all") words = {"clean"};
-    const CommandResult result = ToolOf(kUsers[0], 022, words);
+    const CommandResult result = ToolOf(kUsers[0], 022, records.Words(number));
     ++tried;
     hung += result.status == kHung;
     crashed += result.status > kLastOwnStatus && result.status != kHung;
@@ -404,7 +453,7 @@ TEST_F(Permissions, WhateverTheRecordsSay) {
   EXPECT_EQ("", Difference(far, Far()));
   WriteRecords();  // nothing runs by them
   Figure("records", tried);
-  Figure("of records", all);
+  Figure("of records", records.All());
   Figure("outside touched", touched);
   Figure("signalled", signalled);
   Figure("hung", hung);
