@@ -688,13 +688,18 @@ bool Utils::SearchTaskFile(const std::string& prefix, const std::string& dir,
   const std::unique_ptr<DIR, DirClose> stream(opendir(dir.c_str()));
   if (!stream) return true;  // a missing directory holds no files
 
-  while (const dirent* entry = readdir(stream.get())) {
+  for (;;) {
+    errno = 0;  // a null of readdir is the end or a failure, and only errno tells which
+    const dirent* entry = readdir(stream.get());
+    if (entry == nullptr) break;
     // Kept: a plain prefix and the directory's own word on the type: "abc" finds "abcd.result", and
     // an entry of unknown type is left out. Task IDs are UUIDs, none of which begins another.
     if (entry->d_type != DT_REG || !BeginsWith(entry->d_name, prefix)) continue;
     if (!PushPath(ZLOG_HERE, files, (dir + "/" + entry->d_name).c_str())) return false;
   }
-  return true;
+  if (errno == 0) return true;
+  PLAT_ERR_SET(kErrSystemCall);
+  return false;
 } catch (const std::exception&) {  // no memory
   return false;
 }

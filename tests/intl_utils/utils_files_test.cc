@@ -1,12 +1,15 @@
 // PostfixPathAppend, SearchTaskFile and DeleteCandidateFile: paths by prefix.
 #include <errno.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "tests/intl_utils/utils_fixture.h"
 #include "tests/support/platform_hook.h"
+#include "tests/support/syscall_stepper.h"
 #include "zorvbtrfssnapusage/utils.h"
 
 using namespace ZorvTest;
@@ -179,6 +182,24 @@ TEST_F(UtilsSearchTaskFile, MissingDirectoryHoldsNoFiles) {
   EXPECT_TRUE(Search("a", At("file")));
   EXPECT_EQ(0, files->count);
   EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+}
+
+TEST_F(UtilsSearchTaskFile, DirectoryThatCannotBeOpenedHoldsNoFiles) {
+  WriteFile(At("abc"), "");
+  EXPECT_EQ(0, InChild([this] {
+              const rlimit none = {0, 0};
+              return setrlimit(RLIMIT_NOFILE, &none) == 0 && Search("abc") ? files->count : -1;
+            }));
+}
+
+// What was not read of a directory must not count as not there: results would not be copied, and
+// then be removed.
+TEST_F(UtilsSearchTaskFile, DirectoryThatCannotBeReadFails) {
+  WriteFile(At("abc"), "");
+  const int status = SyscallStepper({{SYS_getdents64}, {SYS_getdents}})
+                         .Run([this] { return !Search("abc") && PLATCErrGet() == 0x2A00 ? 0 : 1; },
+                              [](const Step&) { return Action::Fail(EIO); });
+  EXPECT_EQ(0, status);
 }
 
 TEST_F(UtilsSearchTaskFile, FailedPushStops) {
