@@ -106,7 +106,7 @@ Status Count(const Options& options, const Subjects& subjects, MountedFilesystem
   return RunOnNewestState(filesystem, methods.ChosenBy(options), request, progress, note, result);
 }
 
-// Waits until the front says that this run may read.
+// Waits until the front says that this run may read, by closing its end.
 void WaitForTurn(const MountedFilesystem& filesystem, const FrontLink& link,
                  SizeProgress& progress) {
   const PhaseTimer timer(progress.stats, "turn");

@@ -2,11 +2,14 @@
 // it must.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <filesystem>
 
 #include "tests/engine/engine_run.h"
 #include "tests/engine/held_row.h"
+#include "tests/support/syscall_stepper.h"
 
 using namespace ZorvTest;
 
@@ -173,6 +176,29 @@ TEST_F(EngineTurn, StatsSayThatThereIsATurn) {
 }
 
 // A number is worth more than order.
+// The word that its turn has come was a write to a pipe once; when that failed, both processes
+// waited for ever.
+TEST_F(EngineTurn, ItsWorkerIsLetGoWithoutAWriteThatCanFail) {
+  std::vector<std::string> argv = EngineCommand(Args("-vpm"));
+  argv[0] = "/sbin/btrfs";
+  std::filesystem::copy_file(ZORV_ENGINE_PATH, argv[0],
+                             std::filesystem::copy_options::overwrite_existing);
+  const int status = SyscallStepper(std::vector<WatchedCall>{{SYS_write}})
+                         .Run(
+                             [&] {
+                               const pid_t engine = fork();
+                               if (engine == 0) _exit(Program(argv, "/tmp/turn.out")());
+                               return WaitForExit(engine);
+                             },
+                             [](const Step& step) {
+                               const bool isWord = step.role == Role::kFront &&
+                                                   step.text.find("pipe:") != std::string::npos;
+                               return isWord ? Action::Fail(EIO) : Action::GoOn();
+                             });
+  std::filesystem::remove(argv[0]);
+  EXPECT_EQ(0, status) << ReadFile("/tmp/turn.out");
+}
+
 TEST_F(EngineTurn, ANumberIsGivenWhereThereIsNoRow) {
   WriteFile(kRows, "in the way");
   const EngineRun run = RunEngine(Args("-vm"));
