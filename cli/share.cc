@@ -1,5 +1,6 @@
 #include "cli/share.h"
 
+#include <errno.h>
 #include <fmt/format.h>
 #include <zorvbtrfssnapusage/btrfs_tool.h>
 #include <zorvbtrfssnapusage/utils.h>
@@ -30,6 +31,12 @@ ShareRecord FindShare(const std::string& share) {
 }
 
 std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+// Whether a listed snapshot has been deleted since, as snapshots are.
+bool IsGone(const std::string& path) {
+  const int isSubvolume = BtrfsTool::SubvolTest(path.c_str());
+  return isSubvolume == 0 || isSubvolume == -ENOENT || isSubvolume == -ENOTDIR;
+}
 
 }  // namespace
 
@@ -66,7 +73,11 @@ std::vector<Snapshot> SnapshotsOf(const std::string& share) {
   for (const std::string& path : paths.Strings()) {
     const std::string name = LastComponent(path);
     unsigned long long subvolumeID = 0;
-    if (BtrfsTool::SubvolRootIdLookup(path.c_str(), subvolumeID) != 0) continue;
+    if (BtrfsTool::SubvolRootIdLookup(path.c_str(), subvolumeID) != 0) {
+      if (IsGone(path)) continue;
+      throw SystemFailure(
+          fmt::format("snapshot {} of share {} cannot be looked at", Quoted(name), Quoted(share)));
+    }
     snapshots.push_back({name, path, subvolumeID, TimeInName(name)});
   }
   return snapshots;

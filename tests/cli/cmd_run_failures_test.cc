@@ -1,10 +1,12 @@
 // Each way in which a calculation cannot be had: one line that says so, and its exit status.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/syscall.h>
 
 #include <filesystem>
 
 #include "tests/cli/cli_world.h"
+#include "tests/support/syscall_stepper.h"
 
 using namespace ZorvTest;
 
@@ -302,6 +304,22 @@ TEST_F(CmdRunFailures, FullDiskUnderTheHelp) {
     EXPECT_EQ("zorv-snapusage: the output could not be written; see to the space on its disk\n",
               result.err);
   }
+}
+
+// It was left out of the calculation, and the rest was called complete.
+TEST_F(CmdRunFailures, SnapshotThatCannotBeLookedAtIsNotLeftOut) {
+  constexpr char kOutput[] = "/tmp/run.out";
+  const std::string path = volume_->Path(std::string("photos/.snapshots/") + kFirst);
+  const int status =
+      SyscallStepper(std::vector<WatchedCall>{{SYS_readlink}})
+          .Run(Program(Argv({"run", "photos"}), kOutput), [&](const Step& step) {
+            return step.text == "readlink(" + path + ")" ? Action::Fail(EIO) : Action::GoOn();
+          });
+  EXPECT_EQ(1, status);
+  EXPECT_EQ(std::string("zorv-snapusage: snapshot '") + kFirst +
+                "' of share 'photos' cannot be looked at; the system log says why (journalctl -t "
+                "zorv-snapusage)\n",
+            ReadFile(kOutput));
 }
 
 TEST_F(CmdRunFailures, StandardErrorThatTakesNothingChangesNoStatus) {
