@@ -2,6 +2,7 @@
 
 #include <ctype.h>
 #include <errno.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -78,7 +79,12 @@ SyslogCapture::SyslogCapture() : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEX
   (void)chmod(kDevLog, 0666);  // children may be other users
   closelog();
   collector = getpid();
+  // The thread takes no signal that another waits for.
+  sigset_t all, saved;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &saved);
   thread_ = std::thread([this] { Collect(); });
+  pthread_sigmask(SIG_SETMASK, &saved, nullptr);
 }
 
 SyslogCapture::~SyslogCapture() {
