@@ -1,0 +1,193 @@
+// System calls fail, one after the other, in each process of a calculation.
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+#include "base/paths.h"
+#include "tests/support/command.h"
+#include "tests/support/torture.h"
+#include "tests/torture/fault_plan.h"
+#include "tests/torture/scarcity_world.h"
+
+using namespace ZorvTest;
+using namespace ZorvBtrfsUsage;
+
+namespace {
+
+bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+// Counts by the name of the call.
+class Counts {
+ public:
+  void Add(const std::string& name) { ++counts_[name]; }
+  void Leave() const {
+    for (const auto& [name, count] : counts_) Figure(name, count);
+  }
+
+ private:
+  std::map<std::string, unsigned long long> counts_;
+};
+
+// ---- The library --------------------------------------------------------------------------------
+
+class FailingCallsOfTheLibrary : public testing::Test {
+ protected:
+  // Tries the faults while there is time.
+  void Try(const std::vector<Fault>& faults, const Budget& budget) {
+    Counts counts;
+    for (const Fault& fault : faults) {
+      if (!budget.IsLeft()) break;
+      TryOne(fault, &counts);
+    }
+    Figure("faults", tried_);
+    Figure("of faults", faults.size());
+    counts.Leave();
+    Figure("states cleaned as documented", cleaned_);
+    Figure("unreadable files that lost other members", lostMembers_);
+    Figure("results without some numbers", short_);
+    Figure("results that were not copied", noResult_);
+    Figure("wrong numbers", wrongNumbers_);
+    Figure("lost", lost_);
+  }
+
+  static bool IsOfTheLibrary(const Step& step) {
+    return step.role == Role::kCaller || step.role == Role::kCalculator;
+  }
+
+  ScarcityWorld world_;
+
+ private:
+  void TryOne(const Fault& fault, Counts* counts) {
+    SCOPED_TRACE(fault.Name());
+    world_.log.Clear();
+    FaultyRun run;
+    try {
+      run = RunWithFault([this] { return world_.Calculate(); }, fault);
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << error.what();
+      world_.Restore();
+      return;
+    }
+    if (run.hit.empty()) return world_.Restore();
+    ++tried_;
+    counts->Add(NameOfCall(fault.step) + " " + fault.What());
+    Aftermath aftermath;
+    JudgeCodes(run, &aftermath);
+    const std::string log = world_.log.Dump();
+    JudgeWords(fault, run, log, &aftermath);
+    const Aftermath judged = world_.Judge(run.status, ToleratedOf(fault, run));
+    aftermath.wrong.insert(aftermath.wrong.end(), judged.wrong.begin(), judged.wrong.end());
+    if (fault.action.kind == Action::kShorten && (run.status != 0 || judged.state != "done"))
+      aftermath.wrong.push_back("something short was taken for a failure");
+    cleaned_ += judged.cleaned;
+    lostMembers_ += judged.lostMembers;
+    short_ += judged.shortResult;
+    noResult_ += judged.noResult;
+    lost_ += !aftermath.wrong.empty();
+    for (const std::string& wrong : aftermath.wrong) {
+      wrongNumbers_ += Has(wrong, "wrong numbers");
+      ADD_FAILURE() << wrong << "\n" << log;
+    }
+  }
+
+  static void JudgeCodes(const FaultyRun& run, Aftermath* aftermath) {
+    static const std::set<int> kOfCaller = {0, 1, 4, 11, 101, 103, 107, 115};
+    static const std::set<int> kOfCalculator = {0, 1, 6, 9, 13, 127};
+    // A writer whose reader has gone ends so; the reader has said that it failed.
+    const bool readerFailed = Has(run.hit.front().text, "read(pipe:") || run.hit.size() > 1;
+    if (!run.crashed.empty() && !(readerFailed && Has(run.crashed, "by Broken pipe")))
+      aftermath->wrong.push_back("ended by a signal: " + run.crashed);
+    if (kOfCaller.count(run.status) == 0)
+      aftermath->wrong.push_back("the caller got code " + std::to_string(run.status));
+    for (const int status : run.calculators)
+      if (WIFEXITED(status) && kOfCalculator.count(WEXITSTATUS(status)) == 0)
+        aftermath->wrong.push_back("the calculator ended with " +
+                                   std::to_string(WEXITSTATUS(status)));
+  }
+
+  // The log says what went wrong, in the text that belongs to it.
+  static void JudgeWords(const Fault& fault, const FaultyRun& run, const std::string& log,
+                         Aftermath* aftermath) {
+    const std::string text = TextFor(run.hit.front(), fault);
+    if (!text.empty() && !Has(log, text))
+      aftermath->wrong.push_back("the log does not say: " + text);
+  }
+
+  // Empty: nothing is to be said of it, for it is tried again, or does not matter.
+  static std::string TextFor(const Step& step, const Fault& fault) {
+    if (fault.action.kind != Action::kFail) return "";
+    const std::string& text = step.text;
+    const std::string why = strerror(static_cast<int>(fault.action.value));
+    const bool ofLock = Has(text, kLockDir) && (step.arguments[2] & O_CREAT) != 0;
+    const bool temporary = Has(text, ".zorvcopy.");
+    switch (step.call) {
+      case SYS_openat:
+        return ofLock ? ", errm" : "";
+      case SYS_mkdir:
+        return "Faild to mkdir " + text.substr(6, text.size() - 7) + ", err:(" + why + ").[0x";
+      case SYS_rename:
+        return temporary ? "Failed to copy from (" : "Failed to write Json data to file, path: ";
+      case SYS_write:
+        if (fault.action.value == EINTR) return "";
+        if (Has(text, "zorvcopy")) return "Failed to copy from (";
+        if (Has(text, kTaskResultDir)) return "Some errors occur on output stream, file: ";
+        if (Has(text, "task_status") || Has(text, kShareMap))
+          return "Failed to write Json data to file, path: ";
+        return "";
+      default:
+        return "";
+    }
+  }
+
+  static Tolerated ToleratedOf(const Fault& fault, const FaultyRun& run) {
+    Tolerated tolerated;
+    // Which file the library wanted memory for cannot be told.
+    const bool ofMemory = fault.step.call == SYS_mmap || fault.action.value == ENOMEM;
+    tolerated.unfinished = fault.lasting || ofMemory;
+    for (const Step& step : run.hit) {
+      const bool reads = step.call == SYS_openat || step.call == SYS_read ||
+                         step.call == SYS_readv || step.call == SYS_close;
+      for (const std::string& path : {std::string(kShareMap), ShareStatusPath("photos")})
+        if (reads && (Has(step.text, "(" + path + ")") || Has(step.text, "(" + path + ",")))
+          tolerated.unreadable.insert(path);
+      if (step.call == SYS_unlink) tolerated.notRemoved = step.text.substr(7, step.text.size() - 8);
+      for (const char* road : {"task_status", kShareMap})
+        tolerated.unfinished |= Has(step.text, road);
+      tolerated.shortOutput |= step.call == SYS_read && Has(step.text, "pipe:");
+      // opendir(3) of it, which opens and then looks at what it has opened.
+      tolerated.unlisted |= step.text == "openat(" + std::string(kTaskResultDir) + ")" ||
+                            step.text == "newfstatat(, " + std::string(kTaskResultDir) + ")";
+    }
+    return tolerated;
+  }
+
+  unsigned long long tried_ = 0, cleaned_ = 0, lostMembers_ = 0, short_ = 0, noResult_ = 0;
+  unsigned long long wrongNumbers_ = 0, lost_ = 0;
+};
+
+TEST_F(FailingCallsOfTheLibrary, OneCall) {
+  const Budget budget(0.75);
+  const std::vector<Fault> faults =
+      PlanFaults([this] { return world_.Calculate(); }, IsOfTheLibrary, AllActions);
+  world_.Restore();
+  Try(faults, budget);
+}
+
+TEST_F(FailingCallsOfTheLibrary, FromOneCallOn) {
+  const Budget budget(0.25);
+  const std::vector<Fault> faults = PlanFaults([this] { return world_.Calculate(); },
+                                               IsOfTheLibrary, LastingActions, /*lasting=*/true);
+  world_.Restore();
+  Try(faults, budget);
+}
+
+}  // namespace
