@@ -63,6 +63,12 @@ std::optional<Json::Value> ShareRecord(const std::string& share) {
   return record;
 }
 
+// Whether the share's claim is recent: then its own record may still be of an earlier task.
+bool IsClaimed(const std::string& share) {
+  std::string taskID;
+  return ShareSnapUsageCal::FindValidTaskID(share, taskID) == RESULT_OK;
+}
+
 void FillFrom(const Json::Value& record, Calculation& calculation) {
   calculation.started = Time(Attribute(record, TASKSTATUS_ATTR_START_TIME));
   calculation.processedBytes = Number(Attribute(record, TASKSTATUS_ATTR_PROCESSED_IN_BYTES));
@@ -139,6 +145,9 @@ std::optional<Calculation> ReadCalculation(const std::string& share, const std::
   if (TaskStatus::CnvStatusStrToEnumIdx(calculation.stateWord, calculation.state) != RESULT_OK)
     throw SystemFailure(fmt::format("the record of share {} names no known state", Quoted(share)));
   calculation.pid = Process(Attribute(task, TASKSTATUS_ATTR_PID));
+  // Where the task's record has gone, or has been damaged, its process may be at work all the same.
+  if (!calculation.pid && calculation.state == CAL_TASK_STATUS_PROCESS && !IsClaimed(share))
+    calculation.pid = Process(Attribute(*record, TASKSTATUS_ATTR_PID));
   if (!task.isObject() && calculation.Finished())
     FillFrom(*record, calculation);
   else
@@ -162,9 +171,7 @@ Activity ActivityOf(const std::string& share, const Calculation& calculation) {
     return alive ? Activity::kFinishing : Activity::kNone;
   if (calculation.Finished()) return Activity::kNone;
   if (alive) return Activity::kRunning;
-  std::string taskID;
-  const bool recent = ShareSnapUsageCal::FindValidTaskID(share, taskID) == RESULT_OK;
-  if (calculation.pid || !recent)
+  if (calculation.pid || !IsClaimed(share))
     return calculation.state == CAL_TASK_STATUS_PROCESS ? Activity::kDied : Activity::kNone;
   return Activity::kClaimed;
 }

@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 #include <zorvbtrfssnapusage/share_task_status.h>
+#include <zorvbtrfssnapusage/utils.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -13,6 +14,7 @@
 #include "cli/calculation.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
+#include "cli/launch_lock.h"
 #include "cli/leftovers.h"
 #include "cli/names.h"
 #include "cli/plain_files.h"
@@ -28,6 +30,7 @@ using ZorvBtrfsUsage::kShareMap;
 using ZorvBtrfsUsage::ShareSnapUsageCal;
 using ZorvBtrfsUsage::ShareTaskStatus;
 using ZorvBtrfsUsage::SnapUsageCalculator;
+using ZorvBtrfsUsage::Utils;
 
 std::vector<std::string> RecordedShares() {
   StringList shares;
@@ -60,11 +63,29 @@ void RemoveRecords(const std::string& share, const std::string& taskID) {
   ShareSnapUsageCal::CleanAll(share);
 }
 
+// Keeps other programs from claiming a share: the library's own lock, under which it does so. One
+// that cannot be had keeps nobody, as nobody could claim the share either.
+class ClaimLock {
+ public:
+  explicit ClaimLock(const std::string& share) {
+    (void)Utils::GeneralFileLock(
+        ZorvBtrfsUsage::PathIn(ZorvBtrfsUsage::kShareTaskLockDir, share) + ".lock",
+        /*exclusive=*/true, fd_);
+  }
+  ~ClaimLock() { (void)Utils::GeneralFileUnlock(fd_); }
+  ClaimLock(const ClaimLock&) = delete;
+  ClaimLock& operator=(const ClaimLock&) = delete;
+
+ private:
+  int fd_ = -1;
+};
+
 // Removes everything of one share and says so. False: a calculation is under way. A task that is
 // none is left alone: the library would remove the files that its text leads to.
 bool CleanShare(const std::string& share, const std::string& recordedTask) {
   const std::string taskID = IsTaskID(recordedTask) ? recordedTask : "";
   if (!taskID.empty()) RequirePlainFilesOfTask(taskID);
+  const ClaimLock unclaimed(share);
   const std::optional<Calculation> calculation = ReadCalculation(share, taskID);
   if (UnderWay(share, calculation)) return false;
   const std::optional<Result> result = NewestResult(share);
@@ -127,10 +148,12 @@ int Clean(const std::optional<std::string>& share) {
   if (!share) {
     BeginWork();
     RemoveLeftovers();
+    const LaunchLock lock;
     return CleanAllShares();
   }
   BeginWorkOn(*share);
   RemoveLeftovers();
+  const LaunchLock lock;
   return CleanOneShare(*share);
 }
 

@@ -1,10 +1,6 @@
 #include "cli/launch.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <string.h>
-#include <unistd.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 
 #include <algorithm>
@@ -16,9 +12,9 @@
 #include "cli/engine.h"
 #include "cli/failure.h"
 #include "cli/interrupt.h"
+#include "cli/launch_lock.h"
 #include "cli/leftovers.h"
 #include "cli/names.h"
-#include "cli/plain_files.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
@@ -143,37 +139,6 @@ void RequireIdle(const std::string& share) {
                     Quoted(share)),
         fmt::format("wait, or remove its record with: zorv-snapusage clean {}", ShellWord(share)));
 }
-
-// Held from the look at a share to its claim by every copy of this program, of whatever share: a
-// calculation that began and was done in between would lose its results to the claim. A lock of
-// fcntl(2), which the calculation's process does not inherit.
-class LaunchLock {
- public:
-  LaunchLock() : fd_(Open()) {
-    struct flock whole = {};
-    whole.l_type = F_WRLCK;
-    int code = -1;
-    do code = fcntl(fd_, F_SETLKW, &whole);
-    while (code != 0 && errno == EINTR);
-    if (code == 0) return;
-    const int error = errno;
-    if (fd_ >= 0) (void)close(fd_);
-    throw Failure(kSystemFailure, fmt::format("{} cannot be locked ({})", kPath, strerror(error)),
-                  "see to /run");
-  }
-  ~LaunchLock() { (void)close(fd_); }
-  LaunchLock(const LaunchLock&) = delete;
-  LaunchLock& operator=(const LaunchLock&) = delete;
-
- private:
-  static int Open() {
-    (void)RequirePlainFile(kPath);
-    return open(kPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
-  }
-
-  static constexpr char kPath[] = "/run/zorv-snapusage.lock";
-  const int fd_;
-};
 
 void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
                   const std::vector<Snapshot>& asked, const std::optional<TimeRange>& range) {

@@ -807,6 +807,17 @@ MUTATIONS = [
              "DeletedMeanwhile.*"),
 
     # ---- cli/leftovers ----------------------------------------------------------------------------
+    Mutation("a-process-whose-number-is-lost-is-dead", "cli/calculation.cc",
+             "  if (!calculation.pid && calculation.state == CAL_TASK_STATUS_PROCESS && "
+             "!IsClaimed(share))\n",
+             "  if (false)\n",
+             "LongRun.*"),
+    Mutation("clean-does-not-mind-launches", "cli/cmd_clean.cc",
+             "  const LaunchLock lock;\n  return CleanOneShare", "  return CleanOneShare",
+             "LongRun.CleanWaitsForThoseWhoClaimAShare"),
+    Mutation("clean-does-not-mind-claims", "cli/cmd_clean.cc",
+             "  const ClaimLock unclaimed(share);\n", "",
+             "LongRun.CleanWaitsForThoseWhoClaimAShare"),
     Mutation("temporary-files-of-killed-writers-stay", "cli/leftovers.cc",
              "  SweepTargets(kPersistentDir, LockOfRecord);\n", "",
              "Leftovers.Go*"),

@@ -206,6 +206,25 @@ TEST_F(ShareCalculation, CalculatorThatWasKilledIsNotDoneAndIsCleaned) {
   }));
 }
 
+// Kept: a claim lasts two minutes. The run that has lost its share finds no place for its results.
+TEST_F(ShareCalculation, LivingRunIsTakenOverWhenItsClaimHasRunOut) {
+  const pid_t worker = StartAndHold();
+  ASSERT_GT(worker, 0);
+  const pid_t first = calculator_;
+  const std::string lost = TaskOf("photos");
+  PutMap(R"({"photos":)" + Entry(lost, time(nullptr) - 119) + "}");
+  ShareSnapUsageCal tooEarly, other;
+  EXPECT_EQ(4, tooEarly.CreateTask("photos"));
+  PutMap(R"({"photos":)" + Entry(lost, time(nullptr) - 120) + "}");
+  Start(other, "photos");
+  EXPECT_NE(lost, TaskOf("photos"));
+  kill(worker, SIGCONT);
+  EXPECT_EQ(9, WaitForExit(first));
+  EXPECT_EQ(0, WaitForCalculator());
+  EXPECT_EQ("done", ShareStatus("photos", "status"));
+  ExpectKernelsNumbers("photos", 3, Volume1().KernelExclusive());
+}
+
 TEST_F(ShareCalculation, EngineThatFailsIsNeverTakenForNumbers) {
   ShareSnapUsageCal cal;
   ASSERT_EQ(0, cal.CreateTask("photos"));

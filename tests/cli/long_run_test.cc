@@ -1,0 +1,131 @@
+// A calculation that goes on for longer than its claim of the share: the library would let the
+// share be taken over, the program does not, nor does it take it for a dead one.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "base/unique_fd.h"
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+class LongRun : public CliWorld {
+ protected:
+  // A calculation of photos that stands in its engine, and whose claim has run out.
+  void StartLongAgo() {
+    WaitingEngine();
+    MustRun(Argv({"start", "photos"}));
+    ASSERT_TRUE(EngineWaits());
+    EditJson(kMap, {"photos", "time"}, 1);
+  }
+
+  static std::string TaskRecord() {
+    const std::string id = ParseJson(ReadFile(kMap))["photos"]["task_id"].asString();
+    return "/run/zorvbtrfssnapusage/task_status/" + id;
+  }
+
+  // Neither another run nor a removal touches it, and its result is not lost.
+  void ExpectItIsLeftAlone() {
+    EXPECT_EQ(4, Tool({"run", "photos"}).status);
+    EXPECT_EQ(4, Tool({"start", "photos"}).status);
+    const CommandResult clean = Tool({"clean", "photos"});
+    EXPECT_EQ(4, clean.status);
+    EXPECT_THAT(clean.err, HasSubstr("was kept: a calculation of it is under way"));
+    EXPECT_EQ(4, Tool({"clean"}).status);
+    EXPECT_THAT(MustRun(Argv({"status", "photos"})),
+                HasSubstr("process:         " + std::to_string(CalculatorPid())));
+    Release();
+    ASSERT_TRUE(Settled());
+    EXPECT_EQ(3u, Shown()["snapshots"].size());
+  }
+
+  // What stop does, waiting for the engine's next line.
+  void ExpectItCanBeStopped() {
+    Background stop(Argv({"stop", "photos"}));
+    ASSERT_TRUE(StopArrives());
+    Release();
+    const CommandResult result = stop.Wait();
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_EQ("ended the calculation of share 'photos': state stop\n", result.out);
+  }
+};
+
+// Locks a file as a process of its own would, for as long as the object stands.
+class HeldLock {
+ public:
+  explicit HeldLock(const std::string& path)
+      : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    struct flock whole = {};
+    whole.l_type = F_WRLCK;
+    if (fcntl(fd_.Get(), F_SETLK, &whole) != 0) throw std::runtime_error("cannot lock " + path);
+  }
+
+ private:
+  const UniqueFd fd_;
+};
+
+// Whether a process waits for a record lock.
+bool WaitsForLock(pid_t pid) {
+  const std::string pidText = " " + std::to_string(pid) + " ";
+  std::istringstream locks(ReadFile("/proc/locks"));
+  for (std::string line; std::getline(locks, line);)
+    if (line.find("-> ") != line.npos && line.find(pidText) != line.npos) return true;
+  return false;
+}
+
+}  // namespace
+
+TEST_F(LongRun, IsLeftAlone) {
+  StartLongAgo();
+  ExpectItIsLeftAlone();
+}
+
+TEST_F(LongRun, CanBeStopped) {
+  StartLongAgo();
+  ExpectItCanBeStopped();
+}
+
+// The number of its process is then in the share's record alone.
+TEST_F(LongRun, WithoutARecordOfItsTaskIsLeftAlone) {
+  StartLongAgo();
+  std::filesystem::remove(TaskRecord());
+  ExpectItIsLeftAlone();
+}
+
+TEST_F(LongRun, WithADamagedRecordOfItsTaskIsLeftAlone) {
+  for (const char* damaged : {"", "{\"pid\":", "{\"processed_in_bytes\":\"4096\"}"}) {
+    SCOPED_TRACE(damaged);
+    StartLongAgo();
+    WriteFile(TaskRecord(), damaged);
+    ExpectItIsLeftAlone();
+  }
+}
+
+TEST_F(LongRun, WithoutARecordOfItsTaskCanBeStopped) {
+  StartLongAgo();
+  std::filesystem::remove(TaskRecord());
+  ExpectItCanBeStopped();
+}
+
+// A launch by another copy of the program, or a claim through the library, is between the look at
+// the share and its own record.
+TEST_F(LongRun, CleanWaitsForThoseWhoClaimAShare) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  for (const char* path :
+       {"/run/zorv-snapusage.lock", "/run/lock/zorvbtrfssnapusage/share_task/photos.lock"}) {
+    SCOPED_TRACE(path);
+    auto held = std::make_unique<HeldLock>(path);
+    Background clean(Argv({"clean", "photos"}));
+    ASSERT_TRUE(WaitUntil([&] { return WaitsForLock(clean.Pid()); }));
+    EXPECT_EQ("", clean.Out());
+    EXPECT_TRUE(std::filesystem::exists(kStatusOfPhotos));
+    held.reset();
+    EXPECT_EQ(0, clean.Wait().status);
+    EXPECT_FALSE(std::filesystem::exists(kStatusOfPhotos));
+    FakeEngine(kAnswer);
+    MustRun(Argv({"run", "photos", "--quiet"}));
+  }
+}
