@@ -140,17 +140,6 @@ class Load {
   std::vector<std::unique_ptr<Activity>> activities_;
 };
 
-// Whether a run may end with this while a file system is busy: it says what is in the way.
-bool IsClearRefusal(const std::string& error) {
-  for (const char* text :
-       {"ERROR: the file system changes faster than it can be read",
-        "ERROR: a balance is removing what it has moved, which this way of counting cannot follow",
-        "ERROR: a balance, or a device that shrinks or goes, is giving subvolumes the blocks",
-        "ERROR: a balance, or a device that shrinks or goes, is giving subvolumes the new places"})
-    if (error.rfind(text, 0) == 0) return true;
-  return false;
-}
-
 struct Scenario {
   const char* name;
   std::vector<Load::Kind> kinds;

@@ -172,6 +172,31 @@ class SlowDisk {
   std::string device_;
 };
 
+// Freezes a file system: nothing is written until the object goes.
+class Freeze {
+ public:
+  explicit Freeze(const std::string& path) : fd_(Open(path, O_RDONLY | O_DIRECTORY)) {
+    if (ioctl(fd_.Get(), FIFREEZE, 0) != 0) throw std::runtime_error("cannot freeze " + path);
+  }
+  ~Freeze() { (void)ioctl(fd_.Get(), FITHAW, 0); }
+  Freeze(const Freeze&) = delete;
+  Freeze& operator=(const Freeze&) = delete;
+
+ private:
+  UniqueFd fd_;
+};
+
+// Whether a run may end with this while a file system is busy: it says what is in the way.
+inline bool IsClearRefusal(const std::string& error) {
+  for (const char* text :
+       {"ERROR: the file system changes faster than it can be read",
+        "ERROR: a balance is removing what it has moved, which this way of counting cannot follow",
+        "ERROR: a balance, or a device that shrinks or goes, is giving subvolumes the blocks",
+        "ERROR: a balance, or a device that shrinks or goes, is giving subvolumes the new places"})
+    if (error.rfind(text, 0) == 0) return true;
+  return false;
+}
+
 }  // namespace ZorvTest
 
 #endif  // TESTS_ENGINE_BUSY_VOLUME_H_

@@ -1,0 +1,312 @@
+// What administrators do to a file system in the middle of a run: the number is right, or the error
+// is clear.
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+
+#include "tests/engine/busy_volume.h"
+#include "tests/support/torture.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+// A file system with subvolumes that stay as they are, one that is written to, and snapshots of
+// that which come and go.
+class ChangingVolume {
+ public:
+  ChangingVolume() {
+    MakeHistory(volume_, 200, 5);
+    volume_.Subvolume("busy");
+    WriteFiles("busy", 0, kFiles, 7);
+    MustRun({"sync", "-f", kMount});
+    const Sizes kernel = volume_.KernelExclusive();
+    for (const char* name : {"snap1", "snap3", "snap4", "snap5", "live", "written"}) {
+      const unsigned long long id = SubvolumeID(volume_.Path(name));
+      still_[id] = kernel.at(id);
+    }
+    spare_ = volume_.AddDevice(400);
+  }
+
+  BtrfsVolume& Volume() { return volume_; }
+  const std::string& Spare() const { return spare_; }
+
+  // The kernel's numbers of the subvolumes that stay as they are.
+  const Sizes& Still() const { return still_; }
+
+  // Writes to the busy subvolume and commits, so that blocks of the last state are used again.
+  void Churn() {
+    for (unsigned n = 0; n < 3; ++n) {
+      for (unsigned file = 0; file < 15; ++file) {
+        ++churned_;
+        Overwrite(volume_.Path("busy/" + std::to_string(churned_ * 13 % kFiles)), 9000, churned_);
+      }
+      Commit(kMount);
+    }
+  }
+
+  std::vector<std::string> Arguments(const std::string& option) const {
+    std::vector<std::string> args = {"-vm", option, "-r", kMount};
+    for (const auto& [id, bytes] : still_) args.push_back(std::to_string(id));
+    return args;
+  }
+
+ private:
+  static constexpr unsigned kFiles = 300;
+
+  static BtrfsOptions OnOneDevice() {
+    BtrfsOptions options = Options(0, {"-n", "4096", "-m", "single"}, "noatime");
+    options.devicesMiB = {700};
+    return options;
+  }
+
+  BtrfsVolume volume_{kMount, OnOneDevice()};
+  std::string spare_;
+  Sizes still_;
+  unsigned churned_ = 0;
+};
+
+// Runs the stock program, which may be refused: another change may be under way.
+bool Stock(std::vector<std::string> argv) {
+  argv.insert(argv.begin(), kStockBtrfs);
+  return ZorvTest::Run(argv).status == 0;
+}
+
+// One change, made while the engine stands still in the middle of its run.
+class Change {
+ public:
+  explicit Change(ChangingVolume& volume) : volume_(volume) {}
+  virtual ~Change() = default;
+
+  // Before the run.
+  virtual void Prepare() {}
+  // In its middle; whether it could be made.
+  virtual bool Make() = 0;
+  // When the run has ended.
+  virtual void Undo() {}
+  // Whether a run may end with this error because of the change.
+  virtual bool Explains(const std::string&) const { return false; }
+  // Further arguments of the run.
+  virtual std::vector<std::string> Further() const { return {}; }
+
+ protected:
+  ChangingVolume& volume_;
+};
+
+// A change that a command makes, and one that takes it back.
+class ByCommands : public Change {
+ public:
+  using Words = std::vector<std::string>;
+  ByCommands(ChangingVolume& volume, Words make, Words undo)
+      : Change(volume), make_(std::move(make)), undo_(std::move(undo)) {}
+
+  bool Make() override { return Stock(make_); }
+  void Undo() override {
+    if (!undo_.empty()) (void)Stock(undo_);
+  }
+
+ private:
+  Words make_, undo_;
+};
+
+class Frozen : public Change {
+ public:
+  using Change::Change;
+  bool Make() override {
+    freeze_.emplace(kMount);
+    return true;
+  }
+  void Undo() override { freeze_.reset(); }
+
+ private:
+  std::optional<Freeze> freeze_;
+};
+
+class ReadOnly : public Change {
+ public:
+  using Change::Change;
+  bool Make() override { return ZorvTest::Run({"mount", "-o", "remount,ro", kMount}).status == 0; }
+  void Undo() override { MustRun({"mount", "-o", "remount,rw", kMount}); }
+};
+
+// Unmounts, or tries to; the engine is in the way for as long as it looks.
+class Unmounted : public Change {
+ public:
+  Unmounted(ChangingVolume& volume, int flags) : Change(volume), flags_(flags) {}
+
+  bool Make() override {
+    done_ = umount2(kMount, flags_) == 0;
+    EXPECT_TRUE(done_ || errno == EBUSY);
+    return true;
+  }
+  // At once: whoever has the result may unmount.
+  void Undo() override {
+    if (!done_) {
+      EXPECT_TRUE(WaitUntil([] { return umount2(kMount, 0) == 0; })) << "still held after the run";
+    }
+    MustRun(
+        {"mount", "-t", "btrfs", "-o", "commit=1,noatime", volume_.Volume().Devices()[0], kMount});
+  }
+  // The run had not opened it yet.
+  bool Explains(const std::string& error) const override {
+    return done_ && error == std::string("ERROR: ") + kMount + " is not on btrfs\n";
+  }
+
+ private:
+  int flags_;
+  bool done_ = false;
+};
+
+// A snapshot that shares much with the busy subvolume is deleted, asked about or not.
+class Deleted : public Change {
+ public:
+  Deleted(ChangingVolume& volume, bool asked) : Change(volume), asked_(asked) {}
+
+  void Prepare() override {
+    const std::string path = volume_.Volume().Snapshot("busy", "leaving");
+    id_ = SubvolumeID(path);
+    Commit(kMount);
+  }
+  bool Make() override {
+    DestroySubvolume(volume_.Volume().Path("leaving"));
+    volume_.Churn();
+    return true;
+  }
+  void Undo() override { CommitAndClean(kMount); }
+  bool Explains(const std::string& error) const override {
+    if (!asked_) return false;
+    const std::string id = std::to_string(id_);
+    return error.rfind("ERROR: there is no subvolume " + id + " ", 0) == 0 ||
+           error.rfind("ERROR: subvolume " + id + " ", 0) == 0;
+  }
+  std::vector<std::string> Further() const override {
+    if (!asked_) return {};
+    return {std::to_string(id_)};
+  }
+
+ private:
+  bool asked_;
+  unsigned long long id_ = 0;
+};
+
+// A device comes and goes, or takes another's place for a while.
+class DeviceRemoved : public Change {
+ public:
+  using Change::Change;
+  void Prepare() override { (void)Stock({"device", "add", "-f", volume_.Spare(), kMount}); }
+  bool Make() override { return Stock({"device", "remove", volume_.Spare(), kMount}); }
+};
+
+class DeviceAdded : public Change {
+ public:
+  using Change::Change;
+  bool Make() override {
+    if (!Stock({"device", "add", "-f", volume_.Spare(), kMount})) return false;
+    volume_.Churn();
+    return Stock({"balance", "start", "-dlimit=1", "-mlimit=1", kMount});
+  }
+  void Undo() override { (void)Stock({"device", "remove", volume_.Spare(), kMount}); }
+};
+
+struct NamedChange {
+  const char* name;
+  std::unique_ptr<Change> change;
+};
+
+std::vector<NamedChange> AllChanges(ChangingVolume& volume) {
+  std::vector<NamedChange> changes;
+  const auto add = [&](const char* name, Change* change) {
+    changes.push_back({name, std::unique_ptr<Change>(change)});
+  };
+  const auto command = [&](const char* name, ByCommands::Words make, ByCommands::Words undo = {}) {
+    add(name, new ByCommands(volume, std::move(make), std::move(undo)));
+  };
+  command("metadata balanced", {"balance", "start", "-m", kMount});
+  command("data balanced", {"balance", "start", "-d", kMount});
+  command("scrubbed", {"scrub", "start", "-B", kMount});
+  command("shrunk", {"filesystem", "resize", "1:-200M", kMount},
+          {"filesystem", "resize", "1:max", kMount});
+  command("quotas enabled", {"quota", "enable", kMount}, {"quota", "disable", kMount});
+  add("frozen", new Frozen(volume));
+  add("read-only", new ReadOnly(volume));
+  add("unmounted", new Unmounted(volume, 0));
+  add("unmounted lazily", new Unmounted(volume, MNT_DETACH));
+  add("asked snapshot deleted", new Deleted(volume, true));
+  add("other snapshot deleted", new Deleted(volume, false));
+  add("device added", new DeviceAdded(volume));
+  add("device removed", new DeviceRemoved(volume));
+  return changes;
+}
+
+// What runs came to with one change.
+struct Outcomes {
+  unsigned met = 0, exact = 0, refused = 0;
+};
+
+// One run with a change in its middle.
+void RunWith(ChangingVolume& volume, Change& change, const std::string& way, RandomMoment* moment,
+             Outcomes* outcomes) {
+  change.Prepare();
+  std::vector<std::string> args = volume.Arguments(way);
+  for (const std::string& word : change.Further()) args.push_back(word);
+  EngineProcess engine(args);
+  const bool stopped = engine.StopWorker(moment->Next());
+  moment->WasMet(stopped);
+  const bool made = change.Make();
+  if (stopped) engine.ContinueWorker();
+  const EngineRun run = engine.Finish();
+  change.Undo();
+  if (!stopped || !made) return;
+  ++outcomes->met;
+  SCOPED_TRACE(way + ": " + run.err);
+  if (run.status != 0) {
+    ++outcomes->refused;
+    EXPECT_TRUE(run.sizes.empty()) << "a number beside an error";
+    EXPECT_TRUE(IsClearRefusal(run.err) || change.Explains(run.err)) << "the error is not clear";
+    return;
+  }
+  ++outcomes->exact;
+  for (const auto& [id, bytes] : volume.Still()) {
+    ASSERT_EQ(1u, run.sizes.count(id)) << "subvolume " << id;
+    EXPECT_EQ(bytes, run.sizes.at(id)) << "a wrong number of subvolume " << id;
+  }
+}
+
+}  // namespace
+
+TEST(ChangingVolumeRun, IsRightOrSaysWhyNot) {
+  const Budget budget;
+  ChangingVolume volume;
+  const std::vector<NamedChange> changes = AllChanges(volume);
+  std::map<std::string, RandomMoment> moments;
+  std::map<std::string, Outcomes> outcomes;
+  constexpr const char* kWays[] = {"--method=scan", "--method=walk", "--method=auto", "--verify"};
+  const auto eachWasMet = [&] {
+    return std::ranges::all_of(
+        changes, [&](const NamedChange& change) { return outcomes[change.name].met > 0; });
+  };
+  for (unsigned round = 0; budget.IsLeft() || !eachWasMet(); ++round) {
+    const NamedChange& named = changes[round % changes.size()];
+    if (!budget.IsLeft() && outcomes[named.name].met > 0) continue;
+    SCOPED_TRACE(named.name);
+    ASSERT_LT(round, 1000 * changes.size());
+    RunWith(volume, *named.change, kWays[round / changes.size() % std::size(kWays)],
+            &moments[named.name], &outcomes[named.name]);
+  }
+  unsigned met = 0, exact = 0, refused = 0;
+  for (const auto& [name, of] : outcomes) {
+    Figure(name, of.met);
+    met += of.met;
+    exact += of.exact;
+    refused += of.refused;
+  }
+  Figure("changes in the middle of a run", met);
+  Figure("right numbers", exact);
+  Figure("clear errors", refused);
+}
