@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "engine/io/device_set.h"
@@ -38,6 +39,7 @@ class MountedFilesystem : public StateSource {
   Status ReadSuperblock(Superblock* out) override;
 
   bool DevicesChanged() const override { return devicesChanged_; }
+  std::vector<std::string> FindDamage() const override { return devices_.FindDamage(); }
 
   // As ReadSuperblock.  Waits `kCommitSeconds` at most for the kernel to start the commit and again
   // to finish it.

@@ -3,6 +3,7 @@
 #define ENGINE_IO_STATE_SOURCE_H_
 
 #include <string>
+#include <vector>
 
 #include "engine/io/device_set.h"
 #include "engine/ondisk/format.h"
@@ -29,6 +30,9 @@ class StateSource {
   // Whether the last call found other devices than the one before: what was read in between may
   // have come from one that has been replaced.
   virtual bool DevicesChanged() const { return false; }
+
+  // What is wrong with the devices although states can be read: a sentence for each.
+  virtual std::vector<std::string> FindDamage() const { return {}; }
 };
 
 }  // namespace ZorvEngine

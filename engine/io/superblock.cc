@@ -3,6 +3,7 @@
 #include <string.h>
 #include <time.h>
 
+#include <functional>
 #include <string>
 
 #include "engine/ondisk/checksum.h"
@@ -35,6 +36,7 @@ bool IsBlockSize(uint32_t size) {
 // What one look at all copies has found.
 struct Search {
   bool found = false;
+  bool unsound = false;  // bytes that may be a superblock in the middle of being written
   bool foreign = false;  // a sound superblock of another device
   int unsupportedChecksum = -1;
   std::string readFailure;
@@ -52,12 +54,18 @@ void Consider(ByteSource& source, uint64_t offset, const uint8_t* deviceUuid, ui
 
   const ByteView bytes(buffer, kSuperblockSize);
   const Superblock* copy = bytes.At<Superblock>(0);
-  if (copy->magic.Get() != kSuperblockMagic || copy->bytenr.Get() != offset) return;
+  if (copy->magic.Get() != kSuperblockMagic || copy->bytenr.Get() != offset) {
+    search->unsound = true;
+    return;
+  }
   if (!IsChecksumSupported(copy->checksumType.Get())) {
     search->unsupportedChecksum = copy->checksumType.Get();
     return;
   }
-  if (!HasValidChecksum(copy->checksumType.Get(), bytes)) return;
+  if (!HasValidChecksum(copy->checksumType.Get(), bytes)) {
+    search->unsound = true;
+    return;
+  }
   if (memcmp(copy->device.uuid, deviceUuid, kUuidSize) != 0) {
     search->foreign = true;
     return;
@@ -79,18 +87,17 @@ Status Unreadable(const Search& search) {
   return Status::Failed("no valid btrfs superblock on the device");
 }
 
-// Looks at the copy at `offset` until it is sound; fails with what is wrong with it.
-Status CheckCopy(ByteSource& source, uint64_t offset, const uint8_t* deviceUuid, uint8_t* buffer) {
+// Calls `look` until it has found something, or has not and seen nothing that was unsound: what the
+// device itself refuses is not asked for again, since a failing disk takes long over each refusal.
+Search LookPatiently(const std::function<void(Search*)>& look) {
   Search search;
-  for (int attempt = 0; attempt < kAttempts && !search.found; ++attempt) {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
     if (attempt > 0) (void)nanosleep(&kBetweenAttempts, nullptr);
     search = Search();
-    Superblock copy;
-    Consider(source, offset, deviceUuid, buffer, &search, &copy);
+    look(&search);
+    if (search.found || !search.unsound) break;
   }
-  if (search.found) return Status();
-  return Status::Failed("the superblock at " + std::to_string(offset) + " is damaged" +
-                        (search.readFailure.empty() ? "" : " (" + search.readFailure + ")"));
+  return search;
 }
 
 }  // namespace
@@ -99,18 +106,14 @@ Status ReadNewestSuperblock(ByteSource& source, const uint8_t* deviceUuid, Super
   const AlignedBuffer buffer = MakeAlignedBuffer(kSuperblockSize);
   if (buffer == nullptr) return Status::Failed("out of memory");
 
-  Search search;
-  for (int attempt = 0; attempt < kAttempts; ++attempt) {
-    if (attempt > 0) (void)nanosleep(&kBetweenAttempts, nullptr);
-    search = Search();
-    Superblock newest;
+  Superblock newest;
+  const Search search = LookPatiently([&](Search* looking) {
     for (const uint64_t offset : kSuperblockOffsets)
-      Consider(source, offset, deviceUuid, buffer.get(), &search, &newest);
-    if (!search.found) continue;
-    *out = newest;
-    return Status();
-  }
-  return Unreadable(search);
+      Consider(source, offset, deviceUuid, buffer.get(), looking, &newest);
+  });
+  if (!search.found) return Unreadable(search);
+  *out = newest;
+  return Status();
 }
 
 Status CheckSuperblockCopies(ByteSource& source, const uint8_t* deviceUuid) {
@@ -118,11 +121,17 @@ Status CheckSuperblockCopies(ByteSource& source, const uint8_t* deviceUuid) {
   if (buffer == nullptr) return Status::Failed("out of memory");
 
   Superblock newest;
-  if (!ReadNewestSuperblock(source, deviceUuid, &newest).Ok()) return Status();
+  ENGINE_TRY(ReadNewestSuperblock(source, deviceUuid, &newest));
   for (const uint64_t offset : kSuperblockOffsets) {
     // What lies beyond the file system's part of the device is none of its own.
     if (newest.device.totalBytes.Get() < offset + kSuperblockSize) break;
-    ENGINE_TRY(CheckCopy(source, offset, deviceUuid, buffer.get()));
+    Superblock copy;
+    const Search search = LookPatiently([&](Search* looking) {
+      Consider(source, offset, deviceUuid, buffer.get(), looking, &copy);
+    });
+    if (!search.found)
+      return Status::Failed("the superblock at " + std::to_string(offset) + " is damaged" +
+                            (search.readFailure.empty() ? "" : " (" + search.readFailure + ")"));
   }
   return Status();
 }

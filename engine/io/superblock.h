@@ -18,7 +18,7 @@ namespace ZorvEngine {
 Status ReadNewestSuperblock(ByteSource& source, const uint8_t* deviceUuid, Superblock* out);
 
 // Looks at all copies that the newest one says there are.  Fails, naming the first that cannot be
-// read or does not verify, however often it is tried; not when there is none at all.
+// read or does not verify, however often it is tried; as ReadNewestSuperblock when there is none.
 Status CheckSuperblockCopies(ByteSource& source, const uint8_t* deviceUuid);
 
 // Fails, naming the feature, when a file system with this superblock cannot be read exactly:

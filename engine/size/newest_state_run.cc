@@ -49,7 +49,7 @@ Status Commit(StateSource& source, SizeProgress& progress, const NoteSink& note,
 
 // Says what was not as it should be and did no harm, because there is another copy of it.
 void SayDamage(const StateSource& source, BlockReader& reader, const NoteSink& note) {
-  for (const std::string& damage : source.Devices().FindDamage()) note(damage);
+  for (const std::string& damage : source.FindDamage()) note(damage);
   const std::vector<BadCopy> bad = reader.FindBadCopies();
   if (bad.empty()) return;
   const BadCopy& first = bad[0];

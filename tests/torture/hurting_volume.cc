@@ -23,6 +23,11 @@ Sizes MakeImages(const DiskLayout& layout, const std::string& directory) {
   options.devicesMiB.assign(layout.devices, kDeviceMiB);
   BtrfsVolume volume(kMount, options);
   MakeHistory(volume, 200, 4);
+  volume.Subvolume("photos");
+  for (unsigned n = 1; n <= 3; ++n) {
+    WriteFiles("photos", n * 30, n * 30 + 40, n);
+    volume.Snapshot("photos", "photos/.snapshots/GMT-2024.03.0" + std::to_string(n) + "-09.04.09");
+  }
   MustRun({"sync", "-f", kMount});
   MustRun({kStockBtrfs, "subvolume", "sync", kMount});
   const Sizes kernel = volume.KernelExclusive();

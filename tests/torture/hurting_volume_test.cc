@@ -4,18 +4,25 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+#include <zorvplatform/platc.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <random>
 #include <set>
+#include <stdexcept>
 
 #include "tests/engine/history.h"
+#include "tests/support/platform_hook.h"
 #include "tests/support/torture.h"
+#include "zorvbtrfssnapusage/share_snap_usage_cal.h"
 
 using namespace ZorvTest;
+using ZorvBtrfsUsage::ShareSnapUsageCal;
 
 namespace {
 
@@ -162,6 +169,37 @@ void JudgeLasting(const EngineRun& run, const HurtingVolume& volume, const Wound
   }
 }
 
+// Whether a text says that a disk is in the way: a block, a device by number or node, a superblock.
+bool SaysWhy(const std::string& text, const std::string& node) {
+  for (const std::string& what : {std::string("tree block "), std::string("superblock"), node})
+    if (text.find(what) != std::string::npos) return true;
+  return false;
+}
+
+// A run during which a disk, or a part of it, was gone.
+void JudgeDeath(const EngineRun& run, const HurtingVolume& volume, size_t disk, bool met,
+                Tally* tally) {
+  SCOPED_TRACE("disk " + std::to_string(disk + 1) + ": " + run.err);
+  const bool hasOther = volume.Copies() > 1 && volume.Disks() > 1;
+  ++tally->runs;
+  if (run.status != 0) {
+    EXPECT_FALSE(hasOther) << "another disk has everything";
+    EXPECT_TRUE(run.sizes.empty()) << "a number beside an error";
+    EXPECT_EQ(0u, run.err.rfind("ERROR: ", 0));
+    EXPECT_TRUE(SaysWhy(run.err, volume.Node(disk))) << "nothing is named";
+    ++tally->named;
+    return;
+  }
+  ++tally->exact;
+  if (run.sizes != volume.Kernel()) ++tally->wrong;
+  EXPECT_EQ(volume.Kernel(), run.sizes) << "a wrong number";
+  const bool said = run.err.find("NOTE: ") != std::string::npos;
+  tally->said += said;
+  EXPECT_TRUE(said || !met) << "not said";
+}
+
+constexpr uint64_t kSuperblocks[] = {64 << 10, 64 << 20};
+
 // How a block can be hurt for good.
 std::vector<DiskFault> LastingFaults(const HurtingVolume& volume, const LiveBlock& block,
                                      std::mt19937& random) {
@@ -230,6 +268,67 @@ void HurtInTurn(HurtingDisk& disk, const LiveBlock& block, const DiskFault& faul
   }
 }
 
+// The copy of a block that the engine reads first.
+const LiveBlock::Copy& FirstRead(HurtingVolume& volume, const LiveBlock& block) {
+  for (const LiveBlock::Copy& copy : block.copies) {
+    Wounds wounds(volume);
+    wounds.Add(block, copy, {0, 0, DiskFault::kDelay, 0});
+    (void)RunEngine(volume.Arguments("--method=scan"));
+    const bool met = wounds.Met();
+    volume.ClearFaults();
+    if (met) return copy;
+  }
+  throw std::runtime_error("the block is not read");
+}
+
+// ---- The share
+// -----------------------------------------------------------------------------------
+
+constexpr char kShareStatus[] = "/usr/local/zorvbtrfssnapusage/share_task_status/photos";
+
+CommandResult ByProgram() {
+  return ZorvTest::Run({ZORV_BINARY_DIR "/bin/zorv-snapusage", "run", "photos", "--quiet"});
+}
+
+// What the calculation writes on standard error, and its exit status.
+CommandResult ByLibrary() {
+  const char kSaid[] = "/tmp/said";
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  int pid = -1;
+  {
+    PlatformHook<decltype(PLATCProcForkChildNoWait)> fork("PLATCProcForkChildNoWait");
+    fork.Replace([&] {
+      const int child = fork.Real();
+      if (child > 0) pid = child;
+      if (child == 0) dup2(open(kSaid, O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+      return child;
+    });
+    ShareSnapUsageCal calculation;
+    EXPECT_EQ(0, calculation.CreateTask("photos"));
+    EXPECT_EQ(0, calculation.Launch(nullptr, nullptr));
+  }
+  CommandResult result;
+  result.status = WaitForExit(pid);
+  result.err = ReadFile(kSaid);
+  return result;
+}
+
+// Empty when the library has none to give.
+std::vector<unsigned long long> Results(ZorvBtrfsUsage::TASK_RESULT_OPT what) {
+  std::vector<unsigned long long> values;
+  (void)ShareSnapUsageCal::GetResultVtr(what, "photos", values);
+  return values;
+}
+
+// The stored results are the kernel's numbers of all snapshots.
+void ExpectKernelsResults(const HurtingVolume& volume) {
+  const std::vector<unsigned long long> ids = Results(ZorvBtrfsUsage::TASK_RESULT_OPT_SUBVOL_ID);
+  const std::vector<unsigned long long> bytes = Results(ZorvBtrfsUsage::TASK_RESULT_OPT_RESULT);
+  ASSERT_EQ(3u, ids.size());
+  ASSERT_EQ(3u, bytes.size());
+  for (size_t n = 0; n < ids.size(); ++n) EXPECT_EQ(volume.Kernel().at(ids[n]), bytes[n]);
+}
+
 }  // namespace
 
 // Each kind of block in each way on each profile.
@@ -238,7 +337,7 @@ TEST(HurtingDisk, EachKindOfBlockInEachWay) {
   constexpr size_t kFaults = 7;
   const size_t steps = std::size(kKinds) * kFaults;
   size_t done = 0;
-  OnEachLayout(0.3, [&](HurtingDisk& disk, const Budget& budget) {
+  OnEachLayout(0.25, [&](HurtingDisk& disk, const Budget& budget) {
     for (const size_t step : SpreadOrder(steps)) {
       const size_t way = step % kFaults;
       // An error in each kind of block there is in any case.
@@ -318,4 +417,172 @@ TEST(HurtingDisk, AtARandomMoment) {
   });
   Figure("moments", moments);
   tally.Leave();
+}
+
+// A disk gives nothing at all from one moment on, before a run or in its middle.
+TEST(HurtingDisk, DiesAtARandomMoment) {
+  Tally tally;
+  unsigned moments = 0;
+  OnEachLayout(0.1, [&](HurtingDisk& disk, const Budget& budget) {
+    RandomMoment moment;
+    unsigned met = 0;
+    do {
+      const size_t dying = disk.random() % disk.volume.Disks();
+      const DiskFault death{0, UINT64_MAX, DiskFault::kError};
+      const bool before = disk.random() % 4 == 0;
+      if (before) disk.volume.Disk(dying).Add(death);
+      EngineProcess engine(disk.RandomArguments());
+      const bool stopped = engine.StopWorker(moment.Next());
+      moment.WasMet(stopped);
+      if (!before) disk.volume.Disk(dying).Add(death);
+      if (stopped) engine.ContinueWorker();
+      const EngineRun run = engine.Finish();
+      const bool wasMet = disk.volume.Disk(dying).Hits(0) > 0;
+      disk.volume.ClearFaults();
+      met += wasMet;
+      JudgeDeath(run, disk.volume, dying, wasMet, &tally);
+    } while (budget.IsLeft() || met < 5);
+    moments += met;
+  });
+  Figure("deaths met", moments);
+  tally.Leave();
+}
+
+// Each superblock alone, both of a disk, and all of a file system.
+TEST(HurtingDisk, SuperblocksHaveCopiesToo) {
+  unsigned runs = 0;
+  OnEachLayout(0.05, [&](HurtingDisk& disk, const Budget& budget) {
+    HurtingVolume& volume = disk.volume;
+    for (const DiskFault::Kind kind : {DiskFault::kError, DiskFault::kFlip}) {
+      if (kind != DiskFault::kError && !budget.IsLeft()) continue;
+      for (const uint64_t offset : kSuperblocks) {
+        SCOPED_TRACE(offset);
+        volume.Disk(0).Add({offset, 4096, kind, 8 * 300});
+        const EngineRun run = RunEngine(volume.Arguments(kWays[0]));
+        EXPECT_EQ(volume.Kernel(), run.sizes) << run.err;
+        EXPECT_EQ(1u, CountOf(run.err, "NOTE: device 1: the superblock at " +
+                                           std::to_string(offset) + " is damaged"))
+            << run.err;
+        volume.ClearFaults();
+        ++runs;
+      }
+      for (size_t disks = 1; disks <= volume.Disks(); ++disks) {
+        SCOPED_TRACE(disks);
+        for (size_t n = 0; n < disks; ++n)
+          for (const uint64_t offset : kSuperblocks)
+            volume.Disk(n).Add({offset, 4096, kind, 8 * 300});
+        const EngineRun run = RunEngine(volume.Arguments(kWays[0]));
+        volume.ClearFaults();
+        const bool isEnough = disks < volume.Copies() && disks < volume.Disks();
+        if (isEnough) {
+          EXPECT_EQ(volume.Kernel(), run.sizes) << run.err;
+        } else if (run.status == 0) {
+          EXPECT_EQ(volume.Kernel(), run.sizes) << "the disks that are left have everything";
+        }
+        EXPECT_TRUE(run.status == 0 || run.sizes.empty());
+        EXPECT_TRUE(SaysWhy(run.err, volume.Node(0))) << run.err;
+        ++runs;
+      }
+    }
+  });
+  Figure("runs", runs);
+}
+
+// The file below a disk is cut while the file system is mounted.
+TEST(HurtingDisk, IsCutShort) {
+  Tally tally;
+  unsigned cuts = 0;
+  OnEachLayout(0.1, [&](HurtingDisk& disk, const Budget& budget) {
+    HurtingVolume& volume = disk.volume;
+    const size_t which = disk.random() % volume.Disks();
+    const std::string& image = volume.Disk(which).Image();
+    const std::string whole = image + ".whole";
+    MustRun({"cp", "--sparse=always", image, whole});
+    do {
+      const uint64_t end = disk.random() % (48u << 20) / 512 * 512;
+      RandomMoment moment(3000);
+      EngineProcess engine(disk.RandomArguments());
+      if (disk.random() % 2 == 0) (void)engine.StopWorker(moment.Next());
+      std::filesystem::resize_file(image, end);
+      if (engine.Worker() > 0) engine.ContinueWorker();
+      ++cuts;
+      SCOPED_TRACE("cut at " + std::to_string(end));
+      JudgeDeath(engine.Finish(), volume, which, /*met=*/false, &tally);
+      MustRun({"cp", "--sparse=always", whole, image});
+    } while (budget.IsLeft());
+    (void)unlink(whole.c_str());
+  });
+  Figure("cuts", cuts);
+  tally.Leave();
+}
+
+// A disk that does not answer: the front leaves with its reader, and nothing is left once the disk
+// has answered; one that answers late costs time and nothing else.
+TEST(HurtingDisk, ThatDoesNotAnswerHoldsOnlyTheWorker) {
+  constexpr uint32_t kForEver = 600'000;
+  HurtingDisk disk(kLayouts[0]);
+  const LiveBlock& root = disk.RandomBlock(Kind::kExtentNode);
+  double shortest = kForEver;
+  for (int n = 0; n < 10 && shortest > 0.2; ++n) {
+    disk.volume.Disk(0).Add(
+        {root.copies[0].offset, disk.volume.NodeSize(), DiskFault::kDelay, kForEver});
+    EngineProcess engine(disk.volume.Arguments(kWays[0]));
+    ASSERT_TRUE(WaitUntil([&] { return disk.volume.Disk(0).Hits(0) > 0; }));
+    const double begin = Seconds();
+    engine.LeaveAsReader();
+    EXPECT_TRUE(engine.FrontEndsWithin());
+    shortest = std::min(shortest, Seconds() - begin);
+    disk.volume.ClearFaults();
+    EXPECT_TRUE(WaitUntil([&] { return engine.WorkerEnded(); })) << "the worker is left over";
+  }
+  EXPECT_LE(shortest, 0.2) << "seconds until the front had left";
+  Figure("ms until the front had left", static_cast<unsigned long long>(shortest * 1000));
+
+  disk.volume.Disk(0).Add({root.copies[0].offset, disk.volume.NodeSize(), DiskFault::kDelay, 3000});
+  const EngineRun late = RunEngine(disk.volume.Arguments(kWays[0]));
+  EXPECT_EQ(disk.volume.Kernel(), late.sizes) << late.err;
+}
+
+// The share's calculation, by the program and by a caller of the library alone, over blocks that
+// hurt: the state, the code, the words of the engine, and no number that is not the kernel's.
+TEST(HurtingShare, FailsWithTheBlockOrSaysThatAnotherCopyWasUsed) {
+  std::filesystem::copy_file(ZORV_ENGINE_PATH, "/sbin/btrfs",
+                             std::filesystem::copy_options::overwrite_existing);
+  unsigned failed = 0, said = 0;
+  for (const DiskLayout& layout : {kLayouts[0], kLayouts[2]}) {
+    HurtingDisk disk(layout);
+    for (CommandResult (*calculate)() : {ByProgram, ByLibrary}) {
+      EXPECT_EQ("", calculate().err);
+      ExpectKernelsResults(disk.volume);
+      for (int n = 0; n < 3; ++n) {
+        // The root of the extent tree is on every way.
+        const LiveBlock& block = *std::ranges::max_element(
+            disk.volume.Blocks(), {},
+            [](const LiveBlock& of) { return of.tree == 2 ? of.level + 1 : 0; });
+        Wounds wounds(disk.volume);
+        const std::vector<DiskFault> faults = LastingFaults(disk.volume, block, disk.random);
+        wounds.Add(block, FirstRead(disk.volume, block), faults[static_cast<size_t>(n)]);
+        const CommandResult result = calculate();
+        disk.volume.ClearFaults();
+        SCOPED_TRACE(wounds.Text() + result.err);
+        EXPECT_TRUE(wounds.AreNamedIn(result.err));
+        EXPECT_NE(std::string::npos, result.err.find("run btrfs scrub"));
+        const std::string status = ReadFile(kShareStatus);
+        if (disk.volume.Copies() == 1) {
+          ++failed;
+          EXPECT_NE(0, result.status);
+          EXPECT_NE(std::string::npos, status.find("\"status\":\"fail\"")) << status;
+          EXPECT_NE(std::string::npos, status.find("\"error_code\":\"1\"")) << status;
+          EXPECT_TRUE(Results(ZorvBtrfsUsage::TASK_RESULT_OPT_RESULT).empty());
+        } else {
+          ++said;
+          EXPECT_EQ(0, result.status);
+          EXPECT_NE(std::string::npos, status.find("\"status\":\"done\"")) << status;
+          ExpectKernelsResults(disk.volume);
+        }
+      }
+    }
+  }
+  Figure("failed and named the block", failed);
+  Figure("other copies used and said", said);
 }
