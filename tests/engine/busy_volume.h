@@ -172,20 +172,6 @@ class SlowDisk {
   std::string device_;
 };
 
-// Freezes a file system: nothing is written until the object goes.
-class Freeze {
- public:
-  explicit Freeze(const std::string& path) : fd_(Open(path, O_RDONLY | O_DIRECTORY)) {
-    if (ioctl(fd_.Get(), FIFREEZE, 0) != 0) throw std::runtime_error("cannot freeze " + path);
-  }
-  ~Freeze() { (void)ioctl(fd_.Get(), FITHAW, 0); }
-  Freeze(const Freeze&) = delete;
-  Freeze& operator=(const Freeze&) = delete;
-
- private:
-  UniqueFd fd_;
-};
-
 // Whether a run may end with this while a file system is busy: it says what is in the way.
 inline bool IsClearRefusal(const std::string& error) {
   for (const char* text :
