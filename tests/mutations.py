@@ -946,4 +946,37 @@ MUTATIONS = [
     Mutation("the-tmpfiles-entry-is-open-to-all", "packaging/tmpfiles.d/zorvbtrfssnapusage.conf",
              "d /run/lock/zorvbtrfssnapusage 0700", "d /run/lock/zorvbtrfssnapusage 0755",
              "Tmpfiles.*"),
+
+    # ---- What tests/torture/kill_anywhere finds ---------------------------------------------------
+    Mutation("json-has-no-temporary-file", UTILS,
+             "  if (!WriteJson(value, temp.Name())) return false;\n",
+             "  return WriteJson(value, path.c_str());\n",
+             "KillAnywhere.Caller KillAnywhere.Calculator"),
+    Mutation("results-are-copied-in-place", "platform/linux/file_copy.cc",
+             'path_ = directory_ + ".zorvcopy." + std::to_string(getpid()) + "." + std::to_string(n);',
+             "path_ = destination_;",
+             "KillAnywhere.Calculator"),
+    Mutation("nothing-is-swept", "cli/leftovers.cc",
+             "void RemoveLeftovers() {\n", "void RemoveLeftovers() {\n  return;\n",
+             "KillAnywhere.Caller KillAnywhere.Calculator"),
+    Mutation("the-sweep-asks-for-no-lock", "cli/leftovers.cc",
+             "if (lock.Free()) directory.RemoveFile(name);", "directory.RemoveFile(name);",
+             "KillAnywhere.SweepAtEachStep"),
+    Mutation("the-calculator-inherits-the-lock-of-its-launch", "cli/launch.cc",
+             "fcntl(fd_, F_SETLKW, &whole)", "fcntl(fd_, F_OFD_SETLKW, &whole)",
+             "KillAnywhere.ToolStart"),
+    Mutation("clean-forgets-the-task-of-a-killed-clean", "cli/cmd_clean.cc",
+             "  if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();\n"
+             "  ShareSnapUsageCal::CleanAll(share);\n",
+             "  ShareSnapUsageCal::CleanAll(share);\n"
+             "  if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();\n",
+             "CmdClean.OneThatWasKilledIsFinishedByTheNext"),
+    Mutation("the-map-forgets-a-share-before-its-results-go", SHARE,
+             "  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, /*removeDir=*/true))\n",
+             "  (void)RemoveShareFromTaskMap(shareName);\n"
+             "  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, /*removeDir=*/true))\n",
+             "KillAnywhere.ToolClean"),
+    Mutation("a-claim-never-expires", SHARE,
+             "expired = difftime(now, created) >= kTaskExpirySeconds;", "expired = false;",
+             "KillAnywhere.Calculator"),
 ]

@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <set>
 #include <sstream>
@@ -131,19 +132,33 @@ size_t Descriptors() {
       std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
 }
 
+// Loop devices on this image; others on the machine are other programs'.
+size_t LoopsOn(const std::string& image) {
+  size_t loops = 0;
+  for (const auto& device : fs::directory_iterator("/sys/block")) {
+    std::ifstream backing(device.path() / "loop/backing_file");
+    std::string path;
+    if (std::getline(backing, path) && path == image) ++loops;
+  }
+  return loops;
+}
+
 // What a calculation must not leave behind. Mounts are compared as a whole: their text is long.
 struct Machine {
+  explicit Machine(const std::string& image) : loops(LoopsOn(image)) {}
+
+  void ExpectSame(const Machine& now) const {
+    EXPECT_EQ(processes, now.processes);
+    EXPECT_EQ(descriptors, now.descriptors);
+    EXPECT_EQ(loops, now.loops);
+    EXPECT_TRUE(mounts == now.mounts) << now.mounts;
+  }
+
   std::set<std::string> processes = Processes();
   size_t descriptors = Descriptors();
+  size_t loops;
   std::string mounts = ReadFile("/proc/self/mountinfo");
 };
-
-void ExpectSame(const Machine& before) {
-  const Machine now;
-  EXPECT_EQ(before.processes, now.processes);
-  EXPECT_EQ(before.descriptors, now.descriptors);
-  EXPECT_TRUE(before.mounts == now.mounts) << now.mounts;
-}
 
 std::vector<std::string> LockFiles() {
   std::vector<std::string> files;
@@ -207,6 +222,15 @@ Sizes ResultOf(const std::string& share) {
   Sizes sizes;
   for (size_t i = 0; i < ids.size(); ++i) sizes[ids[i]] = i < bytes.size() ? bytes[i] : 0;
   return sizes;
+}
+
+// Files of all tasks in the volatile directories.
+size_t FilesOfTasks() {
+  size_t count = 0;
+  for (const char* directory : {kTaskStatusDir, kTaskResultDir})
+    if (fs::exists(directory))
+      count += static_cast<size_t>(std::distance(fs::directory_iterator(directory), {}));
+  return count;
 }
 
 // Files of a task in the volatile directories.
@@ -366,6 +390,7 @@ void KillAnywhere::KillAlong(const Road& road, double part) {
   const Budget budget(part);
   const size_t steps = CountSteps(road);
   ASSERT_GT(steps, 0u);
+  EXPECT_EQ(1u, LoopsOn(volume_->Image()));
   std::set<size_t> tried;
   const char* const told = getenv("ZORV_TORTURE_NUMBER");
   for (const size_t number : SpreadOrder(steps * road.Ways())) {
@@ -387,6 +412,7 @@ void KillAnywhere::KillAlong(const Road& road, double part) {
   Figure("temporary files left", left_);
   Figure("temporary files removed", removed_);
   Figure("claims that had to expire", claims_);
+  Figure("files of forgotten tasks by now", FilesOfTasks());
   if (road.victim == Role::kFront) Figure("short results, said to be short", short_);
   Figure("lost", HasFailure() ? 1 : 0);
 }
@@ -419,11 +445,11 @@ void KillAnywhere::Try(const Road& road, const Way& way) {
   road.prepare();
   const std::string neighbour = TaskOf(kNeighbour);
   const std::string task = TaskOf(kShare);
-  const Machine machine;
+  const Machine machine(volume_->Image());
   const std::string at = KillOnce(road, way);
   SCOPED_TRACE("at " + at);
   ++(at.empty() ? notReached_ : kills_);
-  ExpectSame(machine);
+  machine.ExpectSame(Machine(volume_->Image()));
   ExpectWholeRest(road.victim);
   const std::vector<std::string> left = TemporaryFiles();
   left_ += left.size();
@@ -432,7 +458,7 @@ void KillAnywhere::Try(const Road& road, const Way& way) {
   for (const std::string& path : left) removed_ += fs::exists(path) ? 0 : 1;
   EXPECT_EQ(std::vector<std::string>{}, TemporaryFiles());
   EXPECT_EQ(neighbour, TaskOf(kNeighbour));
-  ExpectSame(machine);
+  machine.ExpectSame(Machine(volume_->Image()));
 }
 
 // What readers find before anybody has cleaned up: the right numbers, or none. A front that is
