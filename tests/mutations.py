@@ -962,7 +962,7 @@ MUTATIONS = [
     Mutation("the-sweep-asks-for-no-lock", "cli/leftovers.cc",
              "if (lock.Free()) directory.RemoveFile(name);", "directory.RemoveFile(name);",
              "KillAnywhere.SweepAtEachStep"),
-    Mutation("the-calculator-inherits-the-lock-of-its-launch", "cli/launch.cc",
+    Mutation("the-calculator-inherits-the-lock-of-its-launch", "cli/launch_lock.cc",
              "fcntl(fd_, F_SETLKW, &whole)", "fcntl(fd_, F_OFD_SETLKW, &whole)",
              "KillAnywhere.ToolStart"),
     Mutation("clean-forgets-the-task-of-a-killed-clean", "cli/cmd_clean.cc",
