@@ -89,7 +89,9 @@ void MakeWorld(const std::vector<std::string>& binds) {
   Mount("/sys", root + "/sys", nullptr, MS_BIND | MS_REC, nullptr);
   MakeDev(root + "/dev");
   Mount("tmpfs", root + "/run", "tmpfs", 0, "mode=0755");
-  MakeDir(root + "/run/lock", 01777);
+  // For everybody, as on Debian, and so beyond the umask.
+  MakeDir(root + "/run/lock");
+  if (chmod((root + "/run/lock").c_str(), 01777) != 0) Fail("chmod /run/lock");
   Mount("tmpfs", root + "/tmp", "tmpfs", 0, "mode=1777");
   for (size_t i = 0; i < binds.size(); ++i) {
     std::filesystem::create_directories(root + binds[i]);
