@@ -13,7 +13,7 @@ namespace ZorvEngine {
 // The worker's ends of two pipes.
 struct FrontLink {
   UniqueFd channel;  // to the front: notes and the outcome
-  UniqueFd go;       // from it: a byte when the turn has come
+  UniqueFd go;       // from it: ends when the turn has come
 };
 
 // Does what `options` asks, in a process of its own, and ends that process.  Progress goes to

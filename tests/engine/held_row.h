@@ -8,8 +8,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "tests/support/command.h"
@@ -75,13 +77,30 @@ class HeldRow {
   pid_t holder_ = 0;
 };
 
-// Who has a place in a row; 0: nobody.  Not to be asked by a process that has one itself.
-inline pid_t SomebodyInRow(const std::string& row) {
+// Adds the processes that hold bytes from `begin` to before `end` of a row.
+inline void AddRuns(const UniqueFd& row, off_t begin, off_t end, std::vector<pid_t>* runs) {
+  if (begin >= end) return;
+  struct flock lock = OneByte(F_WRLCK, begin);
+  lock.l_len = end - begin;
+  if (fcntl(row.Get(), F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return;
+  AddRuns(row, begin, lock.l_start, runs);
+  runs->push_back(lock.l_pid);
+  AddRuns(row, lock.l_start + 1, end, runs);
+}
+
+// Who has a place in a row, in the order of the places.  Not to be asked by a process that has one
+// itself.
+inline std::vector<pid_t> RunsInRow(const std::string& row) {
+  std::vector<pid_t> runs;
   const UniqueFd fd(open(row.c_str(), O_RDWR | O_CLOEXEC));
-  struct flock lock = OneByte(F_WRLCK, 1);
-  lock.l_len = 0;
-  if (!fd.Valid() || fcntl(fd.Get(), F_GETLK, &lock) != 0 || lock.l_type == F_UNLCK) return 0;
-  return lock.l_pid;
+  if (fd.Valid()) AddRuns(fd, 1, INT64_MAX, &runs);
+  return runs;
+}
+
+// The first one in a row; 0: nobody.
+inline pid_t SomebodyInRow(const std::string& row) {
+  const std::vector<pid_t> runs = RunsInRow(row);
+  return runs.empty() ? 0 : runs[0];
 }
 
 }  // namespace ZorvTest

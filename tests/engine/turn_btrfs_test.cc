@@ -129,6 +129,29 @@ TEST_F(EngineTurn, HoldsItsPlaceWhileItReads) {
   FAIL() << "no run was seen in its turn";
 }
 
+// It takes the minute after which a run that reads nothing counts as one that hangs.  A minute in
+// the row is not standing still.
+TEST_F(EngineTurn, ARunThatStandsStillGivesItsPlaceBack) {
+  for (int attempt = 0; attempt < 1000; ++attempt) {
+    EngineProcess still(Args("-vm"));
+    if (!still.StopWorker(static_cast<useconds_t>(attempt % 20) * 1000)) continue;
+    if (RunsInRow(row_) != std::vector<pid_t>{still.Front()}) continue;
+    const double begin = Seconds();
+    const auto next = Waiting();
+    ASSERT_TRUE(next->StopWorker());
+    EXPECT_TRUE(
+        WaitUntil([&] { return RunsInRow(row_) == std::vector<pid_t>{next->Front()}; }, 120));
+    EXPECT_LT(50, Seconds() - begin);
+    sleep(1);
+    EXPECT_EQ(std::vector<pid_t>{next->Front()}, RunsInRow(row_));
+    next->ContinueWorker();
+    still.ContinueWorker();
+    EXPECT_EQ(next->Finish().sizes, still.Finish().sizes);
+    return;
+  }
+  FAIL() << "no run was seen in its turn";
+}
+
 TEST_F(EngineTurn, DoesNotWaitForAStoppedRun) {
   const HeldRow held(row_);
   kill(held.Holder(), SIGSTOP);
@@ -175,7 +198,6 @@ TEST_F(EngineTurn, StatsSayThatThereIsATurn) {
   EXPECT_NE("", StatOf(run, "phase turn"));
 }
 
-// A number is worth more than order.
 // The word that its turn has come was a write to a pipe once; when that failed, both processes
 // waited for ever.
 TEST_F(EngineTurn, ItsWorkerIsLetGoWithoutAWriteThatCanFail) {
@@ -199,6 +221,7 @@ TEST_F(EngineTurn, ItsWorkerIsLetGoWithoutAWriteThatCanFail) {
   EXPECT_EQ(0, status) << ReadFile("/tmp/turn.out");
 }
 
+// A number is worth more than order.
 TEST_F(EngineTurn, ANumberIsGivenWhereThereIsNoRow) {
   WriteFile(kRows, "in the way");
   const EngineRun run = RunEngine(Args("-vm"));
