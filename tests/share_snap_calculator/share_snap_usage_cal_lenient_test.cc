@@ -122,6 +122,12 @@ TEST_F(Lenient, PipeInPlaceOfARecordIsWaitedFor) {
   EXPECT_EQ(0, WaitForExit(reader));
 }
 
+TEST_F(Lenient, NamesAreLoggedAsTheyAre) {
+  int fd = -1;
+  EXPECT_FALSE(Utils::GeneralFileLock("/nowhere/a\nb", /*exclusive=*/true, fd));
+  EXPECT_EQ(1, syslog_.Count("Failed to open file [/nowhere/a\nb]")) << syslog_.Dump();
+}
+
 // The number of the first operation that does not answer as it is documented for a lock or a
 // directory that cannot be had; 0: all do.
 int AnswersWithoutRights() {
