@@ -72,6 +72,8 @@ bool IsDevNull(pid_t pid, const char* descriptor) {
 
 }  // namespace
 
+bool IsRootsProcess(pid_t pid) { return IsRoots(ReadProc(pid, "status")); }
+
 bool IsCalculator(pid_t pid) {
   const std::string status = ReadProc(pid, "status");
   return IsRoots(status) && WithstandsStop(status) && LeadsItsSession(pid) &&

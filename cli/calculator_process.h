@@ -13,6 +13,10 @@ namespace ZorvSnapUsage {
 // Gives up when it cannot be told; a process that ends meanwhile may be either.
 bool IsCalculator(pid_t pid);
 
+// Whether a process is root's, and was started by root: what a user starts and has root's rights by
+// its file's mode, is not. False also for one that has ended.
+bool IsRootsProcess(pid_t pid);
+
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_CALCULATOR_PROCESS_H_

@@ -12,6 +12,7 @@
 
 #include "base/paths.h"
 #include "base/unique_fd.h"
+#include "cli/calculator_process.h"
 #include "cli/failure.h"
 #include "cli/roots.h"
 #include "cli/text.h"
@@ -40,11 +41,6 @@ pid_t HolderOf(const std::string& path) {
   if (fcntl(fd.Get(), F_GETLK, &lock) != 0) throw CannotBeLookedAt(path);
   if (lock.l_type == F_UNLCK) return 0;
   return lock.l_pid > 0 ? lock.l_pid : -1;
-}
-
-bool IsRootsProcess(pid_t pid) {
-  struct stat status;
-  return stat(fmt::format("/proc/{}", pid).c_str(), &status) == 0 && status.st_uid == 0;
 }
 
 // A lock file: the library waits for its lock for as long as it takes, which is a moment where all

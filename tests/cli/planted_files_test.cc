@@ -172,30 +172,56 @@ TEST_F(PlantedFiles, FileThatOthersCanWriteIsRefused) {
   }
 }
 
-// A lock file that was opened while its directory was open to all stays open to who has it.
+// A process with the rights of `become` that holds a read lock of a file which the test has opened,
+// as one may have that did so while the directory was open to all.
+class Holder {
+ public:
+  Holder(const std::string& lock, void (*become)())
+      : fd_(open(lock.c_str(), O_RDONLY | O_CLOEXEC)), pid_(fork()) {
+    if (pid_ == 0) Hold(become);
+    int status = 0;
+    if (waitpid(pid_, &status, WUNTRACED) != pid_ || !WIFSTOPPED(status))
+      throw std::runtime_error("no holder of " + lock);
+  }
+  ~Holder() {
+    kill(pid_, SIGKILL);
+    (void)WaitForExit(pid_);
+  }
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+
+  std::string Pid() const { return std::to_string(pid_); }
+
+ private:
+  [[noreturn]] void Hold(void (*become)()) const {
+    become();
+    struct flock whole = {};
+    whole.l_type = F_RDLCK;
+    if (fcntl(fd_.Get(), F_SETLK, &whole) != 0) _exit(1);
+    raise(SIGSTOP);
+    _exit(0);
+  }
+
+  const UniqueFd fd_;
+  const pid_t pid_;
+};
+
 TEST_F(PlantedFiles, LockThatAStrangerHoldsIsNotWaitedFor) {
   for (const std::string& lock :
        {std::string(kLockOfMap), std::string("/run/lock/zorvbtrfssnapusage/share_task/photos.lock"),
         std::string("/run/lock/zorvbtrfssnapusage/share_task_status/photos")}) {
     SCOPED_TRACE(lock);
-    const UniqueFd fd(open(lock.c_str(), O_RDONLY | O_CLOEXEC));
-    const pid_t stranger = fork();
-    if (stranger == 0) {
-      BecomeUser(4711);
-      struct flock whole = {};
-      whole.l_type = F_RDLCK;
-      (void)fcntl(fd.Get(), F_SETLK, &whole);
-      raise(SIGSTOP);
-      _exit(0);
-    }
-    int status = 0;
-    ASSERT_EQ(stranger, waitpid(stranger, &status, WUNTRACED));
-    ExpectRefusal(Tool({"run", "photos"}),
-                  "'" + lock + "' is locked by process " + std::to_string(stranger) +
-                      ", which is not root's; end that process: kill " + std::to_string(stranger));
-    kill(stranger, SIGKILL);
-    (void)WaitForExit(stranger);
+    const Holder stranger(lock, [] { BecomeUser(4711); });
+    ExpectRefusal(Tool({"run", "photos"}), "'" + lock + "' is locked by process " + stranger.Pid() +
+                                               ", which is not root's; end that process: kill " +
+                                               stranger.Pid());
   }
+}
+
+// As sudo is while it asks for a password.
+TEST_F(PlantedFiles, LockThatAUsersProcessWithRootsRightsHoldsIsNotWaitedFor) {
+  const Holder stranger(kLockOfMap, [] { (void)!setresuid(4711, 0, 0); });
+  EXPECT_EQ(16, Tool({"run", "photos"}).status);
 }
 
 TEST_F(PlantedFiles, LockOfADescriptorThatNobodyOwnsIsNotWaitedFor) {
