@@ -408,7 +408,8 @@ MUTATIONS = [
     Mutation("the-map-is-changed-under-a-shared-lock", SHARE,
              "  const ScopedFileLock lock(ZLOG_HERE, kShareMapLock, ScopedFileLock::kExclusive);\n",
              "  const ScopedFileLock lock(ZLOG_HERE, kShareMapLock, ScopedFileLock::kShared);\n",
-             "ManyAtOnce.TheMapOfManySharesIsWhole"),
+             "ManyAtOnce.TheMapOfManySharesIsWhole "
+             "FiftyShares.AreCalculatedRightWhileTheVolumeChanges"),
     Mutation("an-expired-task-blocks-while-its-state-says-so", SHARE,
              "  if (FindValidTaskID(shareName, taskID) == RESULT_NOT_FOUND) return true;\n",
              "  bool expired = false;\n"
