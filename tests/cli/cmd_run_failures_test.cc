@@ -306,6 +306,18 @@ TEST_F(CmdRunFailures, FullDiskUnderTheHelp) {
   }
 }
 
+// The signal of the limit ended the program, or the calculation in the middle of a write.
+TEST_F(CmdRunFailures, LimitOnTheSizeOfFilesIsAFailedWrite) {
+  const std::string limited = std::string("set -o pipefail; (ulimit -f 0; exec ") + ZORV_CLI_PATH +
+                              " run photos) 2>&1 | cat";
+  const CommandResult result = ZorvTest::Run({"bash", "-c", limited});
+  EXPECT_EQ(1, result.status);
+  EXPECT_EQ(
+      "zorv-snapusage: no calculation of share 'photos' could be created (code 1); the system log "
+      "says why (journalctl -t zorv-snapusage)\n",
+      result.out);
+}
+
 // It was left out of the calculation, and the rest was called complete.
 TEST_F(CmdRunFailures, SnapshotThatCannotBeLookedAtIsNotLeftOut) {
   constexpr char kOutput[] = "/tmp/run.out";
