@@ -3,12 +3,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
-#include <set>
 
 #include "base/paths.h"
 #include "tests/support/command.h"
@@ -100,18 +98,10 @@ class FailingCallsOfTheLibrary : public testing::Test {
   }
 
   static void JudgeCodes(const FaultyRun& run, Aftermath* aftermath) {
-    static const std::set<int> kOfCaller = {0, 1, 4, 11, 101, 103, 107, 115};
-    static const std::set<int> kOfCalculator = {0, 1, 6, 9, 13, 127};
     // A writer whose reader has gone ends so; the reader has said that it failed.
     const bool readerFailed = Has(run.hit.front().text, "read(pipe:") || run.hit.size() > 1;
-    if (!run.crashed.empty() && !(readerFailed && Has(run.crashed, "by Broken pipe")))
-      aftermath->wrong.push_back("ended by a signal: " + run.crashed);
-    if (kOfCaller.count(run.status) == 0)
-      aftermath->wrong.push_back("the caller got code " + std::to_string(run.status));
-    for (const int status : run.calculators)
-      if (WIFEXITED(status) && kOfCalculator.count(WEXITSTATUS(status)) == 0)
-        aftermath->wrong.push_back("the calculator ended with " +
-                                   std::to_string(WEXITSTATUS(status)));
+    const bool mayCrash = readerFailed && Has(run.crashed, "by Broken pipe");
+    ScarcityWorld::JudgeEnds({run.status, run.calculators, mayCrash ? "" : run.crashed}, aftermath);
   }
 
   // The log says what went wrong, in the text that belongs to it.

@@ -222,6 +222,36 @@ int ScarcityWorld::CalculateToTheEnd() {
   return code;
 }
 
+Ends ScarcityWorld::RunPrepared(const std::function<void()>& prepare) {
+  Ends ends;
+  fflush(nullptr);
+  const pid_t caller = fork();
+  if (caller < 0) throw std::runtime_error("no process");
+  if (caller == 0) {
+    prepare();
+    _exit(Calculate());
+  }
+  const auto take = [&](pid_t pid, int status) {
+    if (pid == caller)
+      ends.caller = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    else
+      ends.calculators.push_back(status);
+    if (WIFSIGNALED(status))
+      ends.crashed += std::string(pid == caller ? "caller" : "calculator") + " by " +
+                      strsignal(WTERMSIG(status)) + "; ";
+  };
+  const bool ended = WaitUntil([&] {
+    int status = 0;
+    for (pid_t pid; (pid = waitpid(-1, &status, WNOHANG)) != 0;) {
+      if (pid < 0) return true;
+      take(pid, status);
+    }
+    return false;
+  });
+  if (!ended) throw std::runtime_error("something of the calculation is still running");
+  return ends;
+}
+
 // ---- What has to hold ---------------------------------------------------------------------------
 
 std::string ScarcityWorld::State() {
@@ -241,6 +271,18 @@ Aftermath ScarcityWorld::Judge(int caller, const Tolerated& tolerated) {
   JudgeNext(&aftermath);
   Restore();
   return aftermath;
+}
+
+void ScarcityWorld::JudgeEnds(const Ends& ends, Aftermath* aftermath) {
+  static const std::set<int> kOfCaller = {0, 1, 4, 11, 101, 103, 107, 115};
+  static const std::set<int> kOfCalculator = {0, 1, 6, 9, 13, 127};
+  if (!ends.crashed.empty()) aftermath->wrong.push_back("ended by a signal: " + ends.crashed);
+  if (kOfCaller.count(ends.caller) == 0)
+    aftermath->wrong.push_back("the caller got code " + std::to_string(ends.caller));
+  for (const int status : ends.calculators)
+    if (WIFEXITED(status) && kOfCalculator.count(WEXITSTATUS(status)) == 0)
+      aftermath->wrong.push_back("the calculator ended with " +
+                                 std::to_string(WEXITSTATUS(status)));
 }
 
 void ScarcityWorld::JudgeFiles(const Tolerated& tolerated, Aftermath* aftermath) {
@@ -284,7 +326,7 @@ void ScarcityWorld::JudgeStatus(const Tolerated& tolerated, Aftermath* aftermath
 
 void ScarcityWorld::JudgeTemporaryFiles(const Tolerated& tolerated, Aftermath* aftermath) {
   ForEachFile([&](const std::string& path) {
-    if (IsTemporary(path) && path != tolerated.notRemoved)
+    if (IsTemporary(path) && path != tolerated.notRemoved && !tolerated.temporaryFiles)
       aftermath->wrong.push_back("a temporary file is left: " + path);
   });
 }

@@ -5,6 +5,7 @@
 #include <json/json.h>
 #include <stdint.h>
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -24,6 +25,7 @@ using SubvolumeSizes = std::map<unsigned long long, unsigned long long>;
 struct Tolerated {
   std::set<std::string> unreadable;  // files that could not be read: their other members are lost
   std::string notRemoved;            // a file whose removal failed may still be there
+  bool temporaryFiles = false;       // a writer was killed, and left its temporary file
   bool unfinished = false;           // the final state could not be written
   bool unlisted = false;             // results whose directory could not be opened were not copied
   bool shortOutput = false;          // the engine's output may have been cut
@@ -37,6 +39,13 @@ struct Aftermath {
   bool lostMembers = false;        // of a file that could not be read
   bool noResult = false;           // done, and the results were not copied
   bool shortResult = false;        // done, without some of the numbers
+};
+
+// How the processes of a calculation ended, which a test has waited for.
+struct Ends {
+  int caller = -1;               // exit status, 128 + signal
+  std::vector<int> calculators;  // wait statuses
+  std::string crashed;           // who was ended by a signal, in words
 };
 
 // The share "photos" with three snapshots at /volume1; it has been calculated once. Beside it the
@@ -63,6 +72,13 @@ class ScarcityWorld {
   // or 100 more than that of the launch. The process, and the calculator that comes of it, note
   // what they leave open.
   int Calculate();
+
+  // Runs Calculate in a process, after `prepare` there, and waits for all that comes of it. Throws
+  // when some of it is still there after a minute.
+  Ends RunPrepared(const std::function<void()>& prepare);
+
+  // Whether the processes ended as they may: by no signal, with codes that are documented.
+  static void JudgeEnds(const Ends& ends, Aftermath* aftermath);
 
   // Looks at everything after all processes of a calculation have ended, then has it calculated
   // once more. `caller`: the exit status of the process that has run Calculate. Restores.
