@@ -32,6 +32,8 @@ while [ $# -gt 0 ]; do
 done
 
 need_machine
+grep -qw fuse /proc/filesystems || modprobe fuse 2>/dev/null || true
+grep -qw fuse /proc/filesystems || die "this kernel has no FUSE; install one with CONFIG_FUSE_FS"
 install_packages
 build "$preset"
 [[ "${only:-fuzz}" =~ (^|\|)fuzz(\||$) ]] && build_fuzzers
