@@ -527,7 +527,7 @@ MUTATIONS = [
              "if (copy.unreadable || IsStillBad(copy))", "if (copy.unreadable || !copy.why.empty())",
              "BlockReaderFindBadCopies.*"),
     Mutation("what-lies-beyond-a-file-system-is-its-superblock", "engine/io/superblock.cc",
-             "    if (newest.device.totalBytes.Get() < offset + kSuperblockSize) break;\n",
+             "    if (newest.device.totalBytes.Get() <= offset + kSuperblockSize) break;\n",
              "    if (source.Size() < offset + kSuperblockSize) break;\n",
              "SuperblockCheckCopies.*"),
     Mutation("a-missing-device-is-read-first", "engine/io/block_reader.cc",

@@ -123,8 +123,9 @@ Status CheckSuperblockCopies(ByteSource& source, const uint8_t* deviceUuid) {
   Superblock newest;
   ENGINE_TRY(ReadNewestSuperblock(source, deviceUuid, &newest));
   for (const uint64_t offset : kSuperblockOffsets) {
-    // What lies beyond the file system's part of the device is none of its own.
-    if (newest.device.totalBytes.Get() < offset + kSuperblockSize) break;
+    // What lies beyond the file system's part of the device is none of its own, and the kernel wants
+    // a byte more than the copy takes.
+    if (newest.device.totalBytes.Get() <= offset + kSuperblockSize) break;
     Superblock copy;
     const Search search = LookPatiently([&](Search* looking) {
       Consider(source, offset, deviceUuid, buffer.get(), looking, &copy);

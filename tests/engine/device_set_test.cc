@@ -31,7 +31,7 @@ class DeviceSetTest : public testing::Test {
       Superblock superblock{};
       superblock.magic.Set(kSuperblockMagic);
       superblock.generation.Set(generation);
-      superblock.device.totalBytes.Set(kDeviceSize);
+      superblock.device.totalBytes.Set(kDeviceSize + 1);
       memcpy(superblock.device.uuid, device.uuid, kUuidSize);
       for (const uint64_t offset : {kPrimary, kSecond}) {
         superblock.bytenr.Set(offset);

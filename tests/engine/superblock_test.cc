@@ -58,7 +58,7 @@ class SuperblockCheckCopies : public testing::Test {
 
   std::string Check() { return CheckSuperblockCopies(device_, kDevice).Text(); }
 
-  uint64_t size_ = kSecond + kSuperblockSize;
+  uint64_t size_ = kSecond + kSuperblockSize + 1;
   MemoryDevice device_{(64u << 20) + 4096};
 };
 
@@ -139,7 +139,7 @@ TEST_F(SuperblockCheckCopies, NamesTheOneThatIsDamagedOrCannotBeRead) {
 }
 
 TEST_F(SuperblockCheckCopies, LeavesOutWhatLiesBeyondTheFileSystem) {
-  size_ = kSecond + kSuperblockSize - 1;
+  size_ = kSecond + kSuperblockSize;
   device_.Put(kPrimary, MakeSuperblock(kPrimary, 10, [this](Superblock* s) { SetSize(s); }));
   EXPECT_EQ("", Check());
 }

@@ -16,6 +16,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "tests/engine/blocks.h"
 #include "tests/engine/history.h"
 #include "tests/support/platform_hook.h"
 #include "tests/support/torture.h"
@@ -205,8 +206,10 @@ std::vector<DiskFault> LastingFaults(const HurtingVolume& volume, const LiveBloc
                                      std::mt19937& random) {
   const size_t size = volume.NodeSize();
   const LiveBlock& another = volume.Blocks()[random() % volume.Blocks().size()];
+  // An earlier state of the block, sound in itself: as if a write had been lost.
   std::vector<uint8_t> stale = volume.ContentOf(block.copies[0]);
-  stale[80] ^= 1;  // of the generation: an earlier state of the block, but for its checksum
+  HeaderOf(&stale).generation.Set(block.generation - 1);
+  Seal(&stale);
   std::vector<uint8_t> inverse = volume.ContentOf(block.copies[0]);
   for (uint8_t& byte : inverse) byte = static_cast<uint8_t>(~byte);
   std::vector<DiskFault> faults = {
