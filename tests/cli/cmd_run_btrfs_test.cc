@@ -1,5 +1,6 @@
 // The program over the real engine: its numbers are the kernel's.
 #include "tests/cli/cli_world.h"
+#include "tests/engine/held_row.h"
 #include "tests/support/engine_worker.h"
 
 using namespace ZorvTest;
@@ -48,6 +49,27 @@ TEST_F(CmdRunBtrfs, OneOfManyHasTheSameNumber) {
   ASSERT_EQ(1u, shown["snapshots"].size());
   EXPECT_EQ(volume_->KernelExclusive().at(ID(name)), shown["snapshots"][0]["exclusive"].asUInt64());
   EXPECT_EQ(8u, shown["not_measured"].size());
+}
+
+TEST_F(CmdRunBtrfs, SaysThatItWaitsForOtherRuns) {
+  HeldRow held(RowOf("/volume1"));
+  Background run(Argv({"run", "photos"}));
+  EXPECT_TRUE(run.HasSaid("NOTE: waiting for other runs on this file system: 1 ahead\n"));
+  EXPECT_THAT(MustRun(Argv({"status", "photos"})), HasSubstr("process"));
+  EXPECT_EQ("", run.Out());
+  held.Release();
+  EXPECT_EQ(0, run.Wait().status);
+  EXPECT_EQ(3u, Shown()["snapshots"].size());
+}
+
+TEST_F(CmdRunBtrfs, CanBeStoppedWhileItWaits) {
+  const HeldRow held(RowOf("/volume1"));
+  Background run(Argv({"run", "photos", "--quiet"}));
+  EXPECT_TRUE(run.HasSaid("NOTE: waiting"));
+  EXPECT_EQ("ended the calculation of share 'photos': state stop\n",
+            MustRun(Argv({"stop", "photos"})));
+  EXPECT_EQ(12, run.Wait().status);
+  EXPECT_EQ(std::vector<pid_t>{held.Holder()}, RunsInRow(RowOf("/volume1")));
 }
 
 TEST_F(CmdRunBtrfs, CtrlCInTheMiddle) {

@@ -110,6 +110,18 @@ TEST_F(LongRun, WithoutARecordOfItsTaskCanBeStopped) {
   ExpectItCanBeStopped();
 }
 
+// For a moment after a launch the share's record still has the number of the task before.
+TEST_F(LongRun, NumberInTheShareAloneIsNotTakenWhileTheClaimIsYoung) {
+  WaitingEngine();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  ASSERT_LT(0, CalculatorPid());
+  WriteFile(TaskRecord(), "{\"status\":\"process\"}");
+  EXPECT_THAT(MustRun(Argv({"status", "photos"})), Not(HasSubstr("process:")));
+  EXPECT_EQ(4, Tool({"clean", "photos"}).status) << "it may be about to begin";
+  Release();
+}
+
 // A launch by another copy of the program, or a claim through the library, is between the look at
 // the share and its own record.
 TEST_F(LongRun, CleanWaitsForThoseWhoClaimAShare) {

@@ -27,7 +27,7 @@ using namespace ZorvBtrfsUsage;
 
 constexpr unsigned kWanted = 10000;  // runs of a long session
 constexpr unsigned kAtLeast = 60;    // runs of each kind, however short the time
-constexpr int kLanes = 6;            // calculations at a time
+constexpr int kLanes = 5;            // calculations at a time
 constexpr double kSoon = 1;
 
 // What the runs of one kind came to.
