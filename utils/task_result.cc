@@ -4,6 +4,7 @@
 
 #include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -65,11 +66,22 @@ void Get(std::istream& in, T& data) {
   in.read(reinterpret_cast<char*>(&data), sizeof data);
 }
 
+// Elements that fit into a quarter of the machine's memory. A count may say more than the file
+// holds, and what is missing is made up for: a few bytes must not take the machine's memory, which
+// Linux promises before it is there.
+template <typename T>
+uint64_t ElementsOfAQuarter() {
+  const long pages = sysconf(_SC_PHYS_PAGES);
+  const long pageBytes = sysconf(_SC_PAGESIZE);
+  if (pages <= 0 || pageBytes <= 0) return kMaxElements;
+  return static_cast<uint64_t>(pages) * static_cast<uint64_t>(pageBytes) / 4 / sizeof(T);
+}
+
 // Room for `count` elements before the first is read, so that a count that cannot be true fails
 // here. False: too many, or no memory for them.
 template <typename T>
 bool MakeRoom(std::vector<T>& values, uint64_t count) {
-  if (count > kMaxElements) return false;
+  if (count > kMaxElements || count > ElementsOfAQuarter<T>()) return false;
   try {
     values.reserve(count);
   } catch (const std::exception&) {  // bad_alloc, length_error

@@ -1,6 +1,7 @@
 // Vectors whose count asks for more memory than there is.
 #include <stdlib.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <new>
 #include <vector>
@@ -23,13 +24,22 @@ const std::string kFile = "/run/zorvbtrfssnapusage/task_result/t1.result";
 size_t refusedAbove = ~size_t{0};
 int refused = 0;
 
-// 2^32 - 1 elements are asked for, the most that the format has; one is there.
+// Elements of a quarter of the machine's memory, the most that are read.
+uint64_t MostElements() {
+  const auto pages = static_cast<uint64_t>(sysconf(_SC_PHYS_PAGES));
+  return pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 4 / 8;
+}
+
+// 2^20 elements are asked for; one is there.
 class TaskResultMemory : public TaskFiles {
  protected:
-  TaskResultMemory() {
-    WriteFile(kFile, std::string("\xff\xff\xff\xff\0\0\0\0\1\0\0\0\0\0\0\0", 16));
-  }
+  TaskResultMemory() { WriteCount(1 << 20); }
   ~TaskResultMemory() override { refusedAbove = ~size_t{0}; }
+
+  static void WriteCount(uint64_t count) {
+    const uint64_t words[] = {count, 1};
+    WriteFile(kFile, std::string(reinterpret_cast<const char*>(words), sizeof words));
+  }
 
   void ExpectOneMessage() {
     EXPECT_EQ(1,
@@ -52,7 +62,7 @@ void operator delete(void* memory, size_t) noexcept { free(memory); }
 TEST_F(TaskResultMemory, RefusedAllocationFails) {
   Values values;
   refused = 0;
-  refusedAbove = 1 << 30;
+  refusedAbove = 1 << 20;
   EXPECT_EQ(1, TaskResult::ReadVtr(kFile, values));
   refusedAbove = ~size_t{0};
   EXPECT_EQ(1, refused);
@@ -64,7 +74,19 @@ TEST_F(TaskResultMemory, CountOfTwoToTheThirtySecondAsksForNone) {
   WriteFile(kFile, std::string("\0\0\0\0\1\0\0\0\1\0\0\0\0\0\0\0", 16));
   Values values;
   refused = 0;
-  refusedAbove = 1 << 30;
+  refusedAbove = 1 << 20;
+  EXPECT_EQ(1, TaskResult::ReadVtr(kFile, values));
+  refusedAbove = ~size_t{0};
+  EXPECT_EQ(0, refused);
+  ExpectOneMessage();
+}
+
+// Linux promises memory that is not there, and a file of 16 bytes took all of it.
+TEST_F(TaskResultMemory, CountBeyondAQuarterOfTheMemoryAsksForNone) {
+  WriteCount(MostElements() + 1);
+  Values values;
+  refused = 0;
+  refusedAbove = 1 << 20;
   EXPECT_EQ(1, TaskResult::ReadVtr(kFile, values));
   refusedAbove = ~size_t{0};
   EXPECT_EQ(0, refused);
@@ -73,7 +95,7 @@ TEST_F(TaskResultMemory, CountOfTwoToTheThirtySecondAsksForNone) {
 
 TEST_F(TaskResultMemory, RefusedAllocationOfATasksResultFails) {
   Values values;
-  refusedAbove = 1 << 30;
+  refusedAbove = 1 << 20;
   EXPECT_EQ(1, TaskResult::GetResultVtr(TASK_RESULT_OPT_RESULT, "t1", values));
   refusedAbove = ~size_t{0};
   EXPECT_EQ(1, log.CountTask(LOG_ERR, kUnit, "GetResultVtr", getpid(), "t1",
@@ -84,8 +106,9 @@ TEST_F(TaskResultMemory, RefusedAllocationOfATasksResultFails) {
 
 TEST_F(TaskResultMemory, AddressSpaceLimitFails) {
   NEEDS_MEMORY_LIMITS();
+  WriteCount(MostElements());
   EXPECT_EQ(1, InChild([] {
-              const rlimit limit = {size_t{4} << 30, size_t{4} << 30};
+              const rlimit limit = {8 * MostElements(), 8 * MostElements()};
               if (setrlimit(RLIMIT_AS, &limit) != 0) return 2;
               Values values;
               return TaskResult::ReadVtr(kFile, values);
