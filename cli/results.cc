@@ -5,6 +5,8 @@
 #include <zorvbtrfssnapusage/task_result.h>
 #include <zorvplatform/platc.h>
 
+#include <fstream>
+
 #include "cli/string_list.h"
 
 namespace ZorvSnapUsage {
@@ -16,13 +18,20 @@ using ZorvBtrfsUsage::TaskResult;
 constexpr char kResultSuffix[] = ".result";
 constexpr char kSubvolumeIDSuffix[] = ".subvol_id";
 
+// The number of elements that a vector's file announces; 0 when it cannot be read.
+unsigned long long AnnouncedCount(const std::string& path) {
+  unsigned long long count = 0;
+  std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(&count), sizeof count);
+  return count;
+}
+
 // Reads a vector whose file has the length that its count announces: the reader of the library
-// accepts shorter ones and repeats the last value.
+// accepts shorter ones and repeats the last value, as often as is announced.
 bool ReadWhole(const std::string& path, std::vector<unsigned long long>& values,
                struct stat& file) {
   if (stat(path.c_str(), &file) != 0 || !S_ISREG(file.st_mode)) return false;
   const auto size = static_cast<unsigned long long>(file.st_size);
-  if (size < 8 || size % 8 != 0) return false;
+  if (size < 8 || size % 8 != 0 || AnnouncedCount(path) != size / 8 - 1) return false;
   return TaskResult::ReadVtr(path, values) == 0 && values.size() == size / 8 - 1;
 }
 

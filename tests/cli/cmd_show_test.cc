@@ -1,4 +1,6 @@
 // `show`: the last good result of a share, whatever came after it.
+#include <sys/resource.h>
+
 #include <filesystem>
 
 #include "tests/cli/cli_world.h"
@@ -180,6 +182,17 @@ TEST_F(CmdShow, FilesThatAreCutShortAreNoResult) {
     WriteFile(path, whole);
     EXPECT_EQ(0, Tool({"show", "photos"}).status);
   }
+}
+
+// The library would make up for the missing elements, and take half a gigabyte for it.
+TEST_F(CmdShow, ACountWithoutElementsTakesNoMemory) {
+  RunOnce();
+  for (const char* suffix : {".result", ".subvol_id"})
+    WriteFile(ResultFile(suffix), std::string("\0\0\0\4\0\0\0\0\1\0\0\0\0\0\0\0", 16));
+  EXPECT_EQ(10, Tool({"show", "photos"}).status);
+  rusage children = {};
+  getrusage(RUSAGE_CHILDREN, &children);
+  EXPECT_LT(children.ru_maxrss, 256 << 10);  // KiB
 }
 
 TEST_F(CmdShow, NewestCompletePairCounts) {
