@@ -109,6 +109,7 @@ void TakeChunks(SeedsByTarget* seeds) {
     std::string seed;
     LeafSeeds::AppendChunk(ChunkKey(16 << 20), View(item), &seed);
     LeafSeeds::AppendChunk(ChunkKey(24 << 20), View(item), &seed);
+    LeafSeeds::AppendChunk(ChunkKey(UINT64_MAX - (4 << 20)), View(item), &seed);  // wraps around
     (*seeds)["chunk_items"].insert(seed);
   }
 }

@@ -4,10 +4,12 @@
 
 #include <filesystem>
 
+#include "base/utf8.h"
 #include "tests/fuzz/target.h"
 #include "zorvbtrfssnapusage/utils.h"
 
 using namespace ZorvTest;
+using ZorvBtrfsUsage::IsUtf8;
 using ZorvBtrfsUsage::Utils;
 
 namespace {
@@ -37,6 +39,7 @@ FUZZ_TARGET(json_store) {
   if (!Utils::JsonToFile(value, kFile)) {
     FUZZ_LAW(FileContent(kFile) == kOld);
   } else {
+    FUZZ_LAW(IsUtf8(FileContent(kFile)));
     Json::Value again;
     FUZZ_LAW(Utils::JsonFromFile(again, kFile));
     FUZZ_LAW(again == value);
