@@ -106,7 +106,7 @@ void RunSeeds(const std::string& target, int changes) {
 
 TEST(FuzzCorpus, ChunkItems) { RunSeeds("chunk_items", 2000); }
 TEST(FuzzCorpus, CommandOutput) { RunSeeds("command_output", 100); }
-TEST(FuzzCorpus, DamagedBlocks) { RunSeeds("damaged_blocks", 60); }
+TEST(FuzzCorpus, DamagedBlocks) { RunSeeds("damaged_blocks", 4); }
 TEST(FuzzCorpus, ExtentItems) { RunSeeds("extent_items", 1000); }
 TEST(FuzzCorpus, Fstab) { RunSeeds("fstab", 100); }
 TEST(FuzzCorpus, JsonStore) { RunSeeds("json_store", 200); }

@@ -126,6 +126,32 @@ void TakeRoots(SeedsByTarget* seeds) {
   (*seeds)["root_items"].insert(seed);
 }
 
+// Blocks, each with one field of its head, or the first of its pointers, saying something else.
+void TakeDamage(SeedsByTarget* seeds) {
+  constexpr size_t kFirstPlace = sizeof(BlockHeader) + offsetof(KeyPointer, bytenr);
+  const struct {
+    size_t offset;
+    std::string bytes;
+  } kFields[] = {
+      {offsetof(BlockHeader, nritems), std::string(4, '\0')},
+      {offsetof(BlockHeader, nritems), "\xff\xff\xff\xff"},
+      {offsetof(BlockHeader, level), "\7"},
+      {offsetof(BlockHeader, generation), std::string(8, '\xff')},
+      {kFirstPlace, std::string(8, '\0')},
+      {kFirstPlace, std::string(8, '\xff')},
+  };
+  (*seeds)["damaged_blocks"].insert("");
+  for (uint64_t block = 0; block < 24; ++block) {
+    for (const auto& [offset, bytes] : kFields) {
+      std::string seed;
+      AppendNumber(block, 1, &seed);
+      AppendNumber(offset - kChecksumSize, 2, &seed);
+      AppendNumber(bytes.size(), 1, &seed);
+      (*seeds)["damaged_blocks"].insert(seed + bytes);
+    }
+  }
+}
+
 // Every block of the image that carries its file system's uuid.
 void TakeImage(const std::string& path, SeedsByTarget* seeds) {
   std::ifstream image(path, std::ios::binary);
@@ -150,7 +176,7 @@ SeedsByTarget MakeEngineSeeds(const std::string& image) {
   TakeChunks(&seeds);
   TakeRoots(&seeds);
   seeds["superblock"].insert(AsText(BytesOf(MiniFilesystem().MakeSuperblock())));
-  seeds["damaged_blocks"] = {"", std::string("\1\0\0\4abcd\2\5\0\2\xff\xff", 14)};
+  TakeDamage(&seeds);
   TakeImage(image, &seeds);
   return seeds;
 }
