@@ -40,6 +40,16 @@ TEST_F(ShareSnapUsageCalUpdateTaskStatus, MirrorsTheTaskIntoTheShare) {
   EXPECT_EQ(0, LinesOfUnit()) << syslog_.Dump();
 }
 
+// Kept: the state of a new task comes first, its number later; until then the share has the number
+// and the code of the task before.
+TEST_F(ShareSnapUsageCalUpdateTaskStatus, NewStateStandsBesideTheNumberOfTheTaskBefore) {
+  PutShareStatus("photos", R"({"error_code":"12","pid":"4710","status":"ready"})");
+  PutTaskStatus("T1", R"({"status":"process"})");
+  EXPECT_EQ(0, Update("T1"));
+  EXPECT_EQ(R"({"error_code":"12","pid":"4710","status":"process"})",
+            ReadFile(ShareStatusPath("photos")));
+}
+
 TEST_F(ShareSnapUsageCalUpdateTaskStatus, UserDataIsNotLookedAt) {
   TaskStatus status("T1");
   EXPECT_EQ(PROGRESS_UPDATE_OK,
