@@ -80,6 +80,15 @@ Status MountedFilesystem::ReadSuperblock(Superblock* out) {
   return devices_.ReadNewestSuperblock(out);
 }
 
+// A device that was removed meanwhile has no superblock any more, and need not have one: so what is
+// found is looked for once more on the devices that the kernel has by then.
+std::vector<std::string> MountedFilesystem::FindDamage() const {
+  const std::vector<std::string> damage = devices_.FindDamage();
+  DeviceSet now;
+  if (damage.empty() || !OpenMountedDevices(fd_.Get(), fsid_, &now).Ok()) return damage;
+  return now.FindDamage();
+}
+
 // Asks for a commit on a thread of its own: on a stalled file system the request does not return,
 // and no signal ends it.  False: not started in time, or refused; `note` says why.
 bool MountedFilesystem::StartCommit(uint64_t* generation, std::string* note) const {

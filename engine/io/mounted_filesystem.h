@@ -39,7 +39,7 @@ class MountedFilesystem : public StateSource {
   Status ReadSuperblock(Superblock* out) override;
 
   bool DevicesChanged() const override { return devicesChanged_; }
-  std::vector<std::string> FindDamage() const override { return devices_.FindDamage(); }
+  std::vector<std::string> FindDamage() const override;
 
   // As ReadSuperblock.  Waits `kCommitSeconds` at most for the kernel to start the commit and again
   // to finish it.

@@ -370,3 +370,27 @@ TEST(Devices, AreFoundByTheirNamesWhenTheKernelWasToldAnother) {
   EXPECT_NE(std::string::npos, devices.find(alias)) << devices;
   EXPECT_EQ(kernel, RunOn(ids).sizes);
 }
+
+// The superblock of a removed device is wiped; that was taken for damage, with the advice to scrub.
+TEST(Devices, ThatAreRemovedMeanwhileAreNotDamaged) {
+  BtrfsVolume volume(kMount, OnDevices({256, 256}, Profile("single")));
+  MakeHistory(volume, 200, 4);
+  std::vector<std::string> args = {"-vm", "-r", kMount};
+  for (const unsigned long long id : AllSubvolumes(volume)) args.push_back(std::to_string(id));
+  const std::string leaving = volume.AddDevice(256);
+  RandomMoment moment;
+  int met = 0;
+  for (int round = 0; met < 12; ++round) {
+    ASSERT_LT(round, 500);
+    Stock({"device", "add", "-f", leaving, kMount});
+    EngineProcess engine(args);
+    const bool stopped = engine.StopWorker(moment.Next());
+    moment.WasMet(stopped);
+    met += stopped;
+    Stock({"device", "remove", leaving, kMount});
+    if (stopped) engine.ContinueWorker();
+    const EngineRun run = engine.Finish();
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ("", run.err);
+  }
+}

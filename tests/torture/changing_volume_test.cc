@@ -17,6 +17,9 @@ using namespace ZorvTest;
 
 namespace {
 
+// What a commit frees is wiped at once: a run that is not at the newest state sees that it is not.
+constexpr char kMountOptions[] = "noatime,discard=sync";
+
 // A file system with subvolumes that stay as they are, one that is written to, and snapshots of
 // that which come and go.
 class ChangingVolume {
@@ -41,9 +44,9 @@ class ChangingVolume {
   // The kernel's numbers of the subvolumes that stay as they are.
   const Sizes& Still() const { return still_; }
 
-  // Writes to the busy subvolume and commits, so that blocks of the last state are used again.
+  // Writes to the busy subvolume and commits, so that much of the last state is gone.
   void Churn() {
-    for (unsigned n = 0; n < 3; ++n) {
+    for (unsigned n = 0; n < 2; ++n) {
       for (unsigned file = 0; file < 15; ++file) {
         ++churned_;
         Overwrite(volume_.Path("busy/" + std::to_string(churned_ * 13 % kFiles)), 9000, churned_);
@@ -62,7 +65,7 @@ class ChangingVolume {
   static constexpr unsigned kFiles = 300;
 
   static BtrfsOptions OnOneDevice(const char* metadata) {
-    BtrfsOptions options = Options(0, {"-n", "4096", "-m", metadata}, "noatime");
+    BtrfsOptions options = Options(0, {"-n", "4096", "-m", metadata}, kMountOptions);
     options.devicesMiB = {700};
     return options;
   }
@@ -89,6 +92,8 @@ class Change {
   virtual void Prepare() {}
   // In its middle; whether it could be made.
   virtual bool Make() = 0;
+  // Whether files can be written and committed afterwards.
+  virtual bool LeavesWritable() const { return true; }
   // When the run has ended.
   virtual void Undo() {}
   // Whether a run may end with this error because of the change.
@@ -124,6 +129,7 @@ class Frozen : public Change {
     return true;
   }
   void Undo() override { freeze_.reset(); }
+  bool LeavesWritable() const override { return false; }
 
  private:
   std::optional<Freeze> freeze_;
@@ -134,6 +140,7 @@ class ReadOnly : public Change {
   using Change::Change;
   bool Make() override { return ZorvTest::Run({"mount", "-o", "remount,ro", kMount}).status == 0; }
   void Undo() override { MustRun({"mount", "-o", "remount,rw", kMount}); }
+  bool LeavesWritable() const override { return false; }
 };
 
 // Unmounts, or tries to; the engine is in the way for as long as it looks.
@@ -146,13 +153,14 @@ class Unmounted : public Change {
     EXPECT_TRUE(done_ || errno == EBUSY);
     return true;
   }
+  bool LeavesWritable() const override { return !done_; }
   // At once: whoever has the result may unmount.
   void Undo() override {
     if (!done_) {
       EXPECT_TRUE(WaitUntil([] { return umount2(kMount, 0) == 0; })) << "still held after the run";
     }
-    MustRun(
-        {"mount", "-t", "btrfs", "-o", "commit=1,noatime", volume_.Volume().Devices()[0], kMount});
+    MustRun({"mount", "-t", "btrfs", "-o", std::string("commit=1,") + kMountOptions,
+             volume_.Volume().Devices()[0], kMount});
   }
   // The run had not opened it yet.
   bool Explains(const std::string& error) const override {
@@ -176,7 +184,6 @@ class Deleted : public Change {
   }
   bool Make() override {
     DestroySubvolume(volume_.Volume().Path("leaving"));
-    volume_.Churn();
     return true;
   }
   void Undo() override { CommitAndClean(kMount); }
@@ -209,7 +216,6 @@ class DeviceAdded : public Change {
   using Change::Change;
   bool Make() override {
     if (!Stock({"device", "add", "-f", volume_.Spare(), kMount})) return false;
-    volume_.Churn();
     return Stock({"balance", "start", "-dlimit=1", "-mlimit=1", kMount});
   }
   void Undo() override { (void)Stock({"device", "remove", volume_.Spare(), kMount}); }
@@ -245,9 +251,12 @@ std::vector<NamedChange> AllChanges(ChangingVolume& volume) {
   return changes;
 }
 
+// Slow enough that most of a run is reading, which is what changes can overtake.
+constexpr unsigned long long kBytesPerSecond = 2 << 20;
+
 // What runs came to with one change.
 struct Outcomes {
-  unsigned met = 0, exact = 0, refused = 0;
+  unsigned met = 0, exact = 0, refused = 0, overtaken = 0;
 };
 
 // One run with a change in its middle.
@@ -255,11 +264,14 @@ void RunWith(ChangingVolume& volume, Change& change, const std::string& way, Ran
              Outcomes* outcomes) {
   change.Prepare();
   std::vector<std::string> args = volume.Arguments(way);
+  args.push_back("--stats");
   for (const std::string& word : change.Further()) args.push_back(word);
-  EngineProcess engine(args);
+  const SlowDisk slow = SlowDisk::Reading(volume.Volume().Devices()[0], kBytesPerSecond);
+  EngineProcess engine(EngineProcess::Whole{slow.Command(EngineCommand(args))});
   const bool stopped = engine.StopWorker(moment->Next());
   moment->WasMet(stopped);
   const bool made = change.Make();
+  if (made && change.LeavesWritable()) volume.Churn();
   if (stopped) engine.ContinueWorker();
   const EngineRun run = engine.Finish();
   change.Undo();
@@ -274,6 +286,7 @@ void RunWith(ChangingVolume& volume, Change& change, const std::string& way, Ran
     return;
   }
   ++outcomes->exact;
+  outcomes->overtaken += NumberOf(run, "passes") > 1;
   for (const auto& [id, bytes] : volume.Still()) {
     ASSERT_EQ(1u, run.sizes.count(id)) << "subvolume " << id;
     EXPECT_EQ(bytes, run.sizes.at(id)) << "a wrong number of subvolume " << id;
@@ -285,7 +298,8 @@ void ChangeInTheMiddleOfRuns(const char* metadata) {
   const Budget budget(0.5);
   ChangingVolume volume(metadata);
   const std::vector<NamedChange> changes = AllChanges(volume);
-  std::map<std::string, RandomMoment> moments;
+  constexpr uint32_t kLongest = 200'000;  // microseconds
+  RandomMoment moment(kLongest);
   std::map<std::string, Outcomes> outcomes;
   constexpr const char* kWays[] = {"--method=scan", "--method=walk", "--method=auto", "--verify"};
   const auto eachWasMet = [&] {
@@ -297,18 +311,20 @@ void ChangeInTheMiddleOfRuns(const char* metadata) {
     if (!budget.IsLeft() && outcomes[named.name].met > 0) continue;
     SCOPED_TRACE(named.name);
     ASSERT_LT(round, 1000 * changes.size());
-    RunWith(volume, *named.change, kWays[round / changes.size() % std::size(kWays)],
-            &moments[named.name], &outcomes[named.name]);
+    RunWith(volume, *named.change, kWays[round / changes.size() % std::size(kWays)], &moment,
+            &outcomes[named.name]);
   }
-  unsigned met = 0, exact = 0, refused = 0;
+  unsigned met = 0, exact = 0, refused = 0, overtaken = 0;
   for (const auto& [name, of] : outcomes) {
     Figure(name, of.met);
     met += of.met;
     exact += of.exact;
     refused += of.refused;
+    overtaken += of.overtaken;
   }
   Figure("changes in the middle of a run", met);
   Figure("right numbers", exact);
+  Figure("of them by runs that went on from a newer state", overtaken);
   Figure("clear errors", refused);
 }
 
