@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include "tests/intl_utils/utils_fixture.h"
@@ -282,6 +283,25 @@ TEST_F(UtilsGeneralFileLock, DeadlockIsAnErrorAndLeavesTheDescriptorOpen) {
   EXPECT_EQ(0, WaitForExit(other));
   close(said[0]);
   close(said[1]);
+}
+
+TEST_F(UtilsGeneralFileLock, WaitThatASignalInterruptsFails) {
+  Holder holder(kLock);
+  ASSERT_TRUE(holder.Holds());
+  struct sigaction action = {}, before = {};
+  action.sa_handler = [](int) {};
+  ASSERT_EQ(0, sigaction(SIGALRM, &action, &before));  // without SA_RESTART
+  const itimerval often = {{0, 20000}, {0, 20000}}, never = {};
+  ASSERT_EQ(0, setitimer(ITIMER_REAL, &often, nullptr));
+  fd = -1;
+  EXPECT_FALSE(Utils::GeneralFileLock(kLock, true, fd));
+  ASSERT_EQ(0, setitimer(ITIMER_REAL, &never, nullptr));
+  sigaction(SIGALRM, &before, nullptr);
+  EXPECT_EQ(1,
+            Logged(LOG_ERR, "Failed to lock file [" + kLock + "], errmgs(Interrupted system call)"))
+      << log.Dump();
+  EXPECT_TRUE(Utils::GeneralFileUnlock(fd));
+  fd = -1;
 }
 
 TEST_F(UtilsGeneralFileLock, HeldByAnotherIsADebugLineAndLeavesTheDescriptorOpen) {

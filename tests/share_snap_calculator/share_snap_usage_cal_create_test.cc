@@ -1,5 +1,7 @@
 // Claiming a share: CheckAvail, CreateTask, and what they leave on the disk.
+#include <errno.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +10,7 @@
 
 #include "base/scoped_umask.h"
 #include "tests/share_snap_calculator/share_fixture.h"
+#include "tests/support/syscall_stepper.h"
 #include "zorvbtrfssnapusage/utils.h"
 
 namespace ZorvTest {
@@ -437,6 +440,21 @@ TEST_F(ShareSnapUsageCalCreateTask, FailedMapWriteFails) {
   EXPECT_EQ(1, Create());
   EXPECT_EQ("ready", ShareStatus("photos", "status"));
   EXPECT_EQ(R"({"docs":{}})", MapText());
+}
+
+// It counts as missing, as any file that cannot be read.
+TEST_F(ShareSnapUsageCalCreateTask, MapThatCannotBeReadForTheMomentLosesTheOtherShares) {
+  PutMap(R"({"docs":)" + Entry("T2", 1) + "}");
+  const int code = SyscallStepper(std::vector<WatchedCall>{{SYS_openat}})
+                       .Run([] { return ShareSnapUsageCal().CreateTask("photos"); },
+                            [](const Step& step) {
+                              const bool reads =
+                                  step.text == std::string("openat(") + kShareMap + ")";
+                              return reads ? Action::Fail(EMFILE) : Action::GoOn();
+                            });
+  EXPECT_EQ(0, code);
+  EXPECT_EQ(0u, MapText().find(R"({"photos":)")) << MapText();
+  EXPECT_EQ(std::string::npos, MapText().find("docs")) << MapText();
 }
 
 TEST_F(ShareSnapUsageCalCreateTask, ShareLockIsFreeAfterwards) {

@@ -135,6 +135,22 @@ TEST_F(ShareSnapUsageCalLaunch, FailedPostActionKeepsTheTasksFiles) {
   EXPECT_EQ(3u, ids.size());
 }
 
+// Nothing repeats an update. The results are there, the share can be claimed and cleaned.
+TEST_F(ShareSnapUsageCalLaunch, LastUpdateThatFailsLeavesTheShareInProcess) {
+  {
+    const UnwritableFile status(ShareStatusPath("photos"), /*first=*/2);
+    ASSERT_EQ(0, Launch(PhotosPaths()));
+  }
+  EXPECT_EQ(0, WaitForCalculator());
+  EXPECT_EQ("process", ShareStatus("photos", "status"));
+  std::vector<unsigned long long> ids;
+  EXPECT_EQ(0, ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT_SUBVOL_ID, "photos", ids));
+  EXPECT_EQ(3u, ids.size());
+  EXPECT_TRUE(ShareSnapUsageCal::CheckAvail("photos", id_));
+  EXPECT_EQ(0, ShareSnapUsageCal::CleanNotDoneTask());
+  EXPECT_FALSE(std::filesystem::exists(ShareStatusPath("photos")));
+}
+
 TEST_F(ShareSnapUsageCalLaunch, PathsMayEndInSlashesOrBeLinks) {
   std::filesystem::create_directory_symlink(SnapPath("photos", kSecond), "/tmp/a link");
   ASSERT_EQ(0, Launch({SnapPath("photos", kFirst) + "//", "/tmp/a link"}));

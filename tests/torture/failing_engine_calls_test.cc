@@ -140,12 +140,20 @@ class FailingCallsOfTheEngine : public FailingCalls {
     ++reported_;
     if (run.status != 1) wrong.push_back("exit status " + std::to_string(run.status));
     if (!SaysWhy(out, err, fault)) wrong.push_back("it does not say why:\n" + out + err);
-    if (fault.action.kind == Action::kShorten)
-      wrong.push_back("something short was taken for a failure:\n" + out + err);
+    if (fault.action.kind == Action::kShorten || IsTriedAgain(fault))
+      wrong.push_back("it should have gone on:\n" + out + err);
     return wrong;
   }
 
  private:
+  // A signal in the middle of its own reading and writing.
+  static bool IsTriedAgain(const Fault& fault) {
+    const long call = fault.step.call;
+    return fault.What() == "EINTR" && !LoadsLibraries(fault.step) &&
+           (call == SYS_read || call == SYS_pread64 || call == SYS_write || call == SYS_poll ||
+            call == SYS_io_uring_enter);
+  }
+
   // On both ways out, unless it is one of them that has failed.
   static bool SaysWhy(const std::string& out, const std::string& err, const Fault& fault) {
     const bool ofOutput = fault.step.role == Role::kFront && fault.step.call == SYS_write;

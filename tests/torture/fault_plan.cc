@@ -174,7 +174,10 @@ std::vector<Action> AllActions(const Step& step) {
   // What is written to a pipe in one piece is read so.
   const bool isWhole = step.text.find("pipe:") != std::string::npos &&
                        step.arguments[2] <= (step.call == SYS_write ? PIPE_BUF : 16);
-  if (row->shortens && step.arguments[2] > 1 && !isWhole) actions.push_back(Action::Shorten(1));
+  // Devices are read by sectors.
+  const uint64_t length = step.call == SYS_pread64 ? 512 : 1;
+  if (row->shortens && step.arguments[2] > length && !isWhole)
+    actions.push_back(Action::Shorten(length));
   return actions;
 }
 

@@ -81,9 +81,10 @@ bool IsTemporary(const std::string& path) {
   return !path.ends_with(".result") && std::regex_match(path, kTemporary);
 }
 
-BtrfsOptions SmallNodes() {
+// Small nodes, so that there are many; one copy of each, so that no other hides what was wrong.
+BtrfsOptions ManySingleNodes() {
   BtrfsOptions options;
-  options.mkfs = {"--nodesize", "4096"};
+  options.mkfs = {"--nodesize", "4096", "--metadata", "single"};
   return options;
 }
 
@@ -96,7 +97,7 @@ std::string Text(const SubvolumeSizes& sizes) {
 
 }  // namespace
 
-ScarcityWorld::ScarcityWorld(int files) : volume_("/volume1", SmallNodes()) {
+ScarcityWorld::ScarcityWorld(int files) : volume_("/volume1", ManySingleNodes()) {
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   sleep_.Replace([](unsigned int) { return 0u; });  // a busy share is asked for again at once
   for (const char* root : kRoots) fs::remove_all(root);
