@@ -70,6 +70,7 @@ class Crowd {
     seen_->stop = true;
     for (const pid_t reader : readers) EXPECT_EQ(0, WaitForExit(reader));
     Figure("writes", seen_->writes);
+    Figure("of writes", static_cast<unsigned>(kWriters * most));
     Figure("reads", seen_->reads);
     Figure("lost", seen_->lost);
     Figure("torn", seen_->torn);
