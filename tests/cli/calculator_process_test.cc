@@ -89,7 +89,7 @@ TEST_F(CalculatorProcess, StrangerIsNeitherSignalledNorWaitedFor) {
 
 TEST_F(CalculatorProcess, NumberOfNoProcessIsADeadOne) {
   const std::string record = RecordOfADeadRun();
-  Stranger stranger({.stopBlocked = false});
+  Stranger stranger({});  // has all marks: its number must not be read into these
   const std::string alias = std::to_string((1ULL << 32) + stranger.Pid());
   for (const std::string& pid :
        {std::string("0"), std::string("1"), std::string("-1"), std::string("-5"),
