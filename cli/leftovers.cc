@@ -146,7 +146,9 @@ std::optional<std::string> LockOfShare(const std::string& name, const std::strin
 }
 
 // A writer holds the lock from before it makes its file until the file is gone. The names are read
-// before the lock is asked for: when that is free, whoever made one of them is gone.
+// before the lock is asked for: when that is free, whoever made one of them is gone. A writer that
+// goes on without a lock that it could not have, or whose lock file a cleanup has removed
+// meanwhile, may lose its file; then its write fails, and the target stays as it was.
 void SweepTargets(const char* path, LockOf lockOf) {
   const Directory directory(path);
   for (const std::string& name : directory.Names()) {
