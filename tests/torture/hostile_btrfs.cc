@@ -135,11 +135,13 @@ int main(int argc, char** argv) {
          WaitForLeave();
          Print("processed 2 bytes\nsubvol(257) 5 bytes\n");
        }},
-      {"deaf",  // closes its output, and hangs
+      {"deaf",  // closes its output, hangs, and is a moment behind when it may go
        [] {
          Print("subvol(257) 5 bytes\n");
          close(STDOUT_FILENO);
          WaitForLeave();
+         usleep(200'000);
+         Note(1);
        }},
       {"child",  // ends, and leaves a process that holds the pipe
        [] {
