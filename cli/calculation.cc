@@ -4,10 +4,12 @@
 #include <fmt/format.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <time.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 #include <zorvbtrfssnapusage/share_task_status.h>
 #include <zorvbtrfssnapusage/utils.h>
 
+#include "base/paths.h"
 #include "cli/failure.h"
 #include "cli/names.h"
 #include "cli/plain_files.h"
@@ -19,6 +21,9 @@ namespace ZorvSnapUsage {
 namespace {
 
 using namespace ZorvBtrfsUsage;
+
+// A claim may be this far ahead of a clock that is being corrected, and still be on its way.
+constexpr time_t kTrustedLeadSeconds = 120;
 
 // One member of a status record; empty when it is not there or no text.
 std::string Attribute(const Json::Value& record, TASKSTATUS_ATTR attribute) {
@@ -66,7 +71,8 @@ std::optional<Json::Value> ShareRecord(const std::string& share) {
 // Whether the share's claim is recent: then its own record may still be of an earlier task.
 bool IsClaimed(const std::string& share) {
   std::string taskID;
-  return ShareSnapUsageCal::FindValidTaskID(share, taskID) == RESULT_OK;
+  return ShareSnapUsageCal::FindValidTaskID(share, taskID) == RESULT_OK &&
+         !ClaimAheadOfClock(share);
 }
 
 void FillFrom(const Json::Value& record, Calculation& calculation) {
@@ -163,6 +169,16 @@ Calculation RequireCalculation(const std::string& share, const std::string& task
   throw Failure(
       kNothingRecorded, fmt::format("the record of share {} has no state", Quoted(share)),
       fmt::format("remove the rest of it with: zorv-snapusage clean {}", ShellWord(share)));
+}
+
+std::optional<time_t> ClaimAheadOfClock(const std::string& share) {
+  const Json::Value map = Utils::GetJsonAttrByPath(kShareMap);
+  if (!map.isObject() || !map[share].isObject()) return std::nullopt;
+  const Json::Value& claimed = map[share]["time"];
+  if (!claimed.isInt64()) return std::nullopt;
+  const time_t t = claimed.asInt64();
+  if (t <= time(nullptr) + kTrustedLeadSeconds) return std::nullopt;
+  return t;
 }
 
 Activity ActivityOf(const std::string& share, const Calculation& calculation) {

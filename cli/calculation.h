@@ -62,6 +62,10 @@ std::optional<Calculation> ReadCalculation(const std::string& share, const std::
 // As ReadCalculation, but gives up in place of nothing.
 Calculation RequireCalculation(const std::string& share, const std::string& taskID);
 
+// When the share was claimed, if that is so far ahead of the clock that the clock must have been
+// set back since. The library holds the share for such a claim until its time has come.
+std::optional<time_t> ClaimAheadOfClock(const std::string& share);
+
 Activity ActivityOf(const std::string& share, const Calculation& calculation);
 
 // What a recorded error code means, in words.

@@ -1,5 +1,6 @@
 // zorv-snapusage show: the last good result of a share.
 #include <fmt/format.h>
+#include <time.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -56,6 +57,8 @@ void PrintNotes(const Report& report, const std::optional<Calculation>& latest) 
   if (latest && latest->taskID != report.taskID)
     Note(fmt::format("this is an earlier result; the last calculation is in state {}",
                      latest->stateWord));
+  if (report.calculated > time(nullptr))
+    Note("the clock was set back since this result was calculated");
   if (!report.notMeasured.empty())
     Note(
         fmt::format("{} snapshots of the share are not in this result", report.notMeasured.size()));

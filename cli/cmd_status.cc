@@ -1,5 +1,6 @@
 // zorv-snapusage status: what is recorded of a share's latest calculation.
 #include <fmt/format.h>
+#include <time.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
@@ -19,9 +20,29 @@ void PrintLine(const char* label, const std::string& text) {
   fmt::print("{:<16} {}\n", fmt::format("{}:", label), text);
 }
 
-void PrintTimes(const Calculation& calculation) {
-  if (calculation.started) PrintLine("started", TimeForPeople(*calculation.started));
-  if (calculation.ended) PrintLine("ended", TimeForPeople(*calculation.ended));
+// What does not fit the clock: status records carry local times without a zone.
+void PrintClock(const std::string& share, bool timesFit) {
+  if (const std::optional<time_t> claimed = ClaimAheadOfClock(share))
+    PrintLine("clock", fmt::format("was set back after the calculation was asked for, at {}",
+                                   TimeForPeople(*claimed)));
+  else if (!timesFit)
+    PrintLine("clock", "was set back, as at the end of summer time, or was of another time zone");
+}
+
+void PrintTimes(const std::string& share, const Calculation& calculation) {
+  const std::optional<time_t>& started = calculation.started;
+  const std::optional<time_t>& ended = calculation.ended;
+  const time_t now = time(nullptr);
+  const bool startsLater = started && *started > now;
+  const bool endsEarlier = started && ended && *ended < *started;
+  const bool endsLater = ended && *ended > now;
+  if (started)
+    PrintLine("started", TimeForPeople(*started) + (startsLater ? " (later than now)" : ""));
+  if (ended)
+    PrintLine("ended", TimeForPeople(*ended) + (endsEarlier ? " (before it started)"
+                                                : endsLater ? " (later than now)"
+                                                            : ""));
+  PrintClock(share, !startsLater && !endsEarlier && !endsLater);
 }
 
 void PrintProgress(const Calculation& calculation) {
@@ -59,7 +80,7 @@ int Status(const std::string& share) {
   PrintLine("state", calculation.stateWord);
   PrintLine("task", Escaped(taskID));
   PrintActivity(share, calculation);
-  PrintTimes(calculation);
+  PrintTimes(share, calculation);
   PrintProgress(calculation);
   PrintError(calculation);
   return kOk;

@@ -121,6 +121,20 @@ void RequireRecordable(const std::string& share, const std::vector<Snapshot>& as
       fmt::format("wait for it, or end it with: zorv-snapusage stop {}", ShellWord(share)));
 }
 
+// Why the library does not let a share be claimed although nothing is at work on it.
+[[noreturn]] void RefuseHeld(const std::string& share, const char* why) {
+  const std::optional<time_t> claimed = ClaimAheadOfClock(share);
+  throw Failure(
+      kShareBusy,
+      claimed ? fmt::format("the last calculation of share {} {}, and holds the share until two "
+                            "minutes after {}, for the clock was set back since",
+                            Quoted(share), why, TimeForPeople(*claimed))
+              : fmt::format("the last calculation of share {} {}, and holds the share for two "
+                            "minutes from its start",
+                            Quoted(share), why),
+      fmt::format("wait, or remove its record with: zorv-snapusage clean {}", ShellWord(share)));
+}
+
 // The library lets a share be taken over after two minutes, however long its calculation is still
 // at work; that would lose the results of both callers' patience.
 void RequireIdle(const std::string& share) {
@@ -130,14 +144,11 @@ void RequireIdle(const std::string& share) {
   if (!calculation) return;
   const Activity activity = ActivityOf(share, *calculation);
   if (activity == Activity::kRunning || activity == Activity::kFinishing) RefuseBusy(share);
+  const bool died = activity == Activity::kDied;
+  const bool neverBegan = activity == Activity::kNone && !calculation->Finished();
   std::string busyTaskID;
-  if (activity == Activity::kDied && !ShareSnapUsageCal::CheckAvail(share, busyTaskID))
-    throw Failure(
-        kShareBusy,
-        fmt::format("the last calculation of share {} was killed, and holds the share "
-                    "for two minutes from its start",
-                    Quoted(share)),
-        fmt::format("wait, or remove its record with: zorv-snapusage clean {}", ShellWord(share)));
+  if ((died || neverBegan) && !ShareSnapUsageCal::CheckAvail(share, busyTaskID))
+    RefuseHeld(share, died ? "was killed" : "never began");
 }
 
 void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,

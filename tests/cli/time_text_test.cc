@@ -58,6 +58,43 @@ TEST_F(ParseTimeTest, SummerTimeCounts) {
   EXPECT_EQ(1720109049, ParseTime("2024-07-04 18:04:09", TimeBound::kFirstSecond));
 }
 
+// 02:30 comes twice on that day. Which of the two mktime gives depends on what it was asked before.
+TEST_F(ParseTimeTest, HourThatComesTwiceIsInARangeFromItsFirstToItsLast) {
+  constexpr time_t kSummer = 1729989000;
+  constexpr time_t kWinter = kSummer + 3600;
+  for (const char* before : {"2024-07-04", "2024-12-24"}) {
+    SCOPED_TRACE(before);
+    const auto parse = [&](const char* text, TimeBound bound) {
+      (void)ParseTime(before, bound);
+      return ParseTime(text, bound);
+    };
+    EXPECT_EQ(kSummer, parse("2024-10-27 02:30:00", TimeBound::kFirstSecond));
+    EXPECT_EQ(kWinter, parse("2024-10-27 02:30:00", TimeBound::kLastSecond));
+    EXPECT_EQ(kSummer, parse("2024-10-27 02:30", TimeBound::kFirstSecond));
+    EXPECT_EQ(kWinter + 59, parse("2024-10-27 02:30", TimeBound::kLastSecond));
+  }
+  EXPECT_EQ(kWinter + 1800, ParseTime("2024-10-27 03:00:00", TimeBound::kFirstSecond));
+}
+
+// Where summer time begins at midnight that day was refused as "no time".
+TEST_F(ParseTimeTest, DayThatBeginsAtOneIsADay) {
+  setenv("TZ", "<-03>3<-02>,M11.1.0/0,M2.3.0/0", 1);
+  EXPECT_EQ(1541300400, ParseTime("2018-11-04", TimeBound::kFirstSecond));
+  EXPECT_EQ(1541383199, ParseTime("2018-11-04", TimeBound::kLastSecond));
+  EXPECT_EQ(std::nullopt, ParseTime("2018-11-04 00:30", TimeBound::kFirstSecond));
+  // And the day on which it ends has 25 hours.
+  EXPECT_EQ(1550372399, ParseTime("2019-02-16", TimeBound::kLastSecond));
+  EXPECT_EQ(1550372400, ParseTime("2019-02-17", TimeBound::kFirstSecond));
+}
+
+TEST_F(ParseTimeTest, ShiftsOfHalfAnHourAreMetToo) {
+  setenv("TZ", "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", 1);  // Lord Howe Island
+  const auto first = ParseTime("2024-04-07 01:45:00", TimeBound::kFirstSecond);
+  const auto last = ParseTime("2024-04-07 01:45:00", TimeBound::kLastSecond);
+  ASSERT_TRUE(first && last);
+  EXPECT_EQ(1800, *last - *first);
+}
+
 using TimeForPeopleTest = TimeText;
 
 TEST_F(TimeForPeopleTest, IsLocal) { EXPECT_EQ("2024-03-05 18:04:09", TimeForPeople(kFive)); }

@@ -223,7 +223,8 @@ TEST_F(UtilsGeneralFileLock, ExclusiveWaitsForAllReaders) {
   Holder writer(kLock, true);
   ASSERT_TRUE(WaitUntil([&] { return WaitsForLock(writer.Pid()); }));
   EXPECT_EQ(0, one.LetGo());
-  EXPECT_TRUE(WaitsForLock(writer.Pid()));
+  // Woken and put to wait again: for a moment it is on no list.
+  EXPECT_TRUE(WaitUntil([&] { return WaitsForLock(writer.Pid()); }));
   EXPECT_EQ(0, other.LetGo());
   EXPECT_TRUE(writer.Holds());
   EXPECT_EQ(0, writer.LetGo());

@@ -93,6 +93,29 @@ TEST_F(UtilsTimeStringToTime_T, DaylightSavingIsTheZonesToTell) {
   EXPECT_EQ("2024.07.01-14.00.00", text);
 }
 
+// Texts have no zone: of an hour that comes twice one is taken, of one that is skipped a time of
+// the hour before or behind it. Nothing fails, and everything else comes back as it was.
+TEST_F(UtilsTimeStringToTime_T, HoursThatComeTwiceOrNeverAreTimesToo) {
+  const ScopedZone scope("CET-1CEST,M3.5.0,M10.5.0/3");
+  constexpr time_t kSpring = 1711846800;  // 2024-03-31 01:00 UTC: 02:00 becomes 03:00
+  constexpr time_t kAutumn = 1729990800;  // 2024-10-27 01:00 UTC: 03:00 becomes 02:00
+  time_t t = 0;
+  EXPECT_TRUE(Utils::TimeStringToTime_T("2024.10.27-02.30.00", t));
+  EXPECT_TRUE(t == kAutumn - 1800 || t == kAutumn + 1800) << t;
+  EXPECT_TRUE(Utils::TimeStringToTime_T("2024.03.31-02.30.00", t));
+  EXPECT_TRUE(t == kSpring - 1800 || t == kSpring + 1800) << t;
+  for (const time_t change : {kSpring, kAutumn}) {
+    for (const time_t distance : {-7200, -3601, 3600, 7200}) {
+      SCOPED_TRACE(change + distance);
+      std::string text;
+      EXPECT_TRUE(Utils::Time_tToTimeString(change + distance, text));
+      EXPECT_TRUE(Utils::TimeStringToTime_T(text, t));
+      EXPECT_EQ(change + distance, t);
+    }
+  }
+  EXPECT_TRUE(log.Lines().empty()) << log.Dump();
+}
+
 TEST_F(UtilsTimeStringToTime_T, AnotherFormFailsAndIsLogged) {
   time_t t = 7;
   EXPECT_FALSE(Utils::TimeStringToTime_T("2024-03-05 17:04:09", t));
@@ -227,6 +250,15 @@ TEST_F(UtilsSnapNameGenerateByTime, SummerTimeHasItsOwnZone) {
   const ScopedZone scope("CET-1CEST,M3.5.0,M10.5.0/3");
   EXPECT_EQ("GMT+02-2024.07.01-14.00.00", Name(1719835200, 1));
   EXPECT_EQ("GMT+01-2024.01.01-13.00.00", Name(1704110400, 1));
+}
+
+TEST_F(UtilsSnapNameGenerateByTime, TheHourThatComesTwiceHasTwoNames) {
+  const ScopedZone scope("CET-1CEST,M3.5.0,M10.5.0/3");
+  char name[64];
+  EXPECT_EQ(0, Utils::SnapNameGenerateByTime(name, sizeof name, 1729989000, 1));
+  EXPECT_STREQ("GMT+02-2024.10.27-02.30.00", name);
+  EXPECT_EQ(0, Utils::SnapNameGenerateByTime(name, sizeof name, 1729992600, 1));
+  EXPECT_STREQ("GMT+01-2024.10.27-02.30.00", name);
 }
 
 TEST_F(UtilsSnapNameGenerateByTime, OnlyOneIsLocal) {

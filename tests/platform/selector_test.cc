@@ -112,6 +112,17 @@ TEST(ZORVShareSnapTimeSelector, OperatorsAtTheBoundarySecond) {
   }
 }
 
+// The hour that comes twice at the end of summer time: the names say which of the two it is.
+TEST(ZORVShareSnapTimeSelector, ZonesTellTheHoursThatComeTwiceApart) {
+  const char* const first = "GMT+02-2024.10.27-02.30.00";
+  const char* const second = "GMT+01-2024.10.27-02.30.00";
+  EXPECT_EQ(1, ZORVShareSnapTimeSelector(first, "<GMT+01-2024.10.27-02.30.00"));
+  EXPECT_EQ(0, ZORVShareSnapTimeSelector(second, "<GMT+01-2024.10.27-02.30.00"));
+  EXPECT_EQ(0, ZORVShareSnapTimeSelector(first, ">GMT+02-2024.10.27-02.30.00"));
+  EXPECT_EQ(1, ZORVShareSnapTimeSelector(second, ">GMT+02-2024.10.27-02.30.00"));
+  EXPECT_EQ(1, ZORVShareSnapTimeSelector(second, "=GMT-2024.10.27-01.30.00"));
+}
+
 TEST(ZORVShareSnapTimeSelector, OtherArgumentsAreErrors) {
   for (const char* argument :
        {"", "=", ">=", "GMT-2024.03.05-09.04.09", "==GMT-2024.03.05-09.04.09",
