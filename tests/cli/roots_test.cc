@@ -174,6 +174,18 @@ TEST_F(Roots, PlaceWhereAnybodyCanExchangeThemIsRefused) {
   }
 }
 
+// As Debian has it where the group "staff" may install below /usr/local.
+TEST_F(Roots, PlaceOfATrustedGroupWillDo) {
+  fs::remove_all(kPersistent);
+  ASSERT_EQ(0, chown("/usr/local", 0, 50));
+  ASSERT_EQ(0, chmod("/usr/local", 02775));
+  EXPECT_EQ(0, Tool({"run", "photos"}).status);
+  EXPECT_EQ(02700, ModeOf(kPersistent)) << "the group is inherited, and may nothing";
+  EXPECT_EQ("", FilesThatOthersCanWrite());
+  ASSERT_EQ(0, chmod("/usr/local", 0755));
+  ASSERT_EQ(0, chown("/usr/local", 0, 0));
+}
+
 TEST_F(Roots, PlaceThatIsMissingIsSaid) {
   for (const std::string& root : kRoots) fs::remove_all(root);
   fs::remove("/run/lock");
