@@ -9,8 +9,11 @@ using ZorvBtrfsUsage::Utils;
 
 namespace {
 
-// Before this the names of years have fewer than four digits, and are none.
+// Before this year names have fewer than four digits, from the other on more than nine: both are no
+// names of snapshots. A zone moves a time by less than two days.
 constexpr time_t kYear1000 = -30610224000;
+constexpr time_t kYear1000000000 = 31556889832780800;
+constexpr time_t kZones = 2 * 86400;
 
 void NameItAgain(time_t time, BOOL local) {
   char name[1024];
@@ -30,8 +33,7 @@ FUZZ_TARGET(snapshot_name) {
     FUZZ_LAW(time == 77);
     return;
   }
-  // A day off, for what a zone may move the year by.
-  if (time < kYear1000 + 86400 * 2) return;
+  if (time < kYear1000 + kZones || time >= kYear1000000000 - kZones) return;
   NameItAgain(time, /*local=*/0);
   NameItAgain(time, /*local=*/1);
 }
