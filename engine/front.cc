@@ -279,7 +279,10 @@ class Front {
 
   int OutputFailed() {
     if (errno == EPIPE) return Leave();
-    errors_.Add(ErrorLine(std::string("cannot write: ") + strerror(errno)));
+    const std::string reason = std::string("cannot write: ") + strerror(errno);
+    errors_.Add(ErrorLine(reason));
+    // There may be room for a shorter line, or again: a reader must not take a part for the whole.
+    if (!options_.json) (void)WriteLine(STDOUT_FILENO, UnavailableLine(reason));
     KillWorker();
     return 1;
   }

@@ -1,6 +1,7 @@
 // The front: what it prints and when, and that neither a dead worker nor a lost reader goes unseen.
 #include "engine/front.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -21,6 +22,7 @@
 
 #include "tests/engine/engine_run.h"
 #include "tests/support/sanitizer.h"
+#include "tests/support/syscall_stepper.h"
 
 using namespace ZorvTest;
 
@@ -391,6 +393,32 @@ TEST_F(Front, SaysWhenTheDiskForItsOutputIsFull) {
   const CommandResult result = ZorvTest::Run({"bash", "-c", command});
   EXPECT_EQ(1, result.status);
   EXPECT_EQ("ERROR: cannot write: No space left on device\n", result.err);
+}
+
+// A reader of the pipe sees no exit status, and would take what came before for all there is.
+TEST_F(Front, SaysOnItsOutputThatALineIsMissing) {
+  std::filesystem::copy_file(ZORV_ENGINE_PATH, "/sbin/btrfs",
+                             std::filesystem::copy_options::overwrite_existing);
+  std::string command = "/sbin/btrfs subvolume size -v";
+  for (const std::string& path : paths_) command += " " + path;
+  SyscallStepper(std::vector<WatchedCall>{{SYS_write}})
+      .Run(
+          [&] {
+            const pid_t shell = fork();
+            if (shell == 0)
+              _exit(Program({"/bin/bash", "-c", command + " | cat > /tmp/front.out"})());
+            return WaitForExit(shell);
+          },
+          [](const Step& step) {
+            const bool isLine =
+                step.role == Role::kFront && step.text.find("pipe:") < step.text.size();
+            return isLine && step.ofCall == 5 ? Action::Fail(ENOMEM) : Action::GoOn();
+          });
+  std::filesystem::remove("/sbin/btrfs");
+  const std::string out = ReadFile("/tmp/front.out");
+  const std::string last = "\nexclusive sizes unavailable: cannot write: Cannot allocate memory\n";
+  ASSERT_GT(out.size(), last.size());
+  EXPECT_EQ(last, out.substr(out.size() - last.size())) << out;
 }
 
 // As a file that may not grow, which a signal tells of too.
