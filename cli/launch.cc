@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
+#include <zorvbtrfssnapusage/share_task_status.h>
 
 #include <algorithm>
 #include <optional>
@@ -151,6 +152,18 @@ void RequireIdle(const std::string& share) {
     RefuseHeld(share, died ? "was killed" : "never began");
 }
 
+// A share that was claimed, and whose calculation then was not begun, shows it as a launch that
+// failed; else the claim would hold it for two minutes.
+void GiveBack(const std::string& share) {
+  ShareTaskStatus status;
+  CAL_TASK_STATUS state = CAL_TASK_STATUS_READY;
+  if (!status.Init(share, false) || status.GetCalculatorStatus(state) != RESULT_OK ||
+      state != CAL_TASK_STATUS_READY)
+    return;
+  (void)status.SetCalculatorStatus(CAL_TASK_STATUS_FAIL);
+  (void)status.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, RESULT_INVALID_OBJECT);
+}
+
 void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
                   const std::vector<Snapshot>& asked, const std::optional<TimeRange>& range) {
   int code = RESULT_OK;
@@ -188,9 +201,14 @@ Launched Launch(const Selection& selection) {
   if (code != RESULT_OK)
     throw SystemFailure(
         fmt::format("no calculation of share {} could be created (code {})", Quoted(share), code));
-  const std::string taskID = RequireTask(share);
-  LaunchOrFail(calculation, share, asked, range);
-  return {taskID, asked};
+  try {
+    const std::string taskID = RequireTask(share);
+    LaunchOrFail(calculation, share, asked, range);
+    return {taskID, asked};
+  } catch (...) {
+    GiveBack(share);
+    throw;
+  }
 }
 
 }  // namespace ZorvSnapUsage
