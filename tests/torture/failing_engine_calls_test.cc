@@ -247,6 +247,16 @@ class FailingCallsOfTheProgram : public FailingCalls {
   }
 };
 
+// However long that takes: no call of the library, whose locks may fail, comes in between.
+TEST_F(FailingCallsOfTheProgram, OneCallOnItsLock) {
+  Try(
+      Program(Argv({"run", "photos", "--quiet", "--format", "json"}), kOut),
+      [](const Step& step) {
+        return step.role == Role::kCaller && Has(step.text, "/run/zorv-snapusage.lock");
+      },
+      Budget(100), [this](const Fault& fault, const FaultyRun& run) { return Judge(fault, run); });
+}
+
 TEST_F(FailingCallsOfTheProgram, OneCall) {
   const Budget budget(0.5);
   Try(

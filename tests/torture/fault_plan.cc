@@ -99,15 +99,13 @@ std::string KindOf(const Step& step) {
   return std::string(NameOf(step.role)) + std::regex_replace(step.text, kChanging, "#");
 }
 
-// Calls that carry content, or guard it: these come twice as often as the others.
+// Calls that carry content: these come twice as often as the others.
 bool IsOfContent(const Fault& fault) {
   switch (fault.step.call) {
     case SYS_read:
     case SYS_pread64:
     case SYS_write:
     case SYS_rename:
-    case SYS_fsync:
-    case SYS_fcntl:
     case SYS_getdents64:
     case SYS_io_uring_enter:
       return true;
