@@ -282,10 +282,10 @@ bool BlockReader::IsReused(const BlockPointer& pointer, const Device& device,
 Status BlockReader::NoCopyIsThere(const BlockPointer& pointer, const Places& places) const {
   if (places.Empty()) return Bad(pointer, "no chunk holds it");
   const uint64_t devid = places.begin()->devid;
-  return Status::Failed("device " + std::to_string(devid) + " " + devices_.WhyMissing(devid) +
-                        " and tree block " + std::to_string(pointer.bytenr) +
-                        " lies nowhere else; attach the device or replace it (btrfs replace), then "
-                        "try again");
+  return Status::NoDevice(
+      "device " + std::to_string(devid) + " " + devices_.WhyMissing(devid) + " and tree block " +
+      std::to_string(pointer.bytenr) +
+      " lies nowhere else; attach the device or replace it (btrfs replace), then try again");
 }
 
 // Sets `out` to the block at `bytes`, which were read from `device`, and is empty; else says what

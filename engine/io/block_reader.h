@@ -67,11 +67,10 @@ struct BlockFormat {
 // Each block is verified before anybody sees it: checksum, place, file system, chunk tree, level,
 // generation, first key and structure.  When a copy does not verify or its device is missing, the
 // next is tried; when none does, the outcome is Status::kBadBlock.  A block that lies on missing
-// devices alone is a failure that names the first of them: nothing is rebuilt from parity here.
-// Where a later commit than that of the state has put another block, no copy is looked for: slow
-// devices would be kept busy with what is gone.
-// Place and generation together name one content for ever,
-// so blocks stay in the cache when the reader moves on to a newer superblock.
+// devices alone is Status::kNoDevice, which names the first of them: nothing is rebuilt from parity
+// here. Where a later commit than that of the state has put another block, no copy is looked for:
+// slow devices would be kept busy with what is gone. Place and generation together name one content
+// for ever, so blocks stay in the cache when the reader moves on to a newer superblock.
 class BlockReader {
  public:
   // Bytes of blocks that the cache holds at most: the upper levels of the trees, and the leaves

@@ -14,6 +14,7 @@ class Status {
   enum Kind {
     kOk,
     kBadBlock,   // no copy of a block verifies: reused by a later commit, or damaged
+    kNoDevice,   // a block lies only on devices that are not known to be there
     kUnsettled,  // no exact numbers of this state can be told; those of a later one can
     kOverLimit,  // there is more to do than a limit allows that the caller has set
     kFailed,     // anything else; trying again from a newer superblock does not help
@@ -21,6 +22,7 @@ class Status {
 
   Status() = default;
   static Status BadBlock(std::string text) { return Status(kBadBlock, std::move(text)); }
+  static Status NoDevice(std::string text) { return Status(kNoDevice, std::move(text)); }
   static Status Unsettled(std::string text) { return Status(kUnsettled, std::move(text)); }
   static Status OverLimit(std::string text) { return Status(kOverLimit, std::move(text)); }
   static Status Failed(std::string text) { return Status(kFailed, std::move(text)); }

@@ -115,10 +115,12 @@ Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
       progress.exclusiveBytes = 0;
       continue;
     }
-    if (done.GetKind() != Status::kBadBlock) return done;
+    if (done.GetKind() != Status::kBadBlock && done.GetKind() != Status::kNoDevice) return done;
 
     const uint64_t before = superblock.generation.Get();
     ENGINE_TRY(source.ReadSuperblock(&superblock));
+    // One that was added while the state was looked for.
+    if (done.GetKind() == Status::kNoDevice && !source.DevicesChanged()) return done;
     sameBad = done.Text() == bad ? sameBad + 1 : 1;
     bad = done.Text();
     const bool isStill = superblock.generation.Get() == before || sameBad == kMostOfOneBlock;

@@ -29,9 +29,10 @@ constexpr int kMostOfOneBlock = 5;
 // verify is a reused one when a newer superblock is there by then: the run begins again from that
 // one, as long as its Patience lasts; blocks that are cached and what the method has kept need not
 // be read again.  Without a newer superblock, or when newer ones still have it, the block is
-// damaged and the run fails, naming it.  A state of which the method cannot tell exact numbers is
-// waited out, for as long as the request says.  Damage that other copies have made good is said
-// when the run succeeds: once, with the place of the first bad copy and how many there are.
+// damaged and the run fails, naming it.  A device that is missing is one that was just added when
+// it is there at a second look.  A state of which the method cannot tell exact numbers is waited
+// out, for as long as the request says.  Damage that other copies have made good is said when the
+// run succeeds: once, with the place of the first bad copy and how many there are.
 Status RunOnNewestState(StateSource& source, ExclusiveSizeMethod& method,
                         const SizeRequest& request, SizeProgress& progress, const NoteSink& note,
                         SizeResult* out);

@@ -413,7 +413,7 @@ TEST_F(BlockReaderDevices, NamesTheMissingDevice) {
     TreeBlockPtr block;
     const BlockPointer pointer = {c.bytenr, kGeneration, 0, {}};
     for (const Status& read : {reader.Read(pointer, &block), reader.ReadMany({pointer}, kIgnore)}) {
-      EXPECT_EQ(Status::kFailed, read.GetKind());
+      EXPECT_EQ(Status::kNoDevice, read.GetKind());
       EXPECT_EQ("device " + std::to_string(c.named) + " is missing and tree block " +
                     std::to_string(c.bytenr) +
                     " lies nowhere else; attach the device or replace it (btrfs replace), then try "

@@ -190,7 +190,7 @@ TEST_F(BlockReaderSweep, EndsAtAMissingDevice) {
   PutLeaves(100, 1);
   devices_.AddMissing(3, "");
   const Status swept = Sweep();
-  EXPECT_EQ(Status::kFailed, swept.GetKind());
+  EXPECT_EQ(Status::kNoDevice, swept.GetKind());
   EXPECT_EQ(0u, swept.Text().find("device 3 is missing and tree block ")) << swept.Text();
 }
 

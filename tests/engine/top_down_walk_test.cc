@@ -299,6 +299,46 @@ TEST(RunOnReplacedDevice, BeginsAgainOnItsSuccessor) {
   EXPECT_EQ(1, mini.looks);
 }
 
+// Once a run failed whose devices were listed just before one was added and whose state was read
+// just after: it called the new one missing.
+TEST(RunOnAddedDevice, BeginsAgainWithIt) {
+  struct Added : Mini {
+    struct Forward : ByteSource {
+      explicit Forward(MemoryDevice& memory) : device(memory) {}
+      Status ReadAt(uint64_t offset, uint8_t* buffer, size_t size) override {
+        return device.ReadAt(offset, buffer, size);
+      }
+      uint64_t Size() const override { return device.Size(); }
+      MemoryDevice& device;
+    };
+
+    const DeviceSet& Devices() const override { return known; }
+    Status ReadSuperblock(Superblock* out) override {
+      if (++looks == 1 && appears) known.Add(1, {std::make_unique<Forward>(Memory()), {}, {}});
+      return Mini::ReadSuperblock(out);
+    }
+    bool DevicesChanged() const override { return looks == 1 && appears; }
+
+    DeviceSet known;
+    bool appears = true;
+    int looks = 0;
+  };
+  for (const bool appears : {true, false}) {
+    Added mini;
+    mini.appears = appears;
+    mini.Write();
+    TopDownWalk walk;
+    SizeProgress progress;
+    SizeResult result;
+    const Status run = RunOnNewestState(
+        mini, walk, {{Mini::kSubvolumeId}}, progress, [](const std::string&) {}, &result);
+    EXPECT_EQ(appears ? ""
+                      : "device 1 is missing and tree block 2097152 lies nowhere else; attach "
+                        "the device or replace it (btrfs replace), then try again",
+              run.Text());
+  }
+}
+
 TEST_F(RunOnNewestStateTest, GivesUpWhenItIsOvertakenAgainAndAgain) {
   mini_.Write();
   // The second attempt is shorter than the first, as it finds the chunks in the cache.
