@@ -269,40 +269,52 @@ void WriteRecords() {
     WriteFile(status, R"({"status":"fail","error_code":"1"})");
 }
 
+// One thing to try.
+struct Step {
+  const Planting* planting;
+  const Command* command;
+  const User* user;
+  mode_t mask;
+
+  std::string Text() const {
+    return planting->place + " is a " + planting->spoiling->name + "; " + command->name + " by " +
+           user->name;
+  }
+};
+
 // Every kind at every place, for every command, umask and user. The lock of launches, which the
-// others do not take, is looked at by those that do.
+// others do not take, is for those that do.
+std::vector<Step> AllSteps(const std::vector<Planting>& plantings) {
+  std::vector<Step> steps;
+  for (const Planting& planting : plantings)
+    for (const Command& command : kCommands)
+      for (const User& user : kUsers)
+        for (const mode_t mask : {0, 022, 077})
+          if (planting.place != kLaunchLock || command.takesLaunchLock)
+            steps.push_back({&planting, &command, &user, mask});
+  return steps;
+}
+
 TEST_F(Permissions, WhateverIsPlanted) {
   const Budget budget(0.6);
   const std::vector<Planting> plantings = AllPlantings();
-  const mode_t masks[] = {0, 022, 077};
+  const std::vector<Step> steps = AllSteps(plantings);
   WriteRecords();
   ASSERT_EQ(0, ToolOf(kUsers[0], 022, {"show", "photos"}).status) << "nothing is planted yet";
   const Listing far = Far();
-  const size_t all = plantings.size() * kCommands.size() * std::size(masks) * kUsers.size();
   size_t tried = 0, refused = 0, hung = 0, touched = 0;
-  for (const size_t step : SpreadOrder(all)) {
+  for (const size_t number : SpreadOrder(steps.size())) {
     if ((tried >= kFewest && !budget.IsLeft()) || HasFailure()) break;
-    size_t rest = step;
-    const auto choose = [&rest](size_t count) {
-      const size_t choice = rest % count;
-      rest /= count;
-      return choice;
-    };
-    const User& user = kUsers[choose(kUsers.size())];
-    const mode_t mask = masks[choose(std::size(masks))];
-    const Command& command = kCommands[choose(kCommands.size())];
-    const Planting& planting = plantings[choose(plantings.size())];
-    if (planting.place == kLaunchLock && !command.takesLaunchLock) continue;
-    SCOPED_TRACE("step " + std::to_string(step) + ": " + planting.place + " is a " +
-                 planting.spoiling->name + "; " + command.name + " by " + user.name);
-    const Planted planted(planting);
+    const Step& step = steps[number];
+    SCOPED_TRACE("step " + std::to_string(number) + ": " + step.Text());
+    const Planted planted(*step.planting);
     const Listing inside = Inside();
     const Listing outside = Near();
-    const CommandResult result = ToolOf(user, mask, command.words);
+    const CommandResult result = ToolOf(*step.user, step.mask, step.command->words);
     ++tried;
-    refused += result.status == user.refusal;
+    refused += result.status == step.user->refusal;
     hung += result.status == kHung;
-    EXPECT_EQ(user.refusal, result.status) << result.out << result.err;
+    EXPECT_EQ(step.user->refusal, result.status) << result.out << result.err;
     EXPECT_THAT(result.err, HasSubstr("; ")) << "what to do next";
     const std::string change = Difference(inside, Inside()) + Difference(outside, Near());
     touched += !change.empty();
@@ -310,7 +322,7 @@ TEST_F(Permissions, WhateverIsPlanted) {
   }
   EXPECT_EQ("", Difference(far, Far()));
   Figure("combinations", tried);
-  Figure("of combinations", all);
+  Figure("of combinations", steps.size());
   Figure("refused", refused);
   Figure("outside or inside touched", touched);
   Figure("hung", hung);
