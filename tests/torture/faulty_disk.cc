@@ -63,7 +63,6 @@ struct FaultyDisk::Shared {
   pthread_mutex_t mutex;
   size_t count = 0;
   std::atomic<unsigned> clearings{0};
-  std::atomic<unsigned long long> reads{0};
   Entry entries[kMostFaults];
 };
 
@@ -174,7 +173,6 @@ class Server {
   }
 
   void Read(const fuse_in_header& header, const fuse_read_in& in) {
-    ++shared_.reads;
     std::vector<uint8_t> bytes(in.size);
     const ssize_t got = pread(image_.Get(), bytes.data(), in.size, static_cast<off_t>(in.offset));
     if (got < 0) return Reply(header, -errno, nullptr, 0);
@@ -305,7 +303,5 @@ void FaultyDisk::Clear() {
   shared_->count = 0;
   ++shared_->clearings;
 }
-
-unsigned long long FaultyDisk::Reads() const { return shared_->reads; }
 
 }  // namespace ZorvTest

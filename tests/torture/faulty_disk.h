@@ -59,9 +59,6 @@ class FaultyDisk {
   // Ends all faults; reads that were held go on.
   void Clear();
 
-  // Reads of any kind since the disk was made.
-  unsigned long long Reads() const;
-
  private:
   struct Shared;
 

@@ -10,7 +10,7 @@
 
 namespace ZorvTest {
 
-// One block and where it lies, with an earlier block of the same place if that is still there.
+// One block and where it lies.
 struct LiveBlock {
   struct Copy {
     size_t device;  // position among the images
