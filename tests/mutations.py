@@ -44,7 +44,7 @@ MUTATIONS = [
              "PowerCut.*"),
     Mutation("progress-is-written-out-and-not-waited-for", "base/durable.cc",
              "SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER", "SYNC_FILE_RANGE_WRITE",
-             "PowerCut.*"),
+             "PowerCut.* DurableTest.*"),
     Mutation("progress-on-btrfs-is-only-written-out", "base/durable.cc",
              "fs.f_type == BTRFS_SUPER_MAGIC", "fs.f_type == 0",
              "PowerCut.*"),

@@ -3,6 +3,7 @@
 #define TESTS_SUPPORT_SYNC_CALLS_H_
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -28,7 +29,8 @@ class SyncCalls {
     });
     writeOut_.Replace([this](int fd, off64_t offset, off64_t count, unsigned int flags) {
       const std::string path = PathOf(fd);
-      events_.push_back("write out " + path);
+      const bool waits = (flags & SYNC_FILE_RANGE_WAIT_AFTER) != 0;
+      events_.push_back((waits ? "write out " : "begin to write out ") + path);
       if (failing_ != path) return writeOut_.Real(fd, offset, count, flags);
       errno = error_;
       return -1;

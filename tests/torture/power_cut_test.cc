@@ -40,7 +40,7 @@ constexpr int kSnapshots = 2;
 constexpr double kRoundSeconds = 1.5;
 
 // However busy the machine is.
-constexpr unsigned kFewestCuts = 40;
+constexpr unsigned kFewestCuts = 25;
 
 // One calculation in three is real. The others tell progress in quick succession, in a status that
 // is long when the last calculation failed, and one in four of them fails.
