@@ -1146,7 +1146,7 @@ MUTATIONS = [
              "  struct flock lock = WholeFile(F_UNLCK);\n"
              "  if (fcntl(fd, F_SETLKW, &lock) == 0) return true;\n"
              "  (void)closer.Release();\n",
-             "FailingCallsOfTheLibrary.OneCall"),
+             "FailingCallsOfAReader.OneCall"),
     Mutation("a-directory-that-cannot-be-read-is-empty", UTILS,
              "  if (errno == 0) return true;\n  PLAT_ERR_SET(kErrSystemCall);\n  return false;\n",
              "  return true;\n",

@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <zorvbtrfssnapusage/share_snap_usage_cal.h>
+#include <zorvbtrfssnapusage/utils.h>
 
 #include <algorithm>
 #include <map>
 
 #include "base/paths.h"
+#include "base/sz_list.h"
 #include "tests/support/command.h"
 #include "tests/support/torture.h"
 #include "tests/torture/fault_plan.h"
@@ -77,8 +80,9 @@ class FailingCallsOfTheLibrary : public testing::Test {
       run = RunWithFault([this] { return world_.Calculate(); }, fault);
     } catch (const std::exception& error) {
       ADD_FAILURE() << error.what();
-      world_.Restore();
-      return;
+      ++tried_;
+      ++lost_;
+      return world_.Restore();
     }
     if (run.hit.empty()) return world_.Restore();
     ++tried_;
@@ -176,7 +180,7 @@ class FailingCallsOfTheLibrary : public testing::Test {
 };
 
 TEST_F(FailingCallsOfTheLibrary, OneCall) {
-  const Budget budget(0.6);
+  const Budget budget(0.55);
   const std::vector<Fault> faults =
       PlanFaults([this] { return world_.Calculate(); }, IsOfTheLibrary, AllActions);
   world_.Restore();
@@ -194,11 +198,87 @@ TEST_F(FailingCallsOfTheLibrary, OneCallOfTheEngine) {
 }
 
 TEST_F(FailingCallsOfTheLibrary, FromOneCallOn) {
-  const Budget budget(0.25);
+  const Budget budget(0.2);
   const std::vector<Fault> faults = PlanFaults([this] { return world_.Calculate(); },
                                                IsOfTheLibrary, LastingActions, /*lasting=*/true);
   world_.Restore();
   Try(faults, budget);
+}
+
+// ---- Who reads ----------------------------------------------------------------------------------
+
+class FailingCallsOfAReader : public testing::Test {
+ protected:
+  // All that is read of a share that is done, and the reminder is set once more. 0; 1: something
+  // was refused; 2: something else was given.
+  int Read() const {
+    std::vector<unsigned long long> ids, bytes, sums;
+    SzList names = MakeSzList();
+    bool refused = false, wrong = false, reminder = false;
+    const auto take = [&](bool given, const auto& isRight) {
+      refused |= !given;
+      wrong |= given && !isRight();
+    };
+    using Cal = ShareSnapUsageCal;
+    take(Cal::GetResultVtr(TASK_RESULT_OPT_SUBVOL_ID, kShare, ids) == RESULT_OK,
+         [&] { return ids == Of([](const auto& size) { return size.first; }); });
+    take(Cal::GetResultVtr(TASK_RESULT_OPT_RESULT, kShare, bytes) == RESULT_OK,
+         [&] { return bytes == Of([](const auto& size) { return size.second; }); });
+    unsigned long long sum = 0;
+    take(Cal::GetShareSnapAccumUsageVtr(kShare, sums) == RESULT_OK,
+         [&] { return sums == Of([&](const auto& size) { return sum += size.second; }); });
+    const int found = Cal::FindSnapNameBySubvolID(kShare, ids, SzListRef(names));
+    take(found == RESULT_OK, [&] { return names->count == static_cast<int>(ids.size()); });
+    take(Utils::ReminderStatusGet(reminder), [&] { return reminder; });
+    take(Utils::ReminderStatusSet(true), [] { return true; });
+    return wrong ? 2 : refused ? 1 : 0;
+  }
+
+  template <typename Choose>
+  std::vector<unsigned long long> Of(const Choose& choose) const {
+    std::vector<unsigned long long> values;
+    for (const auto& size : world_.Expected()) values.push_back(choose(size));
+    return values;
+  }
+
+  static constexpr char kShare[] = "photos";
+
+  ScarcityWorld world_;
+};
+
+TEST_F(FailingCallsOfAReader, OneCall) {
+  const Budget budget(0.1);
+  const auto body = [this] { return world_.Noting([this] { return Read(); }); };
+  const std::vector<Fault> faults = PlanFaults(
+      body, [](const Step& step) { return step.role == Role::kCaller; }, AllActions);
+  unsigned long long tried = 0, refused = 0, lost = 0;
+  for (const Fault& fault : faults) {
+    if (tried >= 20 && !budget.IsLeft()) break;
+    SCOPED_TRACE(fault.Name());
+    const FaultyRun run = RunWithFault(body, fault);
+    ++tried;
+    refused += run.status == 1;
+    Aftermath aftermath;
+    Tolerated tolerated;
+    if (fault.step.call == SYS_unlink && !run.hit.empty())
+      tolerated.notRemoved = run.hit[0].text.substr(7, run.hit[0].text.size() - 8);
+    if (Has(fault.step.text, std::string("(") + kReminderRecord))
+      tolerated.unreadable.insert(kReminderRecord);
+    world_.JudgeLeftBehind(&aftermath);
+    world_.JudgeFiles(tolerated, &aftermath);
+    world_.JudgeTemporaryFiles(tolerated, &aftermath);
+    if (!run.crashed.empty()) aftermath.wrong.push_back("ended by a signal: " + run.crashed);
+    if (run.status > 1) aftermath.wrong.push_back("it was given something wrong");
+    if (fault.action.kind == Action::kShorten && run.status != 0)
+      aftermath.wrong.push_back("something short was taken for a failure");
+    lost += !aftermath.wrong.empty();
+    for (const std::string& wrong : aftermath.wrong) ADD_FAILURE() << wrong;
+    world_.Restore();
+  }
+  Figure("faults", tried);
+  Figure("of faults", faults.size());
+  Figure("refused", refused);
+  Figure("lost", lost);
 }
 
 }  // namespace

@@ -20,7 +20,8 @@ struct DiskLayout {
   size_t copies;  // of each tree block that can be read
 };
 
-// A mounted file system at kMount with the share "photos" and other snapshots, numbers from the kernel, and nothing going on.
+// A mounted file system at kMount with the share "photos" and other snapshots, numbers from the
+// kernel, and nothing going on.
 class HurtingVolume {
  public:
   // The first of a layout takes about as long as a quota rescan; others are copies of it.

@@ -41,6 +41,7 @@ constexpr Json::Int64 kNeverExpires = 4000000000;
 constexpr int kWatchedDescriptors = 256;
 bool openBefore[kWatchedDescriptors];
 char* leftBehind = nullptr;
+pid_t noting = -1;
 
 // No call of the product asks for these flags, so a stepper can tell this one.
 bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
@@ -190,30 +191,28 @@ void ScarcityWorld::NoteLeftBehind() {
     snprintf(leftBehind, sizeof(LeftBehind::text), "a child is left");
 }
 
-void ScarcityWorld::NoteAtExit() { NoteLeftBehind(); }
-
-int ScarcityWorld::Calculate() {
+int ScarcityWorld::Noting(const std::function<int()>& body) {
   openlog(nullptr, LOG_NDELAY, LOG_USER);  // the library's log has its socket before it is scarce
   leftBehind = left_->text;
+  noting = getpid();
   for (int fd = 0; fd < kWatchedDescriptors; ++fd) openBefore[fd] = IsOpen(fd);
-  // The calculator leaves by exit(3), and then only.
-  const pid_t caller = getpid();
-  static pid_t first;
-  first = caller;
+  // A calculator leaves by exit(3), and then only.
   atexit([] {
-    if (getpid() != first) NoteAtExit();
+    if (getpid() != noting) NoteLeftBehind();
   });
-  int code = 0;
-  {
-    ShareSnapUsageCal calculation;
-    code = calculation.CreateTask(kShare);
-    if (code == RESULT_OK) {
-      const int launched = calculation.Launch(nullptr, nullptr);
-      code = launched == RESULT_OK ? 0 : 100 + launched;
-    }
-  }
+  const int code = body();
   NoteLeftBehind();
   return code;
+}
+
+int ScarcityWorld::Calculate() {
+  return Noting([] {
+    ShareSnapUsageCal calculation;
+    const int code = calculation.CreateTask(kShare);
+    if (code != RESULT_OK) return code;
+    const int launched = calculation.Launch(nullptr, nullptr);
+    return launched == RESULT_OK ? 0 : 100 + launched;
+  });
 }
 
 int ScarcityWorld::CalculateToTheEnd() {
@@ -263,8 +262,7 @@ std::string ScarcityWorld::State() {
 
 Aftermath ScarcityWorld::Judge(int caller, const Tolerated& tolerated) {
   Aftermath aftermath;
-  if (left_->text[0] != '\0') aftermath.wrong.push_back(left_->text);
-  left_->text[0] = '\0';
+  JudgeLeftBehind(&aftermath);
   JudgeFiles(tolerated, &aftermath);
   JudgeTemporaryFiles(tolerated, &aftermath);
   JudgeNumbers(tolerated, &aftermath);
@@ -272,6 +270,11 @@ Aftermath ScarcityWorld::Judge(int caller, const Tolerated& tolerated) {
   JudgeNext(&aftermath);
   Restore();
   return aftermath;
+}
+
+void ScarcityWorld::JudgeLeftBehind(Aftermath* aftermath) {
+  if (left_->text[0] != '\0') aftermath->wrong.push_back(left_->text);
+  left_->text[0] = '\0';
 }
 
 void ScarcityWorld::JudgeEnds(const Ends& ends, Aftermath* aftermath) {
@@ -289,9 +292,12 @@ void ScarcityWorld::JudgeEnds(const Ends& ends, Aftermath* aftermath) {
 void ScarcityWorld::JudgeFiles(const Tolerated& tolerated, Aftermath* aftermath) {
   JudgeMap(tolerated, aftermath);
   JudgeStatus(tolerated, aftermath);
-  for (const std::string& path : {ShareStatusPath(kOther), std::string(kReminderRecord)})
-    if (!fs::exists(path) || ReadFile(path) != saved_[path].content)
-      aftermath->wrong.push_back(path + " has changed");
+  for (const std::string& path : {ShareStatusPath(kOther), std::string(kReminderRecord)}) {
+    const auto now = fs::exists(path) ? ParseObject(ReadFile(path)) : std::nullopt;
+    if (now == ParseObject(saved_[path].content)) continue;
+    aftermath->lostMembers = now && tolerated.unreadable.count(path) != 0;
+    if (!aftermath->lostMembers) aftermath->wrong.push_back(path + " has changed");
+  }
   if (!fs::is_directory(kTaskStatusDir)) return;
   for (const auto& entry : fs::directory_iterator(kTaskStatusDir))
     if (!IsTemporary(entry.path()) && !ParseObject(ReadFile(entry.path())))
@@ -379,8 +385,7 @@ void ScarcityWorld::JudgeNext(Aftermath* aftermath) {
   Aftermath next;
   if (code != 0) next.wrong.push_back("code " + std::to_string(code));
   if (State() != "done") next.wrong.push_back("state '" + State() + "'");
-  if (left_->text[0] != '\0') next.wrong.push_back(left_->text);
-  left_->text[0] = '\0';
+  JudgeLeftBehind(&next);
   JudgeNumbers({}, &next);
   for (const std::string& wrong : next.wrong)
     aftermath->wrong.push_back("the next calculation: " + wrong);

@@ -73,6 +73,12 @@ class ScarcityWorld {
   // what they leave open.
   int Calculate();
 
+  // As the body of a process: does `body`, and notes in the same way what it has left open.
+  int Noting(const std::function<int()>& body);
+
+  // Takes what was noted.
+  void JudgeLeftBehind(Aftermath* aftermath);
+
   // Runs Calculate in a process, after `prepare` there, and waits for all that comes of it. Throws
   // when some of it is still there after a minute.
   Ends RunPrepared(const std::function<void()>& prepare);
@@ -107,7 +113,6 @@ class ScarcityWorld {
     char text[256];
   };
 
-  static void NoteAtExit();
   static void NoteLeftBehind();
   void Save();
   void MakeOtherEntries();
