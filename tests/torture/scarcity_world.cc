@@ -125,27 +125,24 @@ ScarcityWorld::ScarcityWorld(int files) : volume_("/volume1", ManySingleNodes())
     unsigned long long id = 0, bytes = 0;
     if (sscanf(line.c_str(), "subvol(%llu) %llu bytes", &id, &bytes) == 2) real_[id] = bytes;
   }
-  UseQuickEngine();
-  if (CalculateToTheEnd() != 0) throw std::runtime_error("the share cannot be calculated");
-  MakeOtherEntries();
-  Save();
-  log.Clear();
+  UseEngine(ZORV_QUICK_ENGINE_PATH, quick_);
 }
 
 ScarcityWorld::~ScarcityWorld() {
   for (const char* root : kRoots) RemoveContent(root);
 }
 
-void ScarcityWorld::UseQuickEngine() {
-  fs::remove_all(kEngine);
-  fs::copy_file(ZORV_QUICK_ENGINE_PATH, kEngine);
-  expected_ = &quick_;
-}
+void ScarcityWorld::UseRealEngine() { UseEngine(ZORV_ENGINE_PATH, real_); }
 
-void ScarcityWorld::UseRealEngine() {
+void ScarcityWorld::UseEngine(const char* program, const SubvolumeSizes& sizes) {
   fs::remove_all(kEngine);
-  fs::copy_file(ZORV_ENGINE_PATH, kEngine);
-  expected_ = &real_;
+  fs::copy_file(program, kEngine);
+  expected_ = &sizes;
+  if (CalculateToTheEnd() != 0) throw std::runtime_error("the share cannot be calculated");
+  MakeOtherEntries();
+  saved_.clear();
+  Save();
+  log.Clear();
 }
 
 void ScarcityWorld::MakeOtherEntries() {

@@ -61,8 +61,8 @@ class ScarcityWorld {
   ScarcityWorld(const ScarcityWorld&) = delete;
   ScarcityWorld& operator=(const ScarcityWorld&) = delete;
 
-  // What stands at /sbin/btrfs: a program that answers at once, or the engine of this project.
-  void UseQuickEngine();
+  // At /sbin/btrfs stands the engine of this project from now on, in place of a program that
+  // answers at once.
   void UseRealEngine();
 
   // All files of the three roots are again as they were in the beginning.
@@ -114,6 +114,7 @@ class ScarcityWorld {
   };
 
   static void NoteLeftBehind();
+  void UseEngine(const char* program, const SubvolumeSizes& sizes);
   void Save();
   void MakeOtherEntries();
   void JudgeMap(const Tolerated& tolerated, Aftermath* aftermath);
