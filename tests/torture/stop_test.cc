@@ -428,12 +428,13 @@ TEST(StopReadingADeadDisk, EndsTheFront) {
   MustRun({"sync", "-f", "/volume2"});
   const std::string row = RowOf("/volume2");
   std::vector<std::unique_ptr<EngineProcess>> engines;
-  disk.Add({.begin = 0, .size = 256u << 20, .kind = DiskFault::kDelay, .detail = 600000});
+  const size_t dead =
+      disk.Add({.begin = 0, .size = 256u << 20, .kind = DiskFault::kDelay, .detail = 600000});
   for (int n = 0; n < 3 || (n < 10 && budget.IsLeft()); ++n) {
-    const unsigned long long reads = disk.Reads();
+    const unsigned reads = disk.Hits(dead);
     engines.push_back(
         std::make_unique<EngineProcess>(std::vector<std::string>{"-vpm", "/volume2/share"}));
-    ASSERT_TRUE(WaitUntil([&] { return disk.Reads() > reads || n > 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return disk.Hits(dead) > reads || n > 0; }));
     (void)engines.back()->StopWorker(50000);
     engines.back()->ContinueWorker();
     const double left = Seconds();
