@@ -506,11 +506,17 @@ TEST(ExclusiveSize, SurvivesADamagedCopyOfABlock) {
 
   const unsigned long long id = SubvolumeID(volume.Path("live"));
   WriteRandom(volume.Image(), 512, 5, physical + 4096);
-  EXPECT_EQ((Sizes{{id, kernel.at(id)}}), EngineSizes("-vm", kMount, {id}));
+  EngineRun run = RunEngine({"-vm", "-r", kMount, std::to_string(id)});
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ((Sizes{{id, kernel.at(id)}}), run.sizes);
+  EXPECT_EQ("NOTE: the copy of tree block " + std::to_string(bytenr) + " on device 1 at " +
+                std::to_string(physical) +
+                " cannot be used (its checksum is wrong); another copy was read; run btrfs scrub\n",
+            run.err);
 
   ASSERT_EQ(1, sscanf(places.c_str() + places.rfind("physical "), "physical %llu", &physical));
   WriteRandom(volume.Image(), 512, 5, physical + 4096);
-  const EngineRun run = RunEngine({"-vm", "-r", kMount, std::to_string(id)});
+  run = RunEngine({"-vm", "-r", kMount, std::to_string(id)});
   EXPECT_EQ(1, run.status);
   EXPECT_EQ(0u, run.err.find("ERROR: tree block " + std::to_string(bytenr) + " (level "));
   EXPECT_NE(std::string::npos,
