@@ -17,12 +17,12 @@ bool CannotBeAsked(int error) { return error == EINVAL || error == ENOSYS || err
 
 bool Succeeded(int code) { return code == 0 || CannotBeAsked(errno); }
 
-// Whether the file system may keep the name of a file whose bytes it does not keep, although they
-// have been written out: btrfs, when somebody syncs the directory. Nothing less than a sync of the
-// file helps there.
-bool NamesOvertakeBytes(const UniqueFd& fd) {
+// Whether the file system keeps bytes that have been written out whenever it keeps a name that came
+// later: ext4. btrfs does not when somebody syncs the directory, an overlay has no bytes of its own
+// to write out, and of others nothing is known: there only a sync of the file helps.
+bool WritingOutKeepsOrder(const UniqueFd& fd) {
   struct statfs fs;
-  return fstatfs(fd.Get(), &fs) == 0 && fs.f_type == BTRFS_SUPER_MAGIC;
+  return fstatfs(fd.Get(), &fs) == 0 && fs.f_type == EXT4_SUPER_MAGIC;
 }
 
 bool Sync(const UniqueFd& fd) { return fd.Valid() && Succeeded(fsync(fd.Get())); }
@@ -38,7 +38,7 @@ bool IsPersistent(const std::string& path) {
 bool BringToDisk(const char* name, Durability durability) {
   const UniqueFd fd(open(name, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd.Valid()) return false;
-  if (durability == Durability::kSynced || NamesOvertakeBytes(fd)) return Sync(fd);
+  if (durability == Durability::kSynced || !WritingOutKeepsOrder(fd)) return Sync(fd);
   // A name goes to the disk by the journal, the bytes by themselves, maybe half a minute later: a
   // file system could bring the name alone over a power cut, to an empty file. Bytes that have been
   // written out come first, and the journal's next flush is theirs as well.

@@ -17,8 +17,8 @@ enum class Durability {
 bool IsPersistent(const std::string& path);
 
 // Brings the bytes of the file `name`, which is about to take another's place, as near to the disk
-// as `durability` needs: kOrdered waits for a flush of the disk only where nothing less helps
-// (btrfs). False with errno: the disk refused them.
+// as `durability` needs: kOrdered waits for a flush of the disk unless less is known to help (ext4).
+// False with errno: the disk refused them.
 bool BringToDisk(const char* name, Durability durability);
 
 // Brings the directory that holds `path` to the disk: what was last made, renamed or removed there

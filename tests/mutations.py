@@ -27,8 +27,8 @@ class Mutation:
 MUTATIONS = [
     # ---- intl_utils/utils -------------------------------------------------------------------------
     Mutation("a-persistent-file-is-not-synced", "base/durable.cc",
-             "  if (durability == Durability::kSynced || NamesOvertakeBytes(fd)) return Sync(fd);\n",
-             "  if (durability == Durability::kSynced || NamesOvertakeBytes(fd)) return true;\n",
+             "  if (durability == Durability::kSynced || !WritingOutKeepsOrder(fd)) return Sync(fd);\n",
+             "  if (durability == Durability::kSynced || !WritingOutKeepsOrder(fd)) return true;\n",
              "PowerCut.*"),
     Mutation("the-directory-of-a-persistent-file-is-not-synced", UTILS,
              "  if (persistent && durability == Durability::kSynced) (void)SyncDirectoryOf(path);\n", "",
@@ -46,8 +46,11 @@ MUTATIONS = [
              "SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER", "SYNC_FILE_RANGE_WRITE",
              "PowerCut.* DurableTest.*"),
     Mutation("progress-on-btrfs-is-only-written-out", "base/durable.cc",
-             "fs.f_type == BTRFS_SUPER_MAGIC", "fs.f_type == 0",
+             "fs.f_type == EXT4_SUPER_MAGIC", "fs.f_type != OVERLAYFS_SUPER_MAGIC",
              "PowerCut.*"),
+    Mutation("progress-on-an-overlay-is-only-written-out", "base/durable.cc",
+             "fs.f_type == EXT4_SUPER_MAGIC", "fs.f_type != BTRFS_SUPER_MAGIC",
+             "DurableTest.* PowerCut.OnAnOverlay"),
     Mutation("every-change-is-progress", TASK,
              "worth = Durability::kSynced;", "worth = Durability::kOrdered;",
              "PowerCut.*"),

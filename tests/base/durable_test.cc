@@ -8,6 +8,7 @@
 
 #include "tests/support/btrfs_volume.h"
 #include "tests/support/command.h"
+#include "tests/support/ext4_volume.h"
 #include "tests/support/sync_calls.h"
 
 using namespace ZorvBtrfsUsage;
@@ -22,6 +23,8 @@ constexpr char kFile[] = "/tmp/durable/file";
 class DurableTest : public testing::Test {
  protected:
   DurableTest() { WriteFile(kFile, "bytes"); }
+
+  const Ext4Volume volume_{"/tmp/durable"};
 };
 
 }  // namespace
@@ -65,6 +68,29 @@ TEST_F(DurableTest, OrderedOnBtrfsIsASync) {
   SyncCalls calls;
   EXPECT_TRUE(BringToDisk("/volume1/file", Durability::kOrdered));
   EXPECT_EQ(Events({"sync /volume1/file"}), calls.Events());
+}
+
+// What an overlay writes out are pages of its own, which it has none of; the bytes are the file
+// system's below, and were not there after a power cut.
+TEST_F(DurableTest, OrderedOnAnOverlayIsASync) {
+  for (const char* directory : {"/tmp/durable/upper", "/tmp/durable/work", "/tmp/overlay"})
+    std::filesystem::create_directory(directory);
+  ASSERT_EQ(0,
+            mount("overlay", "/tmp/overlay", "overlay", 0,
+                  "lowerdir=/tmp/overlay,upperdir=/tmp/durable/upper,workdir=/tmp/durable/work"));
+  WriteFile("/tmp/overlay/file", "bytes");
+  SyncCalls calls;
+  EXPECT_TRUE(BringToDisk("/tmp/overlay/file", Durability::kOrdered));
+  EXPECT_EQ(Events({"sync /tmp/overlay/file"}), calls.Events());
+  EXPECT_EQ(0, umount2("/tmp/overlay", MNT_DETACH));
+}
+
+// Of any other file system it is not known what it does with bytes that were written out.
+TEST_F(DurableTest, OrderedIsASyncWhereTheOrderIsNotKnown) {
+  WriteFile("/tmp/file", "bytes");
+  SyncCalls calls;
+  EXPECT_TRUE(BringToDisk("/tmp/file", Durability::kOrdered));
+  EXPECT_EQ(Events({"sync /tmp/file"}), calls.Events());
 }
 
 TEST_F(DurableTest, WhatTheDiskRefusesFails) {

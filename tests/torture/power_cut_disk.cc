@@ -20,6 +20,7 @@
 namespace ZorvTest {
 namespace {
 
+const std::string kBelow = "/tmp/power-cut-below";  // where a disk is mounted under an overlay
 constexpr char kStore[] = "/tmp/power-cut-store";
 constexpr uintmax_t kStoreBytes = uintmax_t{8} << 30;  // sparse
 
@@ -66,23 +67,42 @@ PowerCutDisk::PowerCutDisk(const CloneStore& store, const std::string& mountPoin
   MakeImage(image_, static_cast<uintmax_t>(options.sizeMiB) << 20);
   MustRun({"mkfs." + options.type, "-q", image_});
   std::filesystem::create_directories(mountPoint_);
+  std::filesystem::create_directories(OwnMountPoint());
   Mount(image_);
 }
 
 PowerCutDisk::~PowerCutDisk() {
-  if (mounted_) (void)umount2(mountPoint_.c_str(), MNT_DETACH);
+  if (mounted_) {
+    (void)umount2(mountPoint_.c_str(), MNT_DETACH);
+    if (options_.overlay) (void)umount2(kBelow.c_str(), MNT_DETACH);
+  }
   (void)unlink(image_.c_str());
 }
 
 void PowerCutDisk::Mount(const std::string& image) {
-  MustRun({"mount", "-t", options_.type, "-o", "loop," + options_.options, image, mountPoint_});
+  MustRun({"mount", "-t", options_.type, "-o", "loop," + options_.options, image, OwnMountPoint()});
+  if (options_.overlay) MountOverlay();
   mounted_ = true;
 }
 
+void PowerCutDisk::MountOverlay() {
+  for (const char* layer : {"/lower", "/upper", "/work"})
+    std::filesystem::create_directories(kBelow + layer);
+  MustRun(
+      {"mount", "-t", "overlay", "-o",
+       "lowerdir=" + kBelow + "/lower,upperdir=" + kBelow + "/upper,workdir=" + kBelow + "/work",
+       "overlay", mountPoint_});
+}
+
+const std::string& PowerCutDisk::OwnMountPoint() const {
+  return options_.overlay ? kBelow : mountPoint_;
+}
+
 void PowerCutDisk::Unmount() {
-  std::string device = MustRun({"findmnt", "-n", "-o", "SOURCE", "--mountpoint", mountPoint_});
+  std::string device = MustRun({"findmnt", "-n", "-o", "SOURCE", "--mountpoint", OwnMountPoint()});
   device.pop_back();
   UnmountBusy(mountPoint_);
+  if (options_.overlay) UnmountBusy(kBelow);
   mounted_ = false;
   // An older state of the same file system comes next, from another device.
   if (options_.type == "btrfs") (void)Run({kStockBtrfs, "device", "scan", "--forget", device});

@@ -12,6 +12,8 @@ struct DiskOptions {
   std::string type;     // of mkfs and mount
   int sizeMiB;          // of the disk
   std::string options;  // of the mount
+  // Whether what is in use is the upper layer of an overlay, as in a container.
+  bool overlay = false;
 };
 
 // A moment in time of a disk: between two readings of the monotonic clock, in nanoseconds.
@@ -58,6 +60,8 @@ class PowerCutDisk {
 
  private:
   void Mount(const std::string& image);
+  void MountOverlay();
+  const std::string& OwnMountPoint() const;
 
   const CloneStore& store_;
   const std::string mountPoint_;

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "tests/support/platform_hook.h"
+#include "tests/support/ext4_volume.h"
 #include "tests/support/sync_calls.h"
 #include "tests/utils/task_files.h"
 
@@ -331,6 +332,7 @@ TEST_F(ShareTaskStatusFiles, ImportedStateOutlivesTheTask) {
 }
 
 TEST_F(ShareTaskStatusFiles, ChangeOfStateIsSyncedAndProgressIsNot) {
+  const Ext4Volume disk("/usr/local");
   const std::string directory = kPersistent + "/share_task_status";
   const std::vector<std::string> synced = {"sync " + kFile + ".XXXXXX", "rename to " + kFile,
                                            "sync " + directory};
@@ -349,6 +351,7 @@ TEST_F(ShareTaskStatusFiles, ChangeOfStateIsSyncedAndProgressIsNot) {
 }
 
 TEST_F(ShareTaskStatusFiles, ImportOfProgressAloneIsNotSynced) {
+  const Ext4Volume disk("/usr/local");
   const std::string source = kRun + "/task_status/id";
   const struct {
     const char* name;
