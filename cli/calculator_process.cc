@@ -1,6 +1,7 @@
 #include "cli/calculator_process.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <signal.h>
 #include <stdio.h>
@@ -8,12 +9,11 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
-#include "cli/failure.h"
+#include "base/unique_fd.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -22,17 +22,26 @@ constexpr char kLibrary[] = "/libzorvbtrfssnapusage.so";
 
 std::string ProcPath(pid_t pid, const char* name) { return fmt::format("/proc/{}/{}", pid, name); }
 
+bool IsThere(pid_t pid) { return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM); }
+
+// Gives up unless a look at the process failed with `error` because it has ended: where /proc is
+// not to be had, or hides the process, that looks the same.
+void RequireEnded(pid_t pid, int error) {
+  if (error == ESRCH || (error == ENOENT && !IsThere(pid))) return;
+  throw CannotBeLookedAt(pid, error);
+}
+
 // A file of the process; empty when it has ended.
 std::string ReadProc(pid_t pid, const char* name) {
-  std::ifstream in(ProcPath(pid, name));
-  const int error = errno;
-  if (!in && error != ENOENT && error != ESRCH)
-    throw Failure(kSystemFailure,
-                  fmt::format("{} cannot be read ({})", ProcPath(pid, name), strerror(error)),
-                  "nothing was done to the process");
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  const UniqueFd fd(open(ProcPath(pid, name).c_str(), O_RDONLY | O_CLOEXEC));
+  std::string text;
+  char buffer[4096];
+  ssize_t got = fd.Valid() ? 1 : -1;
+  while (got > 0 && (got = read(fd.Get(), buffer, sizeof buffer)) > 0)
+    text.append(buffer, static_cast<size_t>(got));
+  if (got == 0) return text;
+  RequireEnded(pid, errno);
+  return "";
 }
 
 // The value of a line of /proc/<pid>/status, as far as the end of the text.
@@ -41,10 +50,15 @@ const char* ValueOf(const std::string& status, const char* label) {
   return at == std::string::npos ? "" : status.c_str() + at + strlen(label) + 2;
 }
 
-bool IsRoots(const std::string& status) {
-  unsigned real = 1, effective = 1;
-  return sscanf(ValueOf(status, "Uid"), "%u %u", &real, &effective) == 2 && real == 0 &&
-         effective == 0;
+struct Users {
+  unsigned real = 1;
+  unsigned effective = 1;
+};
+
+Users UsersOf(const std::string& status) {
+  Users users;
+  (void)sscanf(ValueOf(status, "Uid"), "%u %u", &users.real, &users.effective);
+  return users;
 }
 
 // Blocked from its beginning, and caught before it is ever let in.
@@ -66,17 +80,30 @@ bool LeadsItsSession(pid_t pid) {
 
 bool IsDevNull(pid_t pid, const char* descriptor) {
   struct stat status;
-  return stat(ProcPath(pid, descriptor).c_str(), &status) == 0 && S_ISCHR(status.st_mode) &&
-         status.st_rdev == makedev(1, 3);
+  if (stat(ProcPath(pid, descriptor).c_str(), &status) == 0)
+    return S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
+  // One that is there may have it closed.
+  if (errno != ENOENT) RequireEnded(pid, errno);
+  return false;
 }
 
 }  // namespace
 
-bool IsRootsProcess(pid_t pid) { return IsRoots(ReadProc(pid, "status")); }
+Failure CannotBeLookedAt(pid_t pid, int error) {
+  return Failure(kSystemFailure,
+                 fmt::format("process {} cannot be looked at ({})", pid, strerror(error)),
+                 "it may be a calculation at work, so nothing was done to it or to its record; see "
+                 "to that, and try again");
+}
+
+bool IsRootsProcess(pid_t pid) {
+  const Users users = UsersOf(ReadProc(pid, "status"));
+  return users.real == 0 && users.effective == 0;
+}
 
 bool IsCalculator(pid_t pid) {
   const std::string status = ReadProc(pid, "status");
-  return IsRoots(status) && WithstandsStop(status) && LeadsItsSession(pid) &&
+  return UsersOf(status).effective == 0 && WithstandsStop(status) && LeadsItsSession(pid) &&
          IsDevNull(pid, "fd/0") && IsDevNull(pid, "fd/1") &&
          ReadProc(pid, "maps").find(kLibrary) != std::string::npos;
 }

@@ -6,9 +6,18 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "cli/calculator_process.h"
 
 namespace ZorvSnapUsage {
+namespace {
+
+// Whether pidfd_open(2) failed because no process has the number. A number that is no longer a
+// process's, but still that of its session, is ENOENT, for older kernels EINVAL; and so is that of
+// a thread.
+bool NamesNoProcess(int error) { return error == ESRCH || error == EINVAL || error == ENOENT; }
+
+}  // namespace
 
 ProcessWatch::~ProcessWatch() {
   if (fd_ >= 0) (void)close(fd_);
@@ -16,12 +25,11 @@ ProcessWatch::~ProcessWatch() {
 
 void ProcessWatch::Attach(pid_t pid) {
   if (attached_) return;
-  attached_ = true;
-  fd_ = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+  UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+  if (!process.Valid() && !NamesNoProcess(errno)) throw CannotBeLookedAt(pid, errno);
   // What is seen under the number while the process is there, is seen of it: so in this order.
-  if (fd_ < 0 || IsCalculator(pid)) return;
-  (void)close(fd_);
-  fd_ = -1;
+  if (process.Valid() && IsCalculator(pid)) fd_ = process.Release();
+  attached_ = true;
 }
 
 bool ProcessWatch::WaitForEnd(int milliseconds) const {

@@ -16,7 +16,8 @@ class ProcessWatch {
   ProcessWatch& operator=(const ProcessWatch&) = delete;
 
   // Takes hold of `pid`, once. A process that is gone already, or is no calculation's and only has
-  // got its number, is known as gone: nothing is waited for and nobody is signalled.
+  // got its number, is known as gone: nothing is waited for and nobody is signalled. Gives up,
+  // attached to nothing, when it cannot be told.
   void Attach(pid_t pid);
 
   bool Attached() const { return attached_; }
@@ -33,7 +34,7 @@ class ProcessWatch {
   int fd_ = -1;  // attached without a descriptor: the process is gone
 };
 
-// Whether the calculation's process is there and has not ended.
+// Whether the calculation's process is there and has not ended. Gives up when it cannot be told.
 bool CalculatorIsAlive(pid_t pid);
 
 }  // namespace ZorvSnapUsage

@@ -1,11 +1,15 @@
 // The process that a record names is signalled and waited for only when it is the calculation's.
 #include "cli/calculator_process.h"
 
+#include <errno.h>
 #include <signal.h>
+#include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "tests/cli/cli_world.h"
 #include "tests/cli/stranger.h"
+#include "tests/support/syscall_stepper.h"
 
 using namespace ZorvTest;
 
@@ -13,8 +17,17 @@ namespace {
 
 constexpr char kTasks[] = "/run/zorvbtrfssnapusage/task_status/";
 
+constexpr char kOutput[] = "/tmp/tool.out";
+
 class CalculatorProcess : public CliWorld {
  protected:
+  // What a command did that could not look at this process.
+  static void ExpectNotLookedAt(int status, const std::string& pid, int error) {
+    EXPECT_EQ(1, status);
+    EXPECT_THAT(ReadFile(kOutput), HasSubstr("zorv-snapusage: process " + pid +
+                                             " cannot be looked at (" + strerror(error) + "); "));
+  }
+
   // A record of photos that says that its calculation runs, of a process that is gone.
   std::string RecordOfADeadRun() {
     WaitingEngine();
@@ -34,6 +47,7 @@ TEST_F(CalculatorProcess, EveryMarkIsLookedFor) {
   } cases[] = {
       {"all", {}, true},
       {"caught", {.stopBlocked = false, .stopCaught = true}, true},
+      {"with root's rights, of a user's", {.startedByRoot = false}, true},
       {"of an ordinary user", {.root = false}, false},
       {"without the library", {.library = false}, false},
       {"in the session of another", {.session = false}, false},
@@ -107,6 +121,44 @@ TEST_F(CalculatorProcess, NumberOfNoProcessIsADeadOne) {
   }
   EXPECT_FALSE(stranger.WasSignalled());
   EXPECT_EQ(0, Tool({"clean", "photos"}).status);
+}
+
+// A process that could not be looked at was gone, and `clean` removed what it was still to finish.
+TEST_F(CalculatorProcess, OneThatCannotBeHeldIsNotGone) {
+  WaitingEngine();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  const std::string pid = std::to_string(CalculatorPid());
+  for (const int error : {ENOMEM, EMFILE, EPERM, ENOSYS}) {
+    for (const char* command : {"clean", "status", "stop", "run"}) {
+      SCOPED_TRACE(std::string(command) + ": " + strerror(error));
+      const int status = SyscallStepper(std::vector<WatchedCall>{{SYS_pidfd_open}})
+                             .Run(Program(Argv({command, "photos"}), kOutput),
+                                  [&](const Step&) { return Action::Fail(error); });
+      ExpectNotLookedAt(status, pid, error);
+    }
+  }
+  Release();
+  ASSERT_TRUE(Settled());
+  EXPECT_EQ(3u, Shown()["snapshots"].size()) << "its result was not lost";
+}
+
+TEST_F(CalculatorProcess, OneThatProcDoesNotShowIsNotGone) {
+  WaitingEngine();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  const std::string pid = std::to_string(CalculatorPid());
+  for (const char* command : {"clean", "status", "stop", "run"}) {
+    SCOPED_TRACE(command);
+    const std::string hidden = std::string("mount -t tmpfs none /proc && LD_LIBRARY_PATH=") +
+                               ZORV_BINARY_DIR + "/lib " + ZORV_CLI_PATH + " " + command +
+                               " photos > " + kOutput + " 2>&1";
+    ExpectNotLookedAt(ZorvTest::Run({"unshare", "--mount", "bash", "-c", hidden}).status, pid,
+                      ENOENT);
+  }
+  Release();
+  ASSERT_TRUE(Settled());
+  EXPECT_EQ(3u, Shown()["snapshots"].size()) << "its result was not lost";
 }
 
 }  // namespace

@@ -36,6 +36,7 @@ void Ignore(int) {}
   if (likeness.stopBlocked) sigprocmask(SIG_BLOCK, &stop, nullptr);
   if (likeness.stopCaught) signal(SIGTERM, Ignore);
   if (!likeness.root) BecomeUser(4711);
+  if (!likeness.startedByRoot && setresuid(4711, 0, 0) != 0) _exit(1);
   raise(SIGSTOP);
   for (;;) pause();
 }

@@ -9,6 +9,7 @@ namespace ZorvTest {
 // What it has in common with a calculation's process.
 struct Likeness {
   bool root = true;
+  bool startedByRoot = true;
   bool library = true;
   bool session = true;
   bool nullInput = true;
