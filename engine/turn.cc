@@ -79,25 +79,41 @@ Status Turn::Join(const std::string& name) {
     Leave();
     return NoRow(kRows + ("/" + name), strerror(error));
   }
-  since_ = Clock::now();
-  ahead_ = CountWithin(kFirstPlace, place_);
+  ahead_ = SIZE_MAX;
+  CountAgain(Clock::now());
   return Status();
 }
 
-bool Turn::HasCome() const {
+bool Turn::HasCome() {
   if (!row_.Valid()) return true;
   const std::optional<Other> other = OneWithin(kComing, place_);
   if (!other) return true;
-  if (IsStopped(other->process) && CountWithin(kComing, place_) == 0) return true;
-  return Clock::now() - since_ > mostForOne_ * std::max<size_t>(ahead_, 1);
+  const Clock::time_point now = Clock::now();
+  if (IsCountDue(now) && IsStopped(other->process)) {
+    CountAgain(now);
+    Count coming;
+    CountWithin(kComing, kFirstPlace, &coming);
+    if (counted_.waitedFor + coming.waitedFor == 0) return true;
+  }
+  return now - since_ > mostForOne_ * std::max<size_t>(ahead_, 1);
 }
 
 size_t Turn::Ahead() {
   if (!row_.Valid()) return 0;
-  const size_t now = CountWithin(kFirstPlace, place_);
-  if (now < ahead_) since_ = Clock::now();
-  ahead_ = std::min(now, ahead_);
-  return now;
+  if (const Clock::time_point now = Clock::now(); IsCountDue(now)) CountAgain(now);
+  return counted_.waitedFor;
+}
+
+bool Turn::IsCountDue(Clock::time_point now) const {
+  return counted_.all <= kShortRow || now - looked_ >= kLongRowInterval;
+}
+
+void Turn::CountAgain(Clock::time_point now) {
+  counted_ = {};
+  CountWithin(kFirstPlace, place_, &counted_);
+  looked_ = now;
+  if (counted_.waitedFor < ahead_) since_ = now;
+  ahead_ = std::min(counted_.waitedFor, ahead_);
 }
 
 bool Turn::Lock(short kind, off_t byte) const {
@@ -121,12 +137,14 @@ std::optional<Turn::Other> Turn::OneWithin(off_t begin, off_t end) const {
   return Other{lock.l_start, lock.l_len == 0 ? end : lock.l_start + lock.l_len, lock.l_pid};
 }
 
-// Of the locks of processes that are not stopped.
-size_t Turn::CountWithin(off_t begin, off_t end) const {
+// Adds to what was counted before.
+void Turn::CountWithin(off_t begin, off_t end, Count* count) const {
   const std::optional<Other> other = OneWithin(begin, end);
-  if (!other) return 0;
-  return (IsStopped(other->process) ? 0 : 1) + CountWithin(begin, other->begin) +
-         CountWithin(other->end, end);
+  if (!other) return;
+  ++count->all;
+  if (!IsStopped(other->process)) ++count->waitedFor;
+  CountWithin(begin, other->begin, count);
+  CountWithin(other->end, end, count);
 }
 
 }  // namespace ZorvEngine

@@ -33,12 +33,18 @@ class Turn {
   // kept here: its directory cannot be made or written, or is not root's alone.  Never waits.
   Status Join(const std::string& name);
 
-  // Whether to begin now: nobody is ahead, or it was waited long enough, or there is no place.
-  // Quick enough to be asked many times a second.
-  bool HasCome() const;
+  // What is looked at again at each call, and how often all of a longer row is: looking at
+  // everybody ahead costs the more the longer the row is, and everybody in it does so.
+  static constexpr size_t kShortRow = 4;
+  static constexpr std::chrono::seconds kLongRowInterval{1};
 
-  // Counts who is ahead.  To be asked from time to time while waiting: it is how a place that stays
-  // as it is gets noticed.
+  // Whether to begin now: nobody is ahead, or it was waited long enough, or there is no place.
+  // Quick enough to be asked many times a second; that all in a long row are stopped is noticed
+  // within kLongRowInterval.
+  bool HasCome();
+
+  // Counts who is ahead, of a long row at most once in kLongRowInterval.  To be asked from time to
+  // time while waiting: it is how a place that stays as it is gets noticed.
   size_t Ahead();
 
   // Gives the place back; nothing without one.
@@ -54,15 +60,25 @@ class Turn {
     pid_t process;
   };
 
+  // How many others are in a part of the row.
+  struct Count {
+    size_t all = 0;
+    size_t waitedFor = 0;  // without those that are stopped
+  };
+
   bool Lock(short kind, off_t byte) const;
   std::optional<Other> OneWithin(off_t begin, off_t end) const;
-  size_t CountWithin(off_t begin, off_t end) const;
+  void CountWithin(off_t begin, off_t end, Count* count) const;
+  void CountAgain(Clock::time_point now);
+  bool IsCountDue(Clock::time_point now) const;
 
   const std::chrono::milliseconds mostForOne_;
   UniqueFd row_;
   off_t place_ = 0;
-  size_t ahead_ = 0;         // as last counted,
-  Clock::time_point since_;  // and since when it is not less
+  Count counted_;             // ahead, when last looked at,
+  Clock::time_point looked_;  // and when that was
+  size_t ahead_ = 0;          // the fewest that were ever waited for,
+  Clock::time_point since_;   // and since when it is not less
 };
 
 // A run that reads nothing for that long gives its place back: its disk hangs, or somebody has

@@ -8,10 +8,12 @@
 #include <atomic>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <new>
 #include <vector>
 
 #include "tests/engine/held_row.h"
+#include "tests/support/platform_hook.h"
 #include "tests/support/shared_memory.h"
 
 using namespace ZorvTest;
@@ -32,6 +34,19 @@ bool IsStopped(pid_t process) {
   const std::string stat = ReadFile("/proc/" + std::to_string(process) + "/stat");
   return stat[stat.rfind(')') + 2] == 'T';
 }
+
+// So many that came before, in the order of their places.
+class LongRow {
+ public:
+  explicit LongRow(int holders) {
+    for (int n = 1; n <= holders; ++n) holders_.push_back(std::make_unique<HeldRow>(kRow, n));
+  }
+
+  HeldRow& operator[](int n) { return *holders_[static_cast<size_t>(n)]; }
+
+ private:
+  std::vector<std::unique_ptr<HeldRow>> holders_;
+};
 
 void Stop(pid_t process) {
   (void)kill(process, SIGSTOP);
@@ -124,6 +139,39 @@ TEST_F(TurnRow, EachStepForwardIsAReasonToWaitOn) {
   EXPECT_EQ(1u, turn.Ahead());
   EXPECT_TRUE(WaitUntil([&] { return turn.HasCome(); }));
   EXPECT_GE(Seconds() - begin, 0.4);
+}
+
+// Everybody in a row asks many times a second: a hundred that each looked at all others whenever
+// they asked took a third of a processor, and two hundred all of one.
+TEST_F(TurnRow, ALongRowIsCountedOnceASecond) {
+  constexpr int kHolders = 20, kAsked = 100;
+  constexpr int kOfACount = 2 * kHolders + 2;  // questions: one each, and one before and behind it
+  LongRow row(kHolders);
+  Turn turn;
+  ASSERT_TRUE(turn.Join(kName).Ok());
+  Stop(row[0].Holder());
+  PlatformHook<int(int, int, void*)> asked("fcntl");
+  const double begin = Seconds();
+  for (int n = 0; n < kAsked; ++n) {
+    EXPECT_FALSE(turn.HasCome());
+    EXPECT_LE(kHolders - 1u, turn.Ahead());
+  }
+  const int seconds = static_cast<int>(Seconds() - begin);
+  EXPECT_LE(asked.Calls(), kAsked + (seconds + 1) * kOfACount);
+}
+
+TEST_F(TurnRow, ALongRowIsCountedAgainAfterASecond) {
+  constexpr int kHolders = 8;
+  LongRow row(kHolders);
+  Turn turn;
+  ASSERT_TRUE(turn.Join(kName).Ok());
+  EXPECT_EQ(8u, turn.Ahead());
+  row[3].Release();
+  EXPECT_TRUE(WaitUntil([&] { return turn.Ahead() == 7; }));
+  for (int n = 0; n < kHolders; ++n)
+    if (row[n].Holder() > 0) Stop(row[n].Holder());
+  EXPECT_TRUE(WaitUntil([&] { return turn.HasCome(); }));
+  EXPECT_EQ(0u, turn.Ahead());
 }
 
 TEST_F(TurnRow, LeavingGivesThePlaceBack) {
