@@ -469,6 +469,18 @@ MUTATIONS = [
              "if (!AddSharesOf(volume, &names)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);",
              "(void)AddSharesOf(volume, &names);",
              "ZORVShareEnum.*"),
+    Mutation("a-closed-mount-is-opened", "platform/linux/share.cc",
+             "O_PATH | O_DIRECTORY", "O_RDONLY | O_DIRECTORY",
+             "ZORVShareEnum.AMountThatKeepsOthersOutIsNoShare"),
+    Mutation("a-closed-mount-among-snapshots-is-opened", "platform/linux/snapshot.cc",
+             "O_PATH | O_DIRECTORY", "O_RDONLY | O_DIRECTORY",
+             "ZORVShareSnapList.AMountThatKeepsOthersOutIsNoSnapshot"),
+    Mutation("a-closed-mount-is-asked-first", "platform/linux/file_system.cc",
+             "  const int onBtrfs = OnBtrfs(fd);\n  if (onBtrfs <= 0) return onBtrfs;\n  struct stat st;\n"
+             "  if (fstat(fd, &st) != 0) return -1;\n",
+             "  struct stat st;\n  if (fstat(fd, &st) != 0) return -1;\n"
+             "  const int onBtrfs = OnBtrfs(fd);\n  if (onBtrfs <= 0) return onBtrfs;\n",
+             "ZORVShareEnum.* ZORVShareSnapList.*"),
     Mutation("not-before-leaves-the-second-itself-out", "platform/linux/selector.cc",
              '{">=", false, true, true}', '{">=", false, false, true}',
              "ZORVShareSnapTimeSelector.*"),

@@ -49,10 +49,12 @@ bool GetFileSystem(int fd, FileSystem* fileSystem) {
 }
 
 int IsSubvolume(int fd) {
+  // First: FUSE answers nothing else to those whom it keeps out.
+  const int onBtrfs = OnBtrfs(fd);
+  if (onBtrfs <= 0) return onBtrfs;
   struct stat st;
   if (fstat(fd, &st) != 0) return -1;
-  if (!S_ISDIR(st.st_mode) || st.st_ino != BTRFS_FIRST_FREE_OBJECTID) return 0;
-  return OnBtrfs(fd);
+  return S_ISDIR(st.st_mode) && st.st_ino == BTRFS_FIRST_FREE_OBJECTID ? 1 : 0;
 }
 
 }  // namespace ZorvPlatform

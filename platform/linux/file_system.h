@@ -24,8 +24,9 @@ struct FileSystem {
 // Of the file system that an open file or directory is on.  False: errno says why.
 bool GetFileSystem(int fd, FileSystem* fileSystem);
 
-// Whether an open directory is the root of a btrfs subvolume: its inode number is 256, the first
-// free object ID of a btrfs tree (linux/btrfs_tree.h).  1, 0, or -1 with errno.
+// Whether a directory is the root of a btrfs subvolume: its inode number is 256, the first free
+// object ID of a btrfs tree (linux/btrfs_tree.h).  The descriptor may be one of O_PATH.  1, 0, or
+// -1 with errno.
 int IsSubvolume(int fd);
 
 }  // namespace ZorvPlatform

@@ -32,19 +32,21 @@ bool ValidName(const std::string& name) {
 enum class Found { kShare, kNone, kError };
 
 // Whether `name` is a share on the volume; for kError errno says why it cannot be told.  A link is
-// no share, and neither is what another file system has mounted there.
+// no share, and neither is what another file system has mounted there, which anybody may do who
+// owns a directory here (FUSE); it is not opened, which that one could refuse.
 Found Look(const Volume& volume, const std::string& name) {
-  const UniqueFd fd(openat(volume.root.Get(), name.c_str(),
-                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-  if (!fd.Valid()) {
+  const UniqueFd place(
+      openat(volume.root.Get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!place.Valid()) {
     const bool none =
         errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
     return none ? Found::kNone : Found::kError;
   }
-  const int subvolume = IsSubvolume(fd.Get());
+  const int subvolume = IsSubvolume(place.Get());
   if (subvolume <= 0) return subvolume == 0 ? Found::kNone : Found::kError;
+  const UniqueFd fd(openat(place.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   FileSystem fileSystem;
-  if (!GetFileSystem(fd.Get(), &fileSystem)) return Found::kError;
+  if (!fd.Valid() || !GetFileSystem(fd.Get(), &fileSystem)) return Found::kError;
   return fileSystem == volume.fileSystem ? Found::kShare : Found::kNone;
 }
 

@@ -40,11 +40,12 @@ bool Before(const Snapshot& a, const Snapshot& b) {
   return a.name < b.name;
 }
 
-// Whether the entry is a subvolume; a link to one is none.  1, 0, or -1 with errno.
+// Whether the entry is a subvolume; a link to one is none.  It is not opened: what somebody has
+// mounted there could refuse it.  1, 0, or -1 with errno.
 int IsSnapshot(DIR* dir, const DirEntry& entry) {
   if (entry.type != DT_DIR && entry.type != DT_UNKNOWN) return 0;
-  const UniqueFd fd(openat(dirfd(dir), entry.name.c_str(),
-                           O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  const UniqueFd fd(
+      openat(dirfd(dir), entry.name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd.Valid()) return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : -1;
   return IsSubvolume(fd.Get());
 }

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/platform/closed_mount.h"
 #include "tests/platform/platform_error.h"
 #include "tests/platform/process_state.h"
 #include "tests/platform/scoped_mount.h"
@@ -135,6 +136,18 @@ TEST_F(ZORVShareEnum, TwoVolumesOnOneFileSystem) {
   const ScopedMount bind("/volume1/below", "/volume2", "", MS_BIND);
   EXPECT_EQ((Names{"music", "photos"}), Shares());
   EXPECT_EQ("/volume2/music/.snapshots", Find("music"));
+}
+
+// The owner of one share could keep all others from being told.
+TEST_F(ZORVShareEnum, AMountThatKeepsOthersOutIsNoShare) {
+  const BtrfsVolume one("/volume1");
+  one.Subvolume("photos");
+  one.Subvolume("covered");
+  const ClosedMount directory("/volume1/directory"), share("/volume1/covered");
+  EXPECT_EQ(Names{"photos"}, Shares());
+  EXPECT_EQ("/volume1/photos/.snapshots", Find("photos"));
+  EXPECT_EQ("", Find("directory"));
+  EXPECT_EQ("", Find("covered"));
 }
 
 TEST_F(ZORVShareEnum, VolumesAreReadAnewEachTime) {

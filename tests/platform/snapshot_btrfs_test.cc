@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 
+#include "tests/platform/closed_mount.h"
 #include "tests/platform/platform_error.h"
 #include "tests/platform/process_state.h"
 #include "tests/platform/scoped_mount.h"
@@ -86,6 +87,12 @@ TEST_F(ZORVShareSnapList, SubvolumesAlone) {
   fs::create_symlink("GMT-2024.03.05-09.04.09", path + "/.snapshots/GMT-2024.03.08-09.04.09");
   fs::create_symlink("missing", path + "/.snapshots/dangling");
   EXPECT_EQ((Names{"GMT-2024.03.05-09.04.09", "made here", "writable"}), List());
+}
+
+TEST_F(ZORVShareSnapList, AMountThatKeepsOthersOutIsNoSnapshot) {
+  Take("one");
+  const ClosedMount closed(path + "/.snapshots/closed");
+  EXPECT_EQ(Names{"one"}, List());
 }
 
 TEST_F(ZORVShareSnapList, AShareWithoutASnapshotDirectoryHasNoneAndGetsNone) {
