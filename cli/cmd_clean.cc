@@ -153,7 +153,7 @@ int Clean(const std::optional<std::string>& share) {
   }
   BeginWorkOn(*share);
   RemoveLeftovers();
-  const LaunchLock lock;
+  const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(*share);
   return CleanOneShare(*share);
 }
 

@@ -75,7 +75,7 @@ void AddRun(CLI::App& program, Action& action) {
   AddReportFormat(*command, options->format);
   command->add_flag("--quiet,-q", options->quiet, "No progress");
   command->footer(
-      "Ctrl-C asks the calculation to stop; a second one leaves at once.\n"
+      "Ctrl-C asks the calculation to stop, if it has begun; a second one leaves at once.\n"
       "Example: zorv-snapusage run photos --since 2024-03-01 --until \"2024-03-31 12:00\"");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });
 }

@@ -2,6 +2,8 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -32,8 +34,21 @@ std::string TryLaunch(const Selection& selection) {
   }
 }
 
+// In the helper: who ends the program ends its wait for a lock as well. Held back, as the others
+// are, while the share is claimed and launched.
+void DieWith(pid_t parent) {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  (void)signal(SIGTERM, SIG_DFL);
+  (void)sigprocmask(SIG_UNBLOCK, &stop, nullptr);
+  (void)prctl(PR_SET_PDEATHSIG, SIGTERM);
+  if (getppid() != parent) _exit(kSystemFailure);
+}
+
 // In the helper: the launch without standard streams.
-[[noreturn]] void LaunchAndTell(const Selection& selection, int pipe) {
+[[noreturn]] void LaunchAndTell(const Selection& selection, int pipe, pid_t parent) {
+  DieWith(parent);
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null, stream);
   const std::string outcome = TryLaunch(selection);
@@ -53,9 +68,10 @@ void WaitForEnd(pid_t pid) {
 std::string LaunchInHelper(const Selection& selection) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throw SystemFailure("no pipe could be made");
+  const pid_t self = getpid();
   const pid_t helper = fork();
   if (helper < 0) throw SystemFailure("no process could be started");
-  if (helper == 0) LaunchAndTell(selection, ends[1]);
+  if (helper == 0) LaunchAndTell(selection, ends[1], self);
   WaitForEnd(helper);
   char outcome[8192];
   const ssize_t length = read(ends[0], outcome, sizeof outcome);

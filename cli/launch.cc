@@ -5,6 +5,7 @@
 #include <zorvbtrfssnapusage/share_task_status.h>
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <set>
 
@@ -15,6 +16,7 @@
 #include "cli/interrupt.h"
 #include "cli/launch_lock.h"
 #include "cli/leftovers.h"
+#include "cli/lock_wait.h"
 #include "cli/names.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
@@ -191,8 +193,9 @@ Launched Launch(const Selection& selection) {
   const std::vector<Snapshot> asked = Selected(selection, range);
   RequireRecordable(share, asked);
   RequireEngine();
-  const LaunchLock lock;
+  const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(share);
   RequireIdle(share);
+  RequireNotInterrupted();
   // A share that is claimed and not launched would stay busy for two minutes.
   const HeldSignals whole;
   ShareSnapUsageCal calculation;

@@ -4,10 +4,13 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <string.h>
-#include <unistd.h>
+
+#include <memory>
 
 #include "cli/failure.h"
+#include "cli/lock_wait.h"
 #include "cli/plain_files.h"
+#include "cli/text.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -19,21 +22,37 @@ int Open() {
   return open(kPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
 }
 
+// What is waited for where a lock of the library is held.
+std::string Held(const std::string& path) {
+  return fmt::format("the lock {}, which another process holds", Quoted(path));
+}
+
+// As long as it takes: who holds it may be at work, and may have been stopped.
+void WaitForLocksOf(const std::string& share) {
+  LockWait wait;
+  for (std::string held; !(held = HeldLockOf(share)).empty();) wait.Pause(Held(held));
+}
+
 }  // namespace
 
 LaunchLock::LaunchLock() : fd_(Open()) {
   struct flock whole = {};
   whole.l_type = F_WRLCK;
-  int code = -1;
-  do code = fcntl(fd_, F_SETLKW, &whole);
-  while (code != 0 && errno == EINTR);
-  if (code == 0) return;
-  const int error = errno;
-  if (fd_ >= 0) (void)close(fd_);
-  throw Failure(kSystemFailure, fmt::format("{} cannot be locked ({})", kPath, strerror(error)),
-                "see to /run");
+  LockWait wait;
+  while (fcntl(fd_.Get(), F_SETLK, &whole) != 0) {
+    if (errno != EAGAIN && errno != EACCES && errno != EINTR)
+      throw Failure(kSystemFailure, fmt::format("{} cannot be locked ({})", kPath, strerror(errno)),
+                    "see to /run");
+    wait.Pause("another launch or removal");
+  }
 }
 
-LaunchLock::~LaunchLock() { (void)close(fd_); }
+std::unique_ptr<LaunchLock> LockLaunchesFor(const std::string& share) {
+  for (;;) {
+    WaitForLocksOf(share);
+    auto lock = std::make_unique<LaunchLock>();
+    if (HeldLockOf(share).empty()) return lock;
+  }
+}
 
 }  // namespace ZorvSnapUsage

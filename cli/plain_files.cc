@@ -62,6 +62,11 @@ void RequirePlainLock(const std::string& path) {
                   fmt::format("remove it: rm {}", ShellWord(path)));
 }
 
+// Under which the library lets the share be claimed.
+std::string ShareTaskLock(const std::string& share) {
+  return PathIn(kShareTaskLockDir, share) + ".lock";
+}
+
 struct CloseDir {
   void operator()(DIR* dir) const { (void)closedir(dir); }
 };
@@ -101,10 +106,17 @@ void RequirePlainCommonFiles() {
   for (const char* lock : {kShareMapLock, kReminderLock}) RequirePlainLock(lock);
 }
 
+std::string HeldLockOf(const std::string& share) {
+  for (const std::string& lock :
+       {std::string(kShareMapLock), ShareStatusLock(share), ShareTaskLock(share)})
+    if (HolderOf(lock) != 0) return lock;
+  return "";
+}
+
 void RequirePlainFilesOfShare(const std::string& share) {
   (void)RequirePlainFile(ShareStatusPath(share));
   RequirePlainLock(ShareStatusLock(share));
-  RequirePlainLock(PathIn(kShareTaskLockDir, share) + ".lock");
+  RequirePlainLock(ShareTaskLock(share));
   RequireSafeDirectory(ShareResultDir(share));
   RequirePlainEntries(ShareResultDir(share));
 }

@@ -22,6 +22,10 @@ void RequirePlainCommonFiles();
 // The files of a share: its status, its locks, its result directory and everything in it.
 void RequirePlainFilesOfShare(const std::string& share);
 
+// A lock of all shares or of this one that the library would have to wait for; empty when there is
+// none, at the moment.
+std::string HeldLockOf(const std::string& share);
+
 // The files of a task: its status, its results, their locks.
 void RequirePlainFilesOfTask(const std::string& taskID);
 

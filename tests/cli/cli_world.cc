@@ -182,6 +182,13 @@ bool CliWorld::Settled(const std::string& share) {
   });
 }
 
+HeldLock::HeldLock(const std::string& path)
+    : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  if (fcntl(fd_.Get(), F_SETLK, &whole) != 0) throw std::runtime_error("cannot lock " + path);
+}
+
 void EditJson(const std::string& path, const std::vector<std::string>& members,
               const Json::Value& value) {
   Json::Value document = ParseJson(ReadFile(path));

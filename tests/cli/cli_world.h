@@ -117,6 +117,15 @@ class CliWorld : public testing::Test {
   std::unique_ptr<BtrfsVolume> volume_;
 };
 
+// Locks a file as a process of its own would, for as long as the object stands.
+class HeldLock {
+ public:
+  explicit HeldLock(const std::string& path);
+
+ private:
+  const UniqueFd fd_;
+};
+
 // One member of a JSON file is set to another value.
 void EditJson(const std::string& path, const std::vector<std::string>& members,
               const Json::Value& value);

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <string.h>
 #include <sys/syscall.h>
 
 #include <filesystem>
@@ -30,7 +31,15 @@ class CmdRunFailures : public CliWorld {
     return fcntl(lock.Get(), F_GETLK, &whole) == 0 && whole.l_type == F_UNLCK;
   }
 
+  // What a launch of photos waits for when somebody holds it.
+  static std::vector<std::string> LocksOfALaunch() {
+    return {kLaunchLock, kClaimLock, kStatusLock,
+            "/run/lock/zorvbtrfssnapusage/share_snap_cal_map.lock"};
+  }
+
   static constexpr char kLaunchLock[] = "/run/zorv-snapusage.lock";
+  static constexpr char kClaimLock[] = "/run/lock/zorvbtrfssnapusage/share_task/photos.lock";
+  static constexpr char kStatusLock[] = "/run/lock/zorvbtrfssnapusage/share_task_status/photos";
   static constexpr char kInstall[] = "; install the engine of this package as /sbin/btrfs";
 };
 
@@ -234,15 +243,45 @@ TEST_F(CmdRunFailures, ShareTakenOverOnceTheResultsAreStored) {
 
 TEST_F(CmdRunFailures, OneLaunchAtATime) {
   // Between the look at a share and its claim nobody else may begin and be done.
-  const UniqueFd other(open(kLaunchLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-  struct flock whole = {};
-  whole.l_type = F_WRLCK;
-  ASSERT_EQ(0, fcntl(other.Get(), F_SETLK, &whole));
+  auto other = std::make_unique<HeldLock>(kLaunchLock);
   Background run(Argv({"run", "photos", "--quiet"}));
-  EXPECT_FALSE(WaitUntil([] { return std::filesystem::exists(kStatusOfPhotos); }, 1));
-  whole.l_type = F_UNLCK;
-  ASSERT_EQ(0, fcntl(other.Get(), F_SETLK, &whole));
+  EXPECT_TRUE(run.HasSaid("zorv-snapusage: waiting for another launch or removal\n"));
+  EXPECT_FALSE(std::filesystem::exists(kStatusOfPhotos));
+  other.reset();
   EXPECT_EQ(0, run.Wait().status);
+}
+
+// With all signals held back it waited for a lock of the library, or for who did so.
+TEST_F(CmdRunFailures, WaitForALockEndsAtTheFirstSignal) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  for (const std::string& path : LocksOfALaunch())
+    for (const int signal : {SIGINT, SIGTERM}) {
+      SCOPED_TRACE(path + ": " + strsignal(signal));
+      const HeldLock held(path);
+      Background run(Argv({"run", "photos", "--quiet"}));
+      EXPECT_TRUE(run.HasSaid("zorv-snapusage: waiting for "));
+      kill(run.Pid(), signal);
+      const CommandResult result = run.Wait();
+      EXPECT_EQ(130, result.status);
+      EXPECT_THAT(result.err, HasSubstr("zorv-snapusage: interrupted before a calculation was "
+                                        "started; nothing was done\n"));
+    }
+  EXPECT_EQ(0, Tool({"run", "photos"}).status) << "nothing holds the share";
+}
+
+TEST_F(CmdRunFailures, WaitForALockOfOneShareIsNobodyElses) {
+  volume_->Subvolume("mail");
+  volume_->Snapshot("mail", "mail/.snapshots/one");
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  for (const char* path : {kClaimLock, kStatusLock}) {
+    SCOPED_TRACE(path);
+    auto held = std::make_unique<HeldLock>(path);
+    Background run(Argv({"run", "photos", "--quiet"}));
+    EXPECT_TRUE(run.HasSaid("zorv-snapusage: waiting for the lock '" + std::string(path) + "'"));
+    EXPECT_EQ(0, ZorvTest::Run({"timeout", "30", ZORV_CLI_PATH, "run", "mail"}).status);
+    held.reset();
+    EXPECT_EQ(0, run.Wait().status);
+  }
 }
 
 TEST_F(CmdRunFailures, ResultsThatCannotBeStored) {

@@ -1,4 +1,9 @@
 // `start`: the calculation goes on without the program.
+#include <signal.h>
+
+#include <filesystem>
+#include <memory>
+
 #include "tests/cli/cli_world.h"
 
 using namespace ZorvTest;
@@ -6,6 +11,22 @@ using namespace ZorvTest;
 namespace {
 
 using CmdStart = CliWorld;
+
+constexpr char kLaunchLock[] = "/run/zorv-snapusage.lock";
+
+bool HasOpen(pid_t pid, const std::string& path) {
+  std::error_code gone;
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", gone))
+    if (std::filesystem::read_symlink(entry, gone) == path) return true;
+  return false;
+}
+
+// Also of a process that nobody has waited for yet.
+bool HasEnded(pid_t pid) {
+  return kill(pid, 0) != 0 ||
+         ReadFile("/proc/" + std::to_string(pid) + "/stat").find(") Z ") != std::string::npos;
+}
 
 TEST_F(CmdStart, ReturnsAtOnce) {
   WaitingEngine();
@@ -47,6 +68,22 @@ TEST_F(CmdStart, TakesTheSameSelectionAsRun) {
             MustRun(Argv({"start", "photos", "--until", "2024-03-01"})));
   ASSERT_TRUE(Settled());
   EXPECT_EQ(kFirst, Shown()["snapshots"][0]["name"].asString());
+}
+
+// Its helper went on waiting, and began a calculation whenever the lock was free.
+TEST_F(CmdStart, KilledWhileItWaitsStartsNothing) {
+  auto held = std::make_unique<HeldLock>(kLaunchLock);
+  Background start(Argv({"start", "photos"}));
+  pid_t helper = 0;
+  const std::string pid = std::to_string(start.Pid());
+  const std::string children = "/proc/" + pid + "/task/" + pid + "/children";
+  ASSERT_TRUE(WaitUntil([&] { return (helper = atoi(ReadFile(children).c_str())) > 0; }));
+  ASSERT_TRUE(WaitUntil([&] { return HasOpen(helper, kLaunchLock); }));
+  kill(start.Pid(), SIGKILL);
+  (void)start.Wait();
+  EXPECT_TRUE(WaitUntil([&] { return HasEnded(helper); }));
+  held.reset();
+  EXPECT_FALSE(std::filesystem::exists(kStatusOfPhotos));
 }
 
 }  // namespace

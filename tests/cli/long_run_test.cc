@@ -1,11 +1,7 @@
 // A calculation that goes on for longer than its claim of the share: the library would let the
 // share be taken over, the program does not, nor does it take it for a dead one.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <filesystem>
 
-#include "base/unique_fd.h"
 #include "tests/cli/cli_world.h"
 
 using namespace ZorvTest;
@@ -19,6 +15,10 @@ class LongRun : public CliWorld {
     WaitingEngine();
     MustRun(Argv({"start", "photos"}));
     ASSERT_TRUE(EngineWaits());
+    // The calculation's first progress names its process there, just before or after the engine
+    // waits.
+    ASSERT_TRUE(
+        WaitUntil([] { return ReadFile(kStatusOfPhotos).find("\"pid\"") != std::string::npos; }));
     EditJson(kMap, {"photos", "time"}, 1);
   }
 
@@ -52,29 +52,6 @@ class LongRun : public CliWorld {
     EXPECT_EQ("ended the calculation of share 'photos': state stop\n", result.out);
   }
 };
-
-// Locks a file as a process of its own would, for as long as the object stands.
-class HeldLock {
- public:
-  explicit HeldLock(const std::string& path)
-      : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-    struct flock whole = {};
-    whole.l_type = F_WRLCK;
-    if (fcntl(fd_.Get(), F_SETLK, &whole) != 0) throw std::runtime_error("cannot lock " + path);
-  }
-
- private:
-  const UniqueFd fd_;
-};
-
-// Whether a process waits for a record lock.
-bool WaitsForLock(pid_t pid) {
-  const std::string pidText = " " + std::to_string(pid) + " ";
-  std::istringstream locks(ReadFile("/proc/locks"));
-  for (std::string line; std::getline(locks, line);)
-    if (line.find("-> ") != line.npos && line.find(pidText) != line.npos) return true;
-  return false;
-}
 
 }  // namespace
 
@@ -131,7 +108,7 @@ TEST_F(LongRun, CleanWaitsForThoseWhoClaimAShare) {
     SCOPED_TRACE(path);
     auto held = std::make_unique<HeldLock>(path);
     Background clean(Argv({"clean", "photos"}));
-    ASSERT_TRUE(WaitUntil([&] { return WaitsForLock(clean.Pid()); }));
+    ASSERT_TRUE(clean.HasSaid("zorv-snapusage: waiting for "));
     EXPECT_EQ("", clean.Out());
     EXPECT_TRUE(std::filesystem::exists(kStatusOfPhotos));
     held.reset();
