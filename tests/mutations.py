@@ -82,7 +82,12 @@ MUTATIONS = [
     Mutation("writers-have-no-lock-of-their-own", UTILS,
              "WholeFile(exclusive ? F_WRLCK : F_RDLCK)", "WholeFile(F_RDLCK)",
              "ManyAtOnce.WritersOfATaskFindTheirKeys ManyAtOnce.ImportsIntoAShareStatusLoseNothing "
-             "ManyAtOnce.TheMapOfManySharesIsWhole"),
+             "ManyAtOnce.TheMapOfManySharesIsWhole ManyAtOnce.TheReminderIsAlwaysThere"),
+    Mutation("the-reminder-is-set-without-a-lock", UTILS,
+             "  const ScopedFileLock lock(ZLOG_HERE, kReminderLock, ScopedFileLock::kExclusive);\n"
+             "  return lock.Held() && StoreReminder(on);\n",
+             "  return StoreReminder(on);\n",
+             "ManyAtOnce.TheReminderIsAlwaysThere"),
     Mutation("json-is-written-in-place", UTILS,
              "  const TempFile temp(path);\n",
              "  if (access(path.c_str(), F_OK) == 0) return WriteJson(value, path.c_str());\n"

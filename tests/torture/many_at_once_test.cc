@@ -14,6 +14,7 @@
 #include <random>
 #include <sstream>
 
+#include "intl_utils/scoped_file_lock.h"
 #include "tests/engine/busy_volume.h"
 #include "tests/share_snap_calculator/share_fixture.h"
 #include "tests/support/shared_memory.h"
@@ -25,6 +26,8 @@ namespace {
 
 using namespace ZorvBtrfsUsage;
 using Vector = std::vector<unsigned long long>;
+
+constexpr char kLogUnit[] = "tests/many_at_once";
 
 constexpr int kWriters = 8;
 constexpr int kReaders = 8;
@@ -229,21 +232,40 @@ TEST_F(ManyAtOnce, TheMapOfManySharesIsWhole) {
       budget, /*least=*/50);
 }
 
+// Under the record's lock, as whoever else has something in it changes it: gives a writer's member
+// the number of the round, and finds there that of the round before.
+bool SetForeignMember(int writer, int round) {
+  const ScopedFileLock lock(ZLOG_HERE, kReminderLock, ScopedFileLock::kExclusive);
+  if (!lock.Held()) return false;
+  Json::Value record = Parsed(kReminderRecord);
+  Json::Value& member = record["writer" + std::to_string(writer)];
+  const bool found = round == 0 ? member.isNull() : member == std::to_string(round);
+  member = std::to_string(round + 1);
+  return Utils::JsonToFile(record, kReminderRecord) && found;
+}
+
+// Half of them set the reminder, which has to leave the members of the others in the record.
 TEST_F(ManyAtOnce, TheReminderIsAlwaysThere) {
   const Budget budget(0.1);
-  WriteFile(kReminderRecord, R"({"foreign":"kept","reminder":false})");
-  Crowd([](int, int round) { return Utils::ReminderStatusSet(round % 2 == 0); },
-        [](int reader) {
-          bool on = false;
-          if (reader % 2 == 0) return Utils::ReminderStatusGet(on);
-          try {
-            const Json::Value record = Parsed(kReminderRecord);
-            return record["foreign"] == "kept" && record["reminder"].isBool();
-          } catch (const std::exception&) {
-            return false;
-          }
-        },
-        budget);
+  WriteFile(kReminderRecord, R"({"foreign":"1","reminder":false})");
+  Crowd(
+      [](int writer, int round) {
+        return writer % 2 == 0 ? Utils::ReminderStatusSet(round % 4 < 2)
+                               : SetForeignMember(writer, round);
+      },
+      [](int reader) {
+        bool on = false;
+        if (reader % 2 == 0) return Utils::ReminderStatusGet(on);
+        static GrowingNumbers seen;
+        try {
+          Json::Value record = Parsed(kReminderRecord), reminder;
+          return record.removeMember("reminder", &reminder) && reminder.isBool() &&
+                 seen.Take(record);
+        } catch (const std::exception&) {
+          return false;
+        }
+      },
+      budget);
 }
 
 // One round after the other: all wait until the last one is there.
