@@ -80,7 +80,7 @@ MUTATIONS = [
              "  const UniqueFd closer(fd);\n", "",
              "UtilsGeneralFileUnlock.*"),
     Mutation("writers-have-no-lock-of-their-own", UTILS,
-             "WholeFile(exclusive ? F_WRLCK : F_RDLCK)", "WholeFile(F_RDLCK)",
+             "WholeFile(exclusive ? F_WRLCK : F_RDLCK)", "WholeFile(exclusive ? F_UNLCK : F_RDLCK)",
              "ManyAtOnce.WritersOfATaskFindTheirKeys ManyAtOnce.ImportsIntoAShareStatusLoseNothing "
              "ManyAtOnce.TheMapOfManySharesIsWhole ManyAtOnce.TheReminderIsAlwaysThere"),
     Mutation("the-reminder-is-set-without-a-lock", UTILS,
