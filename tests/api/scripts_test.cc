@@ -23,7 +23,8 @@ void ExpectOneLine(const CommandResult& run, const std::string& words) {
 
 // Each script, run through `prefix`.
 void ExpectOfEachScript(std::vector<std::string> prefix, const std::string& words) {
-  for (const char* script : {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh"}) {
+  for (const char* script :
+       {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh"}) {
     SCOPED_TRACE(script);
     std::vector<std::string> argv = prefix;
     argv.push_back("bash");
@@ -37,7 +38,8 @@ void ExpectOfEachScript(std::vector<std::string> prefix, const std::string& word
 TEST(Scripts, SayThatTheyNeedRoot) {
   // A copy, since another user may not enter the checkout.
   std::filesystem::copy(kScripts, "/tmp/scripts");
-  for (const char* script : {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh"})
+  for (const char* script :
+       {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh"})
     ExpectOneLine(ZorvTest::Run({"setpriv", "--reuid=65534", "--clear-groups", "bash",
                                  std::string("/tmp/scripts/") + script}),
                   "needs root");
@@ -67,6 +69,7 @@ TEST(Scripts, RefuseArgumentsTheyDoNotKnow) {
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "generated.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "torture.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "fuzz.sh", "--fast"}), "--help");
+  ExpectOneLine(ZorvTest::Run({"bash", kScripts + "coverage.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "fuzz.sh", "nonesuch"}), "no such target");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "torture.sh", "nonesuch"}), "no such harness");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "bench.sh", "--only", "a,z"}), "no such part: z");
@@ -82,6 +85,12 @@ TEST(Scripts, RefuseSeedsAndCountsThatAreNone) {
 TEST(Scripts, MeasurementsReadWhatTheyAreGiven) {
   const CommandResult run =
       ZorvTest::Run({"python3", "-B", ZORV_SOURCE_DIR "/tests/tools/bench_test.py"});
+  EXPECT_EQ(0, run.status) << run.err;
+}
+
+TEST(Scripts, BranchesAreHeldAgainstTheirTable) {
+  const CommandResult run =
+      ZorvTest::Run({"python3", "-B", ZORV_SOURCE_DIR "/tests/tools/check_branches_test.py"});
   EXPECT_EQ(0, run.status) << run.err;
 }
 

@@ -44,6 +44,7 @@ TEST(IsUtf8, Boundaries) {
       {"cut after three of four", "a\xF0\x9F\x93", false},
       {"two bytes, the second ASCII", "\xC3z", false},
       {"three bytes, the third ASCII", "\xE2\x82z", false},
+      {"four bytes, the third ASCII", "\xF0\x9Fz\x93", false},
       {"four bytes, the fourth ASCII", "\xF0\x9F\x93z", false},
       {"Latin-1 among ASCII", "f\xFCr", false},
   };

@@ -121,13 +121,15 @@ TEST_F(BtrfsToolSubvolTest, DirectoryElsewhereIsNot) {
   EXPECT_EQ(0, BtrfsTool::SubvolTest("/proc"));
 }
 
-TEST_F(BtrfsToolSubvolTest, InodeOfARootOnAnotherFileSystemIsNot) {
+// On a new file system that counts its inodes: makes things in `/tmp/other` until one has the inode
+// number of a subvolume's root, and expects that it is none.
+void ExpectInodeOfARootIsNot(const std::function<void(const std::string&)>& make) {
   std::filesystem::create_directory("/tmp/other");
   ASSERT_EQ(0, mount("tmpfs", "/tmp/other", "tmpfs", 0, "inode64")) << strerror(errno);
   std::string found;
   for (int i = 0; i < 512 && found.empty(); ++i) {
     const std::string path = "/tmp/other/" + std::to_string(i);
-    std::filesystem::create_directory(path);
+    make(path);
     struct stat st;
     ASSERT_EQ(0, stat(path.c_str(), &st));
     if (st.st_ino == 256) found = path;
@@ -135,6 +137,14 @@ TEST_F(BtrfsToolSubvolTest, InodeOfARootOnAnotherFileSystemIsNot) {
   EXPECT_NE("", found);
   EXPECT_EQ(0, BtrfsTool::SubvolTest(found.c_str()));
   ASSERT_EQ(0, umount("/tmp/other"));
+}
+
+TEST_F(BtrfsToolSubvolTest, InodeOfARootOnAnotherFileSystemIsNot) {
+  ExpectInodeOfARootIsNot([](const std::string& path) { std::filesystem::create_directory(path); });
+}
+
+TEST_F(BtrfsToolSubvolTest, FileWithTheInodeOfARootIsNot) {
+  ExpectInodeOfARootIsNot([](const std::string& path) { WriteFile(path, ""); });
 }
 
 TEST_F(BtrfsToolSubvolTest, FailedStatIsItsNegativeErrno) {
@@ -307,8 +317,7 @@ TEST_F(BtrfsToolPathToRootId, PathOnNoVolumeFailsAtTheSameVolumeCheck) {
   EXPECT_EQ(-1, BtrfsTool::PathToRootId(SzListRef(paths), SzListRef(ids)));
   EXPECT_EQ(std::vector<std::string>{"old"}, TextsOf(ids));
   EXPECT_EQ(0xBE00u, PLATCErrGet());
-  EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit, "Same volume check fails" + Tail()))
-      << log_.Dump();
+  EXPECT_EQ(1, log_.CountExact(LOG_ERR, kUnit, "Same volume check fails" + Tail())) << log_.Dump();
 }
 
 TEST_F(BtrfsToolPathToRootId, FailedLookupKeepsWhatWasPushed) {

@@ -63,6 +63,14 @@ TEST_F(UtilsHashToJson, KeysWithoutAValueAreLeftOut) {
   EXPECT_EQ(Json::Value("photos"), value["name"]);
 }
 
+TEST_F(UtilsHashToJson, KeysThatCannotBeReadAreLeftOut) {
+  Set("name", "photos");
+  PlatformHook<decltype(PLATCSzListGet)> entry("PLATCSzListGet");
+  entry.AlwaysFails(0x0D00);
+  EXPECT_TRUE(Utils::HashToJson(hash, value));
+  EXPECT_FALSE(value.isMember("name"));
+}
+
 TEST_F(UtilsHashToJson, NoListIsLoggedAndStillTrue) {
   Set("name", "photos");
   PlatformHook<decltype(PLATCSzListAlloc)> alloc("PLATCSzListAlloc");

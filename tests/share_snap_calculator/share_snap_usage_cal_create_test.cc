@@ -412,6 +412,16 @@ TEST_F(ShareSnapUsageCalCreateTask, NoCalculatorLeavesTheShareReady) {
   EXPECT_EQ("", MapText());
 }
 
+TEST_F(ShareSnapUsageCalCreateTask, ObjectWithoutACalculatorGetsOneTheNextTime) {
+  ShareSnapUsageCal cal;
+  {
+    PlatformHook<decltype(PLATCPopen)> popen("PLATCPopen");
+    popen.AlwaysFails(0x0900);
+    EXPECT_EQ(11, cal.CreateTask("photos"));
+  }
+  EXPECT_EQ(0, cal.CreateTask("photos"));
+}
+
 TEST_F(ShareSnapUsageCalCreateTask, FailedClockFailsBeforeTheMap) {
   Clock clock(-1);
   EXPECT_EQ(1, Create());

@@ -98,6 +98,18 @@ TEST_F(ShareSnapUsageCalLaunch, EndsDoneWithItsResultsInPersistentCopies) {
   EXPECT_EQ(0, LinesOfUnit()) << syslog_.Dump();
 }
 
+TEST_F(ShareSnapUsageCalLaunch, PathWithoutASlashIsItsName) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(std::filesystem::path(PhotosPaths()[0]).parent_path());
+  const int code = Launch({kFirst});
+  std::filesystem::current_path(before);
+  ASSERT_EQ(0, code);
+  EXPECT_EQ(0, WaitForCalculator());
+  const std::string id = std::to_string(SubvolumeID(PhotosPaths()[0]));
+  EXPECT_NE(std::string::npos, MapText().find("{\"" + std::string(kFirst) + "\":\"" + id + "\"}"))
+      << MapText();
+}
+
 TEST_F(ShareSnapUsageCalLaunch, PermissionBitsOfTheCopies) {
   ASSERT_EQ(0, Launch(PhotosPaths()));
   EXPECT_EQ(0, WaitForCalculator());
@@ -288,6 +300,23 @@ TEST_F(ShareSnapUsageCalLaunch, UnreadableSubvolumeIDFails) {
   PlatformHook<decltype(PLATCSzListGet)> get("PLATCSzListGet");
   get.Replace([&](const PLATSZLIST* asked, int index) -> const char* {
     if (asked == paths) return get.Real(asked, index);
+    PLATCErrSetEx(0x0D00, "tests/hook", 1);
+    return nullptr;
+  });
+  EXPECT_EQ(7, cal_.Launch(SzListRef(list)));
+  EXPECT_EQ(1, Errors("Failed to get element from list" + HookTail(0x0D00))) << syslog_.Dump();
+  ExpectFailed("7");
+}
+
+// Each path is read three times before the map is written: for the volume, again with the IDs, for
+// its ID.
+TEST_F(ShareSnapUsageCalLaunch, UnreadablePathFails) {
+  SzList list = ListOf(PhotosPaths());
+  const PLATSZLIST* paths = list.get();
+  int reads = 0;
+  PlatformHook<decltype(PLATCSzListGet)> get("PLATCSzListGet");
+  get.Replace([&](const PLATSZLIST* asked, int index) -> const char* {
+    if (asked != paths || ++reads <= 3 * paths->count) return get.Real(asked, index);
     PLATCErrSetEx(0x0D00, "tests/hook", 1);
     return nullptr;
   });

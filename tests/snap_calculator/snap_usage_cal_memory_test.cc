@@ -61,6 +61,12 @@ TEST_F(SnapUsageCalculatorMemory, QueriesFail) {
     std::string text;
     (void)calc.GetTaskStatus(TASKSTATUS_ATTR_STATUS, text);
   });
+  // One that takes memory of its own.
+  ASSERT_EQ(0, TaskStatus(kTask).SetStatusAttr(TASKSTATUS_ATTR_ERROR_MSG, std::string(100, 'x')));
+  EachAllocationFails([&] {
+    std::string text;
+    (void)calc.GetTaskStatus(TASKSTATUS_ATTR_ERROR_MSG, text);
+  });
   EachAllocationFails([&] {
     CAL_TASK_STATUS state = CAL_TASK_STATUS_FAIL;
     int errorCode = 0;

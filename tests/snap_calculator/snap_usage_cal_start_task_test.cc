@@ -225,6 +225,22 @@ TEST_F(SnapUsageCalculatorStartTask, ProcessThatCannotBeSetGoesFromReadyToFail) 
   EXPECT_EQ(0, log_.Count(kUnit)) << log_.Dump();
 }
 
+// Kept: an Init that fails takes the object's ID away and leaves it bound to its task.
+TEST_F(SnapUsageCalculatorStartTask, WithoutItsIDLogsTheShortForm) {
+  ASSERT_EQ(1, calc_.Init(""));
+  task_.calOption = 9;
+  EXPECT_EQ(5, Run());
+  EXPECT_EQ(1, log_.CountTask(LOG_ERR, kUnit, "StartTask", getpid(), "",
+                              "Failed to recognize option [9] of calculator"))
+      << log_.Dump();
+  PlatformHook<int(const char*, const char*)> move("rename");
+  move.FailsOnCall(2, 0, EIO);
+  EXPECT_EQ(1, Run());
+  EXPECT_EQ(1, log_.CountTask(LOG_ERR, kUnit, "StartTask", getpid(), "",
+                              "Failed to prepare the status of calculator"))
+      << log_.Dump();
+}
+
 TEST_F(SnapUsageCalculatorStartTask, PidThatCannotBeWrittenIsAFailure) {
   FakeOutput("x\n");
   PlatformHook<int(const char*, const char*)> move("rename");

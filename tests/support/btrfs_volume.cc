@@ -91,6 +91,7 @@ BtrfsVolume::BtrfsVolume(const BtrfsVolume& original, const std::string& mountPo
 }
 
 BtrfsVolume::~BtrfsVolume() {
+  if (getpid() != owner_) return;  // a forked child's copy
   (void)umount2(mountPoint_.c_str(), MNT_DETACH);
   Detach();
   for (const std::string& image : images_) (void)unlink(image.c_str());

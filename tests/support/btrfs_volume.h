@@ -91,6 +91,7 @@ class BtrfsVolume {
   bool HasOwnLoops() const { return !loops_.empty(); }
   void Detach();
 
+  const pid_t owner_ = getpid();
   std::string mountPoint_;
   std::vector<std::string> images_;
   std::vector<std::string> loops_;  // empty strings while detached

@@ -105,6 +105,15 @@ TEST_F(TaskFilesMemory, WritersFail) {
   EachAllocationFails([&] { return status.SetStatusIntAttr(TASKSTATUS_ATTR_PID, 4711); }, 0);
   EachAllocationFails([&] { return status.SetStatusNowTimeAttr(TASKSTATUS_ATTR_END_TIME); }, 0);
   EachAllocationFails([&] { return status.SetCalculatorStatus(CAL_TASK_STATUS_DONE); }, 0);
+  // A number outside the enumeration takes memory for its row in the table.
+  const auto outside = static_cast<CAL_TASK_STATUS>(6);
+  EachAllocationFails(
+      [&] {
+        const int code = status.SetCalculatorStatus(outside);
+        _cal_task_status_str.erase(outside);
+        return code;
+      },
+      0);
 }
 
 TEST_F(TaskFilesMemory, ReadersFail) {

@@ -105,6 +105,13 @@ TEST_F(TaskStatusCheckFile, SaysWhetherTheStatusFileIsThere) {
   EXPECT_FALSE(TaskStatus::CheckFile("t"));
 }
 
+TEST_F(TaskStatusCheckFile, AnIDTooLongForAPathHasNoFile) {
+  PlatformHook<decltype(PLATCFileExist)> exist("PLATCFileExist");
+  exist.Replace([](const char*) { return 1; });
+  EXPECT_FALSE(TaskStatus::CheckFile(std::string(5000, 'a')));
+  EXPECT_EQ(0, exist.Calls());
+}
+
 TEST_F(TaskStatusCheckFile, OnlyAnAnswerOfOneCounts) {
   PlatformHook<decltype(PLATCFileExist)> exist("PLATCFileExist");
   for (const int answer : {-1, 0, 2}) {
