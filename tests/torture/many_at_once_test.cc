@@ -6,16 +6,19 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <functional>
 #include <iterator>
 #include <memory>
 #include <random>
+#include <set>
 #include <sstream>
 
 #include "intl_utils/scoped_file_lock.h"
 #include "tests/engine/busy_volume.h"
+#include "tests/engine/held_row.h"
 #include "tests/share_snap_calculator/share_fixture.h"
 #include "tests/support/shared_memory.h"
 #include "tests/support/torture.h"
@@ -352,6 +355,39 @@ TEST_F(ManyAtOnce, OneOfTwentyClaimsAShare) {
 constexpr int kShares = 50;
 constexpr int kSnapshots = 3;
 
+// Whether an engine with a place in the row lets its worker read: it has closed the pipe by which
+// the worker is kept waiting, its only one to write to beside what its caller gave it.
+bool LetsItsWorkerRead(pid_t engine) {
+  const std::string process = "/proc/" + std::to_string(engine);
+  std::error_code gone;
+  unsigned seen = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(process + "/fd", gone)) {
+    ++seen;
+    const std::string target = std::filesystem::read_symlink(entry.path(), gone).string();
+    if (target.rfind("pipe:", 0) != 0) continue;
+    std::istringstream info(ReadFile(process + "/fdinfo/" + entry.path().filename().string()));
+    std::string word;
+    unsigned flags = 0;
+    while (info >> word && word != "flags:") continue;
+    info >> std::oct >> flags;
+    if ((flags & O_CLOEXEC) != 0 && (flags & O_ACCMODE) == O_WRONLY) return false;
+  }
+  return seen > 0;
+}
+
+// How many engines of a row certainly read at one moment: those seen to do so twice did so in
+// between.
+unsigned ReadingAtOnce(const std::string& row) {
+  const auto reading = [&row] {
+    std::vector<pid_t> engines = RunsInRow(row);
+    std::erase_if(engines, [](pid_t engine) { return !LetsItsWorkerRead(engine); });
+    return std::set<pid_t>(engines.begin(), engines.end());
+  };
+  const std::set<pid_t> before = reading(), after = reading();
+  return static_cast<unsigned>(std::count_if(
+      before.begin(), before.end(), [&after](pid_t engine) { return after.count(engine) > 0; }));
+}
+
 class FiftyShares : public ManyAtOnce {
  protected:
   FiftyShares() {
@@ -447,6 +483,7 @@ TEST_F(FiftyShares, AreCalculatedRightWhileTheVolumeChanges) {
   struct Seen {
     std::atomic<unsigned> outcomes[8] = {};
     std::atomic<unsigned> right{0};
+    std::atomic<unsigned> looks{0}, together{0};  // engines seen to read: by one, and at most
   };
   const SharedMemory<Seen> seen;
   unsigned written = 0, snapshots = 0, commits = 0;
@@ -469,6 +506,13 @@ TEST_F(FiftyShares, AreCalculatedRightWhileTheVolumeChanges) {
           if (round >= 5) DestroySubvolume(path(round - 5));
         },
         0.02);
+    const Activity looking(
+        [&seen, row = RowOf(volume_.MountPoint())](unsigned) {
+          const unsigned together = ReadingAtOnce(row);
+          if (together > 0) ++seen->looks;
+          if (together > seen->together) seen->together = together;
+        },
+        0.001);
     const Activity committing([this](unsigned) { Commit(volume_.MountPoint()); }, 0.3);
     std::vector<pid_t> callers;
     for (int share = 0; share < kShares; ++share) {
@@ -494,12 +538,15 @@ TEST_F(FiftyShares, AreCalculatedRightWhileTheVolumeChanges) {
   Figure("wrong", seen->outcomes[kWrong - kNotClaimed]);
   Figure("stuck", seen->outcomes[kStuck - kNotClaimed]);
   Figure("engines that said they wait", waited);
+  Figure("looks that saw an engine read", seen->looks);
+  Figure("engines that read at once", seen->together);
   Figure("snapshots made meanwhile", snapshots);
   Figure("commits meanwhile", commits);
   for (int outcome = kNotClaimed; outcome <= kWrong; ++outcome)
     EXPECT_EQ(0u, seen->outcomes[outcome - kNotClaimed]) << "outcome " << outcome << "\n" << said;
   EXPECT_LE(static_cast<unsigned>(kShares), seen->right);
   EXPECT_LT(0u, waited);
+  EXPECT_EQ(1u, seen->together);
   EXPECT_LT(0u, written);
   EXPECT_LT(0u, snapshots);
   // Nothing that was done meanwhile changed what is asked about.
