@@ -114,6 +114,8 @@ std::optional<std::string> RecordedTask(const std::string& share) {
     case RESULT_NOT_FOUND:
       return std::nullopt;
     default:
+      // Named, but its time is none that the library can compare: as one that has expired.
+      if (!taskID.empty()) return taskID;
       throw SystemFailure("the record of calculations cannot be read");
   }
 }
@@ -140,6 +142,18 @@ std::string RequireTask(const std::string& share) {
 }
 
 std::optional<Calculation> ReadCalculation(const std::string& share, const std::string& taskID) {
+  const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);
+  if (!calculation || calculation->stateKnown) return calculation;
+  throw Failure(
+      kSystemFailure,
+      fmt::format("the record of share {} is in state {}, which this version does not know",
+                  Quoted(share), Quoted(calculation->stateWord)),
+      fmt::format("use the version that wrote it, or remove the record with: "
+                  "zorv-snapusage clean {}",
+                  ShellWord(share)));
+}
+
+std::optional<Calculation> ReadAnyCalculation(const std::string& share, const std::string& taskID) {
   // The task's record first: when it is gone by then, the share's is the final one.
   const Json::Value task = TaskRecord(taskID);
   const std::optional<Json::Value> record = ShareRecord(share);
@@ -148,8 +162,10 @@ std::optional<Calculation> ReadCalculation(const std::string& share, const std::
   calculation.taskID = taskID;
   calculation.stateWord = Attribute(*record, TASKSTATUS_ATTR_STATUS);
   if (calculation.stateWord.empty()) return std::nullopt;
-  if (TaskStatus::CnvStatusStrToEnumIdx(calculation.stateWord, calculation.state) != RESULT_OK)
-    throw SystemFailure(fmt::format("the record of share {} names no known state", Quoted(share)));
+  calculation.stateKnown =
+      TaskStatus::CnvStatusStrToEnumIdx(calculation.stateWord, calculation.state) == RESULT_OK;
+  // Whatever it is, its process is at work as long as it is there.
+  if (!calculation.stateKnown) calculation.state = CAL_TASK_STATUS_PROCESS;
   calculation.pid = Process(Attribute(task, TASKSTATUS_ATTR_PID));
   // Where the task's record has gone, or has been damaged, its process may be at work all the same.
   if (!calculation.pid && calculation.state == CAL_TASK_STATUS_PROCESS && !IsClaimed(share))

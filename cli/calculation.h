@@ -19,6 +19,7 @@ inline constexpr pid_t kNoProcess = -1;
 struct Calculation {
   std::string taskID;
   std::string stateWord;  // as recorded
+  bool stateKnown = true;
   ZorvBtrfsUsage::CAL_TASK_STATUS state = ZorvBtrfsUsage::CAL_TASK_STATUS_READY;
   // Only while the task has a record of its own; kNoProcess when that names what is none.
   std::optional<pid_t> pid;
@@ -56,8 +57,12 @@ std::string RequireRecordedTask(const std::string& share);
 // As TaskOf, but gives up when there is none, likewise.
 std::string RequireTask(const std::string& share);
 
-// Reads the records of a share's task; nothing when the share has none with a state.
+// Reads the records of a share's task; nothing when the share has none with a state. Gives up when
+// that is none that this version knows.
 std::optional<Calculation> ReadCalculation(const std::string& share, const std::string& taskID);
+
+// As ReadCalculation, but a state that is not known counts as running.
+std::optional<Calculation> ReadAnyCalculation(const std::string& share, const std::string& taskID);
 
 // As ReadCalculation, but gives up in place of nothing.
 Calculation RequireCalculation(const std::string& share, const std::string& taskID);

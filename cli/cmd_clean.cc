@@ -39,9 +39,22 @@ std::vector<std::string> RecordedShares() {
   return shares.Strings();
 }
 
+bool IsRecorded(const std::string& share) {
+  const std::vector<std::string> shares = RecordedShares();
+  return std::find(shares.begin(), shares.end(), share) != shares.end();
+}
+
+// The library finds no share in a map of another kind, and never writes to it.
+void RequireMap() {
+  if (!RequirePlainFile(kShareMap) || Utils::GetJsonAttrByPath(kShareMap).isObject()) return;
+  throw Failure(kSystemFailure, fmt::format("{} is no map of shares", kShareMap),
+                fmt::format("look at what is in it, and remove it: rm {}", kShareMap));
+}
+
 bool UnderWay(const std::string& share, const std::optional<Calculation>& calculation) {
   if (!calculation) return false;
   const Activity activity = ActivityOf(share, *calculation);
+  if (!calculation->stateKnown) return activity == Activity::kRunning;
   return activity != Activity::kNone && activity != Activity::kDied;
 }
 
@@ -86,14 +99,15 @@ bool CleanShare(const std::string& share, const std::string& recordedTask) {
   const std::string taskID = IsTaskID(recordedTask) ? recordedTask : "";
   if (!taskID.empty()) RequirePlainFilesOfTask(taskID);
   const ClaimLock unclaimed(share);
-  const std::optional<Calculation> calculation = ReadCalculation(share, taskID);
+  const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);
   if (UnderWay(share, calculation)) return false;
   const std::optional<Result> result = NewestResult(share);
   RemoveRecords(share, taskID);
-  if (RecordedTask(share))
+  if (IsRecorded(share))
     throw SystemFailure(fmt::format("the record of share {} cannot be removed", Quoted(share)));
   fmt::print("removed share {}: state {}, {}\n", Quoted(share),
-             calculation ? calculation->stateWord : "unknown", ResultText(result));
+             calculation && calculation->stateKnown ? calculation->stateWord : "unknown",
+             ResultText(result));
   return true;
 }
 
@@ -128,19 +142,25 @@ int CleanAllShares() {
     }
     RequirePlainFilesOfShare(share);
     const std::optional<std::string> taskID = RecordedTask(share);
-    if (!taskID)
+    if (!taskID && !IsRecorded(share))
       PrintDropped(share);
-    else if (!CleanShare(share, *taskID))
+    else if (!CleanShare(share, taskID.value_or("")))
       busy = share;
   }
-  if (shares.empty()) fmt::print("nothing to remove\n");
+  if (shares.empty()) {
+    RequireMap();
+    fmt::print("nothing to remove\n");
+  }
   RequireDropped(impossible);
   if (!busy.empty()) RefuseUnderWay(busy);
   return kOk;
 }
 
 int CleanOneShare(const std::string& share) {
-  if (!CleanShare(share, RequireRecordedTask(share))) RefuseUnderWay(share);
+  // An entry that names no task is one to remove as well.
+  const std::string task =
+      IsRecorded(share) ? RecordedTask(share).value_or("") : RequireRecordedTask(share);
+  if (!CleanShare(share, task)) RefuseUnderWay(share);
   return kOk;
 }
 
