@@ -59,7 +59,9 @@ int Run(const RunOptions& options) {
   if (!result)
     throw SystemFailure(fmt::format(
         "the calculation of share {} is done, but its results could not be stored", Quoted(share)));
-  const Report report = MakeReport(share, *result, SnapshotsOf(share), launched.asked);
+  std::vector<Snapshot> asked = launched.asked;
+  asked.insert(asked.end(), launched.leftOut.begin(), launched.leftOut.end());
+  const Report report = MakeReport(share, *result, SnapshotsOf(share), asked);
   Print(report, options.format);
   RequireComplete(report);
   return kOk;

@@ -27,8 +27,12 @@ std::string OutcomeText(int status, const std::string& line) {
 std::string TryLaunch(const Selection& selection) {
   try {
     const Launched launched = Launch(selection);
-    return OutcomeText(kOk, fmt::format("started the calculation of {} snapshots of share {}",
-                                        launched.asked.size(), Quoted(selection.share)));
+    const std::string without =
+        launched.leftOut.empty()
+            ? ""
+            : fmt::format(", without {} whose names are not UTF-8", launched.leftOut.size());
+    return OutcomeText(kOk, fmt::format("started the calculation of {} snapshots of share {}{}",
+                                        launched.asked.size(), Quoted(selection.share), without));
   } catch (const Failure& failure) {
     return OutcomeText(failure.Status(), failure.what());
   }

@@ -18,6 +18,7 @@
 #include "cli/leftovers.h"
 #include "cli/lock_wait.h"
 #include "cli/names.h"
+#include "cli/standard_streams.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
@@ -100,6 +101,23 @@ std::vector<Snapshot> Selected(const Selection& selection, const std::optional<T
       "widen the range; snapshots whose names carry no time are in none");
 }
 
+bool IsRecordable(const Snapshot& snapshot) { return ValidUtf8(snapshot.name) == snapshot.name; }
+
+// Takes out what cannot be recorded and was not asked for by its name, and says so: whoever can
+// write in the share can make such a one, and would keep it from being calculated. All are left in
+// when there are no others.
+std::vector<Snapshot> LeaveOut(const Selection& selection, std::vector<Snapshot>& asked) {
+  const auto others = std::stable_partition(asked.begin(), asked.end(), IsRecordable);
+  if (!selection.names.empty() || others == asked.begin()) return {};
+  std::vector<Snapshot> leftOut(others, asked.end());
+  asked.erase(others, asked.end());
+  for (const Snapshot& snapshot : leftOut)
+    ToStandardError(fmt::format(
+        "zorv-snapusage: note: snapshot {} is left out, its name is not UTF-8; rename it\n",
+        Quoted(snapshot.name)));
+  return leftOut;
+}
+
 // The library keeps names in JSON, which can carry no other bytes, and makes files of them. A name
 // that is refused too late leaves an empty result directory behind.
 void RequireRecordable(const std::string& share, const std::vector<Snapshot>& asked) {
@@ -112,7 +130,7 @@ void RequireRecordable(const std::string& share, const std::vector<Snapshot>& as
     throw Failure(kSystemFailure, fmt::format("the name of share {} is not UTF-8", Quoted(share)),
                   "rename it");
   for (const Snapshot& snapshot : asked)
-    if (ValidUtf8(snapshot.name) != snapshot.name)
+    if (!IsRecordable(snapshot))
       throw Failure(kSystemFailure,
                     fmt::format("the name of snapshot {} is not UTF-8", Quoted(snapshot.name)),
                     "rename it, or name the snapshots to calculate");
@@ -167,10 +185,11 @@ void GiveBack(const std::string& share) {
 }
 
 void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
-                  const std::vector<Snapshot>& asked, const std::optional<TimeRange>& range) {
+                  const std::vector<Snapshot>& asked, bool allOfRange,
+                  const std::optional<TimeRange>& range) {
   int code = RESULT_OK;
   // Two equal times mean every snapshot to the library, here the snapshots of that second.
-  if (range && range->start < range->end) {
+  if (allOfRange && range && range->start < range->end) {
     code = calculation.Launch(&range->start, &range->end);
   } else {
     StringList paths;
@@ -190,7 +209,8 @@ Launched Launch(const Selection& selection) {
   BeginWorkOn(share);
   RemoveLeftovers();
   RequireShare(share);
-  const std::vector<Snapshot> asked = Selected(selection, range);
+  std::vector<Snapshot> asked = Selected(selection, range);
+  const std::vector<Snapshot> leftOut = LeaveOut(selection, asked);
   RequireRecordable(share, asked);
   RequireEngine();
   const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(share);
@@ -206,8 +226,8 @@ Launched Launch(const Selection& selection) {
         fmt::format("no calculation of share {} could be created (code {})", Quoted(share), code));
   try {
     const std::string taskID = RequireTask(share);
-    LaunchOrFail(calculation, share, asked, range);
-    return {taskID, asked};
+    LaunchOrFail(calculation, share, asked, leftOut.empty(), range);
+    return {taskID, asked, leftOut};
   } catch (...) {
     GiveBack(share);
     throw;

@@ -20,7 +20,8 @@ struct Selection {
 // A calculation that has been started.
 struct Launched {
   std::string taskID;
-  std::vector<Snapshot> asked;
+  std::vector<Snapshot> asked;    // and calculated
+  std::vector<Snapshot> leftOut;  // asked for, not by name, and cannot be recorded
 };
 
 // Starts a calculation in the background; its process keeps the caller's standard error. Gives up

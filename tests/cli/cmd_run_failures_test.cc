@@ -118,13 +118,30 @@ TEST_F(CmdRunFailures, RangeWithoutSnapshots) {
 
 TEST_F(CmdRunFailures, NamesThatAreNotUtf8) {
   volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
-  ExpectFailure(Tool({"run", "photos"}), 1,
+  ExpectFailure(Tool({"run", "photos", "a\xFFz"}), 1,
                 "the name of snapshot 'a\\xFFz' is not UTF-8; rename it, or name the snapshots to "
                 "calculate");
   EXPECT_EQ(0, Tool({"run", "photos", kFirst}).status);
   volume_->Subvolume("\xFF");
   volume_->Snapshot("\xFF", "\xFF/.snapshots/one");
   ExpectFailure(Tool({"run", "\xFF"}), 1, "the name of share '\\xFF' is not UTF-8; rename it");
+}
+
+// Anybody who can write in the share kept it from being calculated by such a one.
+TEST_F(CmdRunFailures, SnapshotWhoseNameIsNotUtf8KeepsNoOtherFromBeingCalculated) {
+  volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
+  const CommandResult result = Tool({"run", "photos", "--quiet"});
+  EXPECT_EQ(13, result.status);
+  EXPECT_THAT(result.out, HasSubstr("by hand\n"));
+  EXPECT_THAT(result.err,
+              HasSubstr("zorv-snapusage: note: snapshot 'a\\xFFz' is left out, its name "
+                        "is not UTF-8; rename it\n"));
+  EXPECT_THAT(result.err, HasSubstr("1 of 4 snapshots are not in it ('a\\xFFz')"));
+  EXPECT_EQ(
+      "started the calculation of 3 snapshots of share 'photos', without 1 whose names are not "
+      "UTF-8\n",
+      MustRun(Argv({"start", "photos"})));
+  EXPECT_TRUE(Settled());
 }
 
 TEST_F(CmdRunFailures, WrongTimes) {
