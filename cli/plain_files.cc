@@ -29,7 +29,10 @@ Failure CannotBeLookedAt(const std::string& path) {
                  "see to the file system that holds it");
 }
 
-// Who holds a lock that keeps a writer waiting: 0 nobody, -1 somebody who cannot be told.
+// The holder is in another pid namespace, and has no number in this one.
+constexpr pid_t kElsewhere = -2;
+
+// Who holds a lock that keeps a writer waiting: 0 nobody, kElsewhere, -1 who cannot be told.
 pid_t HolderOf(const std::string& path) {
   const UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd.Valid()) {
@@ -40,7 +43,7 @@ pid_t HolderOf(const std::string& path) {
   lock.l_type = F_WRLCK;
   if (fcntl(fd.Get(), F_GETLK, &lock) != 0) throw CannotBeLookedAt(path);
   if (lock.l_type == F_UNLCK) return 0;
-  return lock.l_pid > 0 ? lock.l_pid : -1;
+  return lock.l_pid == 0 ? kElsewhere : lock.l_pid;
 }
 
 // A lock file: the library waits for its lock for as long as it takes, which is a moment where all
@@ -58,6 +61,10 @@ void RequirePlainLock(const std::string& path) {
   if (holder > 0)
     throw Untrusted(path, fmt::format("is locked by process {}, which is not root's", holder),
                     fmt::format("end that process: kill {}", holder));
+  // Without its file the lock would keep nobody out any more, and the holder may be a calculation.
+  if (holder == kElsewhere)
+    throw Untrusted(path, "is locked by a process of another pid namespace",
+                    "look for it outside this container, and wait for its end");
   throw Untrusted(path, "is locked by a process that cannot be told",
                   fmt::format("remove it: rm {}", ShellWord(path)));
 }

@@ -234,6 +234,18 @@ TEST_F(PlantedFiles, LockOfADescriptorThatNobodyOwnsIsNotWaitedFor) {
                     "' is locked by a process that cannot be told; remove it: rm " + kLockOfMap);
 }
 
+// The advice was to remove the file, under a calculation at work for one.
+TEST_F(PlantedFiles, LockOfAnotherPidNamespaceIsNotToBeRemoved) {
+  const UniqueFd fd(open(kLockOfMap, O_RDWR | O_CLOEXEC));
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  ASSERT_EQ(0, fcntl(fd.Get(), F_SETLK, &whole));
+  ExpectRefusal(ZorvTest::Run({"unshare", "--pid", "--fork", ZORV_CLI_PATH, "show", "photos"}),
+                std::string("'") + kLockOfMap +
+                    "' is locked by a process of another pid namespace; look for it outside this "
+                    "container, and wait for its end");
+}
+
 TEST_F(PlantedFiles, LockOfRootIsWaitedFor) {
   const UniqueFd fd(open(kLockOfMap, O_RDWR | O_CLOEXEC));
   struct flock whole = {};
