@@ -15,6 +15,7 @@ constexpr int kNothingToRun = 127;  // as a shell says it
 // Finds the file that this process runs; false when neither /proc nor the kernel's start data tell.
 bool FindSelf(struct stat* self) {
   if (stat("/proc/self/exe", self) == 0) return true;
+  // getauxval(3) gives addresses as numbers. NOLINTNEXTLINE(performance-no-int-to-ptr)
   const char* name = reinterpret_cast<const char*>(getauxval(AT_EXECFN));
   return name != nullptr && stat(name, self) == 0;
 }

@@ -220,7 +220,7 @@ Status BlockReader::ReadCopies(const BlockPointer& pointer, uint8_t* bytes,
     const std::string why = TryCopy(pointer, place, bytes, out, &unreadable);
     if (why.empty()) {
       if (&place != places.begin()) ++meter_.counters.mirrorsUsed;
-      KeepInMind(std::move(bad));
+      KeepInMind(bad);
       return Status();
     }
     bad.push_back({pointer, place, why, unreadable});
@@ -238,13 +238,12 @@ std::string BlockReader::TryCopy(const BlockPointer& pointer, const Place& place
   return read.Ok() ? Verify(pointer, device, bytes, out) : read.Text();
 }
 
-void BlockReader::KeepInMind(std::vector<BadCopy> bad) {
+void BlockReader::KeepInMind(const std::vector<BadCopy>& bad) {
   if (bad.empty()) return;
   const std::lock_guard<std::mutex> lock(badCopiesMutex_);
-  for (BadCopy& copy : bad)
+  for (const BadCopy& copy : bad)
     if (badCopies_.size() < kMostBadCopies)
-      badCopies_.try_emplace({copy.pointer.bytenr, copy.pointer.generation, copy.place},
-                             std::move(copy));
+      badCopies_.try_emplace({copy.pointer.bytenr, copy.pointer.generation, copy.place}, copy);
 }
 
 std::vector<BadCopy> BlockReader::FindBadCopies() {

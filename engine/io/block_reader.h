@@ -159,7 +159,7 @@ class BlockReader {
   Status ReadCopies(const BlockPointer& pointer, uint8_t* bytes, std::optional<TreeBlockView>* out);
   std::string TryCopy(const BlockPointer& pointer, const Place& place, uint8_t* bytes,
                       std::optional<TreeBlockView>* out, bool* unreadable) const;
-  void KeepInMind(std::vector<BadCopy> bad);
+  void KeepInMind(const std::vector<BadCopy>& bad);
   bool IsStillBad(const BadCopy& copy);
   bool IsReused(const BlockPointer& pointer, const Device& device, const uint8_t* bytes) const;
   Status NoCopyIsThere(const BlockPointer& pointer, const Places& places) const;

@@ -64,7 +64,7 @@ void PutBigEndian32(uint32_t value, uint8_t* bytes) {
 
 void ShaBlock(const uint8_t* block, uint32_t* state) {
   uint32_t w[64];
-  for (int i = 0; i < 16; ++i) w[i] = BigEndian32(block + 4 * i);
+  for (size_t i = 0; i < 16; ++i) w[i] = BigEndian32(block + 4 * i);
   for (int i = 16; i < 64; ++i) {
     const uint32_t s0 = RotateRight(w[i - 15], 7) ^ RotateRight(w[i - 15], 18) ^ (w[i - 15] >> 3);
     const uint32_t s1 = RotateRight(w[i - 2], 17) ^ RotateRight(w[i - 2], 19) ^ (w[i - 2] >> 10);
@@ -135,7 +135,7 @@ void BlakeBlock(const uint8_t* block, uint64_t counted, bool last, uint64_t* sta
   if (last) v[14] = ~v[14];
   for (int round = 0; round < 12; ++round) {
     const uint8_t* order = kBlakeOrder[round % 10];
-    for (int i = 0; i < 8; ++i)
+    for (size_t i = 0; i < 8; ++i)
       BlakeMix(v, kBlakeMix[i], words[order[2 * i]].Get(), words[order[2 * i + 1]].Get());
   }
   for (int i = 0; i < 8; ++i) state[i] ^= v[i] ^ v[i + 8];
