@@ -36,7 +36,7 @@ constexpr pid_t kElsewhere = -2;
 pid_t HolderOf(const std::string& path) {
   const UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!fd.Valid()) {
-    if (errno == ENOENT) return 0;
+    if (errno == ENOENT || errno == ENAMETOOLONG) return 0;
     throw CannotBeLookedAt(path);
   }
   struct flock lock = {};
