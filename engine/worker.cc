@@ -136,6 +136,7 @@ Status FindSizes(const Options& options, SizeProgress& progress, const FrontLink
   SizeResult result;
   // Not freed: the end of the process, which follows, gives all memory back at once.
   Methods& methods = *std::make_unique<Methods>().release();
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks)
   ENGINE_TRY(FindResult(options, methods, progress, link, &result));
   const std::vector<SetRow>& rows = result.table.rows;
   progress.stats.sets =

@@ -276,6 +276,7 @@ int RunCommand(char** argv, const std::string& taskID, FP_PARSE_FUNCTION parser,
 
 }  // namespace
 
+// The interface passes the ID by value. NOLINTNEXTLINE(performance-unnecessary-value-param)
 int BtrfsTool::CmdExc(const _tag_ZORV_BTRFS_USAGE_CAL_TASK& task, std::string taskID,
                       PLATSZLIST** ppListParam, FP_PARSE_FUNCTION pCmdFpParser, std::string& errMsg,
                       std::string& btrfsCmd, void* /*data*/) {

@@ -625,7 +625,7 @@ _tag_progress_update_function_ret ShareSnapUsageCal::UpdateTaskStatus(TaskStatus
 int ShareSnapUsageCal::ExecCalPostAction(TaskStatus& taskStatus, void* /*userData*/) try {
   SzList files = NewSzList(ZLOG_HERE);
   if (!files) return RESULT_FAILURE;
-  const std::string taskID = taskStatus.TaskID();
+  const std::string& taskID = taskStatus.TaskID();
   if (!Utils::SearchTaskFile(taskID, kTaskResultDir, SzListRef(files))) {
     ZLOG_TASK(LOG_ERR, taskID, "Failed to search result files over the path [%s][0x%04X %s:%d]",
               kTaskResultDir, PLAT_ERR);

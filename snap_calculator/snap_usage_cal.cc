@@ -443,6 +443,7 @@ class OutputRecorder {
 }  // namespace
 
 _tag_fp_parse_function_ret SnapUsageCalculator::ParseCmdFp(
+    // The interface passes the ID by value. NOLINTNEXTLINE(performance-unnecessary-value-param)
     std::string taskID, FILE* fp, std::string& /*errMsg*/,
     PROGRESS_UPDATE_FUNCTION fpProgressUpdate) try {
   if (fp == nullptr) {

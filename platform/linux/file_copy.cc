@@ -20,7 +20,7 @@ using namespace ZorvPlatform;
 constexpr char kUnit[] = "platform/file_copy";
 
 constexpr mode_t kPermissionBits = 0777;
-constexpr size_t kChunkBytes = 128 * 1024;
+constexpr size_t kChunkBytes = size_t{128} * 1024;
 
 // A new file beside `destination`, removed again unless it takes that place.
 class TempFile {
