@@ -40,6 +40,8 @@ install_packages() {
   rm -f "$log"
 }
 
+TARGET=all # whatever the environment calls so
+
 # Configures (with further settings, if given) and builds a preset, all of it or the targets TARGET,
 # quietly unless it fails.
 build() { # preset [-D...]
@@ -47,7 +49,7 @@ build() { # preset [-D...]
   shift
   mkdir -p "$PROJECT/build"
   echo "building ($preset)"
-  { cd "$PROJECT" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset" --target ${TARGET:-all}; } >"$log" 2>&1 ||
+  { cd "$PROJECT" && cmake --preset "$preset" "$@" && cmake --build --preset "$preset" --target $TARGET; } >"$log" 2>&1 ||
     { grep -E -A5 'error|FAILED' "$log" | head -n 40 >&2; die "the build failed; all of it is in build/$preset.log"; }
 }
 

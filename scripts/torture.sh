@@ -18,7 +18,7 @@ while [ $# -gt 0 ]; do
       echo "usage: sudo scripts/torture.sh [--short | --minutes N] [HARNESS...]"
       echo "Runs the harnesses of tests/torture in private worlds, all of them or those named, for about"
       echo "N minutes together (60).  Prints what each did and lost; docs/testing.md tells how to read it."
-      echo "  --short   6 minutes: every harness, each step of the road somewhere"
+      echo "  --short   6 minutes: every harness, with steps from all parts of its road"
       exit 0
       ;;
     -*) die "unknown argument $1; try --help" ;;

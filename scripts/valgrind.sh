@@ -19,8 +19,8 @@ case "${1:-}" in
   '') ;;
   --help)
     echo "usage: sudo scripts/valgrind.sh"
-    echo "Runs $(echo $PROGRAMS | wc -w) test programs under valgrind: reads of what was never written, leaks, descriptors"
-    echo "left open.  An error ends with status 1; the reports are in build/<preset>/valgrind."
+    echo "Runs $(echo $PROGRAMS | wc -w) test programs under valgrind: reads of what was never written, and leaks."
+    echo "An error ends with status 1; the reports are in build/<preset>/valgrind."
     exit 0
     ;;
   *) die "unknown argument $1; try --help" ;;
