@@ -132,6 +132,10 @@ void EditJson(const std::string& path, const std::vector<std::string>& members,
 
 Json::Value ParseJson(const std::string& text);
 
+// The three roots, and files that stand there.
+inline constexpr char kRun[] = "/run/zorvbtrfssnapusage";
+inline constexpr char kLock[] = "/run/lock/zorvbtrfssnapusage";
+inline constexpr char kPersistent[] = "/usr/local/zorvbtrfssnapusage";
 inline constexpr char kMap[] = "/usr/local/zorvbtrfssnapusage/share_snap_cal_map";
 inline constexpr char kStatusOfPhotos[] = "/usr/local/zorvbtrfssnapusage/share_task_status/photos";
 inline constexpr char kResultsOfPhotos[] = "/usr/local/zorvbtrfssnapusage/share_task_result/photos";

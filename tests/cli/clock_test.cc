@@ -52,6 +52,15 @@ class ClockJumps : public CliWorld {
     Release();
   }
 
+  // As a caller leaves a share that is killed between its claim and its launch.
+  static void LeaveUnbegunClaim() {
+    StartAndHold();
+    KillCalculator();
+    EditJson(kStatusOfPhotos, {"status"}, "ready");
+    const std::string task = ParseJson(ReadFile(kMap))["photos"]["task_id"].asString();
+    WriteFile("/run/zorvbtrfssnapusage/task_status/" + task, R"({"status":"ready"})");
+  }
+
   static std::string TextOf(time_t t) {
     char text[32];
     tm fields;
@@ -158,12 +167,7 @@ TEST_F(ClockJumps, ClaimFromTheFutureIsNotUnderWayAfterAReboot) {
 
 TEST_F(ClockJumps, ClaimThatNeverBeganIsToldAndCanBeCleaned) {
   SetClock(kYear);
-  StartAndHold();
-  KillCalculator();
-  // As a caller leaves it that is killed between its claim and its launch.
-  EditJson(kStatusOfPhotos, {"status"}, "ready");
-  const std::string task = ParseJson(ReadFile(kMap))["photos"]["task_id"].asString();
-  WriteFile("/run/zorvbtrfssnapusage/task_status/" + task, R"({"status":"ready"})");
+  LeaveUnbegunClaim();
   SetClock(0);
   const CommandResult refused = ZorvTest::Run(Under({"run", "photos"}));
   EXPECT_EQ(4, refused.status);
@@ -174,11 +178,7 @@ TEST_F(ClockJumps, ClaimThatNeverBeganIsToldAndCanBeCleaned) {
 // A clock that is being corrected is a little behind; the launch may be on its way.
 TEST_F(ClockJumps, ClaimALittleAheadIsUnderWay) {
   SetClock(60);
-  StartAndHold();
-  KillCalculator();
-  EditJson(kStatusOfPhotos, {"status"}, "ready");
-  const std::string task = ParseJson(ReadFile(kMap))["photos"]["task_id"].asString();
-  WriteFile("/run/zorvbtrfssnapusage/task_status/" + task, R"({"status":"ready"})");
+  LeaveUnbegunClaim();
   SetClock(0);
   const CommandResult kept = ZorvTest::Run(Under({"clean", "photos"}));
   EXPECT_EQ(4, kept.status);

@@ -14,10 +14,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kRun[] = "/run/zorvbtrfssnapusage";
-constexpr char kLock[] = "/run/lock/zorvbtrfssnapusage";
-constexpr char kPersistent[] = "/usr/local/zorvbtrfssnapusage";
-
 const std::vector<std::string> kRoots = {kRun, kLock, kPersistent};
 const std::vector<std::string> kDirectories = {kRun,
                                                kLock,

@@ -22,10 +22,6 @@ using namespace ZorvBtrfsUsage;
 
 namespace {
 
-bool Has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // Counts by the name of the call.
 class Counts {
  public:

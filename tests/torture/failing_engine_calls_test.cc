@@ -23,10 +23,6 @@ namespace {
 constexpr char kOut[] = "/tmp/failing.out";
 constexpr char kErr[] = "/tmp/failing.err";
 
-bool Has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 // What a dynamic program does before its first line. When the first of it fails it cannot speak
 // yet; later it says so itself.
 bool IsOfTheLoader(int status) { return status == 127; }

@@ -29,10 +29,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool Has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 enum class Room { kContent, kFiles };  // what there is no room for
 
 // A small tmpfs in place of a directory.

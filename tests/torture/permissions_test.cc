@@ -23,9 +23,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr char kRun[] = "/run/zorvbtrfssnapusage";
-constexpr char kLock[] = "/run/lock/zorvbtrfssnapusage";
-constexpr char kPersistent[] = "/usr/local/zorvbtrfssnapusage";
 const std::vector<std::string> kRoots = {kRun, kLock, kPersistent};
 
 constexpr char kLaunchLock[] = "/run/zorv-snapusage.lock";

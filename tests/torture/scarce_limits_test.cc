@@ -23,10 +23,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool Has(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 void Limit(__rlimit_resource resource, rlim_t most) {
   const rlimit limit = {most, most};
   if (setrlimit(resource, &limit) != 0) _exit(99);

@@ -18,6 +18,10 @@
 
 namespace ZorvTest {
 
+inline bool Has(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
 using SubvolumeSizes = std::map<unsigned long long, unsigned long long>;
 
 // What a failed operation may do although much else went well. All of it stands in
