@@ -5,6 +5,7 @@
 #include <zorvbtrfssnapusage/share_task_status.h>
 
 #include <algorithm>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <set>
@@ -109,7 +110,8 @@ bool IsRecordable(const Snapshot& snapshot) { return ValidUtf8(snapshot.name) ==
 std::vector<Snapshot> LeaveOut(const Selection& selection, std::vector<Snapshot>& asked) {
   const auto others = std::stable_partition(asked.begin(), asked.end(), IsRecordable);
   if (!selection.names.empty() || others == asked.begin()) return {};
-  std::vector<Snapshot> leftOut(others, asked.end());
+  std::vector<Snapshot> leftOut;
+  std::move(others, asked.end(), std::back_inserter(leftOut));
   asked.erase(others, asked.end());
   for (const Snapshot& snapshot : leftOut)
     ToStandardError(fmt::format(
