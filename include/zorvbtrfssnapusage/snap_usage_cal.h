@@ -23,6 +23,7 @@ class ZORV_EXPORT SnapUsageCalculator {
   // Stores the ID only; Init opens or creates the status file.
   explicit SnapUsageCalculator(const std::string& taskID);
 
+  // Stops nothing and removes no file.
   ~SnapUsageCalculator();
 
   // A task ID that no status file bears. False: no UUID to be had.

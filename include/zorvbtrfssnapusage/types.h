@@ -14,7 +14,7 @@ class TaskStatus;
 // The integer results of the library; each operation says which of them it returns.
 // They are also the exit status of a calculator child and the "error_code" of a finished task.
 enum ResultCode {
-  RESULT_OK = 0,
+  RESULT_OK = 0,                  // done, or nothing to do
   RESULT_FAILURE = 1,             // a lock, a file, a list or a platform call failed
   RESULT_INVALID_ARGUMENT = 3,    // also sets the platform error 0x0D00
   RESULT_SHARE_BUSY = 4,          // a calculation of the share is ready or running
@@ -23,7 +23,7 @@ enum ResultCode {
   RESULT_INVALID_OBJECT = 7,      // the object holds no task, or the calculator did not start
   RESULT_NOT_FOUND = 8,           // no such name or entry
   RESULT_POST_ACTION_FAILED = 9,  // the results were not handed over
-  RESULT_FORK_FAILED = 10,
+  RESULT_FORK_FAILED = 10,        // no process for the calculation
   RESULT_CALCULATOR_FAILED = 11,  // the calculator task could not be created
   RESULT_STOPPED = 12,            // stopped by signal
   RESULT_COMMAND_FAILED = 13,     // the command could not be started
@@ -32,11 +32,11 @@ enum ResultCode {
 
 // The state of a calculation. Below CAL_TASK_STATUS_FAIL it is unfinished and has no error code.
 enum CAL_TASK_STATUS : int {
-  CAL_TASK_STATUS_READY = 0,
-  CAL_TASK_STATUS_PROCESS = 1,
-  CAL_TASK_STATUS_FAIL = 2,
-  CAL_TASK_STATUS_STOP = 3,
-  CAL_TASK_STATUS_DONE = 4,
+  CAL_TASK_STATUS_READY = 0,    // made, not begun
+  CAL_TASK_STATUS_PROCESS = 1,  // under way
+  CAL_TASK_STATUS_FAIL = 2,     // ended without a result; the error code says why
+  CAL_TASK_STATUS_STOP = 3,     // ended because somebody asked for it
+  CAL_TASK_STATUS_DONE = 4,     // ended with a result
 };
 
 // The members of a status file.
@@ -75,8 +75,8 @@ enum _tag_fp_parse_function_ret : int {
 
 // What a progress callback says; a failure is logged and does not end the calculation.
 enum _tag_progress_update_function_ret : int {
-  PROGRESS_UPDATE_OK = 0,
-  PROGRESS_UPDATE_FAIL = 1,
+  PROGRESS_UPDATE_OK = 0,    // taken
+  PROGRESS_UPDATE_FAIL = 1,  // not taken
 };
 
 // Called in the calculating process after each change of the task's status file.

@@ -1,4 +1,5 @@
-// The installed library serves a stranger: by pkg-config, by CMake, and as the README shows it.
+// The installed library serves a stranger: by pkg-config, by CMake, and as the README shows it; its
+// manual is found.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -75,11 +76,13 @@ TEST_F(Install, ReadmeCallerCompiles) {
   ASSERT_NE(std::string::npos, begin);
   const size_t end = readme.find("```", begin + 7);
   ASSERT_NE(std::string::npos, end);
-  WriteFile("/opt/caller/readme.cc", readme.substr(begin + 7, end - begin - 7));
+  EXPECT_EQ(ReadFile(ZORV_SOURCE_DIR "/examples/caller.cc"),
+            readme.substr(begin + 7, end - begin - 7));
   MustRun({"sh", "-c",
            "PKG_CONFIG_PATH=" + PkgConfigPath() +
                " && export PKG_CONFIG_PATH && " ZORV_CXX " -std=c++17 " + Sanitizers() +
-               " -Wall -Wextra -Werror /opt/caller/readme.cc -o /opt/caller/readme "
+               " -Wall -Wextra -Werror " ZORV_SOURCE_DIR
+               "/examples/caller.cc -o /opt/caller/readme "
                "$(pkg-config --cflags --libs zorvbtrfssnapusage)"});
   EXPECT_TRUE(fs::exists("/opt/caller/readme"));
 }
@@ -90,4 +93,15 @@ TEST_F(Install, PutsEveryPartInItsPlace) {
                            "/opt/zorv/include/zorvplatform/platc.h",
                            "/opt/zorv/lib/tmpfiles.d/zorvbtrfssnapusage.conf"})
     EXPECT_TRUE(fs::exists(file)) << file;
+}
+
+TEST_F(Install, ManualPagesAreFoundByName) {
+  const std::pair<const char*, const char*> pages[] = {{"8", "zorv-snapusage"},
+                                                       {"8", "btrfs-subvolume-size"},
+                                                       {"5", "zorvbtrfssnapusage"},
+                                                       {"3", "zorvbtrfssnapusage"},
+                                                       {"3", "ZorvBtrfsUsage::Utils"}};
+  for (const auto& [section, name] : pages)
+    EXPECT_EQ(std::string("/opt/zorv/share/man/man") + section + "/" + name + "." + section + "\n",
+              MustRun({"man", "-M", "/opt/zorv/share/man", "-w", section, name}));
 }
