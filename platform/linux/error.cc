@@ -12,19 +12,26 @@ struct Record {
   unsigned int code;
   unsigned int line;
   char file[256];
+  char text[1024];
 };
 
 thread_local Record gRecord;
 
-void Set(unsigned int code, const char* file, unsigned int line) {
+// Puts as much of the text as fits into the field.
+template <size_t size>
+void Put(const char* text, char (&field)[size]) {
+  const size_t length = strnlen(text, size - 1);
+  memmove(field, text, length);  // callers may hand the record's own text back
+  field[length] = '\0';
+}
+
+void Set(unsigned int code, const char* file, unsigned int line, const char* text) {
   const int savedErrno = errno;  // the first use of a thread's record may allocate it
   Record& record = gRecord;
   record.code = code;
   record.line = line;
-  const char* text = file != nullptr ? file : "";
-  const size_t length = strnlen(text, sizeof record.file - 1);
-  memmove(record.file, text, length);  // callers may hand the record's own text back
-  record.file[length] = '\0';
+  Put(file != nullptr ? file : "", record.file);
+  Put(text, record.text);
   errno = savedErrno;
 }
 
@@ -33,7 +40,12 @@ void Set(unsigned int code, const char* file, unsigned int line) {
 namespace ZorvPlatform {
 
 int Fail(Site site, unsigned int code) {
-  Set(code, site.unit, site.line);
+  Set(code, site.unit, site.line, "");
+  return -1;
+}
+
+int FailSaying(Site site, unsigned int code, const std::string& text) {
+  Set(code, site.unit, site.line, text.c_str());
   return -1;
 }
 
@@ -45,7 +57,7 @@ int FailNoMemory(Site site) {
 }  // namespace ZorvPlatform
 
 void PLATCErrSetEx(unsigned int code, const char* file, unsigned int line) {
-  Set(code, file, line);
+  Set(code, file, line, "");
 }
 
 unsigned int PLATCErrGet(void) { return gRecord.code; }
@@ -53,3 +65,5 @@ unsigned int PLATCErrGet(void) { return gRecord.code; }
 const char* PLATCErrorGetFile(void) { return gRecord.file; }
 
 unsigned int PLATCErrorGetLine(void) { return gRecord.line; }
+
+const char* PLATCErrorGetText(void) { return gRecord.text; }

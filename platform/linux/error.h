@@ -2,6 +2,8 @@
 #ifndef PLATFORM_LINUX_ERROR_H
 #define PLATFORM_LINUX_ERROR_H
 
+#include <string>
+
 namespace ZorvPlatform {
 
 // Where a failure was noticed.  The unit is declared by each file as `kUnit`, not cut from a path.
@@ -14,6 +16,9 @@ struct Site {
 
 // Sets the record, leaves errno alone, and is -1: `return Fail(PLATFORM_HERE, code);`
 int Fail(Site site, unsigned int code);
+
+// The same, with words for a person.
+int FailSaying(Site site, unsigned int code, const std::string& text);
 
 // Out of memory: the record says system call, errno ENOMEM.
 int FailNoMemory(Site site);

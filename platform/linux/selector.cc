@@ -37,7 +37,7 @@ constexpr Operator kOperators[] = {
 
 struct TimeCondition {
   const Operator* op;
-  time_t time;
+  SnapName name;
 };
 
 // False: the argument is not an operator and a name that carries a time.
@@ -46,14 +46,14 @@ bool ParseArgument(const char* argument, TimeCondition* condition) {
     const size_t length = strlen(op.text);
     if (strncmp(argument, op.text, length) != 0) continue;
     condition->op = &op;
-    return SnapNameTime(argument + length, &condition->time);
+    return ReadSnapName(argument + length, &condition->name);
   }
   return false;
 }
 
 bool Holds(const TimeCondition& condition, time_t time) {
-  if (time < condition.time) return condition.op->earlier;
-  if (time > condition.time) return condition.op->later;
+  if (time < condition.name.time) return condition.op->earlier;
+  if (time > condition.name.time) return condition.op->later;
   return condition.op->same;
 }
 
@@ -82,9 +82,9 @@ int ZORVShareSnapTimeSelector(const char* snapName, const char* argument) {
   }
   TimeCondition condition;
   if (!ParseArgument(argument, &condition)) return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
-  time_t time;
-  if (!SnapNameTime(snapName, &time)) return 0;
-  return Holds(condition, time) ? 1 : 0;
+  SnapName name;
+  if (!ReadSnapName(snapName, &name)) return 0;
+  return Holds(condition, name.time) ? 1 : 0;
 }
 
 int ZORVShareSnapSelectorAdd(ZORVSHARESNAPSELECTOR** selectors, ZORVSHARESNAPSELECTFN fn,

@@ -92,7 +92,11 @@ ZORVSHARE* NewShare(const Volume& volume, const std::string& name) {
   auto share = std::make_unique<Share>();
   share->nameText = name;
   share->name = share->nameText.data();
-  share->path = VolumePath(volume.number) + "/" + name;
+  share->source = ZORV_SHARE_SOURCE_VOLUME;
+  share->volume = VolumePath(volume.number);
+  share->place = share->volume;
+  share->path = share->volume + "/" + name;
+  share->snapDir = share->path + "/" + kVolumeSnapDir;
   return share.release();
 }
 
@@ -146,4 +150,14 @@ int ZORVShareEnum(PLATSZLIST** names, int flags) {
     return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
   }
   return NoThrow(PLATFORM_HERE, -1, [&] { return EnumShares(*names); });
+}
+
+int ZORVShareInfoGet(const struct _tag_ZORVSHARE* share, ZORVSHAREINFO* info) {
+  if (share == nullptr || info == nullptr) {
+    return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
+  }
+  const Share& known = ShareOf(share);
+  *info = {known.source, known.place.c_str(), known.path.c_str(), known.volume.c_str(),
+           known.snapDir.c_str()};
+  return 0;
 }

@@ -11,8 +11,15 @@ namespace ZorvPlatform {
 // The public record with what the platform keeps behind it.
 struct Share : ZORVSHARE {
   std::string nameText;  // `name` of the public record points into it
-  std::string path;      // /volumeN/<name>
+  int source;            // ZORV_SHARE_SOURCE_*
+  std::string place;     // what tells of it
+  std::string path;      // of its subvolume
+  std::string volume;    // /volumeN
+  std::string snapDir;   // where its source keeps the snapshots
 };
+
+// The directory of a volume's share that holds its snapshots.
+inline constexpr char kVolumeSnapDir[] = ".snapshots";
 
 // `share` must come from ZORVShareGet.
 const Share& ShareOf(const ZORVSHARE* share);

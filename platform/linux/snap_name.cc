@@ -6,6 +6,8 @@ namespace ZorvPlatform {
 
 namespace {
 
+constexpr char kDigits[] = "0123456789";
+
 // Walks over a name; every step is false, and takes nothing, when the text is another one.
 class Reader {
  public:
@@ -27,9 +29,10 @@ class Reader {
     return true;
   }
 
-  size_t Digits() const { return strspn(at_, "0123456789"); }
+  size_t Digits() const { return strspn(at_, kDigits); }
   char At(size_t offset) const { return at_[offset]; }
   bool AtEnd() const { return *at_ == '\0'; }
+  const char* Rest() const { return at_; }
 
  private:
   const char* at_;
@@ -60,14 +63,22 @@ bool ReadZone(Reader* reader, int* seconds) {
   return true;
 }
 
-bool ReadName(const char* name, ZonedTime* t) {
+// "-NUMBER" up to the end, or nothing.
+bool ReadNumber(Reader* reader, uint64_t* number) {
+  if (reader->AtEnd()) return true;
+  if (!reader->Text("-")) return false;
+  *number = ReadSnapNumber(reader->Rest());
+  return *number != 0;
+}
+
+bool ReadName(const char* name, ZonedTime* t, uint64_t* number) {
   Reader reader(name);
   (void)reader.Text("@");
   return reader.Text("GMT") && ReadZone(&reader, &t->zoneSeconds) && reader.Text("-") &&
          reader.Number(4, 9, &t->year) && reader.Text(".") && reader.Number(2, 2, &t->month) &&
          reader.Text(".") && reader.Number(2, 2, &t->day) && reader.Text("-") &&
          reader.Number(2, 2, &t->hour) && reader.Text(".") && reader.Number(2, 2, &t->minute) &&
-         reader.Text(".") && reader.Number(2, 2, &t->second) && reader.AtEnd();
+         reader.Text(".") && reader.Number(2, 2, &t->second) && ReadNumber(&reader, number);
 }
 
 // timegm carries what is too large over to the next field; a date that comes back otherwise than it
@@ -92,9 +103,29 @@ bool ToTime(const ZonedTime& t, time_t* time) {
 
 }  // namespace
 
-bool SnapNameTime(const char* name, time_t* time) {
+bool ReadSnapName(const char* name, SnapName* found) {
   ZonedTime zoned;
-  return ReadName(name, &zoned) && ToTime(zoned, time);
+  SnapName read;
+  if (!ReadName(name, &zoned, &read.number) || !ToTime(zoned, &read.time)) return false;
+  *found = read;
+  return true;
+}
+
+uint64_t ReadSnapNumber(const char* text) {
+  constexpr size_t kMostDigits = 19;  // as many as 64 bits hold, whatever they are
+  const size_t digits = strspn(text, kDigits);
+  if (text[digits] != '\0' || digits > kMostDigits || text[0] == '0') return 0;
+  uint64_t number = 0;
+  for (size_t i = 0; i < digits; ++i) number = number * 10 + static_cast<uint64_t>(text[i] - '0');
+  return number;
+}
+
+std::string MakeSnapName(time_t time, uint64_t number) {
+  tm fields;
+  char text[sizeof "GMT-YYYY.MM.DD-HH.MM.SS"];
+  const bool named = gmtime_r(&time, &fields) != nullptr && fields.tm_year >= 1000 - 1900 &&
+                     strftime(text, sizeof text, "GMT-%Y.%m.%d-%H.%M.%S", &fields) != 0;
+  return named ? text + ("-" + std::to_string(number)) : std::to_string(number);
 }
 
 }  // namespace ZorvPlatform

@@ -24,19 +24,16 @@ using namespace ZorvPlatform;
 
 constexpr char kUnit[] = "platform/snapshot";
 
-constexpr char kSnapDir[] = ".snapshots";
-
-std::string SnapDirOf(const ZORVSHARE* share) { return ShareOf(share).path + "/" + kSnapDir; }
-
 struct Snapshot {
   std::string name;
   bool timed;
-  time_t time;
+  SnapName read;
 };
 
 bool Before(const Snapshot& a, const Snapshot& b) {
   if (a.timed != b.timed) return a.timed;
-  if (a.timed && a.time != b.time) return a.time < b.time;
+  if (a.timed && a.read.time != b.read.time) return a.read.time < b.read.time;
+  if (a.timed && a.read.number != b.read.number) return a.read.number < b.read.number;
   return a.name < b.name;
 }
 
@@ -55,7 +52,7 @@ int IsSnapshot(DIR* dir, const DirEntry& entry) {
 bool ReadSnapDir(const ZORVSHARE* share, Dir* dir, std::vector<DirEntry>* entries) {
   const UniqueFd root(open(ShareOf(share).path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root.Valid()) return false;
-  UniqueFd fd(openat(root.Get(), kSnapDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd fd(openat(root.Get(), kVolumeSnapDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!fd.Valid()) return errno == ENOENT;
   dir->reset(fdopendir(fd.Get()));
   if (*dir == nullptr) return false;
@@ -76,8 +73,8 @@ int ReadSnapshots(const ZORVSHARE* share, const ZORVSHARESNAPSELECTOR* selectors
     const int selected = PassesAll(selectors, entry.name.c_str());
     if (selected < 0) return -1;
     if (selected == 0) continue;
-    Snapshot snapshot{entry.name, false, 0};
-    snapshot.timed = SnapNameTime(entry.name.c_str(), &snapshot.time);
+    Snapshot snapshot{entry.name, false, {}};
+    snapshot.timed = ReadSnapName(entry.name.c_str(), &snapshot.read);
     snapshots->push_back(std::move(snapshot));
   }
   return 0;
@@ -95,7 +92,7 @@ int ListSnapshots(const ZORVSHARE* share, PLATSZLIST* list,
 }
 
 int GetOrCreateSnapDir(const ZORVSHARE* share, char* dir, size_t size, bool create) {
-  const std::string path = SnapDirOf(share);
+  const std::string& path = ShareOf(share).snapDir;
   if (path.size() >= size) return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
   if (create && mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
     return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
@@ -126,8 +123,10 @@ int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* di
 }
 
 int ZORVShareSnapTimeGet(const char* snapName, time_t* time) {
-  if (snapName == nullptr || time == nullptr || !SnapNameTime(snapName, time)) {
+  SnapName name;
+  if (snapName == nullptr || time == nullptr || !ReadSnapName(snapName, &name)) {
     return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
   }
+  *time = name.time;
   return 0;
 }

@@ -107,3 +107,9 @@ TEST(PLATCErrorGetFile, EachUnitNamesItself) {
     EXPECT_LT(0u, PLATCErrorGetLine());
   }
 }
+
+TEST(PLATCErrorGetText, IsEmptyUnlessThereIsMoreToSay) {
+  EXPECT_STREQ("", PLATCErrorGetText());
+  PLATCErrSetEx(0x0D00, "x", 1);
+  EXPECT_STREQ("", PLATCErrorGetText());
+}

@@ -17,6 +17,7 @@ struct Given {
   PLATSZHASH* hash = PLATCSzHashAlloc(4);
   PLATSZHASH* noHash = nullptr;
   ZORVSHARE* share = nullptr;
+  ZORVSHARESNAPINFO* snapInfo = nullptr;
   ZORVSHARESNAPSELECTOR* selectors = nullptr;
   char buffer[64] = "";
   char* noArguments[1] = {nullptr};
@@ -81,6 +82,12 @@ const Row kRows[] = {
     {"ZORVShareGet share", [](Given&) { return ZORVShareGet("photos", nullptr) < 0; }},
     {"ZORVShareEnum names", [](Given&) { return ZORVShareEnum(nullptr, 0x301) < 0; }},
     {"ZORVShareEnum names behind", [](Given& g) { return ZORVShareEnum(&g.noList, 0x301) < 0; }},
+    {"ZORVShareInfoGet share",
+     [](Given&) {
+       ZORVSHAREINFO info;
+       return ZORVShareInfoGet(nullptr, &info) < 0;
+     }},
+    {"ZORVShareInfoGet info", [](Given&) { return ZORVShareInfoGet(SomeShare(), nullptr) < 0; }},
     {"VolumePathParseEx path",
      [](Given& g) { return VolumePathParseEx(nullptr, g.buffer, sizeof g.buffer) < 0; }},
     {"VolumePathParseEx volumePath",
@@ -114,6 +121,12 @@ const Row kRows[] = {
      }},
     {"ZORVShareSnapGetOrCreateSnapDir dir",
      [](Given&) { return ZORVShareSnapGetOrCreateSnapDir(SomeShare(), nullptr, 64, 0) < 0; }},
+    {"ZORVShareSnapInfoGet share",
+     [](Given& g) { return ZORVShareSnapInfoGet(nullptr, "x", &g.snapInfo) < 0; }},
+    {"ZORVShareSnapInfoGet snapName",
+     [](Given& g) { return ZORVShareSnapInfoGet(SomeShare(), nullptr, &g.snapInfo) < 0; }},
+    {"ZORVShareSnapInfoGet info",
+     [](Given&) { return ZORVShareSnapInfoGet(SomeShare(), "x", nullptr) < 0; }},
     {"ZORVShareSnapTimeGet snapName",
      [](Given&) {
        time_t time;
@@ -137,6 +150,7 @@ TEST(NullArguments, AreRefusedEverywhere) {
     EXPECT_TRUE(FailedWith(0x0D00));
     EXPECT_EQ(0, given.list->count);
     EXPECT_EQ(nullptr, given.share);
+    EXPECT_EQ(nullptr, given.snapInfo);
     EXPECT_EQ(nullptr, given.selectors);
   }
 }
@@ -147,5 +161,6 @@ TEST(NullArguments, AreAllowedWhereThingsAreFreed) {
   PLATCSzHashFree(nullptr);
   ZORVShareFree(nullptr);
   ZORVShareSnapEnumFree(nullptr);
+  ZORVShareSnapInfoFree(nullptr);
   EXPECT_EQ(0u, PLATCErrGet());
 }

@@ -347,4 +347,19 @@ TEST_F(ZORVShareGet, AShareThatDoesNotExistIsNotToBeRetried) {
   EXPECT_EQ("", Find("photos", 0x1400));
 }
 
+TEST(ZORVShareInfoGet, TellsWhereAShareOfAVolumeIs) {
+  const BtrfsVolume one("/volume1");
+  one.Subvolume("photos");
+  ZORVSHARE* share = nullptr;
+  ASSERT_EQ(0, ::ZORVShareGet("photos", &share));
+  ZORVSHAREINFO info;
+  ASSERT_EQ(0, ::ZORVShareInfoGet(share, &info));
+  EXPECT_EQ(ZORV_SHARE_SOURCE_VOLUME, info.source);
+  EXPECT_STREQ("/volume1", info.place);
+  EXPECT_STREQ("/volume1", info.volumePath);
+  EXPECT_STREQ("/volume1/photos", info.path);
+  EXPECT_STREQ("/volume1/photos/.snapshots", info.snapDir);
+  ::ZORVShareFree(share);
+}
+
 }  // namespace

@@ -123,6 +123,14 @@ TEST_F(ZORVShareSnapList, InTheOrderOfTimesThenOfNamesThoseWithoutATimeLast) {
   EXPECT_EQ(ordered, List());
 }
 
+TEST_F(ZORVShareSnapList, ThoseOfOneSecondInTheOrderOfTheirNumbers) {
+  const Names ordered = {"GMT-2024.03.05-09.04.09", "GMT-2024.03.05-09.04.09-9",
+                         "@GMT-2024.03.05-09.04.09-10", "GMT-2024.03.05-09.04.09-10",
+                         "GMT-2024.03.05-09.04.10-1"};
+  for (auto name = ordered.rbegin(); name != ordered.rend(); ++name) Take(*name);
+  EXPECT_EQ(ordered, List());
+}
+
 TEST_F(ZORVShareSnapList, NamesOfEveryKind) {
   Names names = {" leading", ".hidden", "@", "line\nbreak", "with blank", "\xe5\x86\x99", "\xff"};
   names.push_back(std::string(255, 'n'));
@@ -256,6 +264,20 @@ TEST_F(ZORVShareSnapGetOrCreateSnapDir, OtherFlagsAreRefused) {
     EXPECT_GT(0, ::ZORVShareSnapGetOrCreateSnapDir(share, dir, sizeof dir, flags));
     EXPECT_TRUE(FailedWith(0x0D00));
   }
+}
+
+struct ZORVShareSnapInfoGet : Snapshots {};
+
+TEST_F(ZORVShareSnapInfoGet, AVolumeTellsNoMoreThanTheName) {
+  Take("by hand");
+  ZORVSHARESNAPINFO* info = nullptr;
+  ASSERT_EQ(0, ::ZORVShareSnapInfoGet(share, "by hand", &info));
+  EXPECT_STREQ("by hand", info->sourceName);
+  EXPECT_EQ(0u, info->number);
+  EXPECT_STREQ("", info->type);
+  EXPECT_STREQ("", info->description);
+  EXPECT_STREQ("", info->problem);
+  ZORVShareSnapInfoFree(info);
 }
 
 }  // namespace

@@ -80,6 +80,7 @@ HOOKABLE(PLATCStrTrimSpace)
 HOOKABLE(ZORVShareGet)
 HOOKABLE(ZORVShareFree)
 HOOKABLE(ZORVShareEnum)
+HOOKABLE(ZORVShareInfoGet)
 HOOKABLE(VolumePathParseEx)
 HOOKABLE(ZORVMountVolInfoGet)
 HOOKABLE(ZORVShareSnapSelectorAdd)
@@ -87,6 +88,7 @@ HOOKABLE(ZORVShareSnapEnumFree)
 HOOKABLE(ZORVShareSnapList)
 HOOKABLE(ZORVShareSnapGetOrCreateSnapDir)
 HOOKABLE(ZORVShareSnapTimeGet)
+HOOKABLE(ZORVShareSnapInfoGet)
 HOOKABLE(ZORVFileCopy)
 HOOKABLE(sleep)
 HOOKABLE(time)
@@ -146,6 +148,9 @@ int ZORVShareGet(const char* name, struct _tag_ZORVSHARE** share) {
 }
 void ZORVShareFree(struct _tag_ZORVSHARE* share) { HOOK(ZORVShareFree)(share); }
 int ZORVShareEnum(PLATSZLIST** names, int flags) { return HOOK(ZORVShareEnum)(names, flags); }
+int ZORVShareInfoGet(const struct _tag_ZORVSHARE* share, ZORVSHAREINFO* info) {
+  return HOOK(ZORVShareInfoGet)(share, info);
+}
 int VolumePathParseEx(const char* path, char* volumePath, int size) {
   return HOOK(VolumePathParseEx)(path, volumePath, size);
 }
@@ -166,6 +171,10 @@ int ZORVShareSnapList(const struct _tag_ZORVSHARE* share, PLATSZLIST** names,
 int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* dir, int size,
                                     int flags) {
   return HOOK(ZORVShareSnapGetOrCreateSnapDir)(share, dir, size, flags);
+}
+int ZORVShareSnapInfoGet(const struct _tag_ZORVSHARE* share, const char* snapName,
+                         ZORVSHARESNAPINFO** info) {
+  return HOOK(ZORVShareSnapInfoGet)(share, snapName, info);
 }
 int ZORVShareSnapTimeGet(const char* snapName, time_t* when) {
   return HOOK(ZORVShareSnapTimeGet)(snapName, when);

@@ -25,6 +25,7 @@
 #define PLATC_ERR_INVALID_ARGUMENT 0x0D00 /* null, out of range, or of another form */
 #define PLATC_ERR_NO_SUCH_SHARE 0x1400    /* no share has that name */
 #define PLATC_ERR_SYSTEM_CALL 0x2A00      /* the system refused, see errno (also: out of memory) */
+#define PLATC_ERR_CONFIGURATION 0x2B00    /* what is configured makes no sense, or is not there */
 #define PLATC_ERR_VOLUME_PATH 0xBE00      /* a path that lies on no volume */
 
 /* The only flags of PLATCFileEnumDir, and its only type. */
@@ -104,6 +105,12 @@ PLATC_EXPORT unsigned int PLATCErrGet(void);
 PLATC_EXPORT const char* PLATCErrorGetFile(void);
 
 PLATC_EXPORT unsigned int PLATCErrorGetLine(void);
+
+/* What happened, why and where, in words for a person: with the file and the line where one has to
+ * be mended. "" when the code says all there is to say.  One line of at most 1023 bytes, without a
+ * period; names and paths in it may hold bytes that are not UTF-8.  Never null; valid until the
+ * thread sets its record again. */
+PLATC_EXPORT const char* PLATCErrorGetText(void);
 
 /* ---- Files ----------------------------------------------------------------------------------- */
 
