@@ -11,6 +11,7 @@
 #include "cli/interrupt.h"
 #include "cli/options.h"
 #include "cli/progress.h"
+#include "cli/report.h"
 #include "cli/text.h"
 #include "cli/watch.h"
 
@@ -22,7 +23,7 @@ constexpr std::chrono::seconds kTimeToCopy{60};
 
 struct RunOptions {
   Selection selection;
-  ReportFormat format;
+  OutputFormat format;
   bool quiet = false;
 };
 
@@ -74,7 +75,7 @@ void AddRun(CLI::App& program, Action& action) {
       program.add_subcommand("run", "Calculate, follow with progress, show the result");
   const auto options = std::make_shared<RunOptions>();
   AddSelection(*command, options->selection);
-  AddReportFormat(*command, options->format);
+  AddOutputFormat(*command, options->format, ReportColumns());
   command->add_flag("--quiet,-q", options->quiet, "No progress");
   command->footer(
       "Ctrl-C asks the calculation to stop, if it has begun; a second one leaves at once.\n"

@@ -11,6 +11,7 @@
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/options.h"
+#include "cli/report.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/watch.h"
@@ -20,7 +21,7 @@ namespace {
 
 struct ShowOptions {
   std::string share;
-  ReportFormat format;
+  OutputFormat format;
 };
 
 // Results are taken away and copied anew in the moment after a state has become "done".
@@ -86,7 +87,7 @@ void AddShow(CLI::App& program, Action& action) {
   CLI::App* const command = program.add_subcommand("show", "Show the last good result of a share");
   const auto options = std::make_shared<ShowOptions>();
   AddShareArgument(*command, options->share);
-  AddReportFormat(*command, options->format);
+  AddOutputFormat(*command, options->format, ReportColumns());
   command->footer(
       "Exclusive: what the snapshot alone holds. Running total: the sum down to this line.\n"
       "Example: zorv-snapusage show photos --format json");

@@ -12,6 +12,7 @@
 #include "cli/options.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
+#include "cli/units.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -46,8 +47,10 @@ void PrintTimes(const std::string& share, const Calculation& calculation) {
 }
 
 void PrintProgress(const Calculation& calculation) {
-  if (calculation.processedBytes) PrintLine("read", HumanBytes(*calculation.processedBytes));
-  if (calculation.exclusiveBytes) PrintLine("exclusive", HumanBytes(*calculation.exclusiveBytes));
+  if (calculation.processedBytes)
+    PrintLine("read", BytesText(*calculation.processedBytes, Units::kIec));
+  if (calculation.exclusiveBytes)
+    PrintLine("exclusive", BytesText(*calculation.exclusiveBytes, Units::kIec));
 }
 
 void PrintError(const Calculation& calculation) {

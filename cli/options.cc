@@ -1,6 +1,13 @@
 #include "cli/options.h"
 
+#include <fmt/format.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
+
+#include "cli/nearest.h"
+#include "cli/terminal.h"
+#include "cli/text.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -8,6 +15,25 @@ namespace {
 // A text that is empty, by a variable that was never set for one, would be taken for no option.
 std::string RefuseEmptyTime(const std::string& text) {
   return text.empty() ? "a time is expected" : "";
+}
+
+CLI::Option* AddUnits(CLI::App& command, OutputFormat& format, const char* name, Units units,
+                      const char* help) {
+  return command.add_flag_callback(
+      name, [&format, units] { format.units = units; }, help);
+}
+
+SortOrder ParseSort(const std::string& text, const Columns& columns) {
+  SortOrder order;
+  order.descending = text[0] == '-';
+  order.key = text.substr(text[0] == '-' || text[0] == '+' ? 1 : 0);
+  if (FindColumn(columns, order.key) != nullptr) return order;
+  std::vector<std::string> keys;
+  for (const Column& column : columns) keys.push_back(column.key);
+  throw CLI::ValidationError(
+      "--sort", fmt::format("there is no column {}, {}", Quoted(order.key),
+                            DidYouMean(order.key, keys,
+                                       "there are " + fmt::format("{}", fmt::join(keys, ", ")))));
 }
 
 }  // namespace
@@ -30,14 +56,28 @@ void AddSelection(CLI::App& command, Selection& selection) {
       ->check(RefuseEmptyTime);
 }
 
-void AddReportFormat(CLI::App& command, ReportFormat& format) {
-  command.add_flag("--raw", format.raw, "Bytes instead of sizes for people");
+void AddOutputFormat(CLI::App& command, OutputFormat& format, const Columns& columns) {
+  format.color = WantsColor(STDOUT_FILENO);
+  command.add_flag("-H", format.plain, "For scripts: no header, tabs, bytes");
+  CLI::Option* const raw = AddUnits(command, format, "--raw", Units::kRaw, "Bytes");
+  CLI::Option* const iec =
+      AddUnits(command, format, "--iec", Units::kIec, "Powers of 1024: KiB, MiB (default)");
+  CLI::Option* const si =
+      AddUnits(command, format, "--si", Units::kSi, "Powers of 1000: kB, MB, GB");
+  raw->excludes(iec)->excludes(si);
+  iec->excludes(si);
   command
       .add_option_function<std::string>(
           "--format", [&format](const std::string& name) { format.json = name == "json"; },
-          "table, or json (always in bytes)")
+          "table or json (always bytes)")
       ->type_name("FORMAT")
-      ->check(CLI::IsMember({"table", "json"}));
+      ->check(CLI::IsMember({"table", "json"}).description(""));
+  command
+      .add_option_function<std::string>(
+          "--sort",
+          [&format, columns](const std::string& text) { format.sort = ParseSort(text, columns); },
+          "Sort by this column; - before it: backwards")
+      ->type_name("[-]COLUMN");
 }
 
 }  // namespace ZorvSnapUsage

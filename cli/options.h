@@ -5,7 +5,8 @@
 #include <string>
 
 #include "cli/launch.h"
-#include "cli/report.h"
+#include "cli/output_format.h"
+#include "cli/table.h"
 
 namespace CLI {
 class App;
@@ -19,8 +20,9 @@ void AddShareArgument(CLI::App& command, std::string& share);
 // SHARE [SNAPSHOT...] [--since T] [--until T]
 void AddSelection(CLI::App& command, Selection& selection);
 
-// [--raw] [--format table|json]
-void AddReportFormat(CLI::App& command, ReportFormat& format);
+// [-H] [--raw | --iec | --si] [--format table|json] [--sort=[+-]COLUMN], for a command that prints
+// a table of these columns. Sets `format.color` as well, by what standard output is.
+void AddOutputFormat(CLI::App& command, OutputFormat& format, const Columns& columns);
 
 }  // namespace ZorvSnapUsage
 

@@ -1,15 +1,14 @@
 #include "cli/progress.h"
 
 #include <fmt/format.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <utility>
 
 #include "cli/standard_streams.h"
+#include "cli/terminal.h"
 #include "cli/text.h"
+#include "cli/units.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -18,22 +17,10 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kLineInterval{5};
 
-bool CanRedraw() {
-  const char* const terminal = getenv("TERM");
-  return isatty(STDERR_FILENO) == 1 && (terminal == nullptr || strcmp(terminal, "dumb") != 0);
-}
-
-// Asked each time, because a window may be resized.
-size_t TerminalColumns() {
-  winsize size{};
-  if (ioctl(STDERR_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
-  return size.ws_col;
-}
-
 }  // namespace
 
 Progress::Progress(std::string share, bool quiet)
-    : share_(std::move(share)), quiet_(quiet), redraw_(CanRedraw()) {}
+    : share_(std::move(share)), quiet_(quiet), redraw_(UnderstandsControls(STDERR_FILENO)) {}
 
 Progress::~Progress() { Clear(); }
 
@@ -42,7 +29,7 @@ void Progress::Show(const Calculation& calculation) {
   if (redraw_) {
     // A line as wide as the terminal would wrap. The cursor goes back to its beginning, so that
     // what the calculation itself says there does not stand behind it.
-    const std::string line = CutToColumns(Line(calculation), TerminalColumns() - 1);
+    const std::string line = CutToColumns(Line(calculation), ColumnsOfTerminal(STDERR_FILENO) - 1);
     ToStandardError(fmt::format("\r\033[K{}\r", line));
     drawn_ = true;
   } else if (calculation.pid && steady_clock::now() >= nextLine_) {
@@ -66,9 +53,9 @@ std::string Progress::Line(const Calculation& calculation) const {
   const auto elapsed =
       std::chrono::duration_cast<std::chrono::seconds>(steady_clock::now() - begin_).count();
   return fmt::format("{}: read {}, exclusive so far {}, {}  {}", calculation.stateWord,
-                     HumanBytes(calculation.processedBytes.value_or(0)),
-                     HumanBytes(calculation.exclusiveBytes.value_or(0)), ElapsedText(elapsed),
-                     Escaped(share_));
+                     BytesText(calculation.processedBytes.value_or(0), Units::kIec),
+                     BytesText(calculation.exclusiveBytes.value_or(0), Units::kIec),
+                     ElapsedText(elapsed), Escaped(share_));
 }
 
 }  // namespace ZorvSnapUsage

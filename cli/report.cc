@@ -1,8 +1,6 @@
 #include "cli/report.h"
 
 #include <fmt/format.h>
-#include <json/writer.h>
-#include <stdio.h>
 #include <syslog.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 
@@ -12,6 +10,8 @@
 
 #include "cli/calculation.h"
 #include "cli/failure.h"
+#include "cli/json_output.h"
+#include "cli/standard_streams.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
@@ -21,7 +21,6 @@ namespace {
 
 using ZorvBtrfsUsage::ShareSnapUsageCal;
 
-// Changed when a member changes its meaning or goes; new members do not change it.
 constexpr int kJsonVersion = 1;
 
 // The name under which the latest calculation measured a subvolume; empty when it did not. Asked
@@ -45,73 +44,39 @@ ReportRow RowOf(const std::string& share, unsigned long long subvolumeID,
   return row;
 }
 
-std::string BytesText(unsigned long long bytes, const ReportFormat& format) {
-  return format.raw ? std::to_string(bytes) : HumanBytes(bytes);
-}
-
-std::string NameText(const ReportRow& row) {
-  if (row.present) return Escaped(row.name);
-  return row.name.empty() ? "(deleted)" : Escaped(row.name) + " (deleted)";
-}
-
-// The columns of one line; the name, whose width nobody knows, is the last one.
-using Line = std::vector<std::string>;
-
-void PrintTable(const std::vector<Line>& lines) {
-  std::vector<size_t> widths(lines.front().size() - 1, 0);
-  for (const Line& line : lines)
-    for (size_t i = 0; i < widths.size(); ++i) widths[i] = std::max(widths[i], line[i].size());
-  for (const Line& line : lines) {
-    for (size_t i = 0; i < widths.size(); ++i) fmt::print("{:>{}}  ", line[i], widths[i]);
-    fmt::print("{}\n", line.back());
-  }
-}
-
-void PrintForPeople(const Report& report, const ReportFormat& format) {
-  fmt::print("share {}, calculated {}\n\n", Escaped(report.share),
-             TimeForPeople(report.calculated));
-  std::vector<Line> lines = {{"EXCLUSIVE", "RUNNING TOTAL", "ID", "TIME", "SNAPSHOT"}};
+Table TableOf(const Report& report) {
+  Table table(ReportColumns());
   for (const ReportRow& row : report.rows)
-    lines.push_back({BytesText(row.exclusiveBytes, format),
-                     BytesText(row.runningTotalBytes, format), std::to_string(row.subvolumeID),
-                     row.time ? TimeForPeople(*row.time) : "-", NameText(row)});
-  PrintTable(lines);
+    table.Add({Cell::Bytes(row.exclusiveBytes), Cell::Bytes(row.runningTotalBytes),
+               Cell::Number(row.subvolumeID), Cell::Time(row.time), Cell::Flag(row.present),
+               Cell::Text(row.name, row.present ? Tone::kPlain : Tone::kFaint,
+                          row.present ? "" : "deleted")});
+  return table;
 }
 
-Json::Value Names(const std::vector<std::string>& names) {
-  Json::Value array(Json::arrayValue);
-  for (const std::string& name : names) array.append(ValidUtf8(name));
-  return array;
+std::string Completeness(const Report& report) {
+  if (report.missing.empty()) return "complete";
+  return fmt::format("{} of {} snapshots are missing", report.missing.size(),
+                     report.missing.size() + report.rows.size());
 }
 
-Json::Value RowJson(const ReportRow& row) {
-  Json::Value value;
-  value["name"] = row.name.empty() ? Json::Value() : Json::Value(ValidUtf8(row.name));
-  value["present"] = row.present;
-  value["time"] = row.time ? Json::Value(TimeForPrograms(*row.time)) : Json::Value();
-  value["timestamp"] = row.time ? Json::Value(Json::Int64{*row.time}) : Json::Value();
-  value["subvolume_id"] = Json::UInt64{row.subvolumeID};
-  value["exclusive"] = Json::UInt64{row.exclusiveBytes};
-  value["running_total"] = Json::UInt64{row.runningTotalBytes};
-  return value;
+void PrintForPeople(const Report& report, const OutputFormat& format) {
+  if (!format.plain)
+    ToStandardOutput(fmt::format("share {}, calculated {}, {}\n\n", Escaped(report.share),
+                                 TimeForPeople(report.calculated), Completeness(report)));
+  ToStandardOutput(TableOf(report).Text(format));
 }
 
-void PrintForPrograms(const Report& report) {
-  Json::Value value;
-  value["__header"]["version"] = kJsonVersion;
-  value["share"] = ValidUtf8(report.share);
-  value["task_id"] = ValidUtf8(report.taskID);
-  value["calculated"] = TimeForPrograms(report.calculated);
-  value["calculated_timestamp"] = Json::Int64{report.calculated};
-  value["complete"] = report.missing.empty();
-  value["missing"] = Names(report.missing);
-  value["not_measured"] = Names(report.notMeasured);
-  value["snapshots"] = Json::Value(Json::arrayValue);
-  for (const ReportRow& row : report.rows) value["snapshots"].append(RowJson(row));
-  Json::StreamWriterBuilder writer;
-  writer["indentation"] = "  ";
-  writer["emitUTF8"] = true;
-  fmt::print("{}\n", Json::writeString(writer, value));
+void PrintForPrograms(const Report& report, const OutputFormat& format) {
+  Json::Value document = NewDocument(kJsonVersion);
+  document["share"] = ValidUtf8(report.share);
+  document["task_id"] = ValidUtf8(report.taskID);
+  SetTime(document, "calculated", report.calculated);
+  document["complete"] = report.missing.empty();
+  document["missing"] = NamesJson(report.missing);
+  document["not_measured"] = NamesJson(report.notMeasured);
+  document["snapshots"] = TableOf(report).Rows(format);
+  PrintJson(document);
 }
 
 std::string Listed(const std::vector<std::string>& names) {
@@ -157,9 +122,19 @@ std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
   return asked;
 }
 
-void Print(const Report& report, const ReportFormat& format) {
+const Columns& ReportColumns() {
+  static const Columns columns = {{"exclusive", "EXCLUSIVE"},
+                                  {"running_total", "RUNNING TOTAL"},
+                                  {"subvolume_id", "ID"},
+                                  {"time", "TIME"},
+                                  {"present", ""},
+                                  {"name", "SNAPSHOT"}};
+  return columns;
+}
+
+void Print(const Report& report, const OutputFormat& format) {
   if (format.json)
-    PrintForPrograms(report);
+    PrintForPrograms(report, format);
   else
     PrintForPeople(report, format);
 }

@@ -8,16 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "cli/output_format.h"
 #include "cli/results.h"
 #include "cli/share.h"
+#include "cli/table.h"
 
 namespace ZorvSnapUsage {
-
-// How results are printed.
-struct ReportFormat {
-  bool raw = false;   // bytes instead of human sizes
-  bool json = false;  // for programs
-};
 
 // One snapshot of the result.
 struct ReportRow {
@@ -48,8 +44,11 @@ Report MakeReport(const std::string& share, const Result& result,
 std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
                                const std::vector<Snapshot>& present);
 
+// The columns of a printed report.
+const Columns& ReportColumns();
+
 // Prints to standard output; names of missing and not measured snapshots in the JSON form only.
-void Print(const Report& report, const ReportFormat& format);
+void Print(const Report& report, const OutputFormat& format);
 
 // Gives up with the names of the missing snapshots when there are any.
 void RequireComplete(const Report& report);

@@ -21,6 +21,12 @@ inline bool HoldStandardStreams() {
   return true;
 }
 
+// Prints to standard output. What cannot be written is noticed at the end of the program (see
+// fflush in main).
+inline void ToStandardOutput(const std::string& text) {
+  (void)fwrite(text.data(), 1, text.size(), stdout);
+}
+
 // Says something on standard error. What cannot be written there is lost, and nothing else: a full
 // disk under a log is no reason to leave a calculation alone.
 inline void ToStandardError(const std::string& text) {

@@ -131,24 +131,18 @@ std::string CutToColumns(const std::string& text, size_t columns) {
   return text.substr(0, text.size() - rest.size());
 }
 
-std::string HumanBytes(unsigned long long bytes) {
-  constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
-  if (bytes < 1024) return fmt::format("{} B", bytes);
-  double value = static_cast<double>(bytes);
-  size_t unit = 0;
-  // Compared with what would be printed as 1024.00, so that 1023.999 MiB reads 1.00 GiB.
-  while (value >= 1023.995 && unit + 1 < std::size(kUnits)) {
-    value /= 1024;
-    ++unit;
-  }
-  return fmt::format("{:.2f} {}", value, kUnits[unit]);
-}
-
 std::string ElapsedText(long seconds) {
   const long hours = seconds / 3600;
   const long minutes = seconds / 60 % 60;
   if (hours > 0) return fmt::format("{}:{:02}:{:02}", hours, minutes, seconds % 60);
   return fmt::format("{}:{:02}", minutes, seconds % 60);
+}
+
+std::string SpanText(long seconds) {
+  const long minutes = seconds / 60, hours = minutes / 60, days = hours / 24;
+  if (days > 0) return fmt::format("{} d {} h", days, hours % 24);
+  if (hours > 0) return fmt::format("{} h {} min", hours, minutes % 60);
+  return minutes > 0 ? fmt::format("{} min", minutes) : fmt::format("{} s", seconds);
 }
 
 }  // namespace ZorvSnapUsage

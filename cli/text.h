@@ -25,11 +25,11 @@ size_t ColumnsAtMost(const std::string& text);
 // The longest beginning of the text that fits into so many columns.
 std::string CutToColumns(const std::string& text, size_t columns);
 
-// 1023 B, 1.25 GiB: three significant digits or more, powers of 1024.
-std::string HumanBytes(unsigned long long bytes);
-
 // Seconds as 0:07, 12:34 or 1:02:03.
 std::string ElapsedText(long seconds);
+
+// Seconds as 42 s, 12 min, 3 h 5 min or 4 d 3 h: how long ago something was.
+std::string SpanText(long seconds);
 
 }  // namespace ZorvSnapUsage
 

@@ -81,8 +81,8 @@ TEST_F(CmdRunSelection, TableForPeople) {
   const CommandResult result = Tool({"run", "photos", "--quiet"});
   EXPECT_EQ(0, result.status);
   EXPECT_EQ("", result.err);
-  EXPECT_THAT(result.out,
-              testing::MatchesRegex("share photos, calculated ....-..-.. ..:..:..\n\n.*"));
+  EXPECT_THAT(result.out, testing::MatchesRegex(
+                              "share photos, calculated ....-..-.. ..:..:.., complete\n\n.*"));
   EXPECT_EQ(
       "EXCLUSIVE  RUNNING TOTAL   ID                 TIME  SNAPSHOT\n"
       " 1.25 KiB       1.25 KiB  257  2024-03-01 09:04:09  GMT-2024.03.01-09.04.09\n"
@@ -99,6 +99,14 @@ TEST_F(CmdRunSelection, RawBytes) {
       "     2580           5150  258  2024-03-02 09:04:09  GMT-2024.03.02-09.04.09\n"
       "     2590           7740  259                    -  by hand\n",
       result.out.substr(result.out.find("EXCLUSIVE")));
+}
+
+TEST_F(CmdRunSelection, TableForScripts) {
+  EXPECT_EQ(
+      "2570\t2570\t257\t2024-03-01T09:04:09+00:00\tGMT-2024.03.01-09.04.09\n"
+      "2580\t5150\t258\t2024-03-02T09:04:09+00:00\tGMT-2024.03.02-09.04.09\n"
+      "2590\t7740\t259\t-\tby hand\n",
+      MustRun(Argv({"run", "photos", "-H", "--quiet"})));
 }
 
 TEST_F(CmdRunSelection, NameWithABlankAndUtf8) {

@@ -86,6 +86,68 @@ TEST_F(CmdShow, LargestNumbersStayExact) {
   EXPECT_THAT(text, HasSubstr("\"exclusive\" : 9007199254740993,"));
 }
 
+TEST_F(CmdShow, SortsTablesAndJson) {
+  FakeEngine(
+      "echo \"subvol($1) 5 bytes\"; echo \"subvol($2) 7 bytes\"; echo \"subvol($3) 6 bytes\"\n");
+  RunOnce();
+  const auto names = [](const std::string& sort) {
+    const Json::Value shown =
+        ParseJson(MustRun(Argv({"show", "photos", "--format", "json", "--sort=" + sort})));
+    std::vector<std::string> order;
+    for (const Json::Value& row : shown["snapshots"]) order.push_back(row["name"].asString());
+    return order;
+  };
+  using Names = std::vector<std::string>;
+  EXPECT_EQ((Names{kFirst, kNoTime, kSecond}), names("exclusive"));
+  EXPECT_EQ((Names{kSecond, kNoTime, kFirst}), names("-exclusive"));
+  EXPECT_EQ((Names{kSecond, kFirst, kNoTime}), names("-time")) << "the unknown last";
+  EXPECT_THAT(MustRun(Argv({"show", "photos", "-H", "--sort=+name"})),
+              testing::MatchesRegex("5\t5\t.*\n7\t12\t.*\n6\t18\t.*by hand\n"));
+}
+
+TEST_F(CmdShow, ColumnThatThereIsNot) {
+  const CommandResult result = Tool({"show", "photos", "--sort=-exlusive"});
+  EXPECT_EQ(2, result.status);
+  EXPECT_THAT(result.err, HasSubstr("there is no column 'exlusive', did you mean 'exclusive'?"));
+  EXPECT_THAT(Tool({"show", "photos", "--sort=zzz"}).err,
+              HasSubstr("there is no column 'zzz', there are exclusive, running_total, "
+                        "subvolume_id, time, present, name"));
+}
+
+TEST_F(CmdShow, UnitsAsAskedFor) {
+  FakeEngine("for id; do echo \"subvol($id) 1000000 bytes\"; done\n");
+  RunOnce();
+  const auto first = [](const std::vector<std::string>& words) {
+    const std::string text = MustRun(Argv(words));
+    return text.substr(0, text.find('\t'));
+  };
+  EXPECT_EQ("1000000", first({"show", "photos", "-H"}));
+  EXPECT_EQ("976.56 KiB", first({"show", "photos", "-H", "--iec"}));
+  EXPECT_EQ("1.00 MB", first({"show", "photos", "-H", "--si"}));
+  EXPECT_THAT(Tool({"show", "photos", "--raw"}).out, HasSubstr("\n  1000000        1000000  "));
+  EXPECT_THAT(Tool({"show", "photos", "--si"}).out, HasSubstr("\n  1.00 MB        1.00 MB  "));
+  EXPECT_EQ(2, Tool({"show", "photos", "--si", "--raw"}).status) << "one of them";
+}
+
+TEST_F(CmdShow, ColorsAreForTerminalsThatWantThem) {
+  RunOnce();
+  volume_->DeleteSubvolume(std::string("photos/.snapshots/") + kFirst);
+  const struct {
+    std::vector<std::string> settings;
+    bool colors;
+  } cases[] = {{{}, true}, {{"NO_COLOR="}, true}, {{"NO_COLOR=1"}, false}, {{"TERM=dumb"}, false}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.settings.empty() ? "" : c.settings[0]);
+    std::vector<std::string> argv = {"env", "-u", "NO_COLOR", "TERM=xterm"};
+    argv.insert(argv.end(), c.settings.begin(), c.settings.end());
+    for (const std::string& word : Argv({"show", "photos"})) argv.push_back(word);
+    const std::string shown = Background(argv, Background::Terminal{100}).Wait().out;
+    EXPECT_EQ(c.colors, shown.find("\x1b[1mEXCLUSIVE") != std::string::npos) << shown;
+    EXPECT_EQ(c.colors, shown.find("\x1b[") != std::string::npos) << shown;
+    EXPECT_THAT(ZorvTest::Run(argv).out, Not(HasSubstr("\x1b"))) << "a pipe never wants any";
+  }
+}
+
 TEST_F(CmdShow, RunUnderWayDoesNotHideTheLastResult) {
   RunOnce();
   WaitingEngine();

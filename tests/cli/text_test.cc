@@ -75,22 +75,20 @@ TEST(CutToColumns, NeverCutsACharacter) {
   EXPECT_EQ("", CutToColumns("写真", 0));
 }
 
-TEST(HumanBytes, PowersOf1024) {
-  const struct {
-    unsigned long long bytes;
-    const char* text;
-  } cases[] = {
-      {0, "0 B"},           {1023, "1023 B"},      {1024, "1.00 KiB"},
-      {1280, "1.25 KiB"},   {1048575, "1.00 MiB"}, {1ull << 40, "1.00 TiB"},
-      {~0ull, "16.00 EiB"},
-  };
-  for (const auto& c : cases) EXPECT_EQ(c.text, HumanBytes(c.bytes));
-}
-
 TEST(ElapsedText, MinutesAndHours) {
   EXPECT_EQ("0:07", ElapsedText(7));
   EXPECT_EQ("12:34", ElapsedText(754));
   EXPECT_EQ("1:02:03", ElapsedText(3723));
+}
+
+TEST(SpanText, TwoUnitsAtMost) {
+  const struct {
+    long seconds;
+    const char* text;
+  } cases[] = {{0, "0 s"},         {59, "59 s"},          {60, "1 min"},
+               {3599, "59 min"},   {3600, "1 h 0 min"},   {86399, "23 h 59 min"},
+               {86400, "1 d 0 h"}, {8640000, "100 d 0 h"}};
+  for (const auto& c : cases) EXPECT_EQ(c.text, SpanText(c.seconds));
 }
 
 }  // namespace
