@@ -80,7 +80,8 @@ TEST(Docs, LinksLeadSomewhere) {
   const std::regex link(R"(\]\(([^)#:]+)\))");
   for (const char* document :
        {"README.md", "docs/file-formats.md", "docs/kept-behaviour.md", "docs/adding-a.md",
-        "docs/testing.md", "docs/benchmarks.md", "docs/security.md"}) {
+        "docs/testing.md", "docs/benchmarks.md", "docs/security.md", "docs/concepts.md",
+        "docs/zorv-snapusage.md", "docs/engine.md"}) {
     const fs::path path = kSource + "/" + document;
     const std::string text = ReadFile(path);
     for (std::sregex_iterator at(text.begin(), text.end(), link), end; at != end; ++at)
