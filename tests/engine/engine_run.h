@@ -14,6 +14,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
 #include <random>
@@ -113,18 +114,23 @@ inline unsigned long long NumberOf(const EngineRun& run, const std::string& what
 // now, shows in which moments came too late.
 class RandomMoment {
  public:
-  // `longest` microseconds are what such a run is thought to take at first.
-  explicit RandomMoment(uint32_t longest = 5000) : longest_(longest) {}
+  // `longest` microseconds are what such a run is thought to take at first; `most`: runs that do
+  // not end by themselves are waited for no longer.
+  explicit RandomMoment(uint32_t longest = 5000, uint32_t most = 60000000)
+      : longest_(longest), most_(most) {}
 
   // Microseconds after which to look at the next run.
   useconds_t Next() { return static_cast<useconds_t>(random_() % longest_); }
 
   // Whether that run had not ended yet.
-  void WasMet(bool met) { longest_ = met ? longest_ + longest_ / 4 + 1 : longest_ - longest_ / 4; }
+  void WasMet(bool met) {
+    longest_ = met ? std::min(longest_ + longest_ / 4 + 1, most_) : longest_ - longest_ / 4;
+  }
 
  private:
   std::mt19937 random_{1};
   uint32_t longest_;
+  const uint32_t most_;
 };
 
 // An engine that runs while the test looks at it; its standard output is a pipe.

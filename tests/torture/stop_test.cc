@@ -26,7 +26,7 @@ namespace {
 using namespace ZorvBtrfsUsage;
 
 constexpr unsigned kWanted = 10000;  // runs of a long session
-constexpr unsigned kAtLeast = 60;    // runs of each kind, however short the time
+constexpr unsigned kAtLeast = 100;   // runs of each kind, however short the time
 constexpr int kLanes = 5;            // calculations at a time
 constexpr double kSoon = 1;
 
@@ -60,12 +60,16 @@ class Lane {
     if (cal.CreateTask(share_) != 0 || cal.Launch(nullptr, nullptr) != 0 || !FindTask())
       throw std::runtime_error("the calculation could not be started");
     const bool seen = WaitUntilItCanBeStopped();
-    if (seen) usleep(moment_.Next());
+    const bool atOnce = random_() % 4 == 0;  // the steps before the command is started are short
+    if (seen && !atOnce) usleep(moment_.Next());
+    const bool running = CommandRuns();
     const double asked = Seconds();
     Stop();
-    moment_.WasMet(!Ended());
+    if (!atOnce) moment_.WasMet(!Ended());
+    if (!WaitUntil([this] { return Ended(); })) GiveUp("it was stopped and has not ended");
+    const double took = Seconds() - asked;
     const int code = WaitForExit(calculator_);
-    NoteTime(Seconds() - asked);
+    NoteTime(took, running && code == 12);
     ++runs_.all;
     if (!seen) ++runs_.early;
     CheckEnd(code);
@@ -79,14 +83,12 @@ class Lane {
   }
 
   // False: it had ended by then.
-  bool WaitUntilItCanBeStopped() {
-    return WaitUntil([this] {
-             if (Ended()) return true;
-             std::error_code gone;
-             if (!std::filesystem::exists(TaskStatusPath(task_), gone)) return false;
-             return TaskPid() == std::to_string(calculator_);
-           }) &&
-           !Ended();
+  bool WaitUntilItCanBeStopped() const {
+    while (!Ended()) {
+      if (TaskPid() == std::to_string(calculator_)) return true;
+      usleep(100);
+    }
+    return false;
   }
 
   // Without the lock and without a word to the log: the file is replaced whole.
@@ -119,10 +121,18 @@ class Lane {
     }
   }
 
-  void NoteTime(double seconds) {
+  // Whether it waits for words of its command.
+  bool CommandRuns() const {
+    const std::string process = std::to_string(calculator_);
+    return !ReadFile("/proc/" + process + "/task/" + process + "/children").empty();
+  }
+
+  // Only what was stopped while its command ran (`inTheMiddle`) says how soon a stop is seen.
+  void NoteTime(double seconds, bool inTheMiddle) {
     Raise(runs_.slowestMs, static_cast<unsigned>(seconds * 1000));
-    lateInARow_ = seconds > kSoon ? lateInARow_ + 1 : 0;
-    if (seconds > kSoon) ++runs_.late;
+    const bool late = seconds > kSoon;
+    if (late) ++runs_.late;
+    if (late || inTheMiddle) lateInARow_ = late ? lateInARow_ + 1 : 0;
     Raise(runs_.inARowLate, lateInARow_);
   }
 
@@ -161,12 +171,19 @@ class Lane {
     ++runs_.left;
     fprintf(stderr, "%s: exit status %d, processes are left: %d, files are left: %d\n",
             share_.c_str(), code, !alone, files);
+    if (!alone) GiveUp("what is left would be found after each further run");
+  }
+
+  // Ends the lane, and with it the calculation with all that belongs to its session.
+  [[noreturn]] void GiveUp(const char* why) const {
+    (void)kill(-calculator_, SIGKILL);
+    throw std::runtime_error(why);
   }
 
   Runs& runs_;
   const std::string share_;
   std::mt19937 random_;
-  RandomMoment moment_{20000};
+  RandomMoment moment_{20000, 500000};
   PlatformHook<decltype(PLATCProcForkChildNoWait)> fork_{"PLATCProcForkChildNoWait"};
   pid_t calculator_ = -1;
   std::string task_;
