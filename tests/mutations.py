@@ -475,6 +475,15 @@ MUTATIONS = [
              "  const ScopedFileLock lock(ZLOG_HERE, ShareTaskLock(share), ScopedFileLock::kExclusive);\n"
              "  if (!lock.Held()) return RESULT_FAILURE;\n", "",
              "ManyAtOnce.OneOfTwentyClaimsAShare"),
+    Mutation("the-results-of-another-share-are-handed-over", SHARE,
+             "  const int code = FindTaskID(shareName, taskID, expired);\n"
+             "  if (code != RESULT_OK) return code;\n"
+             "  const std::string copy = ShareResultDir(shareName)",
+             "  const std::string other = shareName == \"share7\" ? \"share8\" : shareName;\n"
+             "  const int code = FindTaskID(other, taskID, expired);\n"
+             "  if (code != RESULT_OK) return code;\n"
+             "  const std::string copy = ShareResultDir(other)",
+             "FiftyShares.AreCalculatedRightWhileTheVolumeChanges"),
     Mutation("the-map-is-changed-under-a-shared-lock", SHARE,
              "  const ScopedFileLock lock(ZLOG_HERE, kShareMapLock, ScopedFileLock::kExclusive);\n",
              "  const ScopedFileLock lock(ZLOG_HERE, kShareMapLock, ScopedFileLock::kShared);\n",
@@ -863,6 +872,13 @@ MUTATIONS = [
              "  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);\n"
              "  if (fork() == 0) {\n    (void)close_range(0, ~0U, 0);\n    for (;;) (void)pause();\n  }\n",
              "StopCalculation.OfTheEngine"),
+    Mutation("an-extent-is-left-out-now-and-then", "engine/size/set_sums.cc",
+             "  if (!Counts(holder)) return;\n  Sum(holder, bytenr)->data += bytes;\n",
+             "  if (!Counts(holder)) return;\n"
+             "  timespec now;\n"
+             "  if (clock_gettime(CLOCK_MONOTONIC, &now) == 0 && now.tv_nsec % 256 == 0) return;\n"
+             "  Sum(holder, bytenr)->data += bytes;\n",
+             "FiftyShares.AreCalculatedRightWhileTheVolumeChanges"),
     Mutation("nobody-waits-for-its-turn", "engine/front.cc",
              "    waits_ = !turn_.HasCome();\n", "    waits_ = false;\n",
              "EngineTurn.WaitsSaysSoAndGoesOn FiftyShares.AreCalculatedRightWhileTheVolumeChanges"),

@@ -458,9 +458,14 @@ class FiftyShares : public ManyAtOnce {
         ShareSnapUsageCal::GetResultVtr(TASK_RESULT_OPT_RESULT, NameOf(share), usage) != 0 ||
         ids.size() != kSnapshots || usage.size() != kSnapshots)
       return kNoResult;
-    for (int n = 0; n < kSnapshots; ++n)
-      if (right.at(ids[n]) != usage[n]) return kWrong;
-    return kRight;
+    // Of its own snapshots: those of another share may be right as well.
+    std::map<unsigned long long, unsigned long long> asked, given;
+    for (int n = 0; n < kSnapshots; ++n) {
+      const unsigned long long subvolume = RootId(paths[n]);
+      asked[subvolume] = right.at(subvolume);
+      given[ids[n]] = usage[n];
+    }
+    return given == asked ? kRight : kWrong;
   }
 
   // What the kernel says of the snapshots that are asked about.
