@@ -530,7 +530,7 @@ MUTATIONS = [
              "PLATCPclose.ASecond*"),
     Mutation("sigterm-is-let-in-after-the-fork", "platform/linux/fork.cc",
              "  (void)sigaddset(&stop, SIGTERM);\n", "",
-             "PLATCProcForkChildNoWait.* StopCalculation.OfAQuickCommand"),
+             "PLATCProcForkChildNoWait.*"),
     Mutation("buffered-output-is-written-twice", "platform/linux/fork.cc",
              "  (void)fflush(nullptr);\n", "",
              "PLATCProcForkChildNoWait.BufferedOutputIsWrittenOnce"),
@@ -866,7 +866,7 @@ MUTATIONS = [
              "StopReadingADeadDisk.EndsTheFront"),
     Mutation("the-worker-outlives-the-front", "engine/worker.cc",
              "  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);\n", "",
-             "Front.TheWorkerDiesWithIt StopCalculation.OfTheEngine"),
+             "Front.TheWorkerDiesWithIt"),
     Mutation("the-worker-leaves-a-process-behind", "engine/worker.cc",
              "  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);\n",
              "  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);\n"
