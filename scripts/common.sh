@@ -3,7 +3,7 @@
 PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 PACKAGES="g++ cmake ninja-build pkg-config libjsoncpp-dev libcli11-dev libfmt-dev liburing-dev
           libgtest-dev libgmock-dev btrfs-progs uuid-runtime python3 binutils mount util-linux procps
-          e2fsprogs pandoc man-db mandoc"
+          e2fsprogs pandoc man-db mandoc snapper jq"
 # With the init system the program is there; the package that has it alone would push that out.
 command -v systemd-tmpfiles >/dev/null || PACKAGES="$PACKAGES systemd-standalone-tmpfiles"
 
