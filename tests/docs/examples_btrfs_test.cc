@@ -52,6 +52,50 @@ TEST_F(Examples, CallerPrintsWhatTheKernelSays) {
   EXPECT_EQ(expected, printed);
 }
 
+// The program where its examples look for it.
+class WarningExample : public Examples {
+ protected:
+  WarningExample() {
+    fs::remove_all("/usr/local/zorvbtrfssnapusage");
+    fs::create_symlink(ZORV_CLI_PATH, "/usr/bin/zorv-snapusage");
+    fs::create_directory("/volume1/photos/.snapshots");
+  }
+  ~WarningExample() override { fs::remove("/usr/bin/zorv-snapusage"); }
+
+  static CommandResult Warn(const std::string& limit) {
+    return ZorvTest::Run({kExamples + "warn-of-snapshots", "photos", limit});
+  }
+};
+
+TEST_F(WarningExample, NamesTheLargestBeyondTheLimit) {
+  // Sizes whose order is not that of the snapshots.
+  const std::pair<const char*, size_t> snapshots[] = {
+      {"one", 2 * kMiB}, {"tw\no", 5 * kMiB}, {"three", 1 * kMiB}, {"four", 3 * kMiB}};
+  for (const auto& [name, bytes] : snapshots) {
+    WriteRandom("/volume1/photos/" + std::string(name), bytes, 1);
+    volume_.Snapshot("photos", std::string("photos/.snapshots/") + name);
+    fs::remove(std::string("/volume1/photos/") + name);
+  }
+  Commit("/volume1");
+  MustRun({"zorv-snapusage", "run", "photos", "--quiet"});
+
+  const CommandResult quiet = Warn("12M");
+  EXPECT_EQ(0, quiet.status);
+  EXPECT_EQ("", quiet.out + quiet.err);
+
+  const CommandResult warned = Warn("11M");
+  EXPECT_EQ(1, warned.status);
+  EXPECT_EQ("", warned.err);
+  EXPECT_THAT(warned.out, HasSubstr("photos: snapshots hold at least 12MiB, more than 11MiB "));
+  EXPECT_THAT(warned.out, testing::ContainsRegex("MiB  tw[?]o\n .*MiB  four\n .*MiB  one\n$"));
+}
+
+TEST_F(WarningExample, NoResultIsNoSilence) {
+  const CommandResult warned = Warn("1M");
+  EXPECT_EQ(10, warned.status);
+  EXPECT_THAT(warned.err, HasSubstr("there is no result of share 'photos'"));
+}
+
 // Snapshots as snapper makes them, some of them long ago.
 class SnapperExample : public Examples {
  protected:
