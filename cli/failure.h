@@ -6,6 +6,7 @@
 #include <string>
 
 #include "cli/exit_status.h"
+#include "cli/room.h"
 
 namespace ZorvSnapUsage {
 
@@ -25,9 +26,13 @@ class Failure : public std::runtime_error {
   ExitStatus status_;
 };
 
-// The failure of a library or system call that has no meaning of its own.
-inline Failure SystemFailure(const std::string& what) {
-  return Failure(kSystemFailure, what, "the system log says why (journalctl -t zorv-snapusage)");
+// The failure of a library or system call that has no meaning of its own; a full file system is
+// the reason that can be seen.
+inline Failure SystemFailure(
+    const std::string& what,
+    const char* next = "the system log says why (journalctl -t zorv-snapusage)") {
+  const std::string full = NextWhereFull();
+  return Failure(kSystemFailure, what, full.empty() ? next : full);
 }
 
 }  // namespace ZorvSnapUsage

@@ -6,7 +6,9 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <optional>
 
 #include "base/paths.h"
@@ -19,12 +21,19 @@ namespace ZorvSnapUsage {
 namespace {
 
 using namespace ZorvBtrfsUsage;
+namespace fs = std::filesystem;
 
 constexpr mode_t kRootOnly = 0700;
+constexpr mode_t kRootWrites = 0755;
 constexpr mode_t kOthersMayWrite = S_IWGRP | S_IWOTH;
 
-// The directories above the roots.
-constexpr const char* kAbove[] = {"/", "/run", "/run/lock", "/usr", "/usr/local"};
+// What the roots lie in.
+constexpr char kAboveRun[] = "/run";
+constexpr char kAboveLocks[] = "/run/lock";
+constexpr char kAbovePersistent[] = "/usr/local";
+
+// As many as the kernel follows in one path.
+constexpr int kMostLinks = 40;
 
 constexpr const char* kVolatileRoots[] = {kRunDir, kLockDir};
 
@@ -33,13 +42,13 @@ constexpr const char* kFixedDirs[] = {
     kShareTaskLockDir, kShareTaskStatusLockDir, kShareTaskStatusDir, kShareTaskResultDir};
 
 Failure CannotBe(const std::string& path, const char* done) {
-  return Failure(kSystemFailure, fmt::format("{} cannot be {} ({})", path, done, strerror(errno)),
-                 "see to the directory and to the file system that holds it");
+  return SystemFailure(fmt::format("{} cannot be {} ({})", path, done, strerror(errno)),
+                       "see to the directory and to the file system that holds it");
 }
 
-// An open directory. Nothing: it is not there.
-std::optional<UniqueFd> OpenDirectory(const std::string& path, int links) {
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | links));
+// An open directory, no link. Nothing: it is not there.
+std::optional<UniqueFd> OpenDirectory(const std::string& path) {
+  UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW));
   if (fd.Valid()) return fd;
   if (errno == ENOENT) return std::nullopt;
   const int error = errno;
@@ -56,18 +65,55 @@ struct stat StatusOf(const UniqueFd& fd, const std::string& path) {
   return status;
 }
 
-// A directory above a root: whoever may exchange entries of it could put another root in place.
 // Writable by its group is the system's decision: that group is trusted with /usr/local.
-void RequireSafeAbove(const std::string& path) {
-  const std::optional<UniqueFd> fd = OpenDirectory(path, /*links=*/0);
-  if (!fd) {
-    errno = ENOENT;
-    throw CannotBe(path, "opened");
-  }
-  const struct stat status = StatusOf(*fd, path);
-  RequireOwnedByRoot(path, status);
+void RequireNobodyExchangesIn(const fs::path& directory, const struct stat& status) {
   if ((status.st_mode & S_IWOTH) != 0 && (status.st_mode & S_ISVTX) == 0)
-    throw Untrusted(path, "can be changed by everybody", "set its mode: chmod o-w " + path);
+    throw Untrusted(directory, "can be changed by everybody",
+                    "set its mode: chmod o-w " + ShellWord(directory));
+}
+
+// What a link says, as a path from the root on.
+fs::path LedTo(const fs::path& link) {
+  std::error_code error;
+  const fs::path target = fs::read_symlink(link, error);
+  if (!error) return link.parent_path() / target;
+  errno = error.value();
+  throw CannotBe(link, "read");
+}
+
+// The directory that a root lies in, from "/" on: whoever may exchange an entry on the way could
+// put another root in place. Links are followed one by one, so that each directory that a link
+// stands in or leads through is looked at as well.
+void RequireSafeWay(const fs::path& path, int linksLeft = kMostLinks) {
+  fs::path way;
+  for (auto step = path.begin(); step != path.end(); ++step) {
+    // What stands before ".." has been looked at, and is no link.
+    if (*step == "..")
+      way = way.parent_path();
+    else if (!step->empty() && *step != ".")
+      way /= *step;
+    struct stat status;
+    if (lstat(way.c_str(), &status) != 0) throw CannotBe(way, "opened");
+    RequireOwnedByRoot(way, status);
+    if (S_ISLNK(status.st_mode)) {
+      errno = ELOOP;
+      if (linksLeft == 0) throw CannotBe(path, "opened");
+      fs::path rest = LedTo(way);
+      while (++step != path.end()) rest /= *step;
+      return RequireSafeWay(rest, linksLeft - 1);
+    }
+    if (!S_ISDIR(status.st_mode)) throw Untrusted(way, IsA(status), kLookAndRemove);
+    RequireNobodyExchangesIn(way, status);
+  }
+}
+
+// A machine without systemd, or a container, may have none. Not open to everybody, as some systems
+// have it: who else needs that says so at boot.
+void MakeAboveLocks() {
+  if (mkdir(kAboveLocks, kRootWrites) == 0)
+    syslog(LOG_NOTICE, "%s was missing and has been made, mode %04o", kAboveLocks, kRootWrites);
+  else if (errno != EEXIST)
+    throw CannotBe(kAboveLocks, "made");
 }
 
 void RequireRootOnly(const UniqueFd& fd, const std::string& path) {
@@ -80,10 +126,10 @@ void RequireRootOnly(const UniqueFd& fd, const std::string& path) {
 }
 
 UniqueFd MakeOrOpen(const std::string& path) {
-  std::optional<UniqueFd> fd = OpenDirectory(path, O_NOFOLLOW);
+  std::optional<UniqueFd> fd = OpenDirectory(path);
   if (fd) return std::move(*fd);
   if (mkdir(path.c_str(), kRootOnly) != 0 && errno != EEXIST) throw CannotBe(path, "made");
-  fd = OpenDirectory(path, O_NOFOLLOW);
+  fd = OpenDirectory(path);
   if (fd) return std::move(*fd);
   errno = ENOENT;
   throw CannotBe(path, "opened");
@@ -101,7 +147,9 @@ void CloseToOthers(const UniqueFd& fd, const std::string& path) {
 }  // namespace
 
 void RequireSafeRoots() {
-  for (const char* path : kAbove) RequireSafeAbove(path);
+  RequireSafeWay(kAboveRun);
+  MakeAboveLocks();
+  for (const char* above : {kAboveLocks, kAbovePersistent}) RequireSafeWay(above);
   for (const char* path : kVolatileRoots) {
     const UniqueFd fd = MakeOrOpen(path);
     RequireRootOnly(fd, path);
@@ -112,8 +160,7 @@ void RequireSafeRoots() {
 }
 
 void RequireSafeDirectory(const std::string& path) {
-  if (const std::optional<UniqueFd> fd = OpenDirectory(path, O_NOFOLLOW))
-    RequireRootOnly(*fd, path);
+  if (const std::optional<UniqueFd> fd = OpenDirectory(path)) RequireRootOnly(*fd, path);
 }
 
 }  // namespace ZorvSnapUsage

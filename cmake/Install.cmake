@@ -9,6 +9,7 @@ install(TARGETS zorv_btrfs_engine RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(TARGETS zorv-snapusage RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # In lib whatever the architecture: the one place below a prefix where it is looked for.
 install(FILES packaging/tmpfiles.d/zorvbtrfssnapusage.conf DESTINATION lib/tmpfiles.d)
+install(FILES packaging/systemd/run-lock-zorvbtrfssnapusage.mount DESTINATION lib/systemd/system)
 install(DIRECTORY include/zorvbtrfssnapusage platform/include/zorvplatform
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.h)
 

@@ -91,7 +91,8 @@ TEST_F(Install, PutsEveryPartInItsPlace) {
   for (const char* file : {"/opt/zorv/bin/zorv-snapusage", "/opt/zorv/sbin/btrfs",
                            "/opt/zorv/include/zorvbtrfssnapusage/share_snap_usage_cal.h",
                            "/opt/zorv/include/zorvplatform/platc.h",
-                           "/opt/zorv/lib/tmpfiles.d/zorvbtrfssnapusage.conf"})
+                           "/opt/zorv/lib/tmpfiles.d/zorvbtrfssnapusage.conf",
+                           "/opt/zorv/lib/systemd/system/run-lock-zorvbtrfssnapusage.mount"})
     EXPECT_TRUE(fs::exists(file)) << file;
 }
 
