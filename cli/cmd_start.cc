@@ -1,7 +1,8 @@
 // zorv-snapusage start: calculate in the background.
-#include <errno.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <limits.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -13,13 +14,17 @@
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/options.h"
+#include "cli/standard_streams.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
 namespace {
 
-// What became of a launch, as it goes through the pipe: the exit status as one byte, then the line
-// to print, which says what was started or why nothing was.
+// What is said on the way, as it goes through the pipe, behind a byte that is no exit status.
+constexpr char kNote = '\xff';
+
+// What became of a launch, likewise: the exit status as one byte, then the line to print, which
+// says what was started or why nothing was.
 std::string OutcomeText(int status, const std::string& line) {
   return static_cast<char>(status) + line;
 }
@@ -55,33 +60,59 @@ void DieWith(pid_t parent) {
   DieWith(parent);
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) (void)dup2(null, stream);
+  gListener = [pipe](const std::string& text) {
+    const std::string note = kNote + text;
+    (void)!write(pipe, note.data(), note.size());
+  };
   const std::string outcome = TryLaunch(selection);
   (void)!write(pipe, outcome.data(), outcome.size());
   _exit(kOk);
 }
 
-// Also when SIGCHLD is ignored, and there is no status to be had.
-void WaitForEnd(pid_t pid) {
-  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) continue;
+// Passes on what the helper has said on the way; its outcome, empty when there is none yet.
+std::string TakeOutcome(int pipe) {
+  std::string outcome;
+  char packet[PIPE_BUF];
+  for (ssize_t length; (length = read(pipe, packet, sizeof packet)) > 0;) {
+    const std::string text(packet, static_cast<size_t>(length));
+    if (text[0] == kNote)
+      ToStandardError(text.substr(1));
+    else
+      outcome += text;
+  }
+  return outcome;
+}
+
+// What the helper has come to, at its end. Also when SIGCHLD is ignored, and there is no status to
+// be had.
+std::string Listen(pid_t helper, int pipe) {
+  constexpr int kLookMilliseconds = 100;
+  std::string outcome;
+  for (bool ended = false; !ended;) {
+    pollfd said = {pipe, POLLIN, 0};
+    if (outcome.empty()) (void)poll(&said, 1, kLookMilliseconds);
+    ended = waitpid(helper, nullptr, outcome.empty() ? WNOHANG : 0) != 0;
+    outcome += TakeOutcome(pipe);
+  }
+  return outcome;
 }
 
 // The calculation keeps every descriptor of the process that launches it, so that one is a helper
 // whose standard streams lead nowhere: a terminal or a pipe of ours is not held until the end of
-// the calculation. What the helper says is read after its end, not up to the end of the pipe, which
-// the calculation keeps open too.
+// the calculation. What the helper says is listened to until its end, not up to the end of the
+// pipe, which the calculation keeps open too. Each write to that pipe is read by itself.
 std::string LaunchInHelper(const Selection& selection) {
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) throw SystemFailure("no pipe could be made");
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK | O_DIRECT) != 0)
+    throw SystemFailure("no pipe could be made");
   const pid_t self = getpid();
   const pid_t helper = fork();
   if (helper < 0) throw SystemFailure("no process could be started");
   if (helper == 0) LaunchAndTell(selection, ends[1], self);
-  WaitForEnd(helper);
-  char outcome[8192];
-  const ssize_t length = read(ends[0], outcome, sizeof outcome);
+  const std::string outcome = Listen(helper, ends[0]);
   (void)close(ends[0]);
   (void)close(ends[1]);
-  return std::string(outcome, length > 0 ? static_cast<size_t>(length) : 0);
+  return outcome;
 }
 
 int Start(const Selection& selection) {

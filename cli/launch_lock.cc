@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <memory>
+#include <optional>
 
 #include "cli/failure.h"
 #include "cli/lock_wait.h"
@@ -27,10 +28,19 @@ std::string Held(const std::string& path) {
   return fmt::format("the lock {}, which another process holds", Quoted(path));
 }
 
-// As long as it takes: who holds it may be at work, and may have been stopped.
+// As long as it takes, as far as LockWait lets it.
 void WaitForLocksOf(const std::string& share) {
   LockWait wait;
-  for (std::string held; !(held = HeldLockOf(share)).empty();) wait.Pause(Held(held));
+  while (const std::optional<HeldLock> held = HeldLockOf(share))
+    wait.Pause(Held(held->path), held->holder);
+}
+
+// Nobody, when it has just been given back.
+pid_t HolderOf(const UniqueFd& fd) {
+  struct flock whole = {};
+  whole.l_type = F_WRLCK;
+  if (fcntl(fd.Get(), F_GETLK, &whole) != 0 || whole.l_type == F_UNLCK) return 0;
+  return whole.l_pid;
 }
 
 }  // namespace
@@ -43,7 +53,7 @@ LaunchLock::LaunchLock() : fd_(Open()) {
     if (errno != EAGAIN && errno != EACCES && errno != EINTR)
       throw Failure(kSystemFailure, fmt::format("{} cannot be locked ({})", kPath, strerror(errno)),
                     "see to /run");
-    wait.Pause("another launch or removal");
+    wait.Pause("another launch or removal", HolderOf(fd_));
   }
 }
 
@@ -51,7 +61,7 @@ std::unique_ptr<LaunchLock> LockLaunchesFor(const std::string& share) {
   for (;;) {
     WaitForLocksOf(share);
     auto lock = std::make_unique<LaunchLock>();
-    if (HeldLockOf(share).empty()) return lock;
+    if (!HeldLockOf(share)) return lock;
   }
 }
 

@@ -2,6 +2,8 @@
 #ifndef CLI_LOCK_WAIT_H_
 #define CLI_LOCK_WAIT_H_
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <string>
 
@@ -14,12 +16,16 @@ void RequireNotInterrupted();
 // One wait, in short pauses between looks at the lock; the caller looks.
 class LockWait {
  public:
-  // Until the next look. Gives up as RequireNotInterrupted does. From the first second on says
-  // once, on standard error, that it waits, and for what.
-  void Pause(const std::string& what);
+  // Until the next look. Gives up as RequireNotInterrupted does, and when the holder, a process
+  // number or what is none, has been stopped for ten seconds: it may never go on. From the first
+  // second on says once, on standard error, that it waits, and for what.
+  void Pause(const std::string& what, pid_t holder);
 
  private:
-  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+  using Clock = std::chrono::steady_clock;
+
+  const Clock::time_point begin_ = Clock::now();
+  Clock::time_point atWork_ = begin_;  // when the holder was last seen so
   bool said_ = false;
 };
 

@@ -113,11 +113,11 @@ void RequirePlainCommonFiles() {
   for (const char* lock : {kShareMapLock, kReminderLock}) RequirePlainLock(lock);
 }
 
-std::string HeldLockOf(const std::string& share) {
+std::optional<HeldLock> HeldLockOf(const std::string& share) {
   for (const std::string& lock :
        {std::string(kShareMapLock), ShareStatusLock(share), ShareTaskLock(share)})
-    if (HolderOf(lock) != 0) return lock;
-  return "";
+    if (const pid_t holder = HolderOf(lock); holder != 0) return HeldLock{lock, holder};
+  return std::nullopt;
 }
 
 void RequirePlainFilesOfShare(const std::string& share) {

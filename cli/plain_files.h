@@ -5,6 +5,9 @@
 #ifndef CLI_PLAIN_FILES_H_
 #define CLI_PLAIN_FILES_H_
 
+#include <sys/types.h>
+
+#include <optional>
 #include <string>
 
 namespace ZorvSnapUsage {
@@ -22,9 +25,14 @@ void RequirePlainCommonFiles();
 // The files of a share: its status, its locks, its result directory and everything in it.
 void RequirePlainFilesOfShare(const std::string& share);
 
-// A lock of all shares or of this one that the library would have to wait for; empty when there is
-// none, at the moment.
-std::string HeldLockOf(const std::string& share);
+// A lock that somebody holds.
+struct HeldLock {
+  std::string path;
+  pid_t holder;  // no process number: it cannot be told
+};
+
+// A lock of all shares or of this one that the library would have to wait for, at the moment.
+std::optional<HeldLock> HeldLockOf(const std::string& share);
 
 // The files of a task: its status, its results, their locks.
 void RequirePlainFilesOfTask(const std::string& taskID);

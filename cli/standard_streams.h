@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 namespace ZorvSnapUsage {
@@ -27,9 +28,14 @@ inline void ToStandardOutput(const std::string& text) {
   (void)fwrite(text.data(), 1, text.size(), stdout);
 }
 
+// Takes what is said on standard error, in a process whose own leads nowhere; none: it is said
+// there.
+inline std::function<void(const std::string&)> gListener;
+
 // Says something on standard error. What cannot be written there is lost, and nothing else: a full
 // disk under a log is no reason to leave a calculation alone.
 inline void ToStandardError(const std::string& text) {
+  if (gListener) return gListener(text);
   (void)fwrite(text.data(), 1, text.size(), stderr);
   (void)fflush(stderr);
 }

@@ -4,6 +4,8 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -266,6 +268,51 @@ TEST_F(CmdRunFailures, OneLaunchAtATime) {
   EXPECT_FALSE(std::filesystem::exists(kStatusOfPhotos));
   other.reset();
   EXPECT_EQ(0, run.Wait().status);
+}
+
+// A process that locks a file and is then stopped, until the object goes.
+class StoppedHolder {
+ public:
+  explicit StoppedHolder(const std::string& path) : pid_(fork()) {
+    if (pid_ == 0) {
+      const HeldLock held(path);
+      raise(SIGSTOP);
+      _exit(0);
+    }
+    (void)waitpid(pid_, nullptr, WUNTRACED);
+  }
+  ~StoppedHolder() {
+    kill(pid_, SIGKILL);
+    (void)waitpid(pid_, nullptr, 0);
+  }
+
+  std::string Pid() const { return std::to_string(pid_); }
+
+ private:
+  const pid_t pid_;
+};
+
+// It was waited for in silence, for ever.
+TEST_F(CmdRunFailures, LockOfAStoppedProcessIsNotWaitedForForEver) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  const struct {
+    std::string path, what;
+  } kCases[] = {
+      {kLaunchLock, "another launch or removal"},
+      {kClaimLock, "the lock '" + std::string(kClaimLock) + "', which another process holds"}};
+  for (const auto& c : kCases)
+    for (const char* command : {"run", "start"}) {
+      SCOPED_TRACE(c.path + ": " + command);
+      const StoppedHolder holder(c.path);
+      const CommandResult result =
+          ZorvTest::Run({"timeout", "40", ZORV_CLI_PATH, command, "photos"});
+      EXPECT_EQ(1, result.status);
+      EXPECT_EQ("zorv-snapusage: waiting for " + c.what + "\nzorv-snapusage: waited for " + c.what +
+                    " in vain: process " + holder.Pid() +
+                    " is stopped; let it go on with: kill -CONT " + holder.Pid() + "\n",
+                result.err);
+    }
+  EXPECT_EQ(0, Tool({"run", "photos"}).status) << "nothing holds the share";
 }
 
 // With all signals held back it waited for a lock of the library, or for who did so.

@@ -70,6 +70,18 @@ TEST_F(CmdStart, TakesTheSameSelectionAsRun) {
   EXPECT_EQ(kFirst, Shown()["snapshots"][0]["name"].asString());
 }
 
+// Its helper has no standard streams to say it.
+TEST_F(CmdStart, SaysWhatItWaitsFor) {
+  auto held = std::make_unique<HeldLock>(kLaunchLock);
+  Background start(Argv({"start", "photos"}));
+  EXPECT_TRUE(start.HasSaid("zorv-snapusage: waiting for another launch or removal\n"));
+  held.reset();
+  const CommandResult result = start.Wait();
+  EXPECT_EQ(0, result.status) << result.err;
+  EXPECT_EQ("started the calculation of 3 snapshots of share 'photos'\n", result.out);
+  ASSERT_TRUE(Settled());
+}
+
 // Its helper went on waiting, and began a calculation whenever the lock was free.
 TEST_F(CmdStart, KilledWhileItWaitsStartsNothing) {
   auto held = std::make_unique<HeldLock>(kLaunchLock);
