@@ -15,6 +15,7 @@
 #include "cli/plain_files.h"
 #include "cli/process_watch.h"
 #include "cli/share.h"
+#include "cli/share_map.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -130,6 +131,7 @@ std::string RequireRecordedTask(const std::string& share) {
   const std::optional<std::string> taskID = RecordedTask(share);
   if (taskID) return *taskID;
   RequireShare(share);
+  RequireMap();
   throw Failure(kNothingRecorded,
                 fmt::format("no calculation of share {} is recorded", Quoted(share)),
                 fmt::format("start one with: zorv-snapusage run {}", ShellWord(share)));

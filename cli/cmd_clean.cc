@@ -20,6 +20,7 @@
 #include "cli/plain_files.h"
 #include "cli/results.h"
 #include "cli/share.h"
+#include "cli/share_map.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
 
@@ -42,13 +43,6 @@ std::vector<std::string> RecordedShares() {
 bool IsRecorded(const std::string& share) {
   const std::vector<std::string> shares = RecordedShares();
   return std::find(shares.begin(), shares.end(), share) != shares.end();
-}
-
-// The library finds no share in a map of another kind, and never writes to it.
-void RequireMap() {
-  if (!RequirePlainFile(kShareMap) || Utils::GetJsonAttrByPath(kShareMap).isObject()) return;
-  throw Failure(kSystemFailure, fmt::format("{} is no map of shares", kShareMap),
-                fmt::format("look at what is in it, and remove it: rm {}", kShareMap));
 }
 
 bool UnderWay(const std::string& share, const std::optional<Calculation>& calculation) {
@@ -135,6 +129,7 @@ int CleanAllShares() {
   std::string busy;
   std::vector<std::string> impossible;
   const std::vector<std::string> shares = RecordedShares();
+  if (!shares.empty()) RequireWritableMap();
   for (const std::string& share : shares) {
     if (!CanBeShareName(share)) {
       impossible.push_back(share);

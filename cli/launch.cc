@@ -19,6 +19,7 @@
 #include "cli/leftovers.h"
 #include "cli/lock_wait.h"
 #include "cli/names.h"
+#include "cli/share_map.h"
 #include "cli/standard_streams.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
@@ -217,6 +218,7 @@ Launched Launch(const Selection& selection) {
   RequireEngine();
   const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(share);
   RequireIdle(share);
+  RequireWritableMap();
   RequireNotInterrupted();
   // A share that is claimed and not launched would stay busy for two minutes.
   const HeldSignals whole;

@@ -258,6 +258,32 @@ TEST_F(HostileMap, OneThatIsNoMapIsNotEmpty) {
   }
 }
 
+// It was taken for one without shares.
+TEST_F(HostileMap, DamagedOneIsSaid) {
+  const std::string damaged = std::string(kMap) + " is damaged, it is no JSON text; ";
+  for (const char* text : {"", "{", "{\"mail\"", "garbage"}) {
+    SCOPED_TRACE(text);
+    for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
+             {"clean"}, {"clean", "photos"}, {"status", "photos"}, {"stop", "photos"}}) {
+      SCOPED_TRACE(words[0]);
+      WriteFile(kMap, text);
+      const CommandResult result = Tool(words);
+      EXPECT_EQ(1, result.status);
+      EXPECT_EQ("", result.out);
+      EXPECT_EQ(
+          "zorv-snapusage: " + damaged + "look at what is in it, and remove it: rm " + kMap + "\n",
+          result.err);
+    }
+    const CommandResult run = Tool({"run", "photos", "--quiet"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ("zorv-snapusage: note: " + damaged +
+                  "what can be read of it is kept, the rest is lost when it is written\n",
+              run.err);
+    EXPECT_TRUE(ParseJson(ReadFile(kMap)).isMember("photos")) << "written anew";
+    fs::remove(kMap);
+  }
+}
+
 TEST_F(HostileMap, AnyTextInItIsSafe) {
   for (const char* text :
        {"", "null", "[]", "7", "\"photos\"", "{\"photos\":null}", "{\"photos\":[]}",
