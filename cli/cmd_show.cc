@@ -65,16 +65,31 @@ void PrintNotes(const Report& report, const std::optional<Calculation>& latest) 
         fmt::format("{} snapshots of the share are not in this result", report.notMeasured.size()));
 }
 
+// The share's snapshots; none when it has been deleted. Gives up when they cannot be listed.
+std::vector<Snapshot> PresentSnapshots(const std::string& share) {
+  if (!ShareMayExist(share)) return {};
+  RequireShare(share);
+  return SnapshotsOf(share);
+}
+
+// Results outlive their share, and are there when its snapshots cannot be listed for the moment.
+Report ReportOf(const std::string& share, const Result& result) {
+  try {
+    const std::vector<Snapshot> present = PresentSnapshots(share);
+    return MakeReport(share, result, present, AskedFor(share, result, present));
+  } catch (const Failure& failure) {
+    Note(fmt::format("which snapshots are still there cannot be told: {}", failure.what()));
+    return MakeReportAlone(share, result);
+  }
+}
+
 int Show(const ShowOptions& options) {
   const std::string& share = options.share;
   BeginWorkOn(share);
   const std::optional<Calculation> latest = LatestCalculation(share);
   const std::optional<Result> result = NewestResult(share);
   if (!result) RefuseWithoutResult(share, latest);
-  // Results outlive their share.
-  const std::vector<Snapshot> present =
-      ShareIsThere(share) ? SnapshotsOf(share) : std::vector<Snapshot>();
-  const Report report = MakeReport(share, *result, present, AskedFor(share, *result, present));
+  const Report report = ReportOf(share, *result);
   Print(report, options.format);
   PrintNotes(report, latest);
   RequireComplete(report);

@@ -38,19 +38,22 @@ ReportRow RowOf(const std::string& share, unsigned long long subvolumeID,
   ReportRow row;
   row.subvolumeID = subvolumeID;
   const auto found = present.find(subvolumeID);
-  row.present = found != present.end();
-  row.name = row.present ? found->second->name : RecordedName(share, subvolumeID);
-  row.time = row.present ? found->second->time : TimeInName(row.name);
+  const bool there = found != present.end();
+  row.present = there;
+  row.name = there ? found->second->name : RecordedName(share, subvolumeID);
+  row.time = there ? found->second->time : TimeInName(row.name);
   return row;
 }
 
 Table TableOf(const Report& report) {
   Table table(ReportColumns());
-  for (const ReportRow& row : report.rows)
+  for (const ReportRow& row : report.rows) {
+    const bool deleted = row.present == false;
     table.Add({Cell::Bytes(row.exclusiveBytes), Cell::Bytes(row.runningTotalBytes),
                Cell::Number(row.subvolumeID), Cell::Time(row.time), Cell::Flag(row.present),
-               Cell::Text(row.name, row.present ? Tone::kPlain : Tone::kFaint,
-                          row.present ? "" : "deleted")});
+               Cell::Text(row.name, deleted ? Tone::kFaint : Tone::kPlain,
+                          deleted ? "deleted" : "")});
+  }
   return table;
 }
 
@@ -110,6 +113,12 @@ Report MakeReport(const std::string& share, const Result& result,
     if (known.insert(snapshot.subvolumeID).second) report.missing.push_back(snapshot.name);
   for (const Snapshot& snapshot : present)
     if (known.insert(snapshot.subvolumeID).second) report.notMeasured.push_back(snapshot.name);
+  return report;
+}
+
+Report MakeReportAlone(const std::string& share, const Result& result) {
+  Report report = MakeReport(share, result, {}, {});
+  for (ReportRow& row : report.rows) row.present.reset();
   return report;
 }
 

@@ -19,7 +19,7 @@ namespace ZorvSnapUsage {
 struct ReportRow {
   std::string name;  // empty: nobody knows it any more
   std::optional<time_t> time;
-  bool present = true;  // the snapshot is still there
+  std::optional<bool> present = true;  // the snapshot is still there; nothing: it cannot be told
   unsigned long long subvolumeID = 0;
   unsigned long long exclusiveBytes = 0;
   unsigned long long runningTotalBytes = 0;  // this one and all before it, modulo 2^64
@@ -38,6 +38,9 @@ struct Report {
 // to measure.
 Report MakeReport(const std::string& share, const Result& result,
                   const std::vector<Snapshot>& present, const std::vector<Snapshot>& asked);
+
+// A result while nobody can tell which snapshots there are: names are those that are recorded.
+Report MakeReportAlone(const std::string& share, const Result& result);
 
 // Those of the present snapshots that the share's latest calculation was to measure, as far as it
 // is the one that the result is of; else none.

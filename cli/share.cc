@@ -1,13 +1,16 @@
 #include "cli/share.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <string.h>
 #include <zorvbtrfssnapusage/btrfs_tool.h>
 #include <zorvbtrfssnapusage/utils.h>
 #include <zorvplatform/share.h>
 
 #include <memory>
 
+#include "base/unique_fd.h"
 #include "cli/failure.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
@@ -36,6 +39,19 @@ std::string LastComponent(const std::string& path) { return path.substr(path.rfi
 bool IsGone(const std::string& path) {
   const int isSubvolume = BtrfsTool::SubvolTest(path.c_str());
   return isSubvolume == 0 || isSubvolume == -ENOENT || isSubvolume == -ENOTDIR;
+}
+
+// Why, where it can be seen: somebody may have mounted something over the directory that lets
+// nobody else in.
+Failure CannotBeListed(const std::string& share) {
+  const std::string what = fmt::format("the snapshots of share {} cannot be listed", Quoted(share));
+  const std::string directory = SnapshotDirectoryOf(share);
+  const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+  if (fd.Valid() || errno == ENOENT) return SystemFailure(what);
+  return Failure(
+      kSystemFailure,
+      fmt::format("{}, {} cannot be opened ({})", what, Quoted(directory), strerror(errno)),
+      fmt::format("see what is mounted there with: findmnt -T {}", ShellWord(directory)));
 }
 
 }  // namespace
@@ -67,8 +83,7 @@ bool ShareMayExist(const std::string& share) {
 
 std::vector<Snapshot> SnapshotsOf(const std::string& share) {
   StringList paths;
-  if (Utils::ShareSnapListGet(share, paths.Ref(), Json::Value()) != 0)
-    throw SystemFailure(fmt::format("the snapshots of share {} cannot be listed", Quoted(share)));
+  if (Utils::ShareSnapListGet(share, paths.Ref(), Json::Value()) != 0) throw CannotBeListed(share);
   std::vector<Snapshot> snapshots;
   for (const std::string& path : paths.Strings()) {
     const std::string name = LastComponent(path);

@@ -94,7 +94,11 @@ Cell Cell::Span(std::optional<long> seconds) {
   return cell;
 }
 
-Cell Cell::Flag(bool flag) { return Cell(Kind::kFlag, flag ? 1ull : 0ull); }
+Cell Cell::Flag(std::optional<bool> flag) {
+  Cell cell(Kind::kFlag, std::nullopt);
+  if (flag) cell.value_ = *flag ? 1ull : 0ull;
+  return cell;
+}
 
 Cell Cell::Text(std::string text, Tone tone, std::string note) {
   Cell cell(Kind::kText, std::nullopt);

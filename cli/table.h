@@ -36,7 +36,7 @@ class Cell {
   static Cell Span(std::optional<long> seconds);
 
   // "yes" or "no", true or false.
-  static Cell Flag(bool flag);
+  static Cell Flag(std::optional<bool> flag);
 
   // A word or a name; escaped where it is printed. `note`, such as "deleted", stands behind it in
   // brackets, in tables only. An empty text is an unknown one.

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "tests/cli/cli_world.h"
+#include "tests/platform/closed_mount.h"
 
 using namespace ZorvTest;
 namespace fs = std::filesystem;
@@ -227,6 +228,40 @@ TEST_F(CmdShow, ResultOfADeletedShare) {
   const CommandResult result = Tool({"show", "photos"});
   EXPECT_EQ(0, result.status);
   EXPECT_THAT(result.out, HasSubstr("by hand (deleted)\n"));
+}
+
+// The result was there, and was not shown.
+TEST_F(CmdShow, SnapshotsThatCannotBeListedDoNotHideTheResult) {
+  RunOnce();
+  const std::string directory = volume_->Path("photos/.snapshots");
+  const ClosedMount closed(directory);
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr(std::string(kFirst) + "\n"));
+  EXPECT_THAT(result.out, Not(HasSubstr("deleted")));
+  EXPECT_EQ(
+      "zorv-snapusage: note: which snapshots are still there cannot be told: the snapshots of "
+      "share 'photos' cannot be listed, '" +
+          directory + "' cannot be opened (Permission denied); see what is mounted there " +
+          "with: findmnt -T " + directory + "\n",
+      result.err);
+  EXPECT_TRUE(Shown()["snapshots"][0]["present"].isNull());
+}
+
+TEST_F(CmdShow, SnapshotsThatCannotBeListedAreNobodyElses) {
+  volume_->Subvolume("mail");
+  volume_->Snapshot("mail", "mail/.snapshots/one");
+  RunOnce();
+  const ClosedMount closed(volume_->Path("photos/.snapshots"));
+  const CommandResult run = Tool({"run", "photos"});
+  EXPECT_EQ(1, run.status);
+  EXPECT_THAT(run.err, HasSubstr("' cannot be opened (Permission denied); see what is mounted "));
+  EXPECT_EQ(0, Tool({"status", "photos"}).status);
+  EXPECT_EQ(0, Tool({"run", "mail"}).status);
+  EXPECT_EQ(0, Tool({"show", "mail"}).status);
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots\n",
+            Tool({"clean", "mail"}).out);
+  EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots\n", Tool({"clean"}).out);
 }
 
 TEST_F(CmdShow, FilesThatAreCutShortAreNoResult) {
