@@ -49,10 +49,10 @@ Table TableOf(const Report& report) {
   Table table(ReportColumns());
   for (const ReportRow& row : report.rows) {
     const bool deleted = row.present == false;
-    table.Add({Cell::Bytes(row.exclusiveBytes), Cell::Bytes(row.runningTotalBytes),
-               Cell::Number(row.subvolumeID), Cell::Time(row.time), Cell::Flag(row.present),
-               Cell::Text(row.name, deleted ? Tone::kFaint : Tone::kPlain,
-                          deleted ? "deleted" : "")});
+    table.Add(
+        {Cell::Bytes(row.exclusiveBytes), Cell::Bytes(row.runningTotalBytes),
+         Cell::Number(row.subvolumeID), Cell::Time(row.time), Cell::Flag(row.present),
+         Cell::Text(row.name, deleted ? Tone::kFaint : Tone::kPlain, deleted ? "deleted" : "")});
   }
   return table;
 }

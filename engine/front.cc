@@ -41,9 +41,6 @@ constexpr auto kWorkerEnd = std::chrono::milliseconds(1000);
 // than the time within which a reader that goes ends the engine.
 constexpr auto kLastRoom = std::chrono::milliseconds(150);
 
-// How often it is looked whether the turn has come.
-constexpr auto kTurnInterval = std::chrono::milliseconds(20);
-
 // What a wait has ended with.
 struct Woken {
   bool channel = false;     // the worker has said something, or has gone
@@ -86,7 +83,7 @@ class Front {
   int RunOrThrow() {
     Clock::time_point tick = Clock::now() + kProgressInterval;
     for (;;) {
-      const Woken woken = WaitUntil(waits_ ? std::min(tick, Clock::now() + kTurnInterval) : tick);
+      const Woken woken = WaitUntil(waits_ ? std::min(tick, Clock::now() + turn_.Nap()) : tick);
       if (woken.readerGone) return Leave();
       errors_.WriteWhatFits();
       if (waits_ && turn_.HasCome()) LetWorkerRead();

@@ -105,7 +105,8 @@ size_t Turn::Ahead() {
 }
 
 bool Turn::IsCountDue(Clock::time_point now) const {
-  return counted_.all <= kShortRow || now - looked_ >= kLongRowInterval;
+  if (counted_.all <= kShortRow) return true;
+  return now - looked_ >= std::max<Clock::duration>(kLongRowInterval, counted_.all * kForOneMore);
 }
 
 void Turn::CountAgain(Clock::time_point now) {

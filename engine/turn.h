@@ -37,13 +37,20 @@ class Turn {
   // everybody ahead costs the more the longer the row is, and everybody in it does so.
   static constexpr size_t kShortRow = 4;
   static constexpr std::chrono::seconds kLongRowInterval{1};
+  static constexpr std::chrono::milliseconds kForOneMore{40};  // the least for each one in the row
 
   // Whether to begin now: nobody is ahead, or it was waited long enough, or there is no place.
   // Quick enough to be asked many times a second; that all in a long row are stopped is noticed
-  // within kLongRowInterval.
+  // within kLongRowInterval, of a very long one within kForOneMore for each.
   bool HasCome();
 
-  // Counts who is ahead, of a long row at most once in kLongRowInterval.  To be asked from time to
+  // How long to sleep until HasCome is worth asking again. Far behind: ten times as long, for all
+  // in the row ask, and hardly ever is one of them next; who was far behind when it last counted,
+  // and is first by now, begins that much later.
+  std::chrono::milliseconds Nap() const { return counted_.all <= kShortRow ? kNap : 10 * kNap; }
+  static constexpr std::chrono::milliseconds kNap{20};
+
+  // Counts who is ahead, of a long row no more often than that.  To be asked from time to
   // time while waiting: it is how a place that stays as it is gets noticed.
   size_t Ahead();
 

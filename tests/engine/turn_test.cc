@@ -63,6 +63,18 @@ TEST_F(TurnRow, WhoIsAloneBeginsAtOnce) {
   EXPECT_EQ(0u, turn.Ahead());
 }
 
+// Two hundred that wait took a fifth of a processor with their looks.
+TEST_F(TurnRow, WhoIsFarBehindLooksLessOften) {
+  LongRow before(6);
+  Turn turn;
+  ASSERT_TRUE(turn.Join(kName).Ok());
+  EXPECT_EQ(std::chrono::milliseconds(200), turn.Nap());
+  before[0].Release();
+  before[1].Release();
+  ASSERT_TRUE(WaitUntil([&] { return turn.Ahead() == 4; })) << "counted within a second";
+  EXPECT_EQ(std::chrono::milliseconds(20), turn.Nap());
+}
+
 TEST_F(TurnRow, WhoComesLaterWaitsUntilThoseBeforeHaveGone) {
   HeldRow first(kRow, 1), second(kRow, 2), third(kRow, 7);
   Turn turn;
