@@ -858,7 +858,8 @@ MUTATIONS = [
              "Front.SaysThatTheWorkerWasKilled EngineLines.KilledWorkerIsAFailureForTheParser"),
     Mutation("the-engine-outlives-its-reader", "engine/front.cc",
              "      if (woken.readerGone) return Leave();\n", "",
-             "Front.LeavesWhenTheReaderHasGoneWhileTheWorkerStandsStill StopReading.*"),
+             "Front.LeavesWhenTheReaderHasGoneWhileTheWorkerStandsStill "
+             "StopReading.WhileTheWorkerIsStopped"),
     Mutation("the-front-waits-for-its-worker", "engine/front.cc",
              "    if (worker_ != kNobody) (void)kill(worker_, SIGKILL);\n",
              "    if (worker_ == kNobody) return;\n    (void)kill(worker_, SIGKILL);\n"

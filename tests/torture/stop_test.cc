@@ -322,8 +322,8 @@ class StopReading : public testing::Test {
     row_ = RowOf(volume_.MountPoint());
   }
 
-  std::unique_ptr<EngineProcess> Engine() const {
-    std::vector<std::string> args = {"-vpm"};
+  std::unique_ptr<EngineProcess> Engine(const char* options = "-vpm") const {
+    std::vector<std::string> args = {options};
     args.insert(args.end(), paths_.begin(), paths_.end());
     return std::make_unique<EngineProcess>(args);
   }
@@ -370,11 +370,12 @@ TEST_F(StopReading, AtRandomMoments) {
   Say();
 }
 
+// It prints no progress, and so does not come upon the reader's end by writing.
 TEST_F(StopReading, WhileTheWorkerIsStopped) {
   const Budget budget(0.06);
   for (int n = 0; count_ < 5 || budget.IsLeft(); ++n) {
     ASSERT_LT(n, 100000) << "every run ended before it could be stopped";
-    const auto engine = Engine();
+    const auto engine = Engine("-vm");
     if (!engine->StopWorker(static_cast<useconds_t>(n % 20) * 500)) continue;
     LeaveAndTime(*engine);
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
