@@ -29,7 +29,9 @@ WORK = PROJECT / "build" / "mutate"
 TREE = WORK / "tree"
 BUILD = WORK / "build"
 NOT_COPIED = {".git", "build"}
-TEST_SECONDS = 120  # a program that has not ended by then has been hung by the mutation
+GREEN_SECONDS = 1800  # no program takes so long without a mutation, however busy the machine is
+LEAST_SECONDS = 120  # what a program is given with a mutation, at least
+HUNG_FACTOR = 4  # one that has not ended after so many times its time without has been hung
 NO_WORLD = 125  # exit status of a test program that could not make its private world
 
 
@@ -138,8 +140,8 @@ def build(programs):
     return None if run.returncode == 0 else "\n".join(run.stdout.splitlines()[-25:])
 
 
-def run_tests(program, patterns, until_first_failure=False):
-    """Exit status (None: no end), the tests that passed, and the first that did not."""
+def run_tests(program, patterns, seconds, until_first_failure=False):
+    """Exit status (None: no end within `seconds`), the tests that passed, and the first that did not."""
     command = [BUILD / "bin" / program, "--gtest_filter=" + ":".join(sorted(patterns)), "--gtest_color=no"]
     if until_first_failure:
         command.append("--gtest_fail_fast")
@@ -147,7 +149,7 @@ def run_tests(program, patterns, until_first_failure=False):
     run = subprocess.Popen(command, cwd=BUILD, text=True, errors="replace", start_new_session=True,
                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     try:
-        output = run.communicate(timeout=TEST_SECONDS)[0]
+        output = run.communicate(timeout=seconds)[0]
         status = run.returncode
     except subprocess.TimeoutExpired:
         run.kill()  # the private world ends with it
@@ -165,10 +167,14 @@ def run_tests(program, patterns, until_first_failure=False):
 
 
 def check_green(patterns):
-    """All tests of the table pass in the untouched copy, and every pattern names one."""
+    """All tests of the table pass in the untouched copy, and every pattern names one.  Gives the seconds
+    after which each program counts as hung."""
     problems = []
+    limits = {}
     for program in sorted(patterns):
-        status, passed, red = run_tests(program, patterns[program])
+        began = time.monotonic()
+        status, passed, red = run_tests(program, patterns[program], GREEN_SECONDS)
+        limits[program] = max(LEAST_SECONDS, HUNG_FACTOR * (time.monotonic() - began))
         if status != 0:
             problems.append(f"{program}: {red or f'ended with status {status}'}")
             continue
@@ -176,15 +182,17 @@ def check_green(patterns):
                      for pattern in sorted(patterns[program]) if not fnmatch.filter(passed, pattern)]
     if problems:
         fail("red without any mutation:\n  " + "\n  ".join(problems))
+    return limits
 
 
-def outcome(patterns):
+def outcome(patterns, limits):
     """"caught", "SURVIVED" or "BROKEN" (does not build), and the test or the reason."""
     said = build(patterns)
     if said:
         return "BROKEN", "does not build:\n" + said
     for program in sorted(patterns):
-        status, _, red = run_tests(program, patterns[program], until_first_failure=True)
+        status, _, red = run_tests(program, patterns[program], limits[program],
+                                   until_first_failure=True)
         if status is None:
             return "caught", f"{red or program} did not end"
         if status != 0:
@@ -192,12 +200,12 @@ def outcome(patterns):
     return "SURVIVED", f"nothing turned red in {', '.join(sorted(patterns))}"
 
 
-def try_mutation(mutation, programs):
+def try_mutation(mutation, programs, limits):
     path = TREE / mutation.file
     before = path.read_text()
     path.write_text(before.replace(mutation.old, mutation.new))
     try:
-        return outcome(tests_by_program([mutation], programs))
+        return outcome(tests_by_program([mutation], programs), limits)
     finally:
         path.write_text(before)
 
@@ -231,11 +239,11 @@ def main(arguments):
     said = build(patterns)
     if said:
         fail("the copy does not build:\n" + said)
-    check_green(patterns)
+    limits = check_green(patterns)
     caught = 0
     for m in chosen:
         began = time.monotonic()
-        verdict, what = try_mutation(m, programs)
+        verdict, what = try_mutation(m, programs, limits)
         caught += verdict == "caught"
         print(f"{verdict:8}  {m.name}: {what}  ({time.monotonic() - began:.0f} s)", flush=True)
     print(f"{len(chosen)} mutations, {caught} caught")
