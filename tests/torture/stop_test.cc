@@ -364,7 +364,7 @@ TEST_F(StopReading, AtRandomMoments) {
     const bool met = !engine->FrontEndsWithin(0);
     usleep(moment.Next());
     moment.WasMet(met && !engine->FrontEndsWithin(0));
-    LeaveAndTime(*engine);
+    ASSERT_NO_FATAL_FAILURE(LeaveAndTime(*engine));
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
   }
   Say();
@@ -377,7 +377,7 @@ TEST_F(StopReading, WhileTheWorkerIsStopped) {
     ASSERT_LT(n, 100000) << "every run ended before it could be stopped";
     const auto engine = Engine("-vm");
     if (!engine->StopWorker(static_cast<useconds_t>(n % 20) * 500)) continue;
-    LeaveAndTime(*engine);
+    ASSERT_NO_FATAL_FAILURE(LeaveAndTime(*engine));
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
   }
   Say();
@@ -418,7 +418,7 @@ TEST_F(StopReading, WhileTheFileSystemIsFrozen) {
       moment.WasMet(met);
       if (!met) continue;
       engine->ContinueWorker();
-      LeaveAndTime(*engine);
+      ASSERT_NO_FATAL_FAILURE(LeaveAndTime(*engine));
       engines.push_back(std::move(engine));
     }
   }
