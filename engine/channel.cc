@@ -25,6 +25,11 @@ void AppendAll(const std::vector<T>& values, std::string* bytes) {
   bytes->append(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(T));
 }
 
+void AppendText(const std::string& text, std::string* bytes) {
+  Append(uint64_t{text.size()}, bytes);
+  bytes->append(text);
+}
+
 // Bytes of a result in one message.
 constexpr size_t kPartBytes = 1u << 20;
 
@@ -65,6 +70,13 @@ class Unpacker {
     return TakeBytes(count * sizeof(T), values->data());
   }
 
+  bool TakeText(std::string* text) {
+    std::vector<char> bytes;
+    if (!TakeAll(&bytes)) return false;
+    text->assign(bytes.begin(), bytes.end());
+    return true;
+  }
+
   size_t Left() const { return bytes_.size() - at_; }
 
  private:
@@ -102,7 +114,75 @@ bool TakeTable(Unpacker* from, SizeTable* table) {
       return false;
     table->rows.push_back(std::move(row));
   }
-  return from->Left() == 0;
+  return true;
+}
+
+void AppendFiles(const FileReport& report, std::string* bytes) {
+  Append(report.all, bytes);
+  Append(report.unlinked, bytes);
+  Append(uint64_t{report.largest.size()}, bytes);
+  for (const FileRow& row : report.largest) {
+    Append(row.numbers, bytes);
+    AppendText(row.path, bytes);
+  }
+  Append(uint64_t{report.folders.size()}, bytes);
+  for (const FolderRow& row : report.folders) {
+    Append(row.sum, bytes);
+    AppendText(row.path, bytes);
+  }
+}
+
+bool TakeFiles(Unpacker* from, FileReport* report) {
+  uint64_t rows = 0;
+  if (!from->Take(&report->all) || !from->Take(&report->unlinked) || !from->Take(&rows))
+    return false;
+  for (; rows > 0; --rows) {
+    FileRow& row = report->largest.emplace_back();
+    if (!from->Take(&row.numbers) || !from->TakeText(&row.path)) return false;
+  }
+  if (!from->Take(&rows)) return false;
+  for (; rows > 0; --rows) {
+    FolderRow& row = report->folders.emplace_back();
+    if (!from->Take(&row.sum) || !from->TakeText(&row.path)) return false;
+  }
+  return true;
+}
+
+void AppendHolders(const HolderReport& report, std::string* bytes) {
+  Append(uint64_t{report.versions.size()}, bytes);
+  for (const PathVersion& version : report.versions) {
+    Append(version.numbers, bytes);
+    AppendAll(RunsOf(version.subvolumes), bytes);
+  }
+  AppendAll(RunsOf(report.without), bytes);
+  AppendAll(RunsOf(report.nested), bytes);
+  Append(uint64_t{report.groups.size()}, bytes);
+  for (const HeldGroup& group : report.groups) {
+    Append(group.outside, bytes);
+    Append(group.extents, bytes);
+    Append(group.bytes, bytes);
+    AppendAll(RunsOf(group.subvolumes), bytes);
+  }
+}
+
+bool TakeHolders(Unpacker* from, size_t subvolumes, HolderReport* report) {
+  uint64_t rows = 0;
+  if (!from->Take(&rows)) return false;
+  for (; rows > 0; --rows) {
+    PathVersion& version = report->versions.emplace_back();
+    if (!from->Take(&version.numbers) || !TakeMembers(from, subvolumes, &version.subvolumes))
+      return false;
+  }
+  if (!TakeMembers(from, subvolumes, &report->without) ||
+      !TakeMembers(from, subvolumes, &report->nested) || !from->Take(&rows))
+    return false;
+  for (; rows > 0; --rows) {
+    HeldGroup& group = report->groups.emplace_back();
+    if (!from->Take(&group.outside) || !from->Take(&group.extents) || !from->Take(&group.bytes) ||
+        !TakeMembers(from, subvolumes, &group.subvolumes))
+      return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -119,13 +199,18 @@ std::string EncodeResult(const SizeResult& result) {
     Append(row.complete, &bytes);
     AppendAll(row.bytes, &bytes);
   }
+  AppendFiles(result.files, &bytes);
+  AppendHolders(result.holders, &bytes);
   return bytes;
 }
 
 bool DecodeResult(const std::string& payload, SizeResult* out) {
   SizeResult result;
   Unpacker from(payload);
-  if (!from.Take(&result.generation) || !TakeTable(&from, &result.table)) return false;
+  if (!from.Take(&result.generation) || !TakeTable(&from, &result.table) ||
+      !TakeFiles(&from, &result.files) ||
+      !TakeHolders(&from, result.table.ids.size(), &result.holders) || from.Left() != 0)
+    return false;
   *out = std::move(result);
   return true;
 }

@@ -18,6 +18,8 @@
 
 #include "base/unique_fd.h"
 #include "engine/channel.h"
+#include "engine/file_lines.h"
+#include "engine/holder_lines.h"
 #include "engine/line_backlog.h"
 #include "engine/lines.h"
 #include "engine/stats_lines.h"
@@ -202,7 +204,8 @@ class Front {
     if (!options_.forecast.empty() && !PlanIsKnown(result.table, &plan))
       return Fail("internal error: a result without the plan");
     const bool printed = options_.json ? PrintJson(result, plan)
-                                       : PrintNumbers(result) && PrintTables(result.table, plan);
+                                       : PrintNumbers(result) && PrintTables(result.table, plan) &&
+                                             PrintFiles(result);
     if (!printed) return OutputFailed();
     if (options_.stats)
       for (const std::string& line : StatsLines(progress_)) errors_.Add(line);
@@ -223,7 +226,9 @@ class Front {
 
   bool PrintJson(const SizeResult& result, const std::vector<ForecastStep>& plan) const {
     DocumentWriter out(STDOUT_FILENO);
-    return WriteResultJson(result, {options_.forecast.empty() ? nullptr : &plan, options_.table},
+    return WriteResultJson(result,
+                           {options_.forecast.empty() ? nullptr : &plan, options_.table,
+                            options_.files.most > 0, !options_.holders.empty()},
                            [&](const std::string& piece) { return out.Write(piece); });
   }
 
@@ -231,6 +236,13 @@ class Front {
     const LineSink print = [](const std::string& line) { return WriteLine(STDOUT_FILENO, line); };
     if (!options_.forecast.empty() && !GiveForecastLines(table, plan, print)) return false;
     return !options_.table || GiveTableLines(table, print);
+  }
+
+  bool PrintFiles(const SizeResult& result) const {
+    const LineSink print = [](const std::string& line) { return WriteLine(STDOUT_FILENO, line); };
+    if (options_.files.most > 0)
+      return GiveFileLines(result.files, result.table.Exclusive(0).metadata, print);
+    return options_.holders.empty() || GiveHolderLines(result.holders, result.table.ids, print);
   }
 
   bool PrintNumbers(const SizeResult& result) {

@@ -44,7 +44,12 @@ JsonText& JsonText::Number(uint64_t number) {
 
 JsonText& JsonText::Word(const std::string& text) {
   Value();
-  piece_ += '"' + text + '"';
+  piece_ += '"';
+  for (const char c : text) {
+    if (c == '"' || c == '\\') piece_ += '\\';
+    piece_ += c;
+  }
+  piece_ += '"';
   return *this;
 }
 

@@ -9,7 +9,7 @@
 namespace ZorvEngine {
 
 // A document under construction: puts the commas, and hands the text on when there is enough of it.
-// Texts are the engine's own words: nothing in them needs to be escaped.
+// Texts are printable ASCII: the engine's own words, and what NameText makes.
 class JsonText {
  public:
   // Takes the next piece of the document; false: nothing more is wanted.

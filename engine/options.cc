@@ -41,6 +41,8 @@ constexpr Flag kFlags[] = {
 
 constexpr uint64_t kMostMiB = 1u << 20;
 constexpr uint64_t kMostThreads = 64;
+constexpr uint64_t kMostFiles = 10000;
+constexpr uint64_t kMostDepth = 1000;
 
 bool IsDecimal(const std::string& text) {
   return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
@@ -100,6 +102,8 @@ class Parser {
         {"--method", &Parser::SetMethod},      {"--format", &Parser::SetFormat},
         {"--forecast", &Parser::SetForecast},  {"--table-memory", &Parser::SetTableMemory},
         {"--memory", &Parser::SetArrayMemory}, {"--threads", &Parser::SetThreads},
+        {"--files", &Parser::SetFiles},        {"--depth", &Parser::SetDepth},
+        {"--holders", &Parser::SetHolders},
     };
     if (word == "--estimate") return Ask(Question::kEstimate);
     if (word == "--check") return Ask(Question::kCheck);
@@ -129,10 +133,30 @@ class Parser {
   }
 
   Status SetThreads(const std::string& value) {
-    uint64_t threads = 0;
-    if (!ParseNumber(value, &threads) || threads == 0 || threads > kMostThreads)
-      return Wrong("--threads is a number from 1 to " + std::to_string(kMostThreads));
-    options_->threads = static_cast<unsigned>(threads);
+    return SetNumber("--threads", value, 1, kMostThreads, &options_->threads);
+  }
+
+  Status SetFiles(const std::string& value) {
+    return SetNumber("--files", value, 1, kMostFiles, &options_->files.most);
+  }
+
+  Status SetDepth(const std::string& value) {
+    return SetNumber("--depth", value, 0, kMostDepth, &options_->files.depth);
+  }
+
+  Status SetHolders(const std::string& value) {
+    if (value.empty()) return Wrong("--holders needs a path");
+    options_->holders = value;
+    return Status();
+  }
+
+  static Status SetNumber(const std::string& name, const std::string& value, uint32_t least,
+                          uint64_t most, uint32_t* number) {
+    uint64_t parsed = 0;
+    if (!ParseNumber(value, &parsed) || parsed < least || parsed > most)
+      return Wrong(name + " is a number from " + std::to_string(least) + " to " +
+                   std::to_string(most));
+    *number = static_cast<uint32_t>(parsed);
     return Status();
   }
 
@@ -231,9 +255,18 @@ Status CheckTogether(const Options& options) {
     return Wrong("--forecast has subvolume IDs, so it needs -r DIR");
   if (options.json && (options.progress || options.eachSubvolume))
     return Wrong("--format json is one document without lines; leave out -p and -v");
+  if (options.files.most > 0 &&
+      (options.arguments.size() > 1 || options.table || !options.forecast.empty()))
+    return Wrong("--files is about one subvolume, and goes with neither --table nor --forecast");
+  if (!options.holders.empty() &&
+      (options.files.most > 0 || options.table || !options.forecast.empty()))
+    return Wrong("--holders goes with neither --files, --table nor --forecast");
   if (options.question != Question::kSizes &&
-      (options.json || options.table || !options.forecast.empty()))
-    return Wrong("--estimate and --check go with neither --table, --forecast nor --format json");
+      (options.json || options.files.most > 0 || !options.holders.empty() || options.table ||
+       !options.forecast.empty()))
+    return Wrong(
+        "--estimate and --check go with neither --table, --forecast, --files, --holders nor "
+        "--format json");
   return Status();
 }
 
@@ -268,6 +301,11 @@ const char kHelpText[] =
     "                        Needs -r DIR and no further ID.\n"
     "  --table               the bytes of each set of subvolumes that hold them together:\n"
     "                        they come free when the whole set is deleted\n"
+    "  --files N             the N largest files behind what one subvolume holds alone, and\n"
+    "                        the N largest folders with such files; folders as deep as\n"
+    "                        --depth D says (1 when not given: those in its root)\n"
+    "  --holders PATH        the versions that PATH (from the root of a subvolume) has in\n"
+    "                        these subvolumes, and which of them hold the data of these\n"
     "  --format json         one JSON document in place of lines; without -p and -v\n"
     "  --estimate            say how many bytes a scan reads at least, and end; blocks that\n"
     "                        are the subvolumes' own come on top\n"
@@ -292,6 +330,8 @@ const char kHelpText[] =
     "  btrfs subvolume size -vpm -r /volume1 257 258\n"
     "  btrfs subvolume size --forecast 257,258,261 -r /volume1\n"
     "  btrfs subvolume size --table --format json -r /volume1 257 258 261\n"
+    "  btrfs subvolume size --files 20 -r /volume1 257\n"
+    "  btrfs subvolume size --holders docs/plan.odt -r /volume1 257 258 261\n"
     "  btrfs subvolume size --check -r /volume1\n"
     "\n"
     "Runs on one file system take turns; one that waits says so.\n"

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "engine/ondisk/status.h"
+#include "engine/size/file_report.h"
 
 namespace ZorvEngine {
 
@@ -45,6 +46,8 @@ struct Options {
   bool verify = false;             // count in both ways and compare
   std::vector<uint64_t> forecast;  // the plan: subvolumes in the order of their deletion
   bool table = false;              // each set of subvolumes
+  FileListing files;               // which files of the one subvolume to list
+  std::string holders;             // path whose bytes' holders to find
   bool json = false;               // one document in place of lines
   bool stats = false;              // what the run did
   size_t tableBytes = 64u << 20;   // memory for the sets of the table

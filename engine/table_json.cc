@@ -1,5 +1,7 @@
 #include "engine/table_json.h"
 
+#include "engine/holder_lines.h"
+#include "engine/name_text.h"
 #include "engine/profile_bytes.h"
 #include "engine/table_lines.h"
 
@@ -53,6 +55,13 @@ void WriteForecast(const SizeTable& table, const std::vector<ForecastStep>& step
   json->End('}').End('}');
 }
 
+void WriteMembers(const char* key, const std::vector<uint64_t>& ids,
+                  const std::vector<uint32_t>& members, JsonText* json) {
+  json->Key(key).Begin('[');
+  for (const uint32_t member : members) json->Number(ids[member]);
+  json->End(']');
+}
+
 // The rows that are complete, or those that are not.
 void WriteRows(const SizeTable& table, bool complete, JsonText* json) {
   json->Begin('[');
@@ -60,9 +69,7 @@ void WriteRows(const SizeTable& table, bool complete, JsonText* json) {
     if (row.complete != complete || !SizeTable::IsWorthSaying(row)) continue;
     json->NewLine().Begin('{');
     if (complete) {
-      json->Key("subvolumes").Begin('[');
-      for (const uint32_t member : row.members) json->Number(table.ids[member]);
-      json->End(']');
+      WriteMembers("subvolumes", table.ids, row.members, json);
     } else {
       json->Key("last").Number(table.ids[row.members.back()]);
     }
@@ -81,6 +88,62 @@ void WriteSets(const SizeTable& table, JsonText* json) {
   WriteRows(table, /*complete=*/false, json);
 }
 
+void WriteFileSum(const FileSum& sum, JsonText* json) {
+  json->Key("files").Number(sum.files).Key("data").Number(sum.bytes);
+}
+
+void WriteFileRow(const FileRow& row, JsonText* json) {
+  const FileNumbers& file = row.numbers;
+  json->NewLine().Begin('{').Key("inode").Number(file.inode).Key("data").Number(file.bytes);
+  json->Key("shared_data").Number(file.sharedBytes).Key("sharers").Number(file.sharers);
+  json->Key("names").Number(file.names);
+  if (file.names > 0) json->Key("path").Word(NameText(row.path));
+  json->End('}');
+}
+
+void WriteFiles(const FileReport& report, JsonText* json) {
+  json->NewLine().Key("files").Begin('{').Key("all").Begin('{');
+  WriteFileSum(report.all, json);
+  json->End('}').Key("unlinked").Begin('{');
+  WriteFileSum(report.unlinked, json);
+  json->End('}').Key("largest").Begin('[');
+  for (const FileRow& row : report.largest) WriteFileRow(row, json);
+  json->End(']').NewLine().Key("folders").Begin('[');
+  for (const FolderRow& row : report.folders) {
+    json->NewLine().Begin('{');
+    WriteFileSum(row.sum, json);
+    json->Key("path").Word(NameText(row.path)).End('}');
+  }
+  json->End(']').End('}');
+}
+
+void WriteVersion(const PathVersion& version, const std::vector<uint64_t>& ids, JsonText* json) {
+  const VersionNumbers& numbers = version.numbers;
+  json->NewLine().Begin('{').Key("inode").Number(numbers.inode);
+  json->Key("generation").Number(numbers.generation).Key("directory");
+  json->Bool(numbers.isDirectory != 0).Key("files").Number(numbers.files);
+  json->Key("size").Number(numbers.size).Key("data").Number(numbers.bytes);
+  json->Key("modified").Word(ModifiedText(numbers));
+  WriteMembers("subvolumes", ids, version.subvolumes, json);
+  json->End('}');
+}
+
+void WriteHolders(const HolderReport& report, const std::vector<uint64_t>& ids, JsonText* json) {
+  json->NewLine().Key("holders").Begin('{').Key("versions").Begin('[');
+  for (const PathVersion& version : report.versions) WriteVersion(version, ids, json);
+  json->End(']').NewLine();
+  WriteMembers("without", ids, report.without, json);
+  WriteMembers("nested", ids, report.nested, json);
+  json->NewLine().Key("groups").Begin('[');
+  for (const HeldGroup& group : report.groups) {
+    json->NewLine().Begin('{').Key("outside").Bool(group.outside);
+    json->Key("extents").Number(group.extents).Key("data").Number(group.bytes);
+    WriteMembers("subvolumes", ids, group.subvolumes, json);
+    json->End('}');
+  }
+  json->End(']').End('}');
+}
+
 }  // namespace
 
 bool WriteResultJson(const SizeResult& result, const JsonParts& parts, const JsonText::Sink& sink) {
@@ -93,6 +156,8 @@ bool WriteResultJson(const SizeResult& result, const JsonParts& parts, const Jso
   WriteExclusive(table, &json);
   if (parts.forecast != nullptr) WriteForecast(table, *parts.forecast, &json);
   if (parts.table) WriteSets(table, &json);
+  if (parts.files) WriteFiles(result.files, &json);
+  if (parts.holders) WriteHolders(result.holders, table.ids, &json);
   json.End('}');
   return json.Finish();
 }

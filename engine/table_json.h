@@ -11,6 +11,8 @@ namespace ZorvEngine {
 struct JsonParts {
   const std::vector<ForecastStep>* forecast = nullptr;  // a plan, when one was asked for
   bool table = false;                                   // each set
+  bool files = false;                                   // the files of the one subvolume
+  bool holders = false;                                 // who holds the data of a path
 };
 
 // Writes the document of a result to `sink`.  False when the sink was.

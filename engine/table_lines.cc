@@ -12,18 +12,9 @@ std::string Held(const HeldBytes& bytes) {
   return "data " + std::to_string(bytes.data) + " metadata " + std::to_string(bytes.metadata);
 }
 
-// The line of a set; its IDs go on in further lines when they do not fit.
 bool GiveSet(const SizeTable& table, const SetRow& row, const LineSink& sink) {
-  std::string line = "set " + Held(SizeTable::Sum(row.bytes)) + " of";
-  for (const uint32_t member : row.members) {
-    const std::string id = " " + std::to_string(table.ids[member]);
-    if (line.size() + id.size() + 1 > PIPE_BUF) {
-      if (!sink(line + "\n")) return false;
-      line = "set also of";
-    }
-    line += id;
-  }
-  return sink(line + "\n");
+  return GiveWithIds("set " + Held(SizeTable::Sum(row.bytes)) + " of", "set also of", table.ids,
+                     row.members, sink);
 }
 
 // The line of a sum over several sets.
@@ -39,6 +30,19 @@ const char kIncompleteTable[] =
     "subvolume in the order asked; exclusive sizes, and what comes free in the order asked, are "
     "exact; a set of several holds at least what is said of it; for another order ask with "
     "--forecast, for all sets with more --table-memory";
+
+bool GiveWithIds(std::string line, const std::string& also, const std::vector<uint64_t>& ids,
+                 const std::vector<uint32_t>& members, const LineSink& sink) {
+  for (const uint32_t member : members) {
+    const std::string id = " " + std::to_string(ids[member]);
+    if (line.size() + id.size() + 1 > PIPE_BUF) {
+      if (!sink(line + "\n")) return false;
+      line = also;
+    }
+    line += id;
+  }
+  return sink(line + "\n");
+}
 
 bool GiveForecastLines(const SizeTable& table, const std::vector<ForecastStep>& steps,
                        const LineSink& sink) {

@@ -23,6 +23,11 @@ bool GiveForecastLines(const SizeTable& table, const std::vector<ForecastStep>& 
 // such sums.  False when the sink was.
 bool GiveTableLines(const SizeTable& table, const LineSink& sink);
 
+// Gives `line` with the IDs of members (positions in `ids`) behind it; they go on in lines that
+// begin with `also` when they do not fit into one.
+bool GiveWithIds(std::string line, const std::string& also, const std::vector<uint64_t>& ids,
+                 const std::vector<uint32_t>& members, const LineSink& sink);
+
 // What is said of a table that is not complete.
 extern const char kIncompleteTable[];
 

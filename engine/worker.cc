@@ -20,8 +20,10 @@
 #include "engine/lines.h"
 #include "engine/size/auto_method.h"
 #include "engine/size/cross_check.h"
+#include "engine/size/exclusive_files.h"
 #include "engine/size/extent_tree_scan.h"
 #include "engine/size/newest_state_run.h"
+#include "engine/size/path_holders.h"
 #include "engine/size/state_look.h"
 #include "engine/size/top_down_walk.h"
 #include "engine/subjects.h"
@@ -98,12 +100,26 @@ Status Count(const Options& options, const Subjects& subjects, MountedFilesystem
   SizeRequest request;
   request.ids = subjects.Ids();
   request.countMetadata = options.countMetadata;
-  request.countSeveral = options.table || !options.forecast.empty();
-  request.mostSetBytes = options.table ? options.tableBytes : 0;
+  const bool needsSets = options.table || !options.holders.empty();
+  request.countSeveral = needsSets || !options.forecast.empty();
+  request.mostSetBytes = needsSets ? options.tableBytes : 0;
   request.mostArrayBytes = options.arrayBytes;
   request.reading = ReadingOf(options);
   progress.stats.Choose(options.verify ? "scan and walk" : MethodName(options.method), "");
-  return RunOnNewestState(filesystem, methods.ChosenBy(options), request, progress, note, result);
+  ExclusiveSizeMethod& count = methods.ChosenBy(options);
+  if (options.files.most > 0) {
+    ExclusiveFiles files(count, options.files);
+    ENGINE_TRY(RunOnNewestState(filesystem, files, request, progress, note, result));
+    result->files = files.Report();
+    return Status();
+  }
+  if (!options.holders.empty()) {
+    PathHolders holders(count, options.holders);
+    ENGINE_TRY(RunOnNewestState(filesystem, holders, request, progress, note, result));
+    result->holders = holders.Report();
+    return Status();
+  }
+  return RunOnNewestState(filesystem, count, request, progress, note, result);
 }
 
 // Waits until the front says that this run may read, by closing its end.

@@ -95,6 +95,9 @@ class BigArray {
     if (size > size_) size_ = size;
   }
 
+  // Leaves the first `size` values, which are not more than there are.
+  void Shorten(size_t size) { size_ = size; }
+
   // Empties the array and gives its memory back.
   void Clear() {
     if (values_ != nullptr) memory_->Free(values_, bytes_);

@@ -24,6 +24,7 @@ class TreeCursor {
   // Whether there is an item here; false after the last.
   bool AtItem() const { return atItem_; }
   Key ItemKey() const { return Leaf().KeyAt(path_.back().slot); }
+  uint32_t ItemSlot() const { return path_.back().slot; }
   ByteView ItemData() const { return Leaf().DataAt(path_.back().slot); }
 
   // Number of the leaf's block, for messages.  Only when AtItem().

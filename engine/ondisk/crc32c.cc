@@ -142,11 +142,13 @@ bool HasCrc32cInstruction() {
 
 uint32_t Crc32cByTables(ByteView bytes) { return ~ExtendByTables(~0u, bytes.Data(), bytes.Size()); }
 
-uint32_t Crc32c(ByteView bytes) {
+uint32_t Crc32cFrom(uint32_t begin, ByteView bytes) {
 #ifdef __x86_64__
-  if (HasCrc32cInstruction()) return ~ExtendByInstruction(~0u, bytes.Data(), bytes.Size());
+  if (HasCrc32cInstruction()) return ExtendByInstruction(begin, bytes.Data(), bytes.Size());
 #endif
-  return Crc32cByTables(bytes);
+  return ExtendByTables(begin, bytes.Data(), bytes.Size());
 }
+
+uint32_t Crc32c(ByteView bytes) { return ~Crc32cFrom(~0u, bytes); }
 
 }  // namespace ZorvEngine

@@ -12,7 +12,10 @@ namespace ZorvEngine {
 // the processor's instruction where there is one.
 uint32_t Crc32c(ByteView bytes);
 
-// The same without the instruction; apart for tests and measuring.
+// The state (neither beginning nor end inverted) that `bytes` make of the state `begin`.
+uint32_t Crc32cFrom(uint32_t begin, ByteView bytes);
+
+// Crc32c without the instruction; apart for tests and measuring.
 uint32_t Crc32cByTables(ByteView bytes);
 
 // Whether this processor has the instruction.

@@ -15,6 +15,7 @@ namespace ZorvEngine {
 
 constexpr size_t kChecksumSize = 32;  // room in each header; what is used depends on the type
 constexpr size_t kUuidSize = 16;
+constexpr size_t kMostNameSize = 255;
 constexpr uint8_t kMaxLevel = 7;
 
 // A device, in the chunk tree and in each superblock.
@@ -143,6 +144,61 @@ constexpr uint64_t kChunkSystem = 1ULL << 1;
 constexpr uint64_t kChunkMetadata = 1ULL << 2;
 constexpr uint64_t kChunkKinds = kChunkData | kChunkSystem | kChunkMetadata;
 constexpr uint64_t kChunkDup = 1ULL << 5;
+
+// A moment: seconds since the epoch (negative before it) and nanoseconds.
+struct DiskTime {
+  Le64 seconds;
+  Le32 nanoseconds;
+};
+static_assert(sizeof(DiskTime) == 12 && alignof(DiskTime) == 1, "12 bytes, unpadded");
+
+// What is known of a file or directory but for its names and data.
+struct InodeItem {
+  Le64 generation;  // in which it was made
+  Le64 transid;
+  Le64 size;
+  Le64 bytesUsed;
+  Le64 blockGroup;
+  Le32 links;
+  Le32 uid;
+  Le32 gid;
+  Le32 mode;
+  Le64 rdev;
+  Le64 flags;
+  Le64 sequence;
+  Le64 reserved[4];
+  DiskTime accessed;
+  DiskTime changed;
+  DiskTime modified;
+  DiskTime born;
+};
+static_assert(sizeof(InodeItem) == 160 && alignof(InodeItem) == 1, "160 bytes, unpadded");
+
+// Head of a name in the directory that the key's offset says; the name follows, and further heads
+// with names may.
+struct InodeRef {
+  Le64 index;
+  Le16 nameSize;
+};
+static_assert(sizeof(InodeRef) == 10 && alignof(InodeRef) == 1, "10 bytes, unpadded");
+
+// The same for names that have no room there; these say their directories themselves.
+struct InodeExtref {
+  Le64 parent;
+  Le64 index;
+  Le16 nameSize;
+};
+static_assert(sizeof(InodeExtref) == 18 && alignof(InodeExtref) == 1, "18 bytes, unpadded");
+
+// Head of an entry of a directory; its name follows, then `dataSize` bytes, then further entries.
+struct DirItem {
+  DiskKey location;  // an inode, or the root item of a nested subvolume
+  Le64 transid;
+  Le16 dataSize;
+  Le16 nameSize;
+  Le8 type;
+};
+static_assert(sizeof(DirItem) == 30 && alignof(DirItem) == 1, "30 bytes, unpadded");
 
 // Root item, up to what the oldest file systems have; the inode item (160 bytes) is skipped.
 struct RootItem {

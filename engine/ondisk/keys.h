@@ -57,7 +57,12 @@ constexpr uint64_t kRelocationTreeId = static_cast<uint64_t>(-8);
 constexpr uint64_t kDataRelocationTreeId = static_cast<uint64_t>(-9);
 
 // Item types.
+constexpr uint8_t kInodeItemType = 1;
+constexpr uint8_t kInodeRefType = 12;
+constexpr uint8_t kInodeExtrefType = 13;
 constexpr uint8_t kOrphanItemType = 48;
+constexpr uint8_t kDirItemType = 84;
+constexpr uint8_t kDirIndexType = 96;
 constexpr uint8_t kFileExtentType = 108;
 constexpr uint8_t kRootItemType = 132;
 constexpr uint8_t kExtentItemType = 168;

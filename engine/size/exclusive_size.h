@@ -11,6 +11,7 @@
 #include "engine/io/read_meter.h"
 #include "engine/io/read_pipeline.h"
 #include "engine/ondisk/status.h"
+#include "engine/size/extent_watch.h"
 #include "engine/size/run_stats.h"
 #include "engine/size/size_table.h"
 
@@ -38,6 +39,8 @@ struct SizeRequest {
   ReadOptions reading = {};
   // How long a state is waited out of which no exact numbers can be told.
   std::chrono::milliseconds mostSettling{30'000};
+  // Told of what is counted, if there is one; the caller's.
+  ExtentWatch* watch = nullptr;
 };
 
 // A way of counting.  Each gives the same numbers, at another cost.

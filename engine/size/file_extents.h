@@ -2,29 +2,47 @@
 #ifndef ENGINE_SIZE_FILE_EXTENTS_H_
 #define ENGINE_SIZE_FILE_EXTENTS_H_
 
-#include <string>
+#include <optional>
 
 #include "engine/ondisk/format.h"
 #include "engine/ondisk/status.h"
 #include "engine/ondisk/tree_block.h"
+#include "engine/size/damaged_item.h"
 
 namespace ZorvEngine {
 
-// Gives the address of the data extent of each file extent item to `visit`, whatever part of the
-// extent the file uses; inline data and holes have none.
+// A reference of a file to a data extent, whatever part of it the file uses.
+struct FileExtent {
+  uint64_t inode = 0;
+  uint64_t bytenr = 0;
+  uint64_t bytes = 0;  // of the whole extent, on disk
+};
+
+// What a file extent item refers to; nothing for inline data and holes.  Sets `wrong` to what is
+// wrong with the item, if anything is.
+inline std::optional<FileExtent> FileExtentOf(const Key& key, ByteView data, const char** wrong) {
+  *wrong = nullptr;
+  const FileExtentHead* head = data.At<FileExtentHead>(0);
+  if (head != nullptr && head->type.Get() == kFileExtentInline) return std::nullopt;
+  const FileExtentPlace* place = data.At<FileExtentPlace>(sizeof(FileExtentHead));
+  if (place == nullptr || head->type.Get() > kFileExtentPreallocated) {
+    *wrong = "is a damaged file extent";
+    return std::nullopt;
+  }
+  if (place->diskBytenr.Get() == 0) return std::nullopt;
+  return FileExtent{key.objectid, place->diskBytenr.Get(), place->diskBytes.Get()};
+}
+
+// Gives the data extent of each file extent item to `visit`.
 template <typename Visit>
 Status VisitFileExtents(const TreeBlockView& leaf, const Visit& visit) {
   for (uint32_t slot = 0; slot < leaf.Count(); ++slot) {
-    if (leaf.KeyAt(slot).type != kFileExtentType) continue;
-    const ByteView data = leaf.DataAt(slot);
-    const FileExtentHead* head = data.At<FileExtentHead>(0);
-    if (head != nullptr && head->type.Get() == kFileExtentInline) continue;
-    const FileExtentPlace* place = data.At<FileExtentPlace>(sizeof(FileExtentHead));
-    if (place == nullptr || head->type.Get() > kFileExtentPreallocated)
-      return Status::Failed("item " + std::to_string(slot) + " of tree block " +
-                            std::to_string(leaf.Header().bytenr.Get()) +
-                            " is a damaged file extent; run btrfs scrub and btrfs check");
-    if (place->diskBytenr.Get() != 0) visit(place->diskBytenr.Get());
+    const Key key = leaf.KeyAt(slot);
+    if (key.type != kFileExtentType) continue;
+    const char* wrong = nullptr;
+    const std::optional<FileExtent> extent = FileExtentOf(key, leaf.DataAt(slot), &wrong);
+    if (wrong != nullptr) return DamagedItem(leaf, slot, wrong);
+    if (extent) visit(*extent);
   }
   return Status();
 }

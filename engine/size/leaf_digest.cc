@@ -178,7 +178,8 @@ Status DigestExtentLeaf(const TreeBlockView& leaf, uint32_t nodeSize, const Dige
 Status DigestOwnBlock(const TreeBlockView& block, Words* out) {
   Words addresses;
   if (block.IsLeaf())
-    ENGINE_TRY(VisitFileExtents(block, [&](uint64_t bytenr) { addresses.push_back(bytenr); }));
+    ENGINE_TRY(VisitFileExtents(
+        block, [&](const FileExtent& extent) { addresses.push_back(extent.bytenr); }));
   else
     for (uint32_t slot = 0; slot < block.Count(); ++slot)
       addresses.push_back(block.PointerAt(slot).bytenr.Get());

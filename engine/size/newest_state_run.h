@@ -8,6 +8,8 @@
 
 #include "engine/io/state_source.h"
 #include "engine/size/exclusive_size.h"
+#include "engine/size/file_report.h"
+#include "engine/size/holder_report.h"
 
 namespace ZorvEngine {
 
@@ -15,6 +17,8 @@ namespace ZorvEngine {
 struct SizeResult {
   uint64_t generation = 0;
   SizeTable table;
+  FileReport files;             // when files were asked about
+  HolderReport holders;         // when a path was
   bool deletionGoesOn = false;  // another subvolume was being deleted at that time
 };
 

@@ -10,17 +10,20 @@ SetSums::SetSums(const SizeRequest& request, const CommittedTrees& trees, SizePr
       sets_(request.ids.size(), request.mostSetBytes),
       kept_((request.ids.size() + 1) * redundancies_.size()) {
   progress_.exclusiveBytes = 0;
+  if (request_.watch != nullptr) request_.watch->Begin();
 }
 
 void SetSums::AddData(HolderId holder, uint64_t bytenr, uint64_t bytes) {
   if (!Counts(holder)) return;
   Sum(holder, bytenr)->data += bytes;
+  if (request_.watch != nullptr) request_.watch->TakeData(sets_, holder, bytenr, bytes);
   if (sets_.IsSingle(holder)) progress_.exclusiveBytes += bytes;
 }
 
 void SetSums::AddTreeBlock(HolderId holder, uint64_t bytenr, uint64_t bytes) {
   if (!Counts(holder)) return;
   Sum(holder, bytenr)->metadata += bytes;
+  if (request_.watch != nullptr) request_.watch->TakeTreeBlock(sets_, holder, bytenr);
   if (sets_.IsSingle(holder) && request_.countMetadata) progress_.exclusiveBytes += bytes;
 }
 

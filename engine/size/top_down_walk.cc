@@ -135,7 +135,9 @@ class Walk {
 
   // Takes each reference to a data extent, whatever part of it the file uses.
   Status TakeLeaf(const TreeBlockView& leaf, HolderId holder) {
-    return VisitFileExtents(leaf, [&](uint64_t bytenr) { data_.push_back({bytenr, holder}); });
+    return VisitFileExtents(leaf, [&](const FileExtent& extent) {
+      data_.push_back({extent.bytenr, holder});
+    });
   }
 
   Status CountData() {

@@ -147,6 +147,19 @@ TEST(OptionsParse, ReadsOtherQuestions) {
   }
 }
 
+TEST(OptionsParse, ReadsWhichFilesToList) {
+  Options options;
+  ASSERT_TRUE(ParseOptions({"/a"}, &options).Ok());
+  EXPECT_EQ(0u, options.files.most);
+  EXPECT_EQ(1u, options.files.depth);
+  EXPECT_EQ("", options.holders);
+  ASSERT_TRUE(ParseOptions({"--files", "10000", "--depth=0", "/a"}, &options).Ok());
+  EXPECT_EQ(10000u, options.files.most);
+  EXPECT_EQ(0u, options.files.depth);
+  ASSERT_TRUE(ParseOptions({"--holders", "-odd\n", "/a", "/b"}, &options).Ok());
+  EXPECT_EQ("-odd\n", options.holders);
+}
+
 TEST(OptionsParse, ReadsHowToRead) {
   Options options;
   ASSERT_TRUE(ParseOptions({"/a"}, &options).Ok());
@@ -179,10 +192,26 @@ TEST(OptionsHelp, HasExamplesThatAreRead) {
 
 TEST(OptionsHelp, NamesEveryOption) {
   const std::string text = kHelpText;
-  for (const char* option :
-       {"-v ", "-p ", "-m ", "-r DIR", "-h, --help", "--version", "--forecast ID,ID,...",
-        "--table ", "--format json", "--estimate", "--check", "--stats", "--method M", "--verify",
-        "--table-memory MIB", "--memory MIB", "--threads N", "--no-ring"})
+  for (const char* option : {"-v ",
+                             "-p ",
+                             "-m ",
+                             "-r DIR",
+                             "-h, --help",
+                             "--version",
+                             "--forecast ID,ID,...",
+                             "--table ",
+                             "--format json",
+                             "--estimate",
+                             "--check",
+                             "--stats",
+                             "--method M",
+                             "--verify",
+                             "--files N",
+                             "--holders PATH",
+                             "--table-memory MIB",
+                             "--memory MIB",
+                             "--threads N",
+                             "--no-ring"})
     EXPECT_NE(std::string::npos, text.find(std::string("\n  ") + option)) << option;
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 90u) << line;
@@ -231,16 +260,38 @@ TEST(OptionsParse, SaysWhatIsWrong) {
       {{"--memory"}, "--memory is a number of MiB from 1 to 1048576" + see},
       {{"--threads", "0", "/a"}, "--threads is a number from 1 to 64" + see},
       {{"--threads=65", "/a"}, "--threads is a number from 1 to 64" + see},
+      {{"--files", "0", "/a"}, "--files is a number from 1 to 10000" + see},
+      {{"--files=10001", "/a"}, "--files is a number from 1 to 10000" + see},
+      {{"--files"}, "--files is a number from 1 to 10000" + see},
+      {{"--depth", "1001", "/a"}, "--depth is a number from 0 to 1000" + see},
+      {{"--depth=", "/a"}, "--depth is a number from 0 to 1000" + see},
+      {{"--files=1", "/a", "/b"},
+       "--files is about one subvolume, and goes with neither --table nor --forecast" + see},
+      {{"--files=1", "--table", "/a"},
+       "--files is about one subvolume, and goes with neither --table nor --forecast" + see},
+      {{"--holders", "", "/a"}, "--holders needs a path" + see},
+      {{"--holders"}, "--holders needs a path" + see},
+      {{"--holders=x", "--table", "/a"},
+       "--holders goes with neither --files, --table nor --forecast" + see},
+      {{"--holders=x", "--files=1", "/a"},
+       "--holders goes with neither --files, --table nor --forecast" + see},
+      {{"--check", "--holders=x", "/a"},
+       "--estimate and --check go with neither --table, --forecast, --files, --holders nor "
+       "--format json" +
+           see},
       {{"--estimate"}, "no subvolume is given" + see},
       {{"--check"}, "no subvolume is given" + see},
       {{"--check", "--estimate", "/a"},
        "--estimate and --check are asked one after the other" + see},
       {{"--check", "--table", "/a"},
-       "--estimate and --check go with neither --table, --forecast nor --format json" + see},
+       "--estimate and --check go with neither --table, --forecast, --files, --holders nor --format json" +
+           see},
       {{"--estimate", "--forecast=256", "-r", "/a"},
-       "--estimate and --check go with neither --table, --forecast nor --format json" + see},
+       "--estimate and --check go with neither --table, --forecast, --files, --holders nor --format json" +
+           see},
       {{"--estimate", "--format=json", "/a"},
-       "--estimate and --check go with neither --table, --forecast nor --format json" + see},
+       "--estimate and --check go with neither --table, --forecast, --files, --holders nor --format json" +
+           see},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(testing::PrintToString(c.words));

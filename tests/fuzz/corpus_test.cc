@@ -110,6 +110,7 @@ TEST(FuzzCorpus, DamagedBlocks) { RunSeeds("damaged_blocks", 4); }
 TEST(FuzzCorpus, ExtentItems) { RunSeeds("extent_items", 1000); }
 TEST(FuzzCorpus, Fstab) { RunSeeds("fstab", 100); }
 TEST(FuzzCorpus, JsonStore) { RunSeeds("json_store", 200); }
+TEST(FuzzCorpus, NameItems) { RunSeeds("name_items", 2000); }
 TEST(FuzzCorpus, PlainJson) { RunSeeds("plain_json", 2000); }
 TEST(FuzzCorpus, Reminder) { RunSeeds("reminder", 100); }
 TEST(FuzzCorpus, ResultVector) { RunSeeds("result_vector", 200); }

@@ -45,10 +45,20 @@ class LeafSeeds {
         before = key.objectid;
       }
       if (key.type == kRootItemType) AppendRoot(key, data, &roots);
+      if (key.type == kInodeRefType) Enter("name_items", NameItem(0, key, data));
+      if (key.type == kDirItemType) Enter("name_items", NameItem(2, key, data));
     }
     Enter("chunk_items", chunks);
     Enter("extent_items", extents);
     Enter("root_items", roots);
+  }
+
+  // `kind` is the target's number for the type of the item.
+  static std::string NameItem(uint8_t kind, const Key& key, ByteView data) {
+    std::string seed;
+    AppendNumber(kind, 1, &seed);
+    AppendNumber(key.offset, 8, &seed);
+    return seed + AsText(data);
   }
 
   static void AppendRoot(const Key& key, ByteView data, std::string* out) {
@@ -126,6 +136,20 @@ void TakeRoots(SeedsByTarget* seeds) {
   (*seeds)["root_items"].insert(seed);
 }
 
+// Names with directories of their own, which the stock programs make only when there are very many.
+void TakeNames(SeedsByTarget* seeds) {
+  std::string item;
+  for (const std::string& name : {std::string("a"), std::string("name\n")}) {
+    AppendNumber(257, 8, &item);
+    AppendNumber(2, 8, &item);
+    AppendNumber(name.size(), 2, &item);
+    item += name;
+  }
+  const auto* bytes = reinterpret_cast<const uint8_t*>(item.data());
+  (*seeds)["name_items"].insert(
+      LeafSeeds::NameItem(1, Key{258, kInodeExtrefType, 7}, ByteView(bytes, item.size())));
+}
+
 // Blocks, each with one field of its head, or the first of its pointers, saying something else.
 void TakeDamage(SeedsByTarget* seeds) {
   constexpr size_t kFirstPlace = sizeof(BlockHeader) + offsetof(KeyPointer, bytenr);
@@ -175,6 +199,7 @@ SeedsByTarget MakeEngineSeeds(const std::string& image) {
   TakeGraph(&seeds);
   TakeChunks(&seeds);
   TakeRoots(&seeds);
+  TakeNames(&seeds);
   seeds["superblock"].insert(AsText(BytesOf(MiniFilesystem().MakeSuperblock())));
   TakeDamage(&seeds);
   TakeImage(image, &seeds);
