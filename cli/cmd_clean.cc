@@ -22,6 +22,7 @@
 #include "cli/share.h"
 #include "cli/share_map.h"
 #include "cli/string_list.h"
+#include "cli/table_cache.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -96,12 +97,13 @@ bool CleanShare(const std::string& share, const std::string& recordedTask) {
   const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);
   if (UnderWay(share, calculation)) return false;
   const std::optional<Result> result = NewestResult(share);
+  const bool tables = RemoveTables(share);
   RemoveRecords(share, taskID);
   if (IsRecorded(share))
     throw SystemFailure(fmt::format("the record of share {} cannot be removed", Quoted(share)));
-  fmt::print("removed share {}: state {}, {}\n", Quoted(share),
+  fmt::print("removed share {}: state {}, {}{}\n", Quoted(share),
              calculation && calculation->stateKnown ? calculation->stateWord : "unknown",
-             ResultText(result));
+             ResultText(result), tables ? ", and its tables" : "");
   return true;
 }
 
@@ -124,6 +126,13 @@ void RequireDropped(const std::vector<std::string>& names) {
   }
 }
 
+// Tables of a share without any record, which plans alone have left. Whether there were any.
+bool CleanTables(const std::string& share) {
+  if (!RemoveTables(share)) return false;
+  fmt::print("removed share {}: its tables\n", Quoted(share));
+  return true;
+}
+
 // Removing one share also drops shares that no longer exist, so each is looked up anew.
 int CleanAllShares() {
   std::string busy;
@@ -142,9 +151,12 @@ int CleanAllShares() {
     else if (!CleanShare(share, taskID.value_or("")))
       busy = share;
   }
+  bool tables = false;
+  for (const std::string& share : SharesWithTables())
+    if (!IsRecorded(share)) tables |= CleanTables(share);
   if (shares.empty()) {
     RequireMap();
-    fmt::print("nothing to remove\n");
+    if (!tables) fmt::print("nothing to remove\n");
   }
   RequireDropped(impossible);
   if (!busy.empty()) RefuseUnderWay(busy);
@@ -152,6 +164,7 @@ int CleanAllShares() {
 }
 
 int CleanOneShare(const std::string& share) {
+  if (!IsRecorded(share) && CleanTables(share)) return kOk;
   // An entry that names no task is one to remove as well.
   const std::string task =
       IsRecorded(share) ? RecordedTask(share).value_or("") : RequireRecordedTask(share);

@@ -78,18 +78,6 @@ struct CloseDir {
   void operator()(DIR* dir) const { (void)closedir(dir); }
 };
 
-void RequirePlainEntries(const std::string& directory) {
-  const std::unique_ptr<DIR, CloseDir> dir(opendir(directory.c_str()));
-  if (!dir) {
-    if (errno == ENOENT) return;
-    throw CannotBeLookedAt(directory);
-  }
-  while (const dirent* entry = readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name != "." && name != "..") (void)RequirePlainFile(directory + "/" + name);
-  }
-}
-
 }  // namespace
 
 bool RequirePlainFile(const std::string& path) {
@@ -125,7 +113,19 @@ void RequirePlainFilesOfShare(const std::string& share) {
   RequirePlainLock(ShareStatusLock(share));
   RequirePlainLock(ShareTaskLock(share));
   RequireSafeDirectory(ShareResultDir(share));
-  RequirePlainEntries(ShareResultDir(share));
+  RequirePlainFilesIn(ShareResultDir(share));
+}
+
+void RequirePlainFilesIn(const std::string& directory) {
+  const std::unique_ptr<DIR, CloseDir> dir(opendir(directory.c_str()));
+  if (!dir) {
+    if (errno == ENOENT) return;
+    throw CannotBeLookedAt(directory);
+  }
+  while (const dirent* entry = readdir(dir.get())) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") (void)RequirePlainFile(directory + "/" + name);
+  }
 }
 
 void RequirePlainFilesOfTask(const std::string& taskID) {

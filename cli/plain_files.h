@@ -25,6 +25,9 @@ void RequirePlainCommonFiles();
 // The files of a share: its status, its locks, its result directory and everything in it.
 void RequirePlainFilesOfShare(const std::string& share);
 
+// Everything in a directory.
+void RequirePlainFilesIn(const std::string& directory);
+
 // A lock that somebody holds.
 struct HeldLock {
   std::string path;

@@ -31,6 +31,7 @@ constexpr mode_t kOthersMayWrite = S_IWGRP | S_IWOTH;
 constexpr char kAboveRun[] = "/run";
 constexpr char kAboveLocks[] = "/run/lock";
 constexpr char kAbovePersistent[] = "/usr/local";
+constexpr char kAboveCache[] = "/var/cache";
 
 // As many as the kernel follows in one path.
 constexpr int kMostLinks = 40;
@@ -161,6 +162,18 @@ void RequireSafeRoots() {
 
 void RequireSafeDirectory(const std::string& path) {
   if (const std::optional<UniqueFd> fd = OpenDirectory(path)) RequireRootOnly(*fd, path);
+}
+
+void RequireSafeCache() {
+  if (access(kAboveCache, F_OK) != 0) return;  // nothing is kept, then
+  RequireSafeWay(kAboveCache);
+  RequireSafeDirectory(kCacheRoot);
+}
+
+bool MakeSafeDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), kRootOnly) != 0 && errno != EEXIST) return false;
+  RequireSafeDirectory(path);
+  return true;
 }
 
 }  // namespace ZorvSnapUsage

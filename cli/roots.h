@@ -16,6 +16,16 @@ void RequireSafeRoots();
 // The same test of a directory that the library makes below a root; nothing there is right too.
 void RequireSafeDirectory(const std::string& path);
 
+// Where tables are kept; one directory for each share.
+inline constexpr char kCacheRoot[] = "/var/cache/zorv-snapusage";
+
+// The same test of the cache, where there is one.
+void RequireSafeCache();
+
+// Makes the directory, mode 0700, unless it is there, and tests it. False, with errno: it cannot be
+// made.
+bool MakeSafeDirectory(const std::string& path);
+
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_ROOTS_H_

@@ -95,8 +95,9 @@ CommandResult Background::Wait() {
 }
 
 CliWorld::CliWorld() : volume_(std::make_unique<BtrfsVolume>("/volume1")) {
-  for (const char* left : {"/run/zorvbtrfssnapusage", "/run/lock/zorvbtrfssnapusage",
-                           "/usr/local/zorvbtrfssnapusage", "/sbin/btrfs", kFifo, kWaiting})
+  for (const char* left :
+       {"/run/zorvbtrfssnapusage", "/run/lock/zorvbtrfssnapusage", "/usr/local/zorvbtrfssnapusage",
+        "/var/cache/zorv-snapusage", "/sbin/btrfs", kFifo, kWaiting})
     std::filesystem::remove_all(left);
   if (mkfifo(kFifo, 0600) != 0) throw std::runtime_error("no fifo");
   volume_->Subvolume("photos");

@@ -1,0 +1,48 @@
+#include "cli/engine_failure.h"
+
+#include <fmt/format.h>
+
+#include "cli/text.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+// What a reason says, somewhere, and what helps then. The first row that fits counts.
+struct Row {
+  const char* says;
+  ExitStatus status;
+  const char* next;
+};
+
+constexpr Row kRows[] = {
+    {"this needs root", kNotRoot, "run it with sudo"},
+    {"is being deleted", kCalculationFailed, "wait for it with: btrfs subvolume sync"},
+    {"was deleted meanwhile", kCalculationFailed, "a snapshot has gone since; try again"},
+    {"there is no subvolume", kCalculationFailed, "a snapshot has gone since; try again"},
+    {"is missing", kCalculationFailed, "attach the device, or replace it with: btrfs replace"},
+    {"cannot be used (", kCalculationFailed, "attach the device, or replace it: btrfs replace"},
+    {"zoned", kCalculationFailed, "this kind of file system cannot be read yet"},
+    {"extent-tree-v2", kCalculationFailed, "this kind of file system cannot be read yet"},
+    {"does not know", kCalculationFailed, "a newer engine may be able to read this file system"},
+    {"checksum type", kCalculationFailed, "a newer engine may be able to read this file system"},
+    {"balance", kCalculationFailed, "try again when it is over: btrfs balance status"},
+    {"changes faster", kCalculationFailed, "try again when the file system is quieter"},
+    {"cannot be used:", kCalculationFailed, "look for damage with: btrfs scrub start"},
+    {"damaged", kCalculationFailed, "look for damage with: btrfs scrub start"},
+    {"there is no room", kCalculationFailed, "make room there"},
+    {"out of memory", kCalculationFailed, "try again when there is more"},
+};
+
+}  // namespace
+
+Failure EngineFailure(const std::string& what, const std::string& reason,
+                      const std::string& directory) {
+  const std::string failed = fmt::format("{} failed: {}", what, Escaped(reason));
+  for (const Row& row : kRows)
+    if (reason.find(row.says) != std::string::npos) return Failure(row.status, failed, row.next);
+  return Failure(kCalculationFailed, failed,
+                 fmt::format("see what is in the way with: btrfs subvolume size --check -r {}",
+                             ShellWord(directory)));
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,40 @@
+#include "cli/file_system.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <linux/btrfs.h>
+#include <linux/magic.h>
+#include <sys/ioctl.h>
+#include <sys/vfs.h>
+
+#include "base/unique_fd.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+// 8-4-4-4-12 digits.
+std::string IdText(const unsigned char* bytes) {
+  std::string text;
+  for (int i = 0; i < BTRFS_FSID_SIZE; ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+    text += fmt::format("{:02x}", static_cast<unsigned>(bytes[i]));
+  }
+  return text;
+}
+
+}  // namespace
+
+std::optional<FileSystemState> StateOfFileSystem(const std::string& path) {
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  struct statfs system;
+  if (!fd.Valid() || fstatfs(fd.Get(), &system) != 0 || system.f_type != BTRFS_SUPER_MAGIC)
+    return std::nullopt;
+  btrfs_ioctl_fs_info_args info{};
+  info.flags = BTRFS_FS_INFO_FLAG_GENERATION;
+  if (ioctl(fd.Get(), BTRFS_IOC_FS_INFO, &info) != 0 ||
+      (info.flags & BTRFS_FS_INFO_FLAG_GENERATION) == 0)
+    return std::nullopt;
+  return FileSystemState{IdText(info.fsid), info.generation};
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,23 @@
+// Which file system a path lies on, and in which state that is.
+#ifndef CLI_FILE_SYSTEM_H_
+#define CLI_FILE_SYSTEM_H_
+
+#include <optional>
+#include <string>
+
+namespace ZorvSnapUsage {
+
+struct FileSystemState {
+  std::string id;  // lower-case hexadecimal digits with dashes
+  // Of the change that is being collected, or else of the last one that was committed: as long as
+  // it stays the same, a state that has been committed with this number is the newest.
+  unsigned long long generation = 0;
+};
+
+// Nothing when the path is not there or not on btrfs, or when the kernel does not say it (before
+// Linux 5.10).
+std::optional<FileSystemState> StateOfFileSystem(const std::string& path);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_FILE_SYSTEM_H_

@@ -1,0 +1,202 @@
+#include "cli/table_cache.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "base/unique_fd.h"
+#include "cli/json_reader.h"
+#include "cli/plain_files.h"
+#include "cli/roots.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kMostTables = 4;
+constexpr off_t kMostBytes = off_t{256} << 20;
+
+// A table that is being written is .<pid>.new beside the others.
+constexpr char kUnfinishedMark = '.';
+
+std::string DirectoryOf(const std::string& share) { return std::string(kCacheRoot) + "/" + share; }
+
+// Tells lists of IDs apart in names; what is in the file is what counts (FNV-1a).
+unsigned long long DigestOf(const std::vector<unsigned long long>& ids) {
+  unsigned long long digest = 0xcbf29ce484222325;
+  for (const unsigned long long id : ids)
+    for (unsigned shift = 0; shift < 64; shift += 8)
+      digest = (digest ^ (id >> shift & 0xff)) * 0x100000001b3;
+  return digest;
+}
+
+std::string NameOf(const std::string& fileSystemID, unsigned long long generation,
+                   const std::vector<unsigned long long>& ids) {
+  return fmt::format("{}-{}-{:016x}", fileSystemID, generation, DigestOf(ids));
+}
+
+void RequireSafeTables(const std::string& share) {
+  RequireSafeCache();
+  RequireSafeDirectory(DirectoryOf(share));
+  RequirePlainFilesIn(DirectoryOf(share));
+}
+
+// The whole file; nothing when it cannot be read, or is larger than a table may be.
+std::optional<std::string> WholeFile(const std::string& path) {
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status;
+  if (!fd.Valid() || fstat(fd.Get(), &status) != 0 || status.st_size > kMostBytes)
+    return std::nullopt;
+  std::string text(static_cast<size_t>(status.st_size), '\0');
+  size_t at = 0;
+  for (ssize_t got; at < text.size() && (got = read(fd.Get(), &text[at], text.size() - at)) > 0;)
+    at += static_cast<size_t>(got);
+  if (at < text.size()) return std::nullopt;
+  return text;
+}
+
+// The table of a file; nothing when the file is none, or its name is that of another one.
+std::optional<KeptTable> ReadTable(const std::string& share, const std::string& name) {
+  const std::optional<std::string> text = WholeFile(DirectoryOf(share) + "/" + name);
+  if (!text) return std::nullopt;
+  try {
+    KeptTable kept = ReadTableFile(*text);
+    if (NameOf(kept.fileSystemID, kept.table.generation, kept.table.subvolumeIDs) != name)
+      return std::nullopt;
+    return kept;
+  } catch (const JsonError&) {
+    return std::nullopt;
+  }
+}
+
+// The names of the share's tables, and of those that are being written.
+std::vector<std::string> NamesOf(const std::string& share, bool unfinished) {
+  std::vector<std::string> names;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(DirectoryOf(share), error)) {
+    const std::string name = entry.path().filename();
+    if ((name[0] == kUnfinishedMark) == unfinished) names.push_back(name);
+  }
+  return names;
+}
+
+void Remove(const std::string& share, const std::string& name) {
+  (void)unlink((DirectoryOf(share) + "/" + name).c_str());
+}
+
+// What writers that were killed have left; one that is only far away writes its table anew.
+void RemoveUnfinished(const std::string& share) {
+  for (const std::string& name : NamesOf(share, /*unfinished=*/true)) {
+    const pid_t writer = static_cast<pid_t>(strtol(name.c_str() + 1, nullptr, 10));
+    if (writer <= 0 || (kill(writer, 0) != 0 && errno == ESRCH)) Remove(share, name);
+  }
+}
+
+// Removes the oldest, whatever the clock says of `newest`.
+void RemoveOld(const std::string& share, const std::string& newest) {
+  std::vector<std::string> names = NamesOf(share, /*unfinished=*/false);
+  const auto written = [&](const std::string& name) {
+    std::error_code error;
+    return fs::last_write_time(DirectoryOf(share) + "/" + name, error);
+  };
+  std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
+    if (a == newest || b == newest) return a == newest && b != newest;
+    return written(a) > written(b);
+  });
+  for (size_t i = kMostTables; i < names.size(); ++i) Remove(share, names[i]);
+}
+
+// Whether all of the text is in the file, which is new and root's alone.
+bool Write(const std::string& path, const std::string& text) {
+  const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!fd.Valid()) return false;
+  size_t at = 0;
+  for (ssize_t put; at < text.size(); at += static_cast<size_t>(put)) {
+    put = write(fd.Get(), text.data() + at, text.size() - at);
+    if (put <= 0) return false;
+  }
+  return true;
+}
+
+bool WriteAndRename(const std::string& share, const std::string& name, const std::string& text) {
+  const std::string unfinished =
+      fmt::format("{}/{}{}.new", DirectoryOf(share), kUnfinishedMark, getpid());
+  if (Write(unfinished, text) &&
+      rename(unfinished.c_str(), (DirectoryOf(share) + "/" + name).c_str()) == 0)
+    return true;
+  const int error = errno;
+  (void)unlink(unfinished.c_str());
+  errno = error;
+  return false;
+}
+
+}  // namespace
+
+std::optional<KeptTable> FindTable(const std::string& share, const std::string& fileSystemID,
+                                   unsigned long long generation,
+                                   const std::vector<unsigned long long>& subvolumeIDs) {
+  RequireSafeTables(share);
+  std::optional<KeptTable> kept = ReadTable(share, NameOf(fileSystemID, generation, subvolumeIDs));
+  if (!kept || kept->fileSystemID != fileSystemID || kept->table.generation != generation ||
+      kept->table.subvolumeIDs != subvolumeIDs)
+    return std::nullopt;
+  return kept;
+}
+
+std::optional<KeptTable> NewestTable(const std::string& share) {
+  RequireSafeTables(share);
+  std::optional<KeptTable> newest;
+  for (const std::string& name : NamesOf(share, /*unfinished=*/false)) {
+    std::optional<KeptTable> kept = ReadTable(share, name);
+    if (!kept) continue;
+    const bool newer = !newest || (kept->fileSystemID == newest->fileSystemID
+                                       ? kept->table.generation > newest->table.generation
+                                       : kept->taken > newest->taken);
+    if (newer) newest = std::move(kept);
+  }
+  return newest;
+}
+
+void KeepTable(const std::string& share, const KeptTable& kept) {
+  RequireSafeCache();
+  const std::string name =
+      NameOf(kept.fileSystemID, kept.table.generation, kept.table.subvolumeIDs);
+  bool written = MakeSafeDirectory(kCacheRoot) && MakeSafeDirectory(DirectoryOf(share));
+  if (written) {
+    RequirePlainFilesIn(DirectoryOf(share));
+    RemoveUnfinished(share);
+    written = WriteAndRename(share, name, TableFileText(kept));
+  }
+  if (!written) syslog(LOG_NOTICE, "a table cannot be kept in %s: %s", kCacheRoot, strerror(errno));
+  RemoveOld(share, name);
+}
+
+bool RemoveTables(const std::string& share) {
+  RequireSafeTables(share);
+  const std::vector<std::string> names = NamesOf(share, /*unfinished=*/false);
+  for (const std::string& name : names) Remove(share, name);
+  for (const std::string& name : NamesOf(share, /*unfinished=*/true)) Remove(share, name);
+  (void)rmdir(DirectoryOf(share).c_str());
+  return !names.empty();
+}
+
+std::vector<std::string> SharesWithTables() {
+  RequireSafeCache();
+  std::vector<std::string> shares;
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(kCacheRoot, error))
+    shares.push_back(entry.path().filename());
+  return shares;
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,39 @@
+// Tables that are kept, so that the same question is not read from the disk again.
+//
+// They lie in /var/cache/zorv-snapusage/<share>/<file system>-<generation>-<IDs>, root's alone, at
+// most four of a share. Whoever removes them loses time and nothing else.
+#ifndef CLI_TABLE_CACHE_H_
+#define CLI_TABLE_CACHE_H_
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cli/table_file.h"
+
+namespace ZorvSnapUsage {
+
+// All give up with kUnsafeRoots when somebody else may have had a hand in what is there. A file
+// that does not hold what its name says is as good as none.
+
+// The share's table of these subvolumes in this state.
+std::optional<KeptTable> FindTable(const std::string& share, const std::string& fileSystemID,
+                                   unsigned long long generation,
+                                   const std::vector<unsigned long long>& subvolumeIDs);
+
+// The share's table of the latest state that one is kept of.
+std::optional<KeptTable> NewestTable(const std::string& share);
+
+// Keeps a table, in place of the oldest one when there are too many. One that cannot be kept, for
+// want of room for example, is not: the system log says why.
+void KeepTable(const std::string& share, const KeptTable& kept);
+
+// Removes the share's tables; whether there were any.
+bool RemoveTables(const std::string& share);
+
+// The shares that tables are kept of.
+std::vector<std::string> SharesWithTables();
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_TABLE_CACHE_H_
