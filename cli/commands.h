@@ -19,6 +19,7 @@ void AddRun(CLI::App& program, Action& action);
 void AddStart(CLI::App& program, Action& action);
 void AddStatus(CLI::App& program, Action& action);
 void AddShow(CLI::App& program, Action& action);
+void AddPlan(CLI::App& program, Action& action);
 void AddStop(CLI::App& program, Action& action);
 void AddClean(CLI::App& program, Action& action);
 

@@ -28,6 +28,7 @@ constexpr Row kRows[] = {
     {kNotFinalInTime, "the calculation did not stop in time"},
     {kShareOutOfReach, "the share cannot be reached for the moment"},
     {kUnsafeRoots, "a directory, file or record of the library may be somebody else's"},
+    {kTargetOutOfReach, "the snapshots that may go do not free as much as was asked for"},
     {kLeftAtOnce, "left at once by Ctrl-C: before a calculation was started, or the second one"},
 };
 

@@ -25,6 +25,7 @@ enum ExitStatus : int {
   kNotFinalInTime = 14,
   kShareOutOfReach = 15,
   kUnsafeRoots = 16,
+  kTargetOutOfReach = 17,
   kLeftAtOnce = 130,  // 128 + SIGINT, as shells say it
 };
 

@@ -32,6 +32,7 @@ void AddCommands(CLI::App& program, Action& action) {
   AddStart(program, action);
   AddStatus(program, action);
   AddShow(program, action);
+  AddPlan(program, action);
   AddStop(program, action);
   AddClean(program, action);
 }

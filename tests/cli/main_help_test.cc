@@ -17,7 +17,7 @@ TEST(MainHelp, VersionOfTheProgram) {
 }
 
 TEST(MainHelp, EveryCommandHasAnExample) {
-  for (const char* command : {"run", "start", "status", "show", "stop", "clean"}) {
+  for (const char* command : {"run", "start", "status", "show", "plan", "stop", "clean"}) {
     SCOPED_TRACE(command);
     const CommandResult result = Tool({command, "--help"});
     EXPECT_EQ(0, result.status);
@@ -37,7 +37,7 @@ TEST(MainHelp, ExitStatusesAreTheSameInHelpAndManual) {
     ASSERT_EQ(1, sscanf(line.c_str(), "%d  %n", &status, &at)) << line;
     EXPECT_THAT(manual, HasSubstr("| " + std::to_string(status) + " | " + line.substr(at) + " |"));
   }
-  EXPECT_EQ(18, rows);
+  EXPECT_EQ(19, rows);
 }
 
 TEST(MainHelp, WrongCommandLines) {

@@ -1,0 +1,120 @@
+// zorv-snapusage plan: what comes free when snapshots go, and which must go to free so much.
+#include <fmt/format.h>
+#include <time.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cli/begin_work.h"
+#include "cli/commands.h"
+#include "cli/failure.h"
+#include "cli/interrupt.h"
+#include "cli/options.h"
+#include "cli/plan.h"
+#include "cli/plan_report.h"
+#include "cli/plan_request.h"
+#include "cli/table_source.h"
+#include "cli/text.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+struct PlanOptions {
+  PlanWords words;
+  OutputFormat format;
+};
+
+std::vector<Snapshot> RequireSnapshots(const std::string& share) {
+  RequireShare(share);
+  std::vector<Snapshot> snapshots = SnapshotsOf(share);
+  if (!snapshots.empty()) return snapshots;
+  throw Failure(kNoSnapshots, fmt::format("share {} has no snapshots", Quoted(share)),
+                "there is nothing to delete");
+}
+
+// What comes free in an order that the table has no answer for; the plan is then for the state of
+// that answer.
+AskInOrder AskTheEngine(const std::vector<Snapshot>& snapshots, KeptTable& table) {
+  return [&](const std::vector<uint32_t>& order) {
+    std::vector<unsigned long long> ids;
+    for (const uint32_t place : order) ids.push_back(snapshots[place].subvolumeID);
+    const Forecast forecast = AskForForecast(snapshots.front().path, ids);
+    table.table.generation = forecast.generation;
+    table.taken = time(nullptr);
+    return forecast.steps;
+  };
+}
+
+Plan MakePlan(const PlanRequest& request, const std::vector<uint32_t>& places,
+              const SizeTable& table, const AskInOrder& ask) {
+  if (request.target == 0) return PlanDeletion(table, places, ask);
+  return request.fewest ? PlanFewest(table, places, request.target, ask)
+                        : PlanInOrder(table, places, request.target, ask);
+}
+
+void RequireReached(const PlanRequest& request, const Plan& plan, size_t candidates) {
+  if (plan.reached) return;
+  throw Failure(
+      kTargetOutOfReach,
+      fmt::format("all {} snapshots of share {} that may go free {} together, not {}", candidates,
+                  Quoted(request.share), BytesText(plan.most.Total(), Units::kIec),
+                  BytesText(request.target, Units::kIec)),
+      "ask for less, or keep fewer");
+}
+
+int PlanDeletions(const PlanOptions& options) {
+  const PlanRequest request = ReadPlanWords(options.words, time(nullptr));
+  const Interrupt interrupt;
+  BeginWorkOn(request.share);
+  const std::vector<Snapshot> snapshots = RequireSnapshots(request.share);
+  const std::vector<uint32_t> places = SelectForPlan(request, snapshots);
+  KeptTable table = TableOfNow(request.share, snapshots);
+  const Plan plan = MakePlan(request, places, table.table, AskTheEngine(snapshots, table));
+  if (options.format.json || plan.reached) Print({request, plan, table, snapshots}, options.format);
+  RequireReached(request, plan, places.size());
+  return kOk;
+}
+
+// A text that is empty, by a variable that was never set for one, would be taken for no option.
+std::string RefuseEmpty(const std::string& text) {
+  return text.empty() ? "a value is expected" : "";
+}
+
+void AddQuestions(CLI::App& command, PlanWords& words) {
+  command.add_option("--delete", words.deletions, "These, in this order; A%B: from A to B")
+      ->type_name("A,B,C");
+  command.add_option("--older-than", words.olderThan, "Those that are older: 36h 90d 8w 6m 2y")
+      ->type_name("AGE")
+      ->check(RefuseEmpty);
+  command.add_option("--until", words.until, "Those of this time or earlier")
+      ->type_name("TIME")
+      ->check(RefuseEmpty);
+  command.add_option("--policy", words.policy, "Those that a policy does not keep: 24h7d4w12m2y")
+      ->type_name("POLICY")
+      ->check(RefuseEmpty);
+  command.add_option("--free", words.free, "As many as free so much, the oldest first: 200G")
+      ->type_name("SIZE")
+      ->check(RefuseEmpty);
+  command.add_flag("--fewest", words.fewest, "With --free: as few as possible instead");
+  command.add_option("--keep-last", words.keepLast, "Never the last N; alone: all others")
+      ->type_name("N")
+      ->check(CLI::Range(1u, 1000000u).description(""));
+  command.add_option("--keep", words.keep, "Never this one; may be given again")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+}
+
+}  // namespace
+
+void AddPlan(CLI::App& program, Action& action) {
+  CLI::App* const command =
+      program.add_subcommand("plan", "What comes free if snapshots are deleted; deletes nothing");
+  const auto options = std::make_shared<PlanOptions>();
+  AddShareArgument(*command, options->words.share);
+  AddQuestions(*command, options->words);
+  AddOutputFormat(*command, options->format, PlanColumns());
+  command->footer("Example: zorv-snapusage plan photos --free 200G --keep-last 7");
+  command->callback([options, &action] { action = [options] { return PlanDeletions(*options); }; });
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,77 @@
+#include "cli/plan.h"
+
+#include "cli/fewest.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+using Places = std::vector<uint32_t>;
+
+constexpr uint32_t kNoCandidate = UINT32_MAX;
+
+// The sets that candidates alone hold, by their places among them.
+std::vector<WeightedSet> SetsOfCandidates(const SizeTable& table, const Places& candidates) {
+  Places candidateAt(table.subvolumeIDs.size(), kNoCandidate);
+  for (uint32_t i = 0; i < candidates.size(); ++i) candidateAt[candidates[i]] = i;
+  std::vector<WeightedSet> sets;
+  for (const HeldSet& set : table.sets) {
+    Places members;
+    bool others = false;
+    for (const PlaceRange& range : set.members)
+      for (uint32_t place = range.first; place <= range.last && !others; ++place) {
+        others = candidateAt[place] == kNoCandidate;
+        members.push_back(candidateAt[place]);
+      }
+    if (!others) sets.push_back({MembersOf(members), set.bytes.Total()});
+  }
+  return sets;
+}
+
+// The beginning of a plan that is enough; nothing when the whole is not.
+std::optional<size_t> StepsUntil(const std::vector<FreedBytes>& steps, unsigned long long target) {
+  unsigned long long freed = 0;
+  for (size_t i = 0; i < steps.size(); ++i)
+    if ((freed += steps[i].Total()) >= target) return i + 1;
+  return std::nullopt;
+}
+
+}  // namespace
+
+Plan PlanDeletion(const SizeTable& table, const Places& order, const AskInOrder& ask) {
+  Plan plan;
+  plan.order = order;
+  const std::optional<std::vector<FreedBytes>> steps = FreedInOrder(table, order);
+  plan.steps = steps ? *steps : ask(order);
+  plan.most = plan.Together();
+  return plan;
+}
+
+Plan PlanInOrder(const SizeTable& table, const Places& candidates, unsigned long long target,
+                 const AskInOrder& ask) {
+  Plan plan = PlanDeletion(table, candidates, ask);
+  const std::optional<size_t> steps = StepsUntil(plan.steps, target);
+  plan.reached = steps.has_value();
+  plan.order.resize(steps.value_or(0));
+  plan.steps.resize(steps.value_or(0));
+  return plan;
+}
+
+Plan PlanFewest(const SizeTable& table, const Places& candidates, unsigned long long target,
+                const AskInOrder& ask) {
+  const FewestChoice choice =
+      ChooseFewest(candidates.size(), SetsOfCandidates(table, candidates), target);
+  // What is summed up comes on top of the sets: their choice is enough, and may not be the best.
+  Plan inOrder = PlanInOrder(table, candidates, target, ask);
+  if (!choice.Reached()) {
+    if (inOrder.reached) inOrder.atLeast = 1;
+    return inOrder;
+  }
+  Places chosen;
+  for (const uint32_t i : choice.chosen) chosen.push_back(candidates[i]);
+  Plan plan = PlanDeletion(table, chosen, ask);
+  plan.most = inOrder.most;
+  plan.atLeast = table.Complete() ? choice.atLeast : 1;
+  return plan;
+}
+
+}  // namespace ZorvSnapUsage

@@ -1,0 +1,45 @@
+// What comes free when snapshots go, and which must go for it.
+#ifndef CLI_PLAN_H_
+#define CLI_PLAN_H_
+
+#include <stdint.h>
+
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "cli/size_table.h"
+
+namespace ZorvSnapUsage {
+
+// What comes free with each of these, by their places in the table, in this order: asked of the
+// file system when the table cannot say it.
+using AskInOrder = std::function<std::vector<FreedBytes>(const std::vector<uint32_t>& order)>;
+
+struct Plan {
+  std::vector<uint32_t> order;    // places in the table
+  std::vector<FreedBytes> steps;  // what comes free with each
+  // With a target:
+  bool reached = true;  // else: there is no such plan, and `order` and `steps` are empty
+  FreedBytes most;      // when all that may go do
+  // With the fewest: fewer than this are not enough.
+  std::optional<size_t> atLeast;
+
+  FreedBytes Together() const { return SumOf(steps); }
+};
+
+// The deletion of these, in this order.
+Plan PlanDeletion(const SizeTable& table, const std::vector<uint32_t>& order,
+                  const AskInOrder& ask);
+
+// As many of `candidates`, in their order, as it takes until `target` bytes come free.
+Plan PlanInOrder(const SizeTable& table, const std::vector<uint32_t>& candidates,
+                 unsigned long long target, const AskInOrder& ask);
+
+// As few of `candidates`, which are in the order of the table, as free `target` bytes.
+Plan PlanFewest(const SizeTable& table, const std::vector<uint32_t>& candidates,
+                unsigned long long target, const AskInOrder& ask);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_PLAN_H_
