@@ -25,6 +25,6 @@ if(NOT ZORV_SANITIZE)
   target_link_options(zorvbtrfssnapusage PRIVATE -Wl,-z,defs)
 endif()
 set_target_properties(zorvbtrfssnapusage PROPERTIES
-  VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+  VERSION ${ZORV_ABI}.${PROJECT_VERSION} SOVERSION ${ZORV_ABI}
   CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
   LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)

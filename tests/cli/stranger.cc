@@ -26,7 +26,7 @@ void Ignore(int) {}
   dup2(likeness.nullInput ? null.Get() : other.Get(), STDIN_FILENO);
   dup2(likeness.nullOutput ? null.Get() : other.Get(), STDOUT_FILENO);
   const UniqueFd library(
-      open(ZORV_BINARY_DIR "/lib/libzorvbtrfssnapusage.so.1", O_RDONLY | O_CLOEXEC));
+      open(ZORV_BINARY_DIR "/lib/libzorvbtrfssnapusage.so.0", O_RDONLY | O_CLOEXEC));
   if (likeness.library &&
       mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE, library.Get(), 0) == MAP_FAILED)
     _exit(1);

@@ -78,9 +78,9 @@ TEST(Headers, LibraryExportsExactlyWhatTheyDeclare) {
 
 TEST(Headers, LibraryHasItsNameAndVersion) {
   EXPECT_NE(std::string::npos,
-            MustRun({"readelf", "-d", ZORV_PLATFORM_LIBRARY}).find("[libzorvplatform.so.1]"));
+            MustRun({"readelf", "-d", ZORV_PLATFORM_LIBRARY}).find("[libzorvplatform.so.0]"));
   EXPECT_EQ(
-      "libzorvplatform.so.1.0.0",
+      "libzorvplatform.so.0.1.0.0",
       std::string(ZORV_PLATFORM_LIBRARY).substr(std::string(ZORV_PLATFORM_LIBRARY).rfind('/') + 1));
 }
 
