@@ -16,7 +16,7 @@ namespace {
 
 constexpr char kCommand[] = "/sbin/btrfs";
 constexpr char kAnswer[] = "zorv btrfs engine";
-constexpr char kNext[] = "install the engine of this package as /sbin/btrfs";
+constexpr char kNext[] = "install zorv-btrfs-command, or the engine as /sbin/btrfs";
 
 // The first line of what the command prints about its version.
 std::string VersionLine() {

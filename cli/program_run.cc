@@ -76,7 +76,7 @@ pid_t Start(const std::vector<std::string>& argv, int output, int errors) {
       posix_spawn(&pid, words[0], state.Files(), state.Attributes(), words.data(), environ);
   if (error == 0) return pid;
   throw Failure(kNotAnEngine, fmt::format("{} cannot be started ({})", argv[0], strerror(error)),
-                "install the engine of this package as /sbin/btrfs");
+                "install zorv-btrfs-command, or the engine as /sbin/btrfs");
 }
 
 // A program that has been started, and has ended when this goes.

@@ -4,12 +4,23 @@ include(CMakePackageConfigHelpers)
 
 install(TARGETS zorvbtrfssnapusage zorvplatform EXPORT zorvbtrfssnapusage
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-# The library runs /sbin/btrfs: with the prefix /usr on a merged system, or / on others, it is this.
-install(TARGETS zorv_btrfs_engine RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+# The engine has a place of its own. The library runs /sbin/btrfs, which with the prefix /usr is the
+# link here: who wants the command btrfs left alone leaves this component out.
+set(engine_dir ${CMAKE_INSTALL_LIBEXECDIR}/zorv-snapusage)
+install(TARGETS zorv_btrfs_engine RUNTIME DESTINATION ${engine_dir})
+file(RELATIVE_PATH engine_link /${CMAKE_INSTALL_SBINDIR} /${engine_dir}/btrfs)
+file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/btrfs-command)
+file(CREATE_LINK ${engine_link} ${PROJECT_BINARY_DIR}/btrfs-command/btrfs SYMBOLIC)
+install(FILES ${PROJECT_BINARY_DIR}/btrfs-command/btrfs DESTINATION ${CMAKE_INSTALL_SBINDIR}
+  COMPONENT btrfs_command)
 install(TARGETS zorv-snapusage RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # In lib whatever the architecture: the one place below a prefix where it is looked for.
 install(FILES packaging/tmpfiles.d/zorvbtrfssnapusage.conf DESTINATION lib/tmpfiles.d)
 install(FILES packaging/systemd/run-lock-zorvbtrfssnapusage.mount DESTINATION lib/systemd/system)
+foreach(unit zorv-snapusage@.service zorv-snapusage@.timer)
+  configure_file(packaging/systemd/${unit}.in ${PROJECT_BINARY_DIR}/systemd/${unit} @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/systemd/${unit} DESTINATION lib/systemd/system)
+endforeach()
 install(DIRECTORY include/zorvbtrfssnapusage platform/include/zorvplatform
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.h)
 

@@ -25,7 +25,7 @@ class Install : public testing::Test {
   static void SetUpTestSuite() {
     MustRun({ZORV_CMAKE, "--install", ZORV_BINARY_DIR, "--prefix", "/opt/zorv"});
     MustRun({"sh", "-c",
-             "echo $(dirname $(find /opt/zorv -name 'libzorvbtrfssnapusage.so.1')) >"
+             "echo $(dirname $(find /opt/zorv -name 'libzorvbtrfssnapusage.so.0')) >"
              "/etc/ld.so.conf.d/zorv.conf; ldconfig"});
     WriteFile("/opt/caller/caller.cc", kCaller);
   }
@@ -89,6 +89,9 @@ TEST_F(Install, ReadmeCallerCompiles) {
 
 TEST_F(Install, PutsEveryPartInItsPlace) {
   for (const char* file : {"/opt/zorv/bin/zorv-snapusage", "/opt/zorv/sbin/btrfs",
+                           "/opt/zorv/libexec/zorv-snapusage/btrfs",
+                           "/opt/zorv/lib/systemd/system/zorv-snapusage@.service",
+                           "/opt/zorv/lib/systemd/system/zorv-snapusage@.timer",
                            "/opt/zorv/include/zorvbtrfssnapusage/share_snap_usage_cal.h",
                            "/opt/zorv/include/zorvplatform/platc.h",
                            "/opt/zorv/lib/tmpfiles.d/zorvbtrfssnapusage.conf",

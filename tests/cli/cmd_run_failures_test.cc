@@ -42,7 +42,7 @@ class CmdRunFailures : public CliWorld {
   static constexpr char kLaunchLock[] = "/run/zorv-snapusage.lock";
   static constexpr char kClaimLock[] = "/run/lock/zorvbtrfssnapusage/share_task/photos.lock";
   static constexpr char kStatusLock[] = "/run/lock/zorvbtrfssnapusage/share_task_status/photos";
-  static constexpr char kInstall[] = "; install the engine of this package as /sbin/btrfs";
+  static constexpr char kInstall[] = "; install zorv-btrfs-command, or the engine as /sbin/btrfs";
 };
 
 TEST_F(CmdRunFailures, NotRoot) {
