@@ -3,20 +3,23 @@
 PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 PACKAGES="g++ cmake ninja-build pkg-config libjsoncpp-dev libcli11-dev libfmt-dev liburing-dev
           libgtest-dev libgmock-dev btrfs-progs uuid-runtime python3 binutils mount util-linux procps
-          e2fsprogs pandoc man-db mandoc snapper jq"
-# With the init system the program is there; the package that has it alone would push that out.
-command -v systemd-tmpfiles >/dev/null || PACKAGES="$PACKAGES systemd-standalone-tmpfiles"
+          e2fsprogs pandoc man-db mandoc snapper jq dpkg-dev debhelper lintian pkgconf systemd"
 
 die() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2
   exit 1
 }
 
-# Root, a Debian-like system, btrfs and loop devices: one clear line for the first that is missing.
-need_machine() {
-  [ "$(id -u)" = 0 ] || die "needs root (mounts, loop devices); run: sudo $0"
+# Root and a Debian-like system: one clear line for the first that is missing.
+need_debian() { # what for
+  [ "$(id -u)" = 0 ] || die "needs root ($1); run: sudo $0"
   command -v apt-get >/dev/null && command -v dpkg-query >/dev/null ||
     die "installs what it needs with apt-get, which this system has not; use Debian 12 or install by hand: $(echo $PACKAGES)"
+}
+
+# That, btrfs and loop devices.
+need_machine() {
+  need_debian "mounts, loop devices"
   grep -qw btrfs /proc/filesystems || modprobe btrfs 2>/dev/null || true
   grep -qw btrfs /proc/filesystems ||
     die "this kernel has no btrfs; install one with CONFIG_BTRFS_FS (Debian's has it)"

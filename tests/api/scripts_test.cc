@@ -39,7 +39,7 @@ TEST(Scripts, SayThatTheyNeedRoot) {
   // A copy, since another user may not enter the checkout.
   std::filesystem::copy(kScripts, "/tmp/scripts");
   for (const char* script :
-       {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh"})
+       {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh", "package.sh"})
     ExpectOneLine(ZorvTest::Run({"setpriv", "--reuid=65534", "--clear-groups", "bash",
                                  std::string("/tmp/scripts/") + script}),
                   "needs root");
@@ -70,6 +70,7 @@ TEST(Scripts, RefuseArgumentsTheyDoNotKnow) {
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "torture.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "fuzz.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "coverage.sh", "--fast"}), "--help");
+  ExpectOneLine(ZorvTest::Run({"bash", kScripts + "package.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "fuzz.sh", "nonesuch"}), "no such target");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "torture.sh", "nonesuch"}), "no such harness");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "bench.sh", "--only", "a,z"}), "no such part: z");
@@ -80,6 +81,17 @@ TEST(Scripts, RefuseSeedsAndCountsThatAreNone) {
     for (const char* option : {"--count", "--first-seed"})
       ExpectOneLine(ZorvTest::Run({"bash", kScripts + "generated.sh", option, text}),
                     std::string(option) + " needs a number");
+}
+
+TEST(Scripts, PackagesHaveOneVersion) {
+  std::filesystem::create_directory("/tmp/checkout");
+  for (const char* part : {"scripts", "packaging", "CMakeLists.txt"})
+    MustRun({"cp", "-rT", std::string(ZORV_SOURCE_DIR "/") + part,
+             std::string("/tmp/checkout/") + part});
+  MustRun({"sed", "-i", "s/VERSION [0-9.]* LANGUAGES/VERSION 8.7.6 LANGUAGES/",
+           "/tmp/checkout/CMakeLists.txt"});
+  ExpectOneLine(ZorvTest::Run({"bash", "/tmp/checkout/scripts/package.sh"}),
+                "CMakeLists.txt at 8.7.6");
 }
 
 TEST(Scripts, MeasurementsReadWhatTheyAreGiven) {
