@@ -372,7 +372,7 @@ TEST_F(Packages, ServiceHasTheKernelsNumbers) {
 }
 
 TEST_F(Packages, ServiceFindsAShareOfAnyName) {
-  const std::string share = "-our $HOME %i \"share\"";
+  const std::string share = "-our ${HOME} %i \"share\"";
   volume_.Subvolume(share);
   volume_.Snapshot(share, share + "/.snapshots/GMT-2024.03.01-09.04.09");
   std::string instance = MustRun({"systemd-escape", "--", share});
