@@ -22,6 +22,7 @@ void AddShow(CLI::App& program, Action& action);
 void AddPlan(CLI::App& program, Action& action);
 void AddStop(CLI::App& program, Action& action);
 void AddClean(CLI::App& program, Action& action);
+void AddNames(CLI::App& program, Action& action);
 
 }  // namespace ZorvSnapUsage
 

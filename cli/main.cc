@@ -35,6 +35,7 @@ void AddCommands(CLI::App& program, Action& action) {
   AddPlan(program, action);
   AddStop(program, action);
   AddClean(program, action);
+  AddNames(program, action);
 }
 
 // Output that could not be written whole, on a full disk for one, is no success.

@@ -21,6 +21,10 @@ foreach(unit zorv-snapusage@.service zorv-snapusage@.timer)
   configure_file(packaging/systemd/${unit}.in ${PROJECT_BINARY_DIR}/systemd/${unit} @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/systemd/${unit} DESTINATION lib/systemd/system)
 endforeach()
+install(FILES completion/zorv-snapusage.bash RENAME zorv-snapusage
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+install(FILES completion/_zorv-snapusage
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(DIRECTORY include/zorvbtrfssnapusage platform/include/zorvplatform
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.h)
 

@@ -3,7 +3,8 @@
 PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 PACKAGES="g++ cmake ninja-build pkg-config libjsoncpp-dev libcli11-dev libfmt-dev liburing-dev
           libgtest-dev libgmock-dev btrfs-progs uuid-runtime python3 binutils mount util-linux procps
-          e2fsprogs pandoc man-db mandoc snapper jq dpkg-dev debhelper lintian pkgconf systemd"
+          e2fsprogs pandoc man-db mandoc snapper jq dpkg-dev debhelper lintian pkgconf systemd
+          bash-completion zsh"
 
 die() {
   printf '%s: %s\n' "$(basename "$0")" "$*" >&2

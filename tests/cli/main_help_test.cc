@@ -17,7 +17,7 @@ TEST(MainHelp, VersionOfTheProgram) {
 }
 
 TEST(MainHelp, EveryCommandHasAnExample) {
-  for (const char* command : {"run", "start", "status", "show", "plan", "stop", "clean"}) {
+  for (const char* command : {"run", "start", "status", "show", "plan", "stop", "clean", "names"}) {
     SCOPED_TRACE(command);
     const CommandResult result = Tool({command, "--help"});
     EXPECT_EQ(0, result.status);

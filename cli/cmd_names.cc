@@ -1,0 +1,62 @@
+// zorv-snapusage names: the names of shares or snapshots, for scripts and for completion.
+#include <zorvplatform/share.h>
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+#include "cli/begin_work.h"
+#include "cli/commands.h"
+#include "cli/failure.h"
+#include "cli/share.h"
+#include "cli/standard_streams.h"
+#include "cli/string_list.h"
+#include "cli/text.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+struct NamesOptions {
+  std::string share;  // empty: of all shares
+  bool zero = false;
+};
+
+std::vector<std::string> ShareNames() {
+  StringList names;
+  if (ZORVShareEnum(names.Ref(), ZORV_SHARE_ENUM_ALL) < 0)
+    throw SystemFailure("the shares cannot be listed");
+  return names.Strings();
+}
+
+std::vector<std::string> SnapshotNames(const std::string& share) {
+  RequireShare(share);
+  std::vector<std::string> names;
+  for (const Snapshot& snapshot : SnapshotsOf(share)) names.push_back(snapshot.name);
+  return names;
+}
+
+int Names(const NamesOptions& options) {
+  if (options.share.empty())
+    BeginWork();
+  else
+    BeginWorkOn(options.share);
+  for (const std::string& name :
+       options.share.empty() ? ShareNames() : SnapshotNames(options.share))
+    ToStandardOutput(options.zero ? name + '\0' : Escaped(name) + "\n");
+  return kOk;
+}
+
+}  // namespace
+
+void AddNames(CLI::App& program, Action& action) {
+  CLI::App* const command =
+      program.add_subcommand("names", "Print the names of all shares, or of a share's snapshots");
+  const auto options = std::make_shared<NamesOptions>();
+  command->add_option("SHARE", options->share, "Name of the share (default: names of shares)");
+  command->add_flag("-0,--null", options->zero, "Names as they are, with a NUL behind each");
+  command->footer(
+      "For scripts and completion; shares by name, snapshots by time.\n"
+      "Example: zorv-snapusage names photos -0 | xargs -0 -n 1 echo");
+  command->callback([options, &action] { action = [options] { return Names(*options); }; });
+}
+
+}  // namespace ZorvSnapUsage
