@@ -49,6 +49,12 @@ int FailSaying(Site site, unsigned int code, const std::string& text) {
   return -1;
 }
 
+bool ForTheMoment(int error) { return error == EAGAIN || error == EBUSY || error == EINTR; }
+
+unsigned int CodeOfRefusal(int error) {
+  return ForTheMoment(error) ? PLATC_ERR_RETRY : PLATC_ERR_SYSTEM_CALL;
+}
+
 int FailNoMemory(Site site) {
   errno = ENOMEM;
   return Fail(site, PLATC_ERR_SYSTEM_CALL);

@@ -20,6 +20,12 @@ int Fail(Site site, unsigned int code);
 // The same, with words for a person.
 int FailSaying(Site site, unsigned int code, const std::string& text);
 
+// Whether asking again may help: EAGAIN, EBUSY, EINTR.
+bool ForTheMoment(int error);
+
+// The code for what the system refused with this errno value: to be asked again, or not.
+unsigned int CodeOfRefusal(int error);
+
 // Out of memory: the record says system call, errno ENOMEM.
 int FailNoMemory(Site site);
 

@@ -1,4 +1,4 @@
-// Commands on pipes: PLATCPopen, PLATCPopenv, PLATCPclose.
+// Starting programs, and commands on pipes: PLATCPopen, PLATCPopenv, PLATCPclose.
 #include "platform/linux/process.h"
 
 #include <fcntl.h>
@@ -80,13 +80,13 @@ Stream OpenAway(UniqueFd fd, uintptr_t avoided) {
   return other;
 }
 
-// In the child: the pipe, /dev/null, the caller's standard error, and nothing else once the program
-// runs.  Standard output comes first: in a caller without standard input the pipe may be
-// descriptor 0.
-bool SetDescriptors(int output) {
-  if (!PlaceDescriptor(output, STDOUT_FILENO)) return false;
-  const int devNull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+// In the child: the pipe, /dev/null, standard error, and nothing else once the program runs.
+// Standard output comes first: in a caller without standard input the pipe may be descriptor 0.
+bool SetDescriptors(const Start& start) {
+  if (!PlaceDescriptor(start.output, STDOUT_FILENO)) return false;
+  const int devNull = open("/dev/null", O_RDWR | O_CLOEXEC);
   if (devNull < 0 || !PlaceDescriptor(devNull, STDIN_FILENO)) return false;
+  if (!start.errorsShown && !PlaceDescriptor(devNull, STDERR_FILENO)) return false;
   return close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0;
 }
 
@@ -103,22 +103,13 @@ bool SetSignals() {
 
 // In the child: becomes the program, or sends an errno value through `status`.  Only calls that are
 // safe after the fork of a process with threads.
-[[noreturn]] void BecomeProgram(const char* path, char* const argv[], int output, int status) {
-  if (SetDescriptors(output) && SetSignals()) (void)execve(path, argv, environ);
+[[noreturn]] void BecomeProgram(const Start& start, int status) {
+  if (SetDescriptors(start) && SetSignals())
+    (void)execve(start.path, start.argv, start.environment);
   const int error = errno;
   while (write(status, &error, sizeof error) < 0 && errno == EINTR) {
   }
   _exit(127);
-}
-
-// Waits for a child, also when signals arrive meanwhile.  Its wait status; 0 when somebody else has
-// had it, because the caller ignores or reaps SIGCHLD.
-int AwaitChild(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0) {
-    if (errno != EINTR) return 0;
-  }
-  return status;
 }
 
 // What the child sent: an errno value, or 0 when the exec has closed the pipe.
@@ -129,27 +120,6 @@ int ReadStatus(int status) {
     got = read(status, &error, sizeof error);
   } while (got < 0 && errno == EINTR);
   return got == static_cast<ssize_t>(sizeof error) ? error : 0;
-}
-
-// Starts the program with `output` as its standard output.  Its pid, or -1 with errno: also when
-// the exec failed, and then no process is left behind.
-pid_t Spawn(const char* path, char* const argv[], int output) {
-  UniqueFd readEnd;
-  UniqueFd writeEnd;
-  if (!MakeReportPipe(&readEnd, &writeEnd)) return -1;
-
-  const sigset_t callers = BlockSignals();
-  const pid_t child = fork();
-  if (child == 0) BecomeProgram(path, argv, output, writeEnd.Get());
-  RestoreSignals(callers);
-  if (child < 0) return -1;
-
-  writeEnd.Reset();
-  const int error = ReadStatus(readEnd.Get());
-  if (error == 0) return child;
-  (void)AwaitChild(child);
-  errno = error;
-  return -1;
 }
 
 FILE* PipeFailure(Site site) {
@@ -171,7 +141,7 @@ FILE* Open(const char* path, char* const argv[]) {
   Stream stream = OpenAway(std::move(readEnd), streams.lastClosed);
   if (stream == nullptr) return PipeFailure(PLATFORM_HERE);
 
-  const pid_t child = Spawn(path, argv, writeEnd.Get());
+  const pid_t child = Spawn({path, argv, environ, writeEnd.Get(), /*errorsShown=*/true});
   if (child < 0) return PipeFailure(PLATFORM_HERE);
   streams.open.push_back({stream.get(), child});
   return stream.release();
@@ -216,6 +186,33 @@ pid_t Unregister(FILE* stream) {
 }  // namespace
 
 namespace ZorvPlatform {
+
+int AwaitChild(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return 0;
+  }
+  return status;
+}
+
+pid_t Spawn(const Start& start) {
+  UniqueFd readEnd;
+  UniqueFd writeEnd;
+  if (!MakeReportPipe(&readEnd, &writeEnd)) return -1;
+
+  const sigset_t callers = BlockSignals();
+  const pid_t child = fork();
+  if (child == 0) BecomeProgram(start, writeEnd.Get());
+  RestoreSignals(callers);
+  if (child < 0) return -1;
+
+  writeEnd.Reset();
+  const int error = ReadStatus(readEnd.Get());
+  if (error == 0) return child;
+  (void)AwaitChild(child);
+  errno = error;
+  return -1;
+}
 
 void LockStreams() { Streams().mutex.lock(); }
 

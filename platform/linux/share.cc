@@ -1,4 +1,8 @@
-// Shares: the subvolumes directly below the volumes.
+// Shares: the subvolumes directly below the volumes, and those that somebody has configured.
+//
+//   on the volumes       one volume, all of them
+//   configured           what the sources tell, and where it is
+//   found in both        one share, or a name that is refused
 #include "platform/linux/share.h"
 
 #include <fcntl.h>
@@ -10,10 +14,14 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "platform/linux/configured_share.h"
 #include "platform/linux/directory.h"
 #include "platform/linux/error.h"
 #include "platform/linux/file_system.h"
 #include "platform/linux/no_throw.h"
+#include "platform/linux/samba.h"
+#include "platform/linux/shares_file.h"
+#include "platform/linux/snapper.h"
 #include "platform/linux/sz_list.h"
 #include "platform/linux/volume.h"
 
@@ -74,40 +82,39 @@ bool AddSharesOf(const Volume& volume, std::set<std::string>* names) {
   return true;
 }
 
-int EnumShares(PLATSZLIST* list) {
+// Adds the names of all volumes' shares.  0, or -1 with the error record set.
+int AddSharesOfVolumes(std::set<std::string>* names) {
   std::vector<Volume> volumes;
   if (!ReadVolumes(&volumes)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);
-
-  std::set<std::string> names;
   for (const Volume& volume : volumes) {
-    if (!AddSharesOf(volume, &names)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);
+    if (!AddSharesOf(volume, names)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);
   }
-  if (AppendAll(PLATFORM_HERE, list, {names.begin(), names.end()}) < 0) return -1;
-  return static_cast<int>(names.size());
+  return 0;
 }
 
-bool ForTheMoment(int error) { return error == EAGAIN || error == EBUSY || error == EINTR; }
-
-ZORVSHARE* NewShare(const Volume& volume, const std::string& name) {
+std::unique_ptr<Share> NamedShare(const std::string& name) {
   auto share = std::make_unique<Share>();
   share->nameText = name;
   share->name = share->nameText.data();
+  return share;
+}
+
+std::unique_ptr<Share> ShareOnVolume(const Volume& volume, const std::string& name) {
+  std::unique_ptr<Share> share = NamedShare(name);
   share->source = ZORV_SHARE_SOURCE_VOLUME;
   share->volume = VolumePath(volume.number);
   share->place = share->volume;
   share->path = share->volume + "/" + name;
   share->snapDir = share->path + "/" + kVolumeSnapDir;
-  return share.release();
+  return share;
 }
 
 // The share on the first volume that has it; only when none has it do the volumes that could not be
-// asked decide why not.
-int FindShare(const std::string& name, ZORVSHARE** share) {
-  if (!ValidName(name)) return Fail(PLATFORM_HERE, PLATC_ERR_NO_SUCH_SHARE);
+// asked decide why not.  0, or the code that an error record has to get; errno belongs to it.
+unsigned int FindOnVolumes(const std::string& name, std::unique_ptr<Share>* share) {
+  if (!ValidName(name)) return PLATC_ERR_NO_SUCH_SHARE;
   std::vector<Volume> volumes;
-  if (!ReadVolumes(&volumes)) {
-    return Fail(PLATFORM_HERE, ForTheMoment(errno) ? PLATC_ERR_RETRY : PLATC_ERR_SYSTEM_CALL);
-  }
+  if (!ReadVolumes(&volumes)) return CodeOfRefusal(errno);
 
   int missingError = 0;
   int error = 0;
@@ -118,14 +125,147 @@ int FindShare(const std::string& name, ZORVSHARE** share) {
     }
     const Found found = Look(volume, name);
     if (found == Found::kShare) {
-      *share = NewShare(volume, name);
+      *share = ShareOnVolume(volume, name);
       return 0;
     }
     if (found == Found::kError && !ForTheMoment(error)) error = errno;
   }
   errno = missingError != 0 ? missingError : error;
-  if (missingError != 0 || ForTheMoment(error)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);
-  return Fail(PLATFORM_HERE, error != 0 ? PLATC_ERR_SYSTEM_CALL : PLATC_ERR_NO_SUCH_SHARE);
+  if (missingError != 0 || ForTheMoment(error)) return PLATC_ERR_RETRY;
+  return error != 0 ? PLATC_ERR_SYSTEM_CALL : PLATC_ERR_NO_SUCH_SHARE;
+}
+
+// ---- Configured --------------------------------------------------------------------------------
+
+// What all sources but the volumes tell.  0, or -1 with the error record set.
+int ReadSources(Configured* configured, SourceSwitches* switches) {
+  if (ReadSharesFile(configured, switches) < 0) return -1;
+  if (switches->snapper && ReadSnapper(configured) < 0) return -1;
+  return switches->samba ? ReadSamba(configured) : 0;
+}
+
+// The shares that the sources know by this name; what is in the platform's own file stands alone.
+std::vector<ConfiguredShare> SharesNamed(const std::string& name, const Configured& configured) {
+  std::vector<ConfiguredShare> named;
+  for (const ConfiguredShare& share : configured.shares) {
+    if (share.name != name) continue;
+    if (share.source == ZORV_SHARE_SOURCE_FILE) return {share};
+    named.push_back(share);
+  }
+  return named;
+}
+
+bool IsPassedBy(const ConfiguredShare& share) {
+  return share.onlyIfSubvolume && IsNoSubvolume(share);
+}
+
+// Takes out those that are passed by, and notes why.
+void PassBy(std::vector<ConfiguredShare>* shares, Configured* configured) {
+  std::vector<ConfiguredShare> rest;
+  for (ConfiguredShare& share : *shares) {
+    if (IsPassedBy(share)) {
+      configured->passedBy.push_back({share.place, share.name, "its path is no btrfs subvolume"});
+    } else {
+      rest.push_back(std::move(share));
+    }
+  }
+  *shares = std::move(rest);
+}
+
+std::unique_ptr<Share> ShareAt(const ConfiguredShare& known, const Location& location) {
+  std::unique_ptr<Share> share = NamedShare(known.name);
+  share->source = known.source;
+  share->place = known.place;
+  share->path = location.path;
+  share->volume = location.volume;
+  share->layout = known.layout;
+  share->snapDir = location.snapDir;
+  share->format = known.format;
+  share->localTime = known.localTime;
+  return share;
+}
+
+// ---- Found in both -----------------------------------------------------------------------------
+
+// A share that has been found, and its subvolume.
+struct Candidate {
+  std::unique_ptr<Share> share;
+  dev_t subvolume = 0;
+};
+
+int FailAmbiguous(const std::string& name, const Share& a, const Share& b) {
+  return FailSaying(PLATFORM_HERE, PLATC_ERR_CONFIGURATION,
+                    "the name " + name + " is given to " + a.path + " (" + a.place + ") and to " +
+                        b.path + " (" + b.place +
+                        "); give one of them another name, or say in /etc/zorv-snapusage.conf "
+                        "which one it is");
+}
+
+// One share of those that have one name: when they are one subvolume, that of the source with the
+// highest number.  0, or -1 with the error record set.
+int Unite(const std::string& name, std::vector<Candidate>* candidates, ZORVSHARE** share) {
+  Candidate* best = &candidates->front();
+  for (Candidate& candidate : *candidates) {
+    if (candidate.subvolume != best->subvolume)
+      return FailAmbiguous(name, *best->share, *candidate.share);
+    if (candidate.share->source > best->share->source) best = &candidate;
+  }
+  *share = best->share.release();
+  return 0;
+}
+
+int FailUnknown(const std::string& name, const Configured& configured) {
+  for (const PassedBy& passed : configured.passedBy) {
+    if (passed.name != name) continue;
+    return FailSaying(PLATFORM_HERE, PLATC_ERR_NO_SUCH_SHARE,
+                      "share " + name + " of " + passed.place + " is passed by: " + passed.why);
+  }
+  return Fail(PLATFORM_HERE, PLATC_ERR_NO_SUCH_SHARE);
+}
+
+// Adds the share of a volume.  0: or there is none, or it cannot be told and others are found; -1
+// with the error record set.
+int AddFromVolumes(const std::string& name, std::vector<Candidate>* candidates) {
+  Candidate found;
+  const unsigned int failure = FindOnVolumes(name, &found.share);
+  if (failure == PLATC_ERR_NO_SUCH_SHARE || (failure != 0 && !candidates->empty())) return 0;
+  struct stat st;
+  if (failure != 0) return Fail(PLATFORM_HERE, failure);
+  if (lstat(found.share->path.c_str(), &st) != 0) return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
+  found.subvolume = st.st_dev;
+  candidates->push_back(std::move(found));
+  return 0;
+}
+
+int FindShare(const std::string& name, ZORVSHARE** share) {
+  Configured configured;
+  SourceSwitches switches;
+  if (ReadSources(&configured, &switches) < 0) return -1;
+  std::vector<ConfiguredShare> named = SharesNamed(name, configured);
+  PassBy(&named, &configured);
+
+  std::vector<Candidate> candidates;
+  for (const ConfiguredShare& known : named) {
+    Location location;
+    if (Locate(known, &location) < 0) return -1;
+    candidates.push_back({ShareAt(known, location), location.subvolume});
+  }
+  const bool alone = !named.empty() && named.front().source == ZORV_SHARE_SOURCE_FILE;
+  if (switches.volumes && !alone && AddFromVolumes(name, &candidates) < 0) return -1;
+  return candidates.empty() ? FailUnknown(name, configured) : Unite(name, &candidates, share);
+}
+
+int EnumShares(PLATSZLIST* list) {
+  Configured configured;
+  SourceSwitches switches;
+  std::set<std::string> names;
+  if (ReadSources(&configured, &switches) < 0) return -1;
+  if (switches.volumes && AddSharesOfVolumes(&names) < 0) return -1;
+  for (const ConfiguredShare& share : configured.shares) {
+    if (!IsPassedBy(share)) names.insert(share.name);
+  }
+  if (AppendAll(PLATFORM_HERE, list, {names.begin(), names.end()}) < 0) return -1;
+  return static_cast<int>(names.size());
 }
 
 }  // namespace

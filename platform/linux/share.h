@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "platform/linux/source.h"
 #include "zorvplatform/share.h"
 
 namespace ZorvPlatform {
@@ -11,11 +12,16 @@ namespace ZorvPlatform {
 // The public record with what the platform keeps behind it.
 struct Share : ZORVSHARE {
   std::string nameText;  // `name` of the public record points into it
-  int source;            // ZORV_SHARE_SOURCE_*
+  int source = 0;        // ZORV_SHARE_SOURCE_*
   std::string place;     // what tells of it
   std::string path;      // of its subvolume
   std::string volume;    // /volumeN
-  std::string snapDir;   // where its source keeps the snapshots
+  Layout layout = Layout::kNames;
+  std::string snapDir;  // where its source keeps the snapshots
+  std::string format;   // for Layout::kFormat, with the zone
+  bool localTime = false;
+
+  bool HasView() const { return layout != Layout::kNames; }
 };
 
 // The directory of a volume's share that holds its snapshots.

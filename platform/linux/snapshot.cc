@@ -1,21 +1,20 @@
-// Snapshots of a share: the subvolumes in its snapshot directory.
-#include <fcntl.h>
+// Snapshots of a share as the library sees them: their names, in order, and where they are found.
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
-#include "base/unique_fd.h"
-#include "platform/linux/directory.h"
 #include "platform/linux/error.h"
-#include "platform/linux/file_system.h"
 #include "platform/linux/no_throw.h"
 #include "platform/linux/selector.h"
 #include "platform/linux/share.h"
 #include "platform/linux/snap_name.h"
+#include "platform/linux/snap_source.h"
+#include "platform/linux/snap_view.h"
 #include "platform/linux/sz_list.h"
 
 namespace {
@@ -24,12 +23,6 @@ using namespace ZorvPlatform;
 
 constexpr char kUnit[] = "platform/snapshot";
 
-struct Snapshot {
-  std::string name;
-  bool timed;
-  SnapName read;
-};
-
 bool Before(const Snapshot& a, const Snapshot& b) {
   if (a.timed != b.timed) return a.timed;
   if (a.timed && a.read.time != b.read.time) return a.read.time < b.read.time;
@@ -37,53 +30,43 @@ bool Before(const Snapshot& a, const Snapshot& b) {
   return a.name < b.name;
 }
 
-// Whether the entry is a subvolume; a link to one is none.  It is not opened: what somebody has
-// mounted there could refuse it.  1, 0, or -1 with errno.
-int IsSnapshot(DIR* dir, const DirEntry& entry) {
-  if (entry.type != DT_DIR && entry.type != DT_UNKNOWN) return 0;
-  const UniqueFd fd(
-      openat(dirfd(dir), entry.name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!fd.Valid()) return errno == ENOENT || errno == ENOTDIR || errno == ELOOP ? 0 : -1;
-  return IsSubvolume(fd.Get());
+// The links of a view: each snapshot by its name.
+std::map<std::string, std::string> LinksTo(const std::vector<Snapshot>& snapshots) {
+  std::map<std::string, std::string> links;
+  for (const Snapshot& snapshot : snapshots) links[snapshot.name] = snapshot.target;
+  return links;
 }
 
-// The entries of the share's snapshot directory; none when it has no such directory.  A share that
-// is itself gone, or whose volume is, is an error and not a share without snapshots.
-bool ReadSnapDir(const ZORVSHARE* share, Dir* dir, std::vector<DirEntry>* entries) {
-  const UniqueFd root(open(ShareOf(share).path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!root.Valid()) return false;
-  UniqueFd fd(openat(root.Get(), kVolumeSnapDir, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd.Valid()) return errno == ENOENT;
-  dir->reset(fdopendir(fd.Get()));
-  if (*dir == nullptr) return false;
-  (void)fd.Release();
-  return ReadDir(dir->get(), entries);
-}
-
-// Adds what passes the selectors.  0, or -1 with the error record set.
-int ReadSnapshots(const ZORVSHARE* share, const ZORVSHARESNAPSELECTOR* selectors,
-                  std::vector<Snapshot>* snapshots) {
-  Dir dir;
-  std::vector<DirEntry> entries;
-  if (!ReadSnapDir(share, &dir, &entries)) return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
-  for (const DirEntry& entry : entries) {
-    const int isSnapshot = IsSnapshot(dir.get(), entry);
-    if (isSnapshot < 0) return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
-    if (isSnapshot == 0) continue;
-    const int selected = PassesAll(selectors, entry.name.c_str());
-    if (selected < 0) return -1;
-    if (selected == 0) continue;
-    Snapshot snapshot{entry.name, false, {}};
-    snapshot.timed = ReadSnapName(entry.name.c_str(), &snapshot.read);
-    snapshots->push_back(std::move(snapshot));
+// Reads the snapshots of a share with a view, which is then as they are.  0, or -1 with the error
+// record set.
+int ReadIntoView(const Share& share, std::vector<Snapshot>* snapshots) {
+  SnapView view;
+  std::string why;
+  if (!view.Open(share.nameText, &why)) {
+    return FailSaying(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL, why);
   }
+  if (ReadSnapshots(share, snapshots) < 0) return -1;
+  if (view.Renew(LinksTo(*snapshots), &why)) return 0;
+  return FailSaying(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL, why);
+}
+
+// Keeps those that pass the selectors.  0, or -1 with the error record set.
+int Select(const ZORVSHARESNAPSELECTOR* selectors, std::vector<Snapshot>* snapshots) {
+  std::vector<Snapshot> passed;
+  for (Snapshot& snapshot : *snapshots) {
+    const int selected = PassesAll(selectors, snapshot.name.c_str());
+    if (selected < 0) return -1;
+    if (selected > 0) passed.push_back(std::move(snapshot));
+  }
+  *snapshots = std::move(passed);
   return 0;
 }
 
-int ListSnapshots(const ZORVSHARE* share, PLATSZLIST* list,
-                  const ZORVSHARESNAPSELECTOR* selectors) {
+int ListSnapshots(const Share& share, PLATSZLIST* list, const ZORVSHARESNAPSELECTOR* selectors) {
   std::vector<Snapshot> snapshots;
-  if (ReadSnapshots(share, selectors, &snapshots) < 0) return -1;
+  const int read =
+      share.HasView() ? ReadIntoView(share, &snapshots) : ReadSnapshots(share, &snapshots);
+  if (read < 0 || Select(selectors, &snapshots) < 0) return -1;
   std::sort(snapshots.begin(), snapshots.end(), Before);
 
   std::vector<std::string> names;
@@ -91,10 +74,10 @@ int ListSnapshots(const ZORVSHARE* share, PLATSZLIST* list,
   return AppendAll(PLATFORM_HERE, list, names);
 }
 
-int GetOrCreateSnapDir(const ZORVSHARE* share, char* dir, size_t size, bool create) {
-  const std::string& path = ShareOf(share).snapDir;
+int GetOrCreateSnapDir(const Share& share, char* dir, size_t size, bool create) {
+  const std::string path = share.HasView() ? SnapViewPath(share.nameText) : share.snapDir;
   if (path.size() >= size) return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
-  if (create && mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
+  if (create && !share.HasView() && mkdir(path.c_str(), 0755) != 0 && errno != EEXIST) {
     return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
   }
   memcpy(dir, path.c_str(), path.size() + 1);
@@ -108,7 +91,8 @@ int ZORVShareSnapList(const struct _tag_ZORVSHARE* share, PLATSZLIST** names,
   if (share == nullptr || names == nullptr || *names == nullptr) {
     return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
   }
-  return NoThrow(PLATFORM_HERE, -1, [&] { return ListSnapshots(share, *names, selectors); });
+  return NoThrow(PLATFORM_HERE, -1,
+                 [&] { return ListSnapshots(ShareOf(share), *names, selectors); });
 }
 
 int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* dir, int size,
@@ -118,7 +102,8 @@ int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* di
     return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
   }
   return NoThrow(PLATFORM_HERE, -1, [&] {
-    return GetOrCreateSnapDir(share, dir, static_cast<size_t>(size), flags == ZORV_SNAP_DIR_CREATE);
+    return GetOrCreateSnapDir(ShareOf(share), dir, static_cast<size_t>(size),
+                              flags == ZORV_SNAP_DIR_CREATE);
   });
 }
 

@@ -22,6 +22,7 @@
 #include "platform/linux/directory.h"
 #include "platform/linux/error.h"
 #include "platform/linux/no_throw.h"
+#include "platform/linux/read_file.h"
 #include "zorvplatform/share.h"
 
 namespace {
@@ -63,18 +64,7 @@ constexpr size_t kMostFstabBytes = 1 << 20;
 // The whole content of fstab.  False: errno says why.
 bool ReadFstabText(std::string* text) {
   const UniqueFd fd(open(kFstab, O_RDONLY | O_NOCTTY | O_CLOEXEC));
-  if (!fd.Valid()) return false;
-  char piece[4096];
-  ssize_t got;
-  while ((got = read(fd.Get(), piece, sizeof piece)) != 0) {
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return false;
-    text->append(piece, static_cast<size_t>(got));
-    if (text->size() <= kMostFstabBytes) continue;
-    errno = EFBIG;
-    return false;
-  }
-  return true;
+  return fd.Valid() && ReadToEnd(fd.Get(), kMostFstabBytes, text);
 }
 
 // Where fstab mounts file systems, but the root.  No fstab: nowhere.  False: errno says why.
@@ -224,6 +214,13 @@ bool ReadVolumes(std::vector<Volume>* volumes) {
   if (!ReadFstab(&mountPoints) || !ReadNumbers(mountPoints, &numbers)) return false;
   for (const int number : numbers) volumes->push_back(OpenVolume(number, mountPoints));
   return true;
+}
+
+bool MountIsAwaited(const std::string& path) {
+  std::vector<std::string> mountPoints;
+  if (!ReadFstab(&mountPoints)) return true;
+  const std::string target = RealPath(path);
+  return WaitsForMount(target.empty() ? path : target, mountPoints);
 }
 
 }  // namespace ZorvPlatform

@@ -24,6 +24,10 @@ struct Volume {
 // not there are in the list as such.  False: it cannot be told which there are; errno says why.
 bool ReadVolumes(std::vector<Volume>* volumes);
 
+// Whether fstab names a mount point at `path` or above it on which nothing is mounted, or cannot be
+// read: what stands at the path, or does not, is then not what should.
+bool MountIsAwaited(const std::string& path);
+
 }  // namespace ZorvPlatform
 
 #endif

@@ -81,7 +81,7 @@ TEST(Docs, LinksLeadSomewhere) {
   for (const char* document :
        {"README.md", "docs/file-formats.md", "docs/kept-behaviour.md", "docs/adding-a.md",
         "docs/testing.md", "docs/benchmarks.md", "docs/security.md", "docs/concepts.md",
-        "docs/zorv-snapusage.md", "docs/engine.md", "docs/packaging.md"}) {
+        "docs/zorv-snapusage.md", "docs/engine.md", "docs/packaging.md", "docs/sources.md"}) {
     const fs::path path = kSource + "/" + document;
     const std::string text = ReadFile(path);
     for (std::sregex_iterator at(text.begin(), text.end(), link), end; at != end; ++at)

@@ -33,7 +33,8 @@ class Tmpfiles : public testing::Test {
     EXPECT_EQ(0u, status.st_gid) << path;
   }
 
-  static constexpr const char* kRoots[] = {ZorvBtrfsUsage::kRunDir, ZorvBtrfsUsage::kLockDir};
+  static constexpr const char* kRoots[] = {ZorvBtrfsUsage::kRunDir, ZorvBtrfsUsage::kLockDir,
+                                           "/run/zorvplatform"};
   static constexpr char kInstalled[] = "/opt/zorv/lib/tmpfiles.d/zorvbtrfssnapusage.conf";
 };
 

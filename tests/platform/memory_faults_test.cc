@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <zorvplatform/share.h>
 
+#include <filesystem>
 #include <new>
 #include <string>
 
@@ -80,6 +81,16 @@ struct Row {
   bool (*succeeds)(Given& g);
 };
 
+const Row kGet = {"ZORVShareGet", [](Given&) {
+                    ZORVSHARE* share = nullptr;
+                    const bool good = ZORVShareGet("photos of a long and happy life", &share) == 0;
+                    ZORVShareFree(share);
+                    return good;
+                  }};
+const Row kEnum = {"ZORVShareEnum", [](Given& g) { return ZORVShareEnum(&g.list, 0x301) == 1; }};
+const Row kSnapList = {"ZORVShareSnapList",
+                       [](Given& g) { return ZORVShareSnapList(g.share, &g.list, nullptr) == 0; }};
+
 const Row kRows[] = {
     {"PLATCSzHashAlloc",
      [](Given&) {
@@ -104,14 +115,8 @@ const Row kRows[] = {
        FILE* stream = PLATCPopen("/bin/true with some longer arguments", "r");
        return stream != nullptr && PLATCPclose(stream) == 0;
      }},
-    {"ZORVShareGet",
-     [](Given&) {
-       ZORVSHARE* share = nullptr;
-       const bool good = ZORVShareGet("photos of a long and happy life", &share) == 0;
-       ZORVShareFree(share);
-       return good;
-     }},
-    {"ZORVShareEnum", [](Given& g) { return ZORVShareEnum(&g.list, 0x301) == 1; }},
+    kGet,
+    kEnum,
     {"VolumePathParseEx",
      [](Given& g) { return VolumePathParseEx("/volume1", g.buffer, sizeof g.buffer) == 0; }},
     {"ZORVMountVolInfoGet",
@@ -124,8 +129,7 @@ const Row kRows[] = {
        return ZORVShareSnapSelectorAdd(&g.selectors, ZORVShareSnapTimeSelector,
                                        ">=GMT-2024.03.05-09.04.09") == 0;
      }},
-    {"ZORVShareSnapList",
-     [](Given& g) { return ZORVShareSnapList(g.share, &g.list, nullptr) == 0; }},
+    kSnapList,
     {"ZORVShareSnapGetOrCreateSnapDir",
      [](Given& g) {
        return ZORVShareSnapGetOrCreateSnapDir(g.share, g.buffer, sizeof g.buffer, 0) == 1;
@@ -134,18 +138,21 @@ const Row kRows[] = {
      [](Given&) { return ZORVFileCopy("/tmp/files/one file", "/tmp/files/copies/one", 0) == 0; }},
 };
 
-}  // namespace
+// Those for a share of snapper's, in the platform's own file.
+const Row kConfiguredRows[] = {
+    kGet, kEnum, kSnapList, {"ZORVShareSnapInfoGet", [](Given& g) {
+                               ZORVSHARESNAPINFO* info = nullptr;
+                               const bool good =
+                                   ZORVShareSnapInfoGet(g.share, "GMT-2024.03.05-09.04.09-12345678",
+                                                        &info) == 0;
+                               ZORVShareSnapInfoFree(info);
+                               return good;
+                             }}};
 
-TEST(Memory, EveryFailedAllocationIsAnErrorThatChangesNothing) {
-  const BtrfsVolume one("/volume1");
-  one.Subvolume("photos of a long and happy life");
-  one.Snapshot("photos of a long and happy life",
-               "photos of a long and happy life/.snapshots/GMT-2024.03.05-09.04.09");
-  WriteFile("/tmp/files/one file", "x");
-  WriteFile("/tmp/files/another file of a longer name", "x");
-  WriteFile("/tmp/files/copies/of another", "x");
-  WriteFile("/etc/fstab", "/dev/loop0 /volume1 btrfs defaults 0 0\n");
-  for (const Row& row : kRows) {
+// Lets each allocation of each row fail, one after the other.
+template <size_t count>
+void LetAllocationsFail(const Row (&rows)[count]) {
+  for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
     {
       Given given;
@@ -174,6 +181,20 @@ TEST(Memory, EveryFailedAllocationIsAnErrorThatChangesNothing) {
     EXPECT_EQ(descriptors, OpenDescriptors());
     EXPECT_FALSE(HasChildren());
   }
+}
+
+}  // namespace
+
+TEST(Memory, EveryFailedAllocationIsAnErrorThatChangesNothing) {
+  const BtrfsVolume one("/volume1");
+  one.Subvolume("photos of a long and happy life");
+  one.Snapshot("photos of a long and happy life",
+               "photos of a long and happy life/.snapshots/GMT-2024.03.05-09.04.09");
+  WriteFile("/tmp/files/one file", "x");
+  WriteFile("/tmp/files/another file of a longer name", "x");
+  WriteFile("/tmp/files/copies/of another", "x");
+  WriteFile("/etc/fstab", "/dev/loop0 /volume1 btrfs defaults 0 0\n");
+  LetAllocationsFail(kRows);
   std::vector<std::string> left;
   for (const char* dir : {"/tmp/files", "/tmp/files/copies"}) {
     PLATSZLIST* list = PLATCSzListAlloc(1);
@@ -185,6 +206,23 @@ TEST(Memory, EveryFailedAllocationIsAnErrorThatChangesNothing) {
       (std::vector<std::string>{"another file of a longer name", "one file", "of another", "one"}),
       left);
   WriteFile("/etc/fstab", "");
+}
+
+TEST(Memory, EveryFailedAllocationForAConfiguredShareIsAnErrorToo) {
+  const BtrfsVolume one("/volume1");
+  const std::string directory =
+      one.Subvolume("photos of a long and happy life") + "/.snapshots/12345678/";
+  std::filesystem::create_directories(directory);
+  one.Snapshot("photos of a long and happy life",
+               "photos of a long and happy life/.snapshots/12345678/snapshot");
+  WriteFile(directory + "info.xml",
+            "<snapshot><type>single</type><num>12345678</num><date>2024-03-05 09:04:09</date>"
+            "<description>a description of some length</description></snapshot>");
+  WriteFile("/etc/zorv-snapusage.conf",
+            "samba = off\n[photos of a long and happy life]\nlayout = snapper\n"
+            "path = /volume1/photos of a long and happy life\n");
+  LetAllocationsFail(kConfiguredRows);
+  std::filesystem::remove("/etc/zorv-snapusage.conf");
 }
 
 TEST(PLATCSzListAlloc, OutOfMemoryIsNull) {

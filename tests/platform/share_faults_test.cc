@@ -82,6 +82,7 @@ using Names = std::vector<std::string>;
 class ShareFaults : public testing::Test {
  protected:
   ShareFaults() {
+    std::filesystem::remove_all("/etc/snapper");
     two.Subvolume("photos");
     two.Snapshot("photos", "photos/.snapshots/GMT-2024.03.05-09.04.09");
   }
@@ -174,6 +175,19 @@ TEST_F(ZORVShareEnum, EveryErrorMakesItNegativeAndNoneShorter) {
     gFault.ioctl = false;
   }
   EXPECT_EQ(2, Enum());
+}
+
+TEST_F(ZORVShareEnum, ConfigurationsThatCannotBeListedMakeItNegative) {
+  std::filesystem::create_directories("/etc/snapper/configs");
+  ASSERT_EQ(1, Enum());
+  gFault.readdirEnd = true;
+  gFault.error = EIO;
+  EXPECT_GT(0, Enum());
+  EXPECT_TRUE(FailedWith(0x2A00));
+  EXPECT_STREQ("/etc/snapper/configs cannot be read: Input/output error", PLATCErrorGetText());
+  gFault.error = EINTR;
+  EXPECT_GT(0, Enum());
+  EXPECT_TRUE(FailedWith(0x0400));
 }
 
 TEST_F(ZORVShareEnum, AShareThatGoesMeanwhileIsLeftOut) {

@@ -89,7 +89,8 @@ PLATC_EXPORT void ZORVShareFree(struct _tag_ZORVSHARE* share);
 /* Appends the names of all shares, each once, in the order of their bytes.  `flags` is
  * ZORV_SHARE_ENUM_ALL.  The volumes are read anew each time.  How many, or negative:
  *   PLATC_ERR_INVALID_ARGUMENT  null argument, other flags
- *   PLATC_ERR_RETRY             a volume is not there or cannot be read
+ *   PLATC_ERR_RETRY             a volume is not there or cannot be read; a source's file cannot be
+ *                               read for the moment
  *   PLATC_ERR_CONFIGURATION     a source's file cannot be understood, or a source not be asked
  *   PLATC_ERR_SYSTEM_CALL       out of memory, or a source's file cannot be read
  * and the list is then as it was: it is never shorter instead of an error, because callers delete
