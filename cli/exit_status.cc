@@ -29,6 +29,7 @@ constexpr Row kRows[] = {
     {kShareOutOfReach, "the share cannot be reached for the moment"},
     {kUnsafeRoots, "a directory, file or record of the library may be somebody else's"},
     {kTargetOutOfReach, "the snapshots that may go do not free as much as was asked for"},
+    {kWrongConfiguration, "shares are configured in a way that cannot be used"},
     {kLeftAtOnce, "left at once by Ctrl-C: before a calculation was started, or the second one"},
 };
 

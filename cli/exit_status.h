@@ -26,6 +26,7 @@ enum ExitStatus : int {
   kShareOutOfReach = 15,
   kUnsafeRoots = 16,
   kTargetOutOfReach = 17,
+  kWrongConfiguration = 18,
   kLeftAtOnce = 130,  // 128 + SIGINT, as shells say it
 };
 

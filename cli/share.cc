@@ -33,6 +33,9 @@ ShareRecord FindShare(const std::string& share) {
   return ShareRecord(ZORVShareGet(share.c_str(), &record) == 0 ? record : nullptr);
 }
 
+// What the platform says of its last failure, on one line; empty when it has no words for it.
+std::string PlatformWords() { return Escaped(PLATCErrorGetText()); }
+
 std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 // Whether a listed snapshot has been deleted since, as snapshots are.
@@ -45,6 +48,11 @@ bool IsGone(const std::string& path) {
 // nobody else in.
 Failure CannotBeListed(const std::string& share) {
   const std::string what = fmt::format("the snapshots of share {} cannot be listed", Quoted(share));
+  const std::string words = PlatformWords();
+  if (!words.empty()) {
+    const bool configured = PLATCErrGet() == PLATC_ERR_CONFIGURATION;
+    return Failure(configured ? kWrongConfiguration : kSystemFailure, what, words);
+  }
   const std::string directory = SnapshotDirectoryOf(share);
   const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
   if (fd.Valid() || errno == ENOENT) return SystemFailure(what);
@@ -63,15 +71,24 @@ void RefuseUnknownShare(const std::string& share) {
 
 void RequireShare(const std::string& share) {
   if (FindShare(share)) return;
+  const std::string words = PlatformWords();
   switch (PLATCErrGet()) {
     case PLATC_ERR_NO_SUCH_SHARE:
-      RefuseUnknownShare(share);
+      if (words.empty()) RefuseUnknownShare(share);
+      throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)), words);
     case PLATC_ERR_RETRY:
       throw Failure(kShareOutOfReach,
-                    fmt::format("share {} cannot be reached for the moment", Quoted(share)),
+                    fmt::format("share {} cannot be reached for the moment{}", Quoted(share),
+                                words.empty() ? "" : ": " + words),
                     "mount its volume, or try again");
+    case PLATC_ERR_VOLUME_PATH:
+    case PLATC_ERR_CONFIGURATION:
+      throw Failure(kWrongConfiguration, words);
     default:
-      throw SystemFailure(fmt::format("share {} cannot be looked up", Quoted(share)));
+      if (words.empty())
+        throw SystemFailure(fmt::format("share {} cannot be looked up", Quoted(share)));
+      throw Failure(kSystemFailure, fmt::format("share {} cannot be looked up", Quoted(share)),
+                    words);
   }
 }
 
@@ -106,11 +123,8 @@ std::optional<time_t> TimeInName(const std::string& snapshotName) {
 
 std::string SnapshotDirectoryOf(const std::string& share) {
   const ShareRecord record = FindShare(share);
-  char directory[4096];
-  if (!record || ZORVShareSnapGetOrCreateSnapDir(record.get(), directory, sizeof directory,
-                                                 ZORV_SNAP_DIR_GET) != 1)
-    return "";
-  return directory;
+  ZORVSHAREINFO info;
+  return record && ZORVShareInfoGet(record.get(), &info) == 0 ? info.snapDir : "";
 }
 
 }  // namespace ZorvSnapUsage

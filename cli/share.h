@@ -37,7 +37,7 @@ std::vector<Snapshot> SnapshotsOf(const std::string& share);
 // The time that a snapshot's name carries.
 std::optional<time_t> TimeInName(const std::string& snapshotName);
 
-// The directory with the share's snapshots, for messages; empty when it cannot be told.
+// The directory where the share's snapshots are made, for messages; empty when it cannot be told.
 std::string SnapshotDirectoryOf(const std::string& share);
 
 }  // namespace ZorvSnapUsage

@@ -1,0 +1,146 @@
+// The program on shares of Samba and snapper: the numbers are the kernel's, and what is wrong with
+// their configuration is said.
+#include <filesystem>
+
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kSmbConf[] = "/etc/samba/smb.conf";
+constexpr char kSharesFile[] = "/etc/zorv-snapusage.conf";
+
+class CmdRunSources : public CliWorld {
+ protected:
+  CmdRunSources() {
+    Forget();
+    RealEngine();
+  }
+  ~CmdRunSources() override { Forget(); }
+
+  static void Forget() {
+    for (const char* path : {"/etc/snapper/configs", "/run/zorvplatform", kSmbConf, kSharesFile})
+      fs::remove_all(path);
+    fs::create_directories("/etc/snapper/configs");
+    fs::create_directories("/etc/samba");
+    WriteFile("/etc/default/snapper", "SNAPPER_CONFIGS=\"\"\n");
+  }
+
+  // Files that differ from one snapshot to the next.
+  void Change(const std::string& share, unsigned step) const {
+    WriteRandom(volume_->Path(share + "/growing"), 200000, step, step * 100000);
+    WriteRandom(volume_->Path(share + "/replaced"), 300000, step);
+  }
+
+  // Calculates the share and holds each number against the kernel's; gives the names.
+  std::vector<std::string> ExpectKernelsNumbers(const std::string& share) {
+    MustRun({"sync", "-f", "/volume1"});
+    const CommandResult run = Tool({"run", share});
+    EXPECT_EQ(0, run.status) << run.err;
+    const Json::Value shown = Shown(share);
+    EXPECT_TRUE(shown["complete"].asBool());
+    const auto kernel = volume_->KernelExclusive();
+    unsigned long long largest = 0;
+    std::vector<std::string> names;
+    for (const Json::Value& row : shown["snapshots"]) {
+      EXPECT_EQ(kernel.at(row["subvolume_id"].asUInt64()), row["exclusive"].asUInt64());
+      EXPECT_TRUE(row["present"].asBool());
+      largest = std::max<unsigned long long>(largest, row["exclusive"].asUInt64());
+      names.push_back(row["name"].asString());
+    }
+    EXPECT_GT(largest, 300000u) << "the snapshots hold something";
+    return names;
+  }
+};
+
+TEST_F(CmdRunSources, SnappersNumbersEqualTheKernels) {
+  volume_->Subvolume("home");
+  MustRun({"/usr/bin/snapper", "--no-dbus", "-c", "home", "create-config", "/volume1/home"});
+  for (unsigned step = 1; step < 5; ++step) {
+    Change("home", step);
+    MustRun({"/usr/bin/snapper", "--no-dbus", "-c", "home", "create", "-d", "a step"});
+  }
+  const std::vector<std::string> names = ExpectKernelsNumbers("home");
+  ASSERT_EQ(4u, names.size());
+  for (size_t i = 0; i < names.size(); ++i)
+    EXPECT_THAT(names[i], ContainsRegex("^GMT-[0-9.]*-[0-9.]*-" + std::to_string(i + 1) + "$"));
+  EXPECT_EQ(0, Tool({"run", "home", names[2]}).status);
+  EXPECT_EQ(names[2], Shown("home")["snapshots"][0]["name"].asString());
+}
+
+TEST_F(CmdRunSources, SambasNumbersEqualTheKernels) {
+  volume_->Subvolume("projects");
+  fs::create_directory("/volume1/snaps");
+  for (unsigned step = 1; step < 5; ++step) {
+    Change("projects", step);
+    volume_->Snapshot("projects", "snaps/projects-2024030" + std::to_string(step) + "-0904");
+  }
+  WriteFile(kSmbConf,
+            "[global]\nvfs objects = shadow_copy2\n[our projects]\npath = /volume1/projects\n"
+            "shadow:snapdir = /volume1/snaps\nshadow:format = projects-%Y%m%d-%H%M\n");
+  const std::vector<std::string> names = ExpectKernelsNumbers("our projects");
+  ASSERT_EQ(4u, names.size());
+  for (size_t i = 0; i < names.size(); ++i)
+    EXPECT_THAT(names[i], HasSubstr("GMT-2024.03.0" + std::to_string(i + 1) + "-09.04.00-"));
+}
+
+TEST_F(CmdRunSources, ASnapshotThatIsDeletedIsSaidToBe) {
+  volume_->Subvolume("home");
+  MustRun({"/usr/bin/snapper", "--no-dbus", "-c", "home", "create-config", "/volume1/home"});
+  for (int i = 0; i < 2; ++i) MustRun({"/usr/bin/snapper", "--no-dbus", "-c", "home", "create"});
+  ASSERT_EQ(0, Tool({"run", "home"}).status);
+  MustRun({"/usr/bin/snapper", "--no-dbus", "-c", "home", "delete", "1"});
+  const Json::Value shown = Shown("home");
+  ASSERT_EQ(2u, shown["snapshots"].size());
+  EXPECT_FALSE(shown["snapshots"][0]["present"].asBool());
+  EXPECT_TRUE(shown["snapshots"][1]["present"].asBool());
+}
+
+TEST_F(CmdRunSources, WhatIsWrongWithTheConfigurationIsSaid) {
+  volume_->Subvolume("other");
+  const std::string samba = "[global]\nvfs objects = shadow_copy2\n";
+  const struct {
+    const char* name;
+    const char* file;
+    std::string text;
+    int status;
+    const char* said;
+  } kCases[] = {
+      {"a line", kSharesFile, "[photos]\npth = /volume1/photos\n", 18,
+       "zorv-snapusage: /etc/zorv-snapusage.conf:2: has the key pth, which is none of a share\n"},
+      {"two places", kSmbConf, samba + "[photos]\npath = /volume1/other\n", 18,
+       "zorv-snapusage: the name photos is given to /volume1/other (/etc/samba/smb.conf) and to "
+       "/volume1/photos (/volume1); give one of them another name, or say in "
+       "/etc/zorv-snapusage.conf which one it is\n"},
+      {"no volume", kSharesFile, "[photos]\npath = /mnt/elsewhere\n", 18,
+       "zorv-snapusage: /etc/zorv-snapusage.conf:1: /mnt/elsewhere, the path of share photos, lies "
+       "on a file system that is no volume; make it one: ln -s /mnt/elsewhere /volume2\n"},
+      {"passed by", kSmbConf, samba + "[gone]\npath = /volume1/%U\n", 5,
+       "zorv-snapusage: there is no share 'gone'; share gone of /etc/samba/smb.conf is passed by: "
+       "its path depends on who asks\n"},
+      {"not mounted", kSharesFile, "[photos]\npath = /mnt/disk/photos\n", 15,
+       "zorv-snapusage: share 'photos' cannot be reached for the moment: "
+       "/etc/zorv-snapusage.conf:1: /mnt/disk/photos, the path of share photos, is not mounted; "
+       "mount its volume, or try again\n"},
+      {"another file system", kSharesFile,
+       "[photos]\npath = /volume1/photos\nsnapshots = /mnt/elsewhere\n", 18,
+       "zorv-snapusage: the snapshots of share 'photos' cannot be listed; /mnt/elsewhere, the "
+       "snapshots of share photos, is on another file system than /volume1/photos; mount what "
+       "belongs there\n"}};
+  const BtrfsVolume elsewhere("/mnt/elsewhere");
+  WriteFile("/etc/fstab", "/dev/none /mnt/disk btrfs defaults 0 0\n");
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    Forget();
+    WriteFile(c.file, c.text);
+    const std::string share = std::string(c.name) == "passed by" ? "gone" : "photos";
+    const CommandResult run = Tool({"run", share});
+    EXPECT_EQ(c.status, run.status);
+    EXPECT_EQ(c.said, run.err);
+  }
+  WriteFile("/etc/fstab", "");
+}
+
+}  // namespace
