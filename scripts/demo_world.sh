@@ -104,13 +104,45 @@ grep -q '"error_code":"12"' /usr/local/zorvbtrfssnapusage/share_task_status/proj
 say "calculating projects to its end"
 "$tool" run projects --quiet
 
-# ---- Held against the kernel ----------------------------------------------------------------------
+# ---- Results --------------------------------------------------------------------------------------
 
 say "results, from the persistent copies"
 for share in "${shares[@]}"; do
   ls "/usr/local/zorvbtrfssnapusage/share_task_result/$share/"
   "$tool" show "$share" --format json >"$work/$share.json"
 done
+
+# ---- Plans ----------------------------------------------------------------------------------------
+
+# A plan for people and, once more, for the comparison.
+make_plan() { # share, options...
+  "$tool" plan "$@"
+  "$tool" plan "$@" --format json >"$work/$1.plan"
+}
+
+say "what comes free if these are deleted?"
+make_plan photos --delete GMT-2026.11.02-03.00.00,GMT-2026.11.04-03.00.00,GMT-2026.11.03-03.00.00
+
+say "which of projects must go to free 1 MiB, if the last two stay?"
+make_plan projects --free 1M --keep-last 2
+say "which of mail, as few as possible, to free 4 MiB?"
+make_plan mail --free 4M --fewest
+
+# ---- Held against the kernel ----------------------------------------------------------------------
+
+planned_ids() { # share
+  python3 -c 'import json, sys
+print(*(step["subvolume_id"] for step in json.load(open(sys.argv[1]))["steps"]))' "$work/$1.plan"
+}
+
+# Puts the snapshots of a plan into one quota group.
+group_plan() { # share, group, mount
+  local id
+  $stock qgroup create "$2" "$3"
+  for id in $(planned_ids "$1"); do # each says on standard error that a rescan is due
+    $stock qgroup assign --no-rescan "0/$id" "$2" "$3" 2>/dev/null
+  done
+}
 
 say "asking the kernel: quotas on a copy of each volume"
 for n in 1 2; do
@@ -119,13 +151,40 @@ for n in 1 2; do
   mkdir -p "$work/copy$n"
   mount -o loop "$work/copy$n.img" "$work/copy$n"
   $stock quota enable "$work/copy$n"
+  if [ $n = 1 ]; then
+    group_plan photos 1/1 "$work/copy$n"
+    group_plan projects 1/2 "$work/copy$n"
+  else
+    group_plan mail 1/1 "$work/copy$n"
+  fi
   $stock quota rescan -w "$work/copy$n" >/dev/null
   sync -f "$work/copy$n"
   $stock qgroup show --raw --sync "$work/copy$n" >"$work/kernel$n.txt"
   umount "$work/copy$n"
+  mount -o loop "$work/volume$n.img" "/volume$n"
 done
 
 say "each number beside the kernel's"
 python3 "$scripts/demo_compare.py" $((${#shares[@]} * days)) \
   "$work/photos.json=$work/kernel1.txt" "$work/projects.json=$work/kernel1.txt" \
   "$work/mail.json=$work/kernel2.txt"
+
+# ---- Plans, followed ------------------------------------------------------------------------------
+
+numbers=$((${#shares[@]} * days))
+
+# Deletes what a plan has, for real.
+follow_plan() { # share, number of its volume, group
+  local shared
+  shared=$(awk -v group="$3" '$1 == group { print $3 }' "$work/kernel$2.txt")
+  python3 "$scripts/demo_follow.py" "/volume$2" "/volume$2/$1/.snapshots" "$shared" "$work/$1.plan" \
+    >"$work/followed" || { cat "$work/followed"; exit 1; }
+  head -n -1 "$work/followed"
+  numbers=$((numbers + $(tail -n 1 "$work/followed")))
+}
+
+say "following the plans: deleting for real"
+follow_plan photos 1 1/1
+follow_plan projects 1 1/2
+follow_plan mail 2 1/1
+printf '\nall %d numbers match\n' $numbers
