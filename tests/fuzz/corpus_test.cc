@@ -117,10 +117,13 @@ TEST(FuzzCorpus, ResultVector) { RunSeeds("result_vector", 200); }
 TEST(FuzzCorpus, RootItems) { RunSeeds("root_items", 300); }
 TEST(FuzzCorpus, ShareMap) { RunSeeds("share_map", 100); }
 TEST(FuzzCorpus, ShareStatus) { RunSeeds("share_status", 50); }
+TEST(FuzzCorpus, SharesFile) { RunSeeds("shares_file", 1000); }
 TEST(FuzzCorpus, ShownText) { RunSeeds("shown_text", 1000); }
+TEST(FuzzCorpus, SnapperInfo) { RunSeeds("snapper_info", 1000); }
 TEST(FuzzCorpus, SnapshotName) { RunSeeds("snapshot_name", 2000); }
 TEST(FuzzCorpus, Superblock) { RunSeeds("superblock", 1000); }
 TEST(FuzzCorpus, TaskStatus) { RunSeeds("task_status", 50); }
+TEST(FuzzCorpus, Testparm) { RunSeeds("testparm", 1000); }
 TEST(FuzzCorpus, TimeSelector) { RunSeeds("time_selector", 2000); }
 TEST(FuzzCorpus, TimeText) { RunSeeds("time_text", 1000); }
 TEST(FuzzCorpus, TreeBlock) { RunSeeds("tree_block", 100); }
