@@ -1,11 +1,13 @@
 // Shares that snapper has configured, by the real snapper on a real volume.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <thread>
 
+#include "base/unique_fd.h"
 #include "tests/platform/sources_world.h"
 
 using namespace ZorvTest;
@@ -332,6 +334,28 @@ TEST_F(Snapper, ManyReadersAtOnce) {
   EXPECT_GT(listed, 10);
   EXPECT_EQ(39u, List("home").size());
   EXPECT_EQ(39u, View("home").size());
+}
+
+// Whoever has waited for the view reads the snapshots afterwards: what came meanwhile is not taken
+// out of the view again.
+TEST_F(Snapper, TheViewIsLockedBeforeTheSnapshotsAreRead) {
+  Configure("home");
+  Take("home");
+  ASSERT_EQ(1u, List("home").size());
+  const UniqueFd view(open("/run/zorvplatform/snapdirs/home", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(0, flock(view.Get(), LOCK_EX));
+  std::atomic<bool> ended = false;
+  Names names;
+  std::thread reader([&] {
+    names = List("home");
+    ended = true;
+  });
+  (void)WaitUntil([&] { return ended.load(); }, 0.5);
+  Take("home");
+  ASSERT_EQ(0, flock(view.Get(), LOCK_UN));
+  reader.join();
+  EXPECT_EQ(2u, names.size());
+  EXPECT_EQ(2u, View("home").size());
 }
 
 TEST_F(Snapper, ConfigurationsThatAreNone) {
