@@ -23,7 +23,7 @@ struct NamesOptions {
 std::vector<std::string> ShareNames() {
   StringList names;
   if (ZORVShareEnum(names.Ref(), ZORV_SHARE_ENUM_ALL) < 0)
-    throw SystemFailure("the shares cannot be listed");
+    throw PlatformFailure("the shares cannot be listed");
   return names.Strings();
 }
 

@@ -48,11 +48,7 @@ bool IsGone(const std::string& path) {
 // nobody else in.
 Failure CannotBeListed(const std::string& share) {
   const std::string what = fmt::format("the snapshots of share {} cannot be listed", Quoted(share));
-  const std::string words = PlatformWords();
-  if (!words.empty()) {
-    const bool configured = PLATCErrGet() == PLATC_ERR_CONFIGURATION;
-    return Failure(configured ? kWrongConfiguration : kSystemFailure, what, words);
-  }
+  if (!PlatformWords().empty()) return PlatformFailure(what);
   const std::string directory = SnapshotDirectoryOf(share);
   const UniqueFd fd(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
   if (fd.Valid() || errno == ENOENT) return SystemFailure(what);
@@ -63,6 +59,13 @@ Failure CannotBeListed(const std::string& share) {
 }
 
 }  // namespace
+
+Failure PlatformFailure(const std::string& what) {
+  const std::string words = PlatformWords();
+  if (words.empty()) return SystemFailure(what);
+  const bool configured = PLATCErrGet() == PLATC_ERR_CONFIGURATION;
+  return Failure(configured ? kWrongConfiguration : kSystemFailure, what, words);
+}
 
 void RefuseUnknownShare(const std::string& share) {
   throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)),
@@ -85,10 +88,7 @@ void RequireShare(const std::string& share) {
     case PLATC_ERR_CONFIGURATION:
       throw Failure(kWrongConfiguration, words);
     default:
-      if (words.empty())
-        throw SystemFailure(fmt::format("share {} cannot be looked up", Quoted(share)));
-      throw Failure(kSystemFailure, fmt::format("share {} cannot be looked up", Quoted(share)),
-                    words);
+      throw PlatformFailure(fmt::format("share {} cannot be looked up", Quoted(share)));
   }
 }
 

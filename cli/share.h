@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/failure.h"
+
 namespace ZorvSnapUsage {
 
 // One snapshot of a share.
@@ -17,6 +19,9 @@ struct Snapshot {
   unsigned long long subvolumeID;
   std::optional<time_t> time;  // when the name carries one
 };
+
+// The failure of the platform's last call, in its own words where it has some.
+Failure PlatformFailure(const std::string& what);
 
 // Gives up because there is no such share.
 [[noreturn]] void RefuseUnknownShare(const std::string& share);

@@ -141,6 +141,13 @@ TEST_F(CmdRunSources, WhatIsWrongWithTheConfigurationIsSaid) {
     EXPECT_EQ(c.said, run.err);
   }
   WriteFile("/etc/fstab", "");
+  WriteFile(kSharesFile, "samba = of\n");
+  const CommandResult names = Tool({"names"});
+  EXPECT_EQ(18, names.status);
+  EXPECT_EQ(
+      "zorv-snapusage: the shares cannot be listed; /etc/zorv-snapusage.conf:1: samba is to be on or "
+      "off\n",
+      names.err);
 }
 
 }  // namespace
