@@ -11,7 +11,7 @@
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/options.h"
-#include "cli/report.h"
+#include "cli/report_table.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/watch.h"
@@ -89,7 +89,8 @@ int Show(const ShowOptions& options) {
   const std::optional<Calculation> latest = LatestCalculation(share);
   const std::optional<Result> result = NewestResult(share);
   if (!result) RefuseWithoutResult(share, latest);
-  const Report report = ReportOf(share, *result);
+  Report report = ReportOf(share, *result);
+  AddNewestTable(report);
   Print(report, options.format);
   PrintNotes(report, latest);
   RequireComplete(report);

@@ -45,13 +45,39 @@ ReportRow RowOf(const std::string& share, unsigned long long subvolumeID,
   return row;
 }
 
-Table TableOf(const Report& report) {
-  Table table(ReportColumns());
+// The cells of a line that a table fills.
+struct TableCells {
+  Cell metadata, withOlder, newSinceOlder;
+};
+
+TableCells CellsOfTable(const ReportRow& row) {
+  if (!row.shares) return {};
+  const SnapshotShares& shares = *row.shares;
+  TableCells cells = {Cell::Bytes(shares.alone.metadata), Cell::Bytes(shares.withAllOlder.Total()),
+                      Cell()};
+  if (shares.newSinceOlder) cells.newSinceOlder = Cell::Bytes(shares.newSinceOlder->Total());
+  return cells;
+}
+
+// People see the columns of a table when there is one; scripts find every column in its place.
+Columns ShownColumns(const Report& report, const OutputFormat& format) {
+  Columns columns = ReportColumns();
+  if (report.table || format.plain) return columns;
+  for (Column& column : columns)
+    if (column.key == "metadata" || column.key == "with_older" || column.key == "new")
+      column.title.clear();
+  return columns;
+}
+
+Table TableOf(const Report& report, const OutputFormat& format) {
+  Table table(ShownColumns(report, format));
   for (const ReportRow& row : report.rows) {
     const bool deleted = row.present == false;
+    const TableCells cells = CellsOfTable(row);
     table.Add(
-        {Cell::Bytes(row.exclusiveBytes), Cell::Bytes(row.runningTotalBytes),
-         Cell::Number(row.subvolumeID), Cell::Time(row.time), Cell::Flag(row.present),
+        {Cell::Bytes(row.exclusiveBytes), Cell::Bytes(row.runningTotalBytes), cells.metadata,
+         cells.withOlder, cells.newSinceOlder, Cell::Number(row.subvolumeID), Cell::Time(row.time),
+         Cell::Flag(row.present),
          Cell::Text(row.name, deleted ? Tone::kFaint : Tone::kPlain, deleted ? "deleted" : "")});
   }
   return table;
@@ -63,11 +89,33 @@ std::string Completeness(const Report& report) {
                      report.missing.size() + report.rows.size());
 }
 
+// So that the sum is explained: what several hold is in no exclusive number.
+void PrintTotals(const ReportTable& table, Units units) {
+  const FreedBytes& all = table.totals.all;
+  const FreedBytes& several = table.totals.heldBySeveral;
+  ToStandardOutput(fmt::format(
+      "\nmetadata, with older, new: as of {} (generation {})\n"
+      "all {} snapshots then free {} together: {} exclusive, {} held only by two or more of them\n",
+      TimeForPeople(table.taken), table.generation, table.snapshots, BytesText(all.Total(), units),
+      BytesText(all.Total() - several.Total(), units), BytesText(several.Total(), units)));
+}
+
 void PrintForPeople(const Report& report, const OutputFormat& format) {
   if (!format.plain)
     ToStandardOutput(fmt::format("share {}, calculated {}, {}\n\n", Escaped(report.share),
                                  TimeForPeople(report.calculated), Completeness(report)));
-  ToStandardOutput(TableOf(report).Text(format));
+  ToStandardOutput(TableOf(report, format).Text(format));
+  if (!format.plain && report.table) PrintTotals(*report.table, format.ShownUnits());
+}
+
+Json::Value TableJson(const ReportTable& table) {
+  Json::Value value(Json::objectValue);
+  SetTime(value, "taken", table.taken);
+  value["generation"] = Json::UInt64{table.generation};
+  value["snapshots"] = Json::UInt64{table.snapshots};
+  value["all"] = Json::UInt64{table.totals.all.Total()};
+  value["held_by_several"] = Json::UInt64{table.totals.heldBySeveral.Total()};
+  return value;
 }
 
 void PrintForPrograms(const Report& report, const OutputFormat& format) {
@@ -78,7 +126,8 @@ void PrintForPrograms(const Report& report, const OutputFormat& format) {
   document["complete"] = report.missing.empty();
   document["missing"] = NamesJson(report.missing);
   document["not_measured"] = NamesJson(report.notMeasured);
-  document["snapshots"] = TableOf(report).Rows(format);
+  document["snapshots"] = TableOf(report, format).Rows(format);
+  document["table"] = report.table ? TableJson(*report.table) : Json::Value();
   PrintJson(document);
 }
 
@@ -134,6 +183,9 @@ std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
 const Columns& ReportColumns() {
   static const Columns columns = {{"exclusive", "EXCLUSIVE"},
                                   {"running_total", "RUNNING TOTAL"},
+                                  {"metadata", "METADATA"},
+                                  {"with_older", "WITH OLDER"},
+                                  {"new", "NEW"},
                                   {"subvolume_id", "ID"},
                                   {"time", "TIME"},
                                   {"present", ""},

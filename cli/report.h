@@ -11,6 +11,7 @@
 #include "cli/output_format.h"
 #include "cli/results.h"
 #include "cli/share.h"
+#include "cli/size_table.h"
 #include "cli/table.h"
 
 namespace ZorvSnapUsage {
@@ -23,6 +24,15 @@ struct ReportRow {
   unsigned long long subvolumeID = 0;
   unsigned long long exclusiveBytes = 0;
   unsigned long long runningTotalBytes = 0;  // this one and all before it, modulo 2^64
+  std::optional<SnapshotShares> shares;      // what a table says of it
+};
+
+// The table that the rows have their shares from: a state of its own.
+struct ReportTable {
+  time_t taken;
+  unsigned long long generation;
+  size_t snapshots;
+  TableTotals totals;
 };
 
 struct Report {
@@ -32,6 +42,7 @@ struct Report {
   std::vector<ReportRow> rows;           // in the order of the calculation
   std::vector<std::string> missing;      // asked for, but not in the result
   std::vector<std::string> notMeasured;  // there now, not asked for
+  std::optional<ReportTable> table;
 };
 
 // Joins a result with the snapshots that there are now. `asked` are those that the calculation was

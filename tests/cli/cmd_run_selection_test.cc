@@ -103,9 +103,9 @@ TEST_F(CmdRunSelection, RawBytes) {
 
 TEST_F(CmdRunSelection, TableForScripts) {
   EXPECT_EQ(
-      "2570\t2570\t257\t2024-03-01T09:04:09+00:00\tGMT-2024.03.01-09.04.09\n"
-      "2580\t5150\t258\t2024-03-02T09:04:09+00:00\tGMT-2024.03.02-09.04.09\n"
-      "2590\t7740\t259\t-\tby hand\n",
+      "2570\t2570\t-\t-\t-\t257\t2024-03-01T09:04:09+00:00\tGMT-2024.03.01-09.04.09\n"
+      "2580\t5150\t-\t-\t-\t258\t2024-03-02T09:04:09+00:00\tGMT-2024.03.02-09.04.09\n"
+      "2590\t7740\t-\t-\t-\t259\t-\tby hand\n",
       MustRun(Argv({"run", "photos", "-H", "--quiet"})));
 }
 

@@ -111,8 +111,8 @@ TEST_F(CmdShow, ColumnThatThereIsNot) {
   EXPECT_EQ(2, result.status);
   EXPECT_THAT(result.err, HasSubstr("there is no column 'exlusive', did you mean 'exclusive'?"));
   EXPECT_THAT(Tool({"show", "photos", "--sort=zzz"}).err,
-              HasSubstr("there is no column 'zzz', there are exclusive, running_total, "
-                        "subvolume_id, time, present, name"));
+              HasSubstr("there is no column 'zzz', there are exclusive, running_total, metadata, "
+                        "with_older, new, subvolume_id, time, present, name"));
 }
 
 TEST_F(CmdShow, UnitsAsAskedFor) {
