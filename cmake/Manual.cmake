@@ -38,7 +38,16 @@ function(zorv_header_text header)
 endfunction()
 
 file(MAKE_DIRECTORY ${ZORV_MANUAL_DIR})
-zorv_page(zorv-snapusage 8 docs/man/zorv-snapusage.8.md docs/zorv-snapusage.md
+# The program's own help, so it has to run here: a build for another machine leaves the options out.
+set(options)
+if(NOT CMAKE_CROSSCOMPILING)
+  set(options ${ZORV_MANUAL_DIR}/options.md)
+  add_custom_command(OUTPUT ${options}
+    COMMAND Python3::Interpreter docs/man/options_page.py $<TARGET_FILE:zorv-snapusage> ${options}
+    DEPENDS docs/man/options_page.py zorv-snapusage
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} VERBATIM)
+endif()
+zorv_page(zorv-snapusage 8 docs/man/zorv-snapusage.8.md docs/zorv-snapusage.md ${options}
   docs/man/zorv-snapusage.8.end.md)
 zorv_page(btrfs-subvolume-size 8 docs/man/btrfs-subvolume-size.8.md)
 zorv_page(zorvbtrfssnapusage 5 docs/man/zorvbtrfssnapusage.5.md docs/file-formats.md

@@ -53,6 +53,27 @@ TEST_P(Completion, NamesOfShares) {
       Completed({"show pho", "show my", "show 'my", "show \"my sh", "show it", "show \"it"}));
 }
 
+TEST_P(Completion, NamesOfTheSharesSnapshots) {
+  EXPECT_EQ(
+      "<plan><photos><--keep><by hand>\n<plan><photos><--keep><q\"uo$te>\n"
+      "<plan><photos><--keep><q\"uo$te>\n"
+      "<plan><photos><--keep><2024-03-01_09:04:09>\n<plan><my share><--keep><the only one>\n",
+      Completed({"plan photos --keep b", "plan photos --keep q", "plan photos --keep \"q",
+                 "plan photos --keep 2024-03-01_09:", "plan my\\ share --keep t"}));
+}
+
+TEST_P(Completion, ListsOfSnapshotsGoOnBehindTheSeparator) {
+  EXPECT_EQ(
+      "<plan><photos><--delete><by hand>\n<plan><photos><--delete><q,by hand>\n"
+      "<plan><photos><--delete><a%q\"uo$te>\n<plan><photos><--keep><by hand>\n",
+      Completed({"plan photos --delete b", "plan photos --delete q,b", "plan photos --delete a%q",
+                 "plan photos --keep b"}));
+}
+
+TEST_P(Completion, ShareThatIsNotThereHasNoSnapshots) {
+  EXPECT_EQ("<plan><nonesuch><--keep><b>\n", Completed({"plan nonesuch --keep b"}));
+}
+
 INSTANTIATE_TEST_SUITE_P(Shells, Completion, testing::Values("bash", "zsh"),
                          [](const auto& shell) { return std::string(shell.param); });
 

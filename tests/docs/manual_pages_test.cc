@@ -83,6 +83,33 @@ Texts OptionsOfHelp(const std::string& help) {
   return options;
 }
 
+// Each command of the program, with the options of its help.
+std::map<std::string, Texts> CommandsOfHelp() {
+  const std::string help = MustRun({ZORV_CLI_PATH, "--help"});
+  std::map<std::string, Texts> commands;
+  std::istringstream lines(help.substr(help.find("\nSubcommands:\n")));
+  std::string line;
+  for (std::getline(lines, line), std::getline(lines, line);
+       std::getline(lines, line) && !line.empty();) {
+    const std::string name = line.substr(2, line.find(' ', 2) - 2);
+    commands[name] = OptionsOfHelp(MustRun({ZORV_CLI_PATH, name, "--help"}));
+  }
+  return commands;
+}
+
+// Each command that the program's page has below its options, with its options there.
+std::map<std::string, Texts> CommandsOfPage() {
+  std::map<std::string, Texts> commands;
+  std::string name;
+  const std::vector<std::string> section = Section("zorv-snapusage.8", "OPTIONS");
+  for (size_t i = 0; i < section.size(); ++i)
+    if (section[i].rfind(".SS ", 0) == 0)
+      commands[name = section[i].substr(4)];
+    else if (section[i] == ".TP" && !name.empty())
+      AddOptions(section[i + 1], commands[name]);
+  return commands;
+}
+
 // What the library exports of a class: its functions and variables, without their parameters.
 std::map<std::string, Texts> ExportedMembers() {
   static const std::regex member(
@@ -136,7 +163,12 @@ TEST(ManualPages, EachHasANameThatIndexesFind) {
 }
 
 TEST(ManualPages, EngineHasTheOptionsOfItsHelp) {
-  const Texts inHelp = OptionsOfHelp(MustRun({ZORV_ENGINE_PATH, "subvolume", "size", "--help"}));
+  const std::string help = MustRun({ZORV_ENGINE_PATH, "subvolume", "size", "--help"});
+  Texts inHelp = OptionsOfHelp(help);
+  // Some are named in the text of another one alone.
+  const std::regex option(R"(--[a-z][-a-z]*)");
+  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at)
+    inHelp.insert(at->str());
   Texts inPage;
   for (const auto& [entry, text] : Entries(Section("btrfs-subvolume-size.8", "OPTIONS")))
     AddOptions(entry, inPage);
@@ -153,6 +185,30 @@ TEST(ManualPages, EngineExamplesAreThoseOfItsHelp) {
       ++count;
     }
   EXPECT_EQ(5, count);
+}
+
+TEST(ManualPages, ProgramHasTheCommandsAndOptionsOfItsHelp) {
+  const std::map<std::string, Texts> commands = CommandsOfHelp();
+  EXPECT_EQ(commands, CommandsOfPage());
+  EXPECT_LT(6u, commands.size());
+  EXPECT_EQ(1u, commands.at("show").count("--format"));
+  const std::string page = PageText("zorv-snapusage.8");
+  for (const auto& [name, options] : commands)
+    EXPECT_THAT(page, testing::HasSubstr("\nzorv-snapusage " + name + " ")) << "an example";
+}
+
+TEST(ManualPages, ProgramHasTheExitStatusesOfItsHelp) {
+  std::map<std::string, std::string> inHelp, inPage;
+  const std::string help = MustRun({ZORV_CLI_PATH, "--help"});
+  std::istringstream lines(help.substr(help.find("Exit status:\n") + 13));
+  for (std::string line; std::getline(lines, line) && !line.empty();) {
+    const size_t number = line.find_first_not_of(' '), end = line.find(' ', number);
+    inHelp[line.substr(number, end - number)] = line.substr(end + 2);
+  }
+  for (const auto& [status, meaning] : Entries(Section("zorv-snapusage.8", "EXIT STATUSES")))
+    inPage[status] = meaning;
+  EXPECT_EQ(inHelp, inPage);
+  EXPECT_LT(17u, inPage.size());
 }
 
 TEST(ManualPages, EachExportedClassHasAPageWithAllOfItsMembers) {
