@@ -1427,7 +1427,7 @@ MUTATIONS = [
              "      group.outside = true;\n", "",
              "HoldersBtrfs.AreThoseThatTheKernelShows"),
     Mutation("versions-are-told-apart-by-their-extents-alone", "engine/size/path_content.cc",
-             "      facts_.Add(fact);\n", "",
+             "      facts_.Add(fact);\n", "      (void)fact;\n",
              "HoldersBtrfs.TellVersionsApart"),
     Mutation("clones-are-no-holders", "engine/size/path_holders.cc",
              "if (isNew) group->second.subvolumes = sets.Members(holder);",

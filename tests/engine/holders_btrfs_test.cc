@@ -218,14 +218,15 @@ TEST(HoldersBtrfs, TellVersionsApart) {
   };
   snapshot("true");
   snapshot("touch live/unrelated");
+  snapshot("touch -d @1000000000 live/file");
   snapshot("echo more >> live/file");
   snapshot("cp --reflink=always live/file live/copy; rm live/file; mv live/copy live/file");
   snapshot("rm live/file");
   CommitAndClean(kMount);
   const std::vector<SeenId> ids = IdsOf(volume, names);
   const Holders holders = HoldersOf("/file", ids);
-  EXPECT_EQ((std::vector<Ids>{{ids[0], ids[1]}, {ids[2]}, {ids[3]}}), holders.versions);
-  EXPECT_EQ((Ids{ids[4]}), holders.without);
+  EXPECT_EQ((std::vector<Ids>{{ids[0], ids[1]}, {ids[2]}, {ids[3]}, {ids[4]}}), holders.versions);
+  EXPECT_EQ((Ids{ids[5]}), holders.without);
 
   const Holders nested = HoldersOf("nested/x", {SubvolumeID(volume.Path("live"))});
   EXPECT_EQ(1u, nested.nested.size());
