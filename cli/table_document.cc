@@ -4,15 +4,13 @@
 #include <string>
 #include <unordered_map>
 
+#include "cli/document_head.h"
 #include "cli/held_bytes_reader.h"
 
 namespace ZorvSnapUsage {
 namespace {
 
 using Ids = std::vector<unsigned long long>;
-
-constexpr char kFormat[] = "zorv-subvolume-size";
-constexpr unsigned long long kVersion = 1;
 
 using Readers = JsonReader::Readers;
 
@@ -25,7 +23,7 @@ class Document {
   SizeTable ReadTable() {
     SizeTable table;
     bool complete = false;
-    Readers members = Heading(table.generation);
+    Readers members = DocumentHead(json_, ids_, table.generation);
     members["sets"] = [&] { table.sets = Sets(); };
     members["complete"] = [&] { complete = json_.Bool(); };
     json_.Members(members, {{"summed_sets", [&] { table.sums = Sums(); }}});
@@ -37,7 +35,7 @@ class Document {
 
   Forecast ReadForecast() {
     Forecast forecast;
-    Readers members = Heading(forecast.generation);
+    Readers members = DocumentHead(json_, ids_, forecast.generation);
     members["forecast"] = [&] { json_.Members({{"steps", [&] { forecast.steps = Steps(); }}}); };
     json_.Members(members);
     json_.End();
@@ -45,26 +43,6 @@ class Document {
   }
 
  private:
-  // What every document has.
-  Readers Heading(unsigned long long& generation) {
-    return {{"format", [this] { RequireFormat(); }},
-            {"version", [this] { RequireVersion(); }},
-            {"generation", [this, &generation] { generation = json_.Number(); }},
-            {"subvolumes", [this] { RequireSubvolumes(); }}};
-  }
-
-  void RequireFormat() {
-    if (json_.Text() != kFormat) json_.Wrong("another format");
-  }
-  void RequireVersion() {
-    if (json_.Number() != kVersion) json_.Wrong("another version");
-  }
-  void RequireSubvolumes() {
-    Ids ids;
-    json_.Array([&] { ids.push_back(json_.Number()); });
-    if (ids != ids_) json_.Wrong("other subvolumes than asked for");
-  }
-
   uint32_t Place() {
     const auto place = places_.find(json_.Number());
     if (place == places_.end()) json_.Wrong("a subvolume that was not asked for");

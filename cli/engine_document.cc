@@ -1,0 +1,66 @@
+#include "cli/engine_document.h"
+
+#include <chrono>
+
+#include "cli/engine.h"
+#include "cli/engine_failure.h"
+#include "cli/program_run.h"
+#include "cli/standard_streams.h"
+
+namespace ZorvSnapUsage {
+namespace {
+
+constexpr char kErrorMark[] = "ERROR: ";
+constexpr char kFailureMark[] = "exclusive sizes unavailable: ";
+
+bool BeginsWith(const std::string& text, const char* beginning) {
+  return text.rfind(beginning, 0) == 0;
+}
+
+// Says once that it takes a while, when it does.
+class Patience {
+ public:
+  explicit Patience(bool quiet) : said_(quiet) {}
+
+  void Tick() {
+    if (said_ || std::chrono::steady_clock::now() - begin_ < std::chrono::seconds(2)) return;
+    ToStandardError("zorv-snapusage: reading the file system (Ctrl-C ends it)\n");
+    said_ = true;
+  }
+
+ private:
+  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
+  bool said_;
+};
+
+// Everything but the reason of a failure, which becomes one of this program.
+void PassOn(const std::string& line) {
+  if (!BeginsWith(line, kErrorMark)) ToStandardError(Escaped(line) + "\n");
+}
+
+// The engine's own words about its failure; they stand in the output as well, without numbers.
+std::string ReasonOf(const ProgramEnd& end) {
+  if (BeginsWith(end.lastError, kErrorMark)) return end.lastError.substr(sizeof kErrorMark - 1);
+  if (BeginsWith(end.output, kFailureMark))
+    return end.output.substr(sizeof kFailureMark - 1,
+                             end.output.find('\n') - (sizeof kFailureMark - 1));
+  return "it ended without a result";
+}
+
+}  // namespace
+
+std::string AskEngine(const EngineQuestion& question) {
+  RequireEngine();
+  std::vector<std::string> argv = {ZorvBtrfsUsage::kBtrfsProgram, "subvolume", "size"};
+  argv.insert(argv.end(), question.options.begin(), question.options.end());
+  for (const char* word : {"--format", "json", "-r"}) argv.emplace_back(word);
+  argv.push_back(question.directory);
+  for (const unsigned long long id : question.subvolumeIDs) argv.push_back(std::to_string(id));
+  Patience patience(question.quiet);
+  ProgramEnd end = RunProgram(argv, {question.mostOutput, PassOn, [&] { patience.Tick(); }});
+  if (end.waitStatus != 0 || BeginsWith(end.output, kFailureMark))
+    throw EngineFailure("reading the file system", ReasonOf(end), question.directory);
+  return std::move(end.output);
+}
+
+}  // namespace ZorvSnapUsage
