@@ -20,6 +20,8 @@ void AddStart(CLI::App& program, Action& action);
 void AddStatus(CLI::App& program, Action& action);
 void AddShow(CLI::App& program, Action& action);
 void AddPlan(CLI::App& program, Action& action);
+void AddExplain(CLI::App& program, Action& action);
+void AddWhyheld(CLI::App& program, Action& action);
 void AddStop(CLI::App& program, Action& action);
 void AddClean(CLI::App& program, Action& action);
 void AddNames(CLI::App& program, Action& action);

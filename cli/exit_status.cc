@@ -30,6 +30,7 @@ constexpr Row kRows[] = {
     {kUnsafeRoots, "a directory, file or record of the library may be somebody else's"},
     {kTargetOutOfReach, "the snapshots that may go do not free as much as was asked for"},
     {kWrongConfiguration, "shares are configured in a way that cannot be used"},
+    {kUnknownPath, "no such file or folder in the share, nor in any of its snapshots"},
     {kLeftAtOnce, "left at once by Ctrl-C: before a calculation was started, or the second one"},
 };
 

@@ -27,6 +27,7 @@ enum ExitStatus : int {
   kUnsafeRoots = 16,
   kTargetOutOfReach = 17,
   kWrongConfiguration = 18,
+  kUnknownPath = 19,
   kLeftAtOnce = 130,  // 128 + SIGINT, as shells say it
 };
 

@@ -33,6 +33,8 @@ void AddCommands(CLI::App& program, Action& action) {
   AddStatus(program, action);
   AddShow(program, action);
   AddPlan(program, action);
+  AddExplain(program, action);
+  AddWhyheld(program, action);
   AddStop(program, action);
   AddClean(program, action);
   AddNames(program, action);
