@@ -16,6 +16,7 @@
 #include "cli/process_watch.h"
 #include "cli/share.h"
 #include "cli/share_map.h"
+#include "cli/string_list.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -208,6 +209,45 @@ Activity ActivityOf(const std::string& share, const Calculation& calculation) {
   if (calculation.pid || !IsClaimed(share))
     return calculation.state == CAL_TASK_STATUS_PROCESS ? Activity::kDied : Activity::kNone;
   return Activity::kClaimed;
+}
+
+const char* WordOf(Activity activity) {
+  switch (activity) {
+    case Activity::kClaimed:
+      return "claimed";
+    case Activity::kRunning:
+      return "running";
+    case Activity::kFinishing:
+      return "finishing";
+    case Activity::kDied:
+      return "died";
+    default:
+      return "none";
+  }
+}
+
+bool IsUnderWay(const std::string& share, const Calculation& calculation) {
+  const Activity activity = ActivityOf(share, calculation);
+  if (!calculation.stateKnown) return activity == Activity::kRunning;
+  return activity != Activity::kNone && activity != Activity::kDied;
+}
+
+std::vector<std::string> RecordedShares() {
+  StringList shares;
+  if (!ShareSnapUsageCal::GetShareTaskList(shares.Ref()))
+    throw SystemFailure("the record of calculations cannot be read");
+  return shares.Strings();
+}
+
+std::vector<std::string> SharesUnderWay() {
+  std::vector<std::string> underWay;
+  for (const std::string& share : RecordedShares()) {
+    const std::optional<std::string> taskID = RecordedTask(share);
+    if (!taskID || !IsTaskID(*taskID) || !CanBeShareName(share)) continue;
+    const std::optional<Calculation> calculation = ReadAnyCalculation(share, *taskID);
+    if (calculation && IsUnderWay(share, *calculation)) underWay.push_back(share);
+  }
+  return underWay;
 }
 
 const char* ReasonOf(int errorCode) {

@@ -8,6 +8,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace ZorvSnapUsage {
 
@@ -72,6 +73,19 @@ Calculation RequireCalculation(const std::string& share, const std::string& task
 std::optional<time_t> ClaimAheadOfClock(const std::string& share);
 
 Activity ActivityOf(const std::string& share, const Calculation& calculation);
+
+// The word for it: "none", "claimed", "running", "finishing", "died".
+const char* WordOf(Activity activity);
+
+// Whether the calculation is claimed, at work, or handing its results over.
+bool IsUnderWay(const std::string& share, const Calculation& calculation);
+
+// The shares of which a calculation is recorded, in the order of their names. Gives up when the
+// record cannot be read.
+std::vector<std::string> RecordedShares();
+
+// Those of them whose calculation is under way.
+std::vector<std::string> SharesUnderWay();
 
 // What a recorded error code means, in words.
 const char* ReasonOf(int errorCode);

@@ -21,7 +21,6 @@
 #include "cli/results.h"
 #include "cli/share.h"
 #include "cli/share_map.h"
-#include "cli/string_list.h"
 #include "cli/table_cache.h"
 #include "cli/text.h"
 
@@ -34,23 +33,9 @@ using ZorvBtrfsUsage::ShareTaskStatus;
 using ZorvBtrfsUsage::SnapUsageCalculator;
 using ZorvBtrfsUsage::Utils;
 
-std::vector<std::string> RecordedShares() {
-  StringList shares;
-  if (!ShareSnapUsageCal::GetShareTaskList(shares.Ref()))
-    throw SystemFailure("the record of calculations cannot be read");
-  return shares.Strings();
-}
-
 bool IsRecorded(const std::string& share) {
   const std::vector<std::string> shares = RecordedShares();
   return std::find(shares.begin(), shares.end(), share) != shares.end();
-}
-
-bool UnderWay(const std::string& share, const std::optional<Calculation>& calculation) {
-  if (!calculation) return false;
-  const Activity activity = ActivityOf(share, *calculation);
-  if (!calculation->stateKnown) return activity == Activity::kRunning;
-  return activity != Activity::kNone && activity != Activity::kDied;
 }
 
 std::string ResultText(const std::optional<Result>& result) {
@@ -95,7 +80,7 @@ bool CleanShare(const std::string& share, const std::string& recordedTask) {
   if (!taskID.empty()) RequirePlainFilesOfTask(taskID);
   const ClaimLock unclaimed(share);
   const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);
-  if (UnderWay(share, calculation)) return false;
+  if (calculation && IsUnderWay(share, *calculation)) return false;
   const std::optional<Result> result = NewestResult(share);
   const bool tables = RemoveTables(share);
   RemoveRecords(share, taskID);
@@ -172,17 +157,46 @@ int CleanOneShare(const std::string& share) {
   return kOk;
 }
 
-int Clean(const std::optional<std::string>& share) {
-  if (!share) {
-    BeginWork();
-    RemoveLeftovers();
-    const LaunchLock lock;
-    return CleanAllShares();
+// What was begun and never ended: its process was killed, or the machine went down.
+bool WasInterrupted(const std::string& share, const std::string& taskID) {
+  const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);
+  if (!calculation || calculation->Finished()) return false;
+  const Activity activity = ActivityOf(share, *calculation);
+  return activity == Activity::kDied || activity == Activity::kNone;
+}
+
+int CleanInterruptedShares() {
+  bool nothing = true;
+  for (const std::string& share : RecordedShares()) {
+    const std::optional<std::string> taskID = RecordedTask(share);
+    if (!taskID || !CanBeShareName(share) || !IsTaskID(*taskID)) continue;
+    RequirePlainFilesOfShare(share);
+    if (WasInterrupted(share, *taskID) && CleanShare(share, *taskID)) nothing = false;
   }
-  BeginWorkOn(*share);
+  if (nothing) fmt::print("nothing to remove\n");
+  return kOk;
+}
+
+struct CleanOptions {
+  std::optional<std::string> share;
+  bool all = false;
+  bool interrupted = false;
+};
+
+int Clean(const CleanOptions& options) {
+  if (options.share) {
+    BeginWorkOn(*options.share);
+    RemoveLeftovers();
+    const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(*options.share);
+    return CleanOneShare(*options.share);
+  }
+  if (!options.all && !options.interrupted)
+    throw Failure(kWrongUsage, "it is not said what to remove",
+                  "name a share, or say --interrupted, or --all for everything that is recorded");
+  BeginWork();
   RemoveLeftovers();
-  const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(*share);
-  return CleanOneShare(*share);
+  const LaunchLock lock;
+  return options.all ? CleanAllShares() : CleanInterruptedShares();
 }
 
 }  // namespace
@@ -190,12 +204,19 @@ int Clean(const std::optional<std::string>& share) {
 void AddClean(CLI::App& program, Action& action) {
   CLI::App* const command =
       program.add_subcommand("clean", "Remove results and records of a share, or of all shares");
-  const auto share = std::make_shared<std::optional<std::string>>();
-  command->add_option("SHARE", *share, "Name of the share (default: all)");
+  const auto options = std::make_shared<CleanOptions>();
+  CLI::Option* const share =
+      command->add_option("SHARE", options->share, "Name of the share")->type_name("");
+  CLI::Option* const all = command->add_flag("--all", options->all, "All shares");
+  CLI::Option* const interrupted = command->add_flag(
+      "--interrupted", options->interrupted, "Shares whose calculation was killed before its end");
+  share->excludes(all)->excludes(interrupted);
+  all->excludes(interrupted);
   command->footer(
-      "Asks nothing. Shares with a calculation under way are kept. Snapshots are not touched.\n"
+      "Asks nothing. Shares with a calculation under way are kept. Snapshots are not\n"
+      "touched.\n"
       "Example: zorv-snapusage clean photos");
-  command->callback([share, &action] { action = [share] { return Clean(*share); }; });
+  command->callback([options, &action] { action = [options] { return Clean(*options); }; });
 }
 
 }  // namespace ZorvSnapUsage

@@ -108,7 +108,7 @@ void AddQuestions(CLI::App& command, PlanWords& words) {
 
 void AddPlan(CLI::App& program, Action& action) {
   CLI::App* const command =
-      program.add_subcommand("plan", "What comes free if snapshots are deleted; deletes nothing");
+      program.add_subcommand("plan", "What comes free if snapshots go; deletes nothing");
   const auto options = std::make_shared<PlanOptions>();
   AddShareArgument(*command, options->words.share);
   AddQuestions(*command, options->words);

@@ -9,63 +9,61 @@
 #include "cli/failure.h"
 #include "cli/follow.h"
 #include "cli/interrupt.h"
+#include "cli/launch_choice.h"
 #include "cli/options.h"
-#include "cli/progress.h"
 #include "cli/report.h"
 #include "cli/text.h"
-#include "cli/watch.h"
 
 namespace ZorvSnapUsage {
 namespace {
 
-// The results are copied in the moment after the state has become final.
-constexpr std::chrono::seconds kTimeToCopy{60};
-
 struct RunOptions {
-  Selection selection;
+  ShareChoice shares;
+  Selection selection;  // of each share
   OutputFormat format;
   bool quiet = false;
 };
 
-void AskToStop(Progress& progress, std::optional<StopRequest>& stop, const std::string& share,
-               const ProcessWatch& process) {
-  if (!stop) {
-    progress.Say("asked the calculation to stop, waiting for it (Ctrl-C again leaves at once)");
-    stop.emplace(share);
-  }
-  stop->Repeat(process);
-}
-
-// Follows to the final state and to the end of the calculation's process.
-Calculation Follow(const std::string& share, const std::string& taskID, bool quiet) {
-  Watch watch(share, taskID);
-  Progress progress(share, quiet);
+// Calculates one share and waits for it, with progress. Ctrl-C asks the calculation to stop.
+Launched LaunchAndFollow(const Selection& selection, bool quiet) {
+  const std::string& share = selection.share;
+  AwaitShare(share);
+  const Launched launched = Launch(selection);
   std::optional<StopRequest> stop;
-  while (!watch.Poll()) {
-    progress.Show(watch.Now());
-    if (Interrupt::Asked()) AskToStop(progress, stop, share, watch.Process());
-    watch.Pause();
-  }
-  if (!watch.WaitForProcess(kTimeToCopy))
-    throw SystemFailure(fmt::format("the results of share {} are still not stored", Quoted(share)));
-  return watch.Now();
+  const auto askToStop = [&](Progress& progress, const ProcessWatch& process) {
+    if (!stop) {
+      progress.Say("asked the calculation to stop, waiting for it (Ctrl-C again leaves at once)");
+      stop.emplace(share);
+    }
+    stop->Repeat(process);
+  };
+  RequireDone(share, FollowToEnd(share, launched.taskID, quiet, askToStop));
+  return launched;
 }
 
-int Run(const RunOptions& options) {
-  const std::string& share = options.selection.share;
-  const Interrupt interrupt;
-  const Launched launched = Launch(options.selection);
-  RequireDone(share, Follow(share, launched.taskID, options.quiet));
+Report RunShare(const Selection& selection, bool quiet) {
+  const std::string& share = selection.share;
+  const Launched launched = LaunchAndFollow(selection, quiet);
   const std::optional<Result> result = ResultOfTask(share, launched.taskID);
   if (!result)
     throw SystemFailure(fmt::format(
         "the calculation of share {} is done, but its results could not be stored", Quoted(share)));
   std::vector<Snapshot> asked = launched.asked;
   asked.insert(asked.end(), launched.leftOut.begin(), launched.leftOut.end());
-  const Report report = MakeReport(share, *result, SnapshotsOf(share), asked);
-  Print(report, options.format);
-  RequireComplete(report);
-  return kOk;
+  return MakeReport(share, *result, SnapshotsOf(share), asked);
+}
+
+int Run(const RunOptions& options) {
+  const Interrupt interrupt;
+  const std::vector<std::string> shares = SharesToCalculate(options.shares, options.selection);
+  ReportPrinter printer(options.format, options.shares.Several());
+  const int status = ForEachShare(options.shares, shares, [&](const std::string& share) {
+    const Report report = RunShare(SelectionOf(share, options.selection), options.quiet);
+    printer.Print(report);
+    RequireComplete(report);
+  });
+  printer.Finish(shares);
+  return status;
 }
 
 }  // namespace
@@ -74,12 +72,13 @@ void AddRun(CLI::App& program, Action& action) {
   CLI::App* const command =
       program.add_subcommand("run", "Calculate, follow with progress, show the result");
   const auto options = std::make_shared<RunOptions>();
+  AddShareChoice(*command, options->shares, "All shares, one after the other");
   AddSelection(*command, options->selection);
   AddOutputFormat(*command, options->format, ReportColumns());
   command->add_flag("--quiet,-q", options->quiet, "No progress");
   command->footer(
-      "Ctrl-C asks the calculation to stop, if it has begun; a second one leaves at once.\n"
-      "Example: zorv-snapusage run photos --since 2024-03-01 --until \"2024-03-31 12:00\"");
+      "Ctrl-C asks the calculation to stop; a second one leaves at once.\n"
+      "Example: zorv-snapusage run photos --since 2024-03-01 --until 2024-03-31");
   command->callback([options, &action] { action = [options] { return Run(*options); }; });
 }
 

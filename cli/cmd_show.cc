@@ -105,7 +105,7 @@ void AddShow(CLI::App& program, Action& action) {
   AddShareArgument(*command, options->share);
   AddOutputFormat(*command, options->format, ReportColumns());
   command->footer(
-      "Exclusive: what the snapshot alone holds. Running total: the sum down to this line.\n"
+      "Exclusive: what the snapshot alone holds. Running total: the sum so far.\n"
       "Example: zorv-snapusage show photos --format json");
   command->callback([options, &action] { action = [options] { return Show(*options); }; });
 }

@@ -13,6 +13,7 @@
 
 #include "cli/commands.h"
 #include "cli/failure.h"
+#include "cli/launch_choice.h"
 #include "cli/options.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
@@ -115,13 +116,25 @@ std::string LaunchInHelper(const Selection& selection) {
   return outcome;
 }
 
-int Start(const Selection& selection) {
+void StartShare(const Selection& selection) {
+  AwaitShare(selection.share);  // here: the helper cannot say anything
   const std::string outcome = LaunchInHelper(selection);
   if (outcome.empty()) throw SystemFailure("the calculation could not be started");
   const int status = static_cast<unsigned char>(outcome[0]);
   if (status != kOk) throw Failure(static_cast<ExitStatus>(status), outcome.substr(1));
-  fmt::print("{}\n", outcome.substr(1));
-  return kOk;
+  ToStandardOutput(outcome.substr(1) + "\n");
+}
+
+struct StartOptions {
+  ShareChoice shares;
+  Selection selection;  // of each share
+};
+
+int Start(const StartOptions& options) {
+  const std::vector<std::string> shares = SharesToCalculate(options.shares, options.selection);
+  return ForEachShare(options.shares, shares, [&options](const std::string& share) {
+    StartShare(SelectionOf(share, options.selection));
+  });
 }
 
 }  // namespace
@@ -129,12 +142,13 @@ int Start(const Selection& selection) {
 void AddStart(CLI::App& program, Action& action) {
   CLI::App* const command =
       program.add_subcommand("start", "Start a calculation in the background");
-  const auto selection = std::make_shared<Selection>();
-  AddSelection(*command, *selection);
+  const auto options = std::make_shared<StartOptions>();
+  AddShareChoice(*command, options->shares, "All shares");
+  AddSelection(*command, options->selection);
   command->footer(
-      "Follow it with status, see the result with show, end it with stop.\n"
-      "Example: zorv-snapusage start photos GMT+08-2024.03.05-17.04.09");
-  command->callback([selection, &action] { action = [selection] { return Start(*selection); }; });
+      "Follow it with status or wait, see the result with show, end it with stop.\n"
+      "Example: zorv-snapusage start photos");
+  command->callback([options, &action] { action = [options] { return Start(*options); }; });
 }
 
 }  // namespace ZorvSnapUsage

@@ -25,6 +25,9 @@ void AddWhyheld(CLI::App& program, Action& action);
 void AddStop(CLI::App& program, Action& action);
 void AddClean(CLI::App& program, Action& action);
 void AddNames(CLI::App& program, Action& action);
+void AddReminder(CLI::App& program, Action& action);
+void AddShares(CLI::App& program, Action& action);
+void AddWait(CLI::App& program, Action& action);
 
 }  // namespace ZorvSnapUsage
 

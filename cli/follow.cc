@@ -4,8 +4,12 @@
 
 #include <utility>
 
+#include "cli/engine_question.h"
 #include "cli/failure.h"
+#include "cli/interrupt.h"
+#include "cli/share.h"
 #include "cli/text.h"
+#include "cli/watch.h"
 
 namespace ZorvSnapUsage {
 
@@ -20,6 +24,42 @@ void StopRequest::Repeat(const ProcessWatch& process) {
   if (!process.AskToStop())
     throw SystemFailure(
         fmt::format("the calculation of share {} cannot be stopped", Quoted(share_)));
+}
+
+namespace {
+
+// The results are copied in the moment after the state has become final.
+constexpr std::chrono::seconds kTimeToCopy{60};
+
+[[noreturn]] void Leave(const std::string& share) {
+  throw Failure(kLeftAtOnce, fmt::format("the calculation of share {} goes on", Quoted(share)),
+                fmt::format("end it with: zorv-snapusage stop {}", ShellWord(share)));
+}
+
+// What the engine says about why it cannot work, as the rest of a sentence.
+std::string CheckedReason(const std::string& share) {
+  const std::optional<SharePlace> place = FindPlace(share);
+  const std::string why = place ? WhyItFails(place->path) : "";
+  return why.empty() ? "" : ", because of " + Escaped(why);
+}
+
+}  // namespace
+
+Calculation FollowToEnd(const std::string& share, const std::string& taskID, bool quiet,
+                        const OnInterrupt& onInterrupt) {
+  Watch watch(share, taskID);
+  Progress progress(share, quiet);
+  while (!watch.Poll()) {
+    progress.Show(watch.Now());
+    if (Interrupt::Asked()) {
+      if (!onInterrupt) Leave(share);
+      onInterrupt(progress, watch.Process());
+    }
+    watch.Pause();
+  }
+  if (!watch.WaitForProcess(kTimeToCopy))
+    throw SystemFailure(fmt::format("the results of share {} are still not stored", Quoted(share)));
+  return watch.Now();
 }
 
 void FailDied(const std::string& share) {
@@ -39,8 +79,8 @@ void RequireDone(const std::string& share, const Calculation& calculation) {
         fmt::format("earlier results are kept: zorv-snapusage show {}", ShellWord(share)));
   const int code = calculation.errorCode.value_or(RESULT_FAILURE);
   throw Failure(kCalculationFailed,
-                fmt::format("the calculation of share {} failed (code {}: {})", Quoted(share), code,
-                            ReasonOf(code)),
+                fmt::format("the calculation of share {} failed (code {}: {}){}", Quoted(share),
+                            code, ReasonOf(code), CheckedReason(share)),
                 "the system log says more; earlier results are kept");
 }
 

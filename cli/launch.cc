@@ -5,6 +5,7 @@
 #include <zorvbtrfssnapusage/share_task_status.h>
 
 #include <algorithm>
+#include <chrono>
 #include <iterator>
 #include <memory>
 #include <optional>
@@ -19,6 +20,7 @@
 #include "cli/leftovers.h"
 #include "cli/lock_wait.h"
 #include "cli/names.h"
+#include "cli/nearest.h"
 #include "cli/share_map.h"
 #include "cli/standard_streams.h"
 #include "cli/string_list.h"
@@ -33,6 +35,9 @@ using namespace ZorvBtrfsUsage;
 // The last second that four digits of a year reach, in every zone. An end that is not named is not
 // now: names may carry the time of a clock that is ahead.
 constexpr time_t kEndOfTime = 253402214400;
+
+// As long as the library itself tries at most.
+constexpr std::chrono::seconds kTimeToMount{60};
 
 struct TimeRange {
   time_t start;
@@ -81,10 +86,14 @@ std::vector<Snapshot> Named(const std::vector<Snapshot>& snapshots, const Select
   for (const Snapshot& snapshot : snapshots)
     if (names.erase(snapshot.name) == 1) selected.push_back(snapshot);
   if (names.empty()) return selected;
+  std::vector<std::string> known;
+  for (const Snapshot& snapshot : snapshots) known.push_back(snapshot.name);
   throw Failure(
       kUnknownSnapshot,
       fmt::format("share {} has no snapshot {}", Quoted(selection.share), Quoted(*names.begin())),
-      fmt::format("its snapshots are in {}", Quoted(SnapshotDirectoryOf(selection.share))));
+      DidYouMean(
+          *names.begin(), known,
+          fmt::format("its snapshots are in {}", Quoted(SnapshotDirectoryOf(selection.share)))));
 }
 
 std::vector<Snapshot> Selected(const Selection& selection, const std::optional<TimeRange>& range) {
@@ -205,6 +214,15 @@ void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
 }
 
 }  // namespace
+
+void AwaitShare(const std::string& share) {
+  const auto end = std::chrono::steady_clock::now() + kTimeToMount;
+  BeginWork();
+  LockWait wait;
+  while (!ShareIsThere(share) && PLATCErrGet() == PLATC_ERR_RETRY &&
+         std::chrono::steady_clock::now() < end)
+    wait.Pause(fmt::format("the volume of share {} to be mounted", Quoted(share)), kNoProcess);
+}
 
 Launched Launch(const Selection& selection) {
   const std::string& share = selection.share;

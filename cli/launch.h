@@ -24,6 +24,10 @@ struct Launched {
   std::vector<Snapshot> leftOut;  // asked for, not by name, and cannot be recorded
 };
 
+// Waits for a share whose volume may still be about to be mounted, for up to a minute, and says so.
+// What became of it is seen by whoever looks the share up next.
+void AwaitShare(const std::string& share);
+
 // Starts a calculation in the background; its process keeps the caller's standard error. Gives up
 // when anything is in its way.
 Launched Launch(const Selection& selection);

@@ -10,6 +10,8 @@
 #include "cli/commands.h"
 #include "cli/exit_status.h"
 #include "cli/failure.h"
+#include "cli/help.h"
+#include "cli/nearest.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 
@@ -18,18 +20,20 @@ namespace {
 
 constexpr char kName[] = "zorv-snapusage";
 
-void PrintFailure(const std::string& text) {
-  ToStandardError(fmt::format("{}: {}\n", kName, text));
-}
-
 void AddCommands(CLI::App& program, Action& action) {
   program.set_version_flag("--version", fmt::format("{} {}", kName, ZORV_VERSION),
                            "Print the version");
-  program.footer(ExitStatusTable());
+  SetHelpStyle(program);
+  program.add_flag_callback(
+      "--exit-statuses", [] { throw CLI::CallForVersion(ExitStatusTable(), kOk); },
+      "Print what they mean");
+  program.footer("Example: zorv-snapusage run photos. Each command has a --help of its own.");
   // Also keeps a share that is called like a command from being taken for one.
   program.require_subcommand(1);
+  AddShares(program, action);
   AddRun(program, action);
   AddStart(program, action);
+  AddWait(program, action);
   AddStatus(program, action);
   AddShow(program, action);
   AddPlan(program, action);
@@ -38,12 +42,13 @@ void AddCommands(CLI::App& program, Action& action) {
   AddStop(program, action);
   AddClean(program, action);
   AddNames(program, action);
+  AddReminder(program, action);
 }
 
 // Output that could not be written whole, on a full disk for one, is no success.
 int FlushOutput(int status) {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
-  PrintFailure("the output could not be written; see to the space on its disk");
+  Say("the output could not be written; see to the space on its disk");
   return status == kOk ? static_cast<int>(kSystemFailure) : status;
 }
 
@@ -53,17 +58,38 @@ int Perform(const Action& action) {
   } catch (const Failure& failure) {
     // What was printed before comes first, also where both go to one place.
     const int status = FlushOutput(failure.Status());
-    PrintFailure(failure.what());
+    Say(failure.what());
     return status;
   }
 }
 
-// What is wrong with a command line.
+std::vector<std::string> CommandNames(const CLI::App& program) {
+  std::vector<std::string> names;
+  for (const CLI::App* command : program.get_subcommands({})) names.push_back(command->get_name());
+  return names;
+}
+
+std::vector<std::string> OptionNames(const CLI::App& command) {
+  std::vector<std::string> names;
+  for (const CLI::Option* option : command.get_options())
+    for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
+  return names;
+}
+
+// What is wrong with a command line, and what to do about it.
 std::string Complaint(const CLI::App& program, const CLI::ParseError& error) {
-  const std::vector<std::string> words = program.remaining();
-  if (program.get_subcommands().empty() && !words.empty())
-    return fmt::format("there is no command {}", Quoted(words.front()));
-  return error.what();
+  const std::vector<CLI::App*> chosen = program.get_subcommands();
+  const std::vector<std::string> words = program.remaining(/*recurse=*/true);
+  const std::string what = !chosen.empty() || words.empty()
+                               ? std::string(error.what())
+                               : fmt::format("there is no command {}", Quoted(words.front()));
+  const std::string help =
+      fmt::format("see {}{} --help", kName, chosen.empty() ? "" : " " + chosen.front()->get_name());
+  if (words.empty()) return what + "; " + help;
+  const std::string word = words.front().substr(0, words.front().find('='));
+  return what + "; " +
+         DidYouMean(word, chosen.empty() ? CommandNames(program) : OptionNames(*chosen.front()),
+                    help);
 }
 
 int Main(int argc, char** argv) {
@@ -84,7 +110,7 @@ int Main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     // Help and version are ends of this kind as well.
     if (error.get_exit_code() == 0) return FlushOutput(program.exit(error));
-    PrintFailure(fmt::format("{}; see zorv-snapusage --help", Complaint(program, error)));
+    Say(Complaint(program, error));
     return kWrongUsage;
   }
   return Perform(action);

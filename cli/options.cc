@@ -39,19 +39,24 @@ SortOrder ParseSort(const std::string& text, const Columns& columns) {
 }  // namespace
 
 void AddShareArgument(CLI::App& command, std::string& share) {
-  command.add_option("SHARE", share, "Name of the share")->required();
+  command.add_option("SHARE", share, "Name of the share")->type_name("")->required();
+}
+
+void AddShareChoice(CLI::App& command, ShareChoice& choice, const char* all) {
+  CLI::Option* const names =
+      command.add_option("SHARE", choice.names, "Names of shares")->type_name("");
+  command.add_flag("--all", choice.all, all)->excludes(names);
 }
 
 void AddSelection(CLI::App& command, Selection& selection) {
-  AddShareArgument(command, selection.share);
-  command.add_option("SNAPSHOT", selection.names, "Names of snapshots (default: all of the share)");
+  command.add_option("--snapshot", selection.names, "Only this snapshot; may be repeated")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
   command.add_option("--since", selection.since, "Only snapshots of this time or later")
       ->type_name("TIME")
       ->check(RefuseEmptyTime);
   command
-      .add_option("--until", selection.until,
-                  "Only snapshots of this time or earlier; without seconds the whole minute, "
-                  "without a time the whole day")
+      .add_option("--until", selection.until, "Only those of this time (day, minute) or earlier")
       ->type_name("TIME")
       ->check(RefuseEmptyTime);
 }

@@ -6,6 +6,7 @@
 
 #include "cli/launch.h"
 #include "cli/output_format.h"
+#include "cli/share_choice.h"
 #include "cli/table.h"
 
 namespace CLI {
@@ -17,7 +18,10 @@ namespace ZorvSnapUsage {
 // SHARE
 void AddShareArgument(CLI::App& command, std::string& share);
 
-// SHARE [SNAPSHOT...] [--since T] [--until T]
+// [SHARE... | --all]; `all` says what --all means.
+void AddShareChoice(CLI::App& command, ShareChoice& choice, const char* all);
+
+// [--snapshot NAME]... [--since T] [--until T], for the shares that are chosen.
 void AddSelection(CLI::App& command, Selection& selection);
 
 // [-H] [--raw | --iec | --si] [--format table|json] [--sort=[+-]COLUMN], for a command that prints

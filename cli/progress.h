@@ -3,13 +3,17 @@
 #define CLI_PROGRESS_H_
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include "cli/calculation.h"
+#include "cli/engine_question.h"
+#include "cli/progress_line.h"
 
 namespace ZorvSnapUsage {
 
-// On a terminal one line that is redrawn in place; elsewhere a plain line every few seconds.
+// On a terminal one line that is redrawn in place; elsewhere a plain line every few seconds. How
+// much there is to read is asked of the engine meanwhile, unless nobody is told.
 class Progress {
  public:
   Progress(std::string share, bool quiet);
@@ -27,14 +31,18 @@ class Progress {
   void Clear();
 
  private:
-  std::string Line(const Calculation& calculation) const;
+  ProgressView ViewOf(const Calculation& calculation);
+  void Redraw(const ProgressView& view);
 
   const std::string share_;
   const bool quiet_;
   const bool redraw_;
   const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point nextLine_ = begin_;
-  bool drawn_ = false;
+  std::optional<EngineQuestion> question_;  // while it is not answered
+  std::optional<unsigned long long> totalBytes_;
+  Rate rate_;
+  size_t drawnColumns_ = 0;  // of the terminal when the line was drawn; 0: there is none
 };
 
 }  // namespace ZorvSnapUsage

@@ -69,16 +69,35 @@ Columns ShownColumns(const Report& report, const OutputFormat& format) {
   return columns;
 }
 
+std::vector<Cell> LineOf(const ReportRow& row) {
+  const bool deleted = row.present == false;
+  const TableCells cells = CellsOfTable(row);
+  return {Cell::Bytes(row.exclusiveBytes),
+          Cell::Bytes(row.runningTotalBytes),
+          cells.metadata,
+          cells.withOlder,
+          cells.newSinceOlder,
+          Cell::Number(row.subvolumeID),
+          Cell::Time(row.time),
+          Cell::Flag(row.present),
+          Cell::Text(row.name, deleted ? Tone::kFaint : Tone::kPlain, deleted ? "deleted" : "")};
+}
+
 Table TableOf(const Report& report, const OutputFormat& format) {
   Table table(ShownColumns(report, format));
+  for (const ReportRow& row : report.rows) table.Add(LineOf(row));
+  return table;
+}
+
+// The same with the share before each line.
+Table TableWithShare(const Report& report, const OutputFormat& format) {
+  Columns columns = ShownColumns(report, format);
+  columns.insert(columns.begin(), {"share", "SHARE", Column::Side::kLeft});
+  Table table(columns);
   for (const ReportRow& row : report.rows) {
-    const bool deleted = row.present == false;
-    const TableCells cells = CellsOfTable(row);
-    table.Add(
-        {Cell::Bytes(row.exclusiveBytes), Cell::Bytes(row.runningTotalBytes), cells.metadata,
-         cells.withOlder, cells.newSinceOlder, Cell::Number(row.subvolumeID), Cell::Time(row.time),
-         Cell::Flag(row.present),
-         Cell::Text(row.name, deleted ? Tone::kFaint : Tone::kPlain, deleted ? "deleted" : "")});
+    std::vector<Cell> line = LineOf(row);
+    line.insert(line.begin(), Cell::Text(report.share));
+    table.Add(line);
   }
   return table;
 }
@@ -118,8 +137,7 @@ Json::Value TableJson(const ReportTable& table) {
   return value;
 }
 
-void PrintForPrograms(const Report& report, const OutputFormat& format) {
-  Json::Value document = NewDocument(kJsonVersion);
+void AddTo(Json::Value& document, const Report& report, const OutputFormat& format) {
   document["share"] = ValidUtf8(report.share);
   document["task_id"] = ValidUtf8(report.taskID);
   SetTime(document, "calculated", report.calculated);
@@ -128,6 +146,11 @@ void PrintForPrograms(const Report& report, const OutputFormat& format) {
   document["not_measured"] = NamesJson(report.notMeasured);
   document["snapshots"] = TableOf(report, format).Rows(format);
   document["table"] = report.table ? TableJson(*report.table) : Json::Value();
+}
+
+void PrintForPrograms(const Report& report, const OutputFormat& format) {
+  Json::Value document = NewDocument(kJsonVersion);
+  AddTo(document, report, format);
   PrintJson(document);
 }
 
@@ -198,6 +221,37 @@ void Print(const Report& report, const OutputFormat& format) {
     PrintForPrograms(report, format);
   else
     PrintForPeople(report, format);
+}
+
+void ReportPrinter::Print(const Report& report) {
+  if (!several_) {
+    ZorvSnapUsage::Print(report, format_);
+  } else if (format_.plain && !format_.json) {
+    ToStandardOutput(TableWithShare(report, format_).Text(format_));
+  } else if (!format_.json) {
+    if (!printed_.empty()) ToStandardOutput("\n");
+    PrintForPeople(report, format_);
+  }
+  (void)fflush(stdout);  // the next one may take long
+  printed_.push_back(report);
+}
+
+void ReportPrinter::Finish(const std::vector<std::string>& shares) {
+  if (!several_ || !format_.json) return;
+  Json::Value document = NewDocument(kJsonVersion);
+  std::vector<std::string> failed = shares;
+  document["results"] = Json::Value(Json::arrayValue);
+  bool complete = true;
+  for (const Report& report : printed_) {
+    Json::Value result(Json::objectValue);
+    AddTo(result, report, format_);
+    document["results"].append(result);
+    complete = complete && report.missing.empty();
+    failed.erase(std::remove(failed.begin(), failed.end(), report.share), failed.end());
+  }
+  document["complete"] = complete && failed.empty();
+  document["failed"] = NamesJson(failed);
+  PrintJson(document);
 }
 
 void RequireComplete(const Report& report) {

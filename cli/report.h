@@ -64,6 +64,23 @@ const Columns& ReportColumns();
 // Prints to standard output; names of missing and not measured snapshots in the JSON form only.
 void Print(const Report& report, const OutputFormat& format);
 
+// Prints the reports of one share or of several as they come: tables below one another, lines for
+// scripts with the share before them, or one JSON document in the end.
+class ReportPrinter {
+ public:
+  ReportPrinter(const OutputFormat& format, bool several) : format_(format), several_(several) {}
+
+  void Print(const Report& report);
+
+  // After the last one; `shares` are those that were asked for.
+  void Finish(const std::vector<std::string>& shares);
+
+ private:
+  const OutputFormat format_;
+  const bool several_;
+  std::vector<Report> printed_;
+};
+
 // Gives up with the names of the missing snapshots when there are any.
 void RequireComplete(const Report& report);
 

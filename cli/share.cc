@@ -12,6 +12,7 @@
 
 #include "base/unique_fd.h"
 #include "cli/failure.h"
+#include "cli/nearest.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
 
@@ -35,6 +36,26 @@ ShareRecord FindShare(const std::string& share) {
 
 // What the platform says of its last failure, on one line; empty when it has no words for it.
 std::string PlatformWords() { return Escaped(PLATCErrorGetText()); }
+
+// Nothing: the platform's error record says why.
+std::optional<std::vector<std::string>> KnownShares() {
+  StringList names;
+  if (ZORVShareEnum(names.Ref(), ZORV_SHARE_ENUM_ALL) < 0) return std::nullopt;
+  return names.Strings();
+}
+
+const char* WordOfSource(int source) {
+  switch (source) {
+    case ZORV_SHARE_SOURCE_SAMBA:
+      return "samba";
+    case ZORV_SHARE_SOURCE_SNAPPER:
+      return "snapper";
+    case ZORV_SHARE_SOURCE_FILE:
+      return "file";
+    default:
+      return "volume";
+  }
+}
 
 std::string LastComponent(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
@@ -69,7 +90,8 @@ Failure PlatformFailure(const std::string& what) {
 
 void RefuseUnknownShare(const std::string& share) {
   throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)),
-                "a share is a subvolume directly below /volume1, /volume2, ...");
+                DidYouMean(share, KnownShares().value_or(std::vector<std::string>()),
+                           "a share is a subvolume directly below /volume1, /volume2, ..."));
 }
 
 void RequireShare(const std::string& share) {
@@ -90,6 +112,21 @@ void RequireShare(const std::string& share) {
     default:
       throw PlatformFailure(fmt::format("share {} cannot be looked up", Quoted(share)));
   }
+}
+
+std::optional<SharePlace> FindPlace(const std::string& share) {
+  const ShareRecord record = FindShare(share);
+  ZORVSHAREINFO info = {};
+  if (!record || ZORVShareInfoGet(record.get(), &info) < 0) return std::nullopt;
+  return SharePlace{info.volumePath, info.path, WordOfSource(info.source), info.place};
+}
+
+std::vector<std::string> AllShares() {
+  if (const std::optional<std::vector<std::string>> shares = KnownShares()) return *shares;
+  if (PLATCErrGet() == PLATC_ERR_RETRY)
+    throw Failure(kShareOutOfReach, "the shares cannot be listed, a volume is not there",
+                  "mount it, or try again");
+  throw PlatformFailure("the shares cannot be listed");
 }
 
 bool ShareIsThere(const std::string& share) { return FindShare(share) != nullptr; }

@@ -29,6 +29,20 @@ Failure PlatformFailure(const std::string& what);
 // Gives up unless the share exists and can be reached.
 void RequireShare(const std::string& share);
 
+// Where a share lies, and who says that there is one.
+struct SharePlace {
+  std::string volume;  // "/volume1"
+  std::string path;    // of its subvolume
+  std::string source;  // "volume", "samba", "snapper" or "file"
+  std::string place;   // what tells of it: the volume, or a file
+};
+
+// Nothing when the share does not exist or cannot be reached.
+std::optional<SharePlace> FindPlace(const std::string& share);
+
+// The names of all shares, sorted. Gives up when they cannot be listed.
+std::vector<std::string> AllShares();
+
 // Whether the share exists and can be reached.
 bool ShareIsThere(const std::string& share);
 

@@ -40,6 +40,9 @@ inline void ToStandardError(const std::string& text) {
   (void)fflush(stderr);
 }
 
+// Says one line on standard error, as the program.
+inline void Say(const std::string& text) { ToStandardError("zorv-snapusage: " + text + "\n"); }
+
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_STANDARD_STREAMS_H_

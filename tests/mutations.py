@@ -1028,8 +1028,9 @@ MUTATIONS = [
              " && calculation.state == CAL_TASK_STATUS_PROCESS)\n",
              "LongRun.NumberInTheShareAloneIsNotTakenWhileTheClaimIsYoung"),
     Mutation("clean-does-not-mind-launches", "cli/cmd_clean.cc",
-             "  const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(*share);\n  return CleanOneShare",
-             "  return CleanOneShare",
+             "    const std::unique_ptr<LaunchLock> lock = LockLaunchesFor(*options.share);\n"
+             "    return CleanOneShare",
+             "    return CleanOneShare",
              "LongRun.CleanWaitsForThoseWhoClaimAShare"),
     Mutation("clean-does-not-mind-claims", "cli/cmd_clean.cc",
              "  const ClaimLock unclaimed(share);\n", "",
@@ -1141,7 +1142,7 @@ MUTATIONS = [
              "  if (!CanBeShareName(share)) RefuseUnknownShare(share);\n", "",
              "ShareNames.*"),
     Mutation("an-empty-name-is-all-shares", "cli/cmd_clean.cc",
-             "  if (!share) {\n", "  if (!share || share->empty()) {\n",
+             "  if (options.share) {\n", "  if (options.share && !options.share->empty()) {\n",
              "ShareNames.*"),
     Mutation("a-long-name-leaves-an-empty-directory", "cli/launch.cc",
              "  if (!CanBeCalculated(share))\n", "  if (share.size() > 255)\n",
@@ -1150,7 +1151,10 @@ MUTATIONS = [
              "      if (!taskID.empty()) return taskID;\n", "",
              "HostileMap.TimeThatIsNoneIsOneThatHasExpired"),
     Mutation("clean-knows-all-states", "cli/cmd_clean.cc",
-             "= ReadAnyCalculation(share, taskID);", "= ReadCalculation(share, taskID);",
+             "  const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);\n"
+             "  if (calculation && IsUnderWay",
+             "  const std::optional<Calculation> calculation = ReadCalculation(share, taskID);\n"
+             "  if (calculation && IsUnderWay",
              "HostileMap.StateOfAnotherVersionCanBeCleaned"),
     Mutation("a-member-that-stays-is-said-to-be-gone", "cli/cmd_clean.cc",
              "    if (!taskID && !IsRecorded(share))\n", "    if (!taskID)\n",

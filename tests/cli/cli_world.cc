@@ -77,6 +77,11 @@ bool Background::HasSaid(const std::string& text) {
   return WaitUntil([&] { return (terminal_ ? Out() : Err()).find(text) != std::string::npos; });
 }
 
+void Background::Resize(unsigned short columns) {
+  const winsize size = {24, columns, 0, 0};
+  if (ioctl(out_.Get(), TIOCSWINSZ, &size) != 0) throw std::runtime_error("cannot resize");
+}
+
 void Background::Type(char character) {
   if (write(out_.Get(), &character, 1) != 1) throw std::runtime_error("cannot type");
 }
@@ -103,6 +108,7 @@ CliWorld::CliWorld() : volume_(std::make_unique<BtrfsVolume>("/volume1")) {
   volume_->Subvolume("photos");
   for (const char* snapshot : {kFirst, kSecond, kNoTime})
     volume_->Snapshot("photos", std::string("photos/.snapshots/") + snapshot);
+  estimate_ = check_ = "false";
   FakeEngine(kAnswer);
 }
 
@@ -122,10 +128,21 @@ CommandResult CliWorld::Tool(const std::vector<std::string>& words) {
   return ZorvTest::Run(Argv(words));
 }
 
+std::string CliWorld::estimate_ = "false";
+std::string CliWorld::check_ = "false";
+
 void CliWorld::FakeEngine(const std::string& body) {
   WriteScript("/sbin/btrfs",
-              "if [ \"$3\" = --version ]; then echo 'zorv btrfs engine 0.0.0'; exit 0; fi\n"
-              "shift 5\n" +
+              "case \"$3\" in\n"
+              "--version) echo 'zorv btrfs engine 0.0.0'; exit 0;;\n"
+              "--estimate) " +
+                  estimate_ +
+                  "; exit;;\n"
+                  "--check) " +
+                  check_ +
+                  "; exit;;\n"
+                  "esac\n"
+                  "shift 5\n" +
                   body);
 }
 

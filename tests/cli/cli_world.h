@@ -48,6 +48,9 @@ class Background {
   // Waits until it has printed `text` on standard error (in a terminal: anywhere).
   bool HasSaid(const std::string& text);
 
+  // Gives its terminal another width, of which the program is told.
+  void Resize(unsigned short columns);
+
   // Types a character into its terminal.
   void Type(char character);
 
@@ -81,6 +84,9 @@ class CliWorld : public testing::Test {
   // Makes /sbin/btrfs a script that says of itself that it is an engine; `body` does the rest, with
   // the subvolume IDs as its arguments.
   static void FakeEngine(const std::string& body);
+
+  // What the script does when it is asked with --estimate and --check; from the next one on.
+  static std::string estimate_, check_;
 
   // Prints for each ID ten times the ID.
   static constexpr char kAnswer[] =

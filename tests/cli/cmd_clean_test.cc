@@ -1,4 +1,6 @@
 // `clean`: removes records and results, and says which.
+#include <signal.h>
+
 #include <filesystem>
 
 #include "tests/cli/cli_world.h"
@@ -35,8 +37,36 @@ TEST_F(CmdClean, AllShares) {
   EXPECT_EQ(
       "removed share 'mail': state done, the result of 1 snapshots\n"
       "removed share 'photos': state done, the result of 3 snapshots\n",
-      MustRun(Argv({"clean"})));
-  EXPECT_EQ("nothing to remove\n", MustRun(Argv({"clean"})));
+      MustRun(Argv({"clean", "--all"})));
+  EXPECT_EQ("nothing to remove\n", MustRun(Argv({"clean", "--all"})));
+}
+
+TEST_F(CmdClean, WhatToRemoveMustBeSaid) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  const CommandResult result = Tool({"clean"});
+  EXPECT_EQ(2, result.status);
+  EXPECT_EQ(
+      "zorv-snapusage: it is not said what to remove; name a share, or say --interrupted, or --all "
+      "for everything that is recorded\n",
+      result.err);
+  EXPECT_EQ(2, Tool({"clean", "photos", "--all"}).status);
+  EXPECT_EQ(2, Tool({"clean", "--interrupted", "--all"}).status);
+  EXPECT_EQ(0, Tool({"show", "photos"}).status) << "nothing was removed";
+}
+
+TEST_F(CmdClean, InterruptedOnesAlone) {
+  SecondShare();
+  EXPECT_EQ("nothing to remove\n", MustRun(Argv({"clean", "--interrupted"})));
+  WaitingEngine();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  EXPECT_EQ("nothing to remove\n", MustRun(Argv({"clean", "--interrupted"}))) << "under way";
+  ASSERT_EQ(0, kill(CalculatorPid(), SIGKILL));
+  ASSERT_TRUE(Settled());
+  EXPECT_EQ("removed share 'photos': state process, no result\n",
+            MustRun(Argv({"clean", "--interrupted"})));
+  EXPECT_EQ(0, Tool({"show", "mail"}).status);
+  Release();
 }
 
 TEST_F(CmdClean, NothingRecordedOfTheShare) { EXPECT_EQ(10, Tool({"clean", "photos"}).status); }
@@ -86,7 +116,7 @@ TEST_F(CmdClean, ShareWithACalculationUnderWayIsKept) {
       "zorv-snapusage: share 'photos' was kept: a calculation of it is under way; end it first "
       "with: zorv-snapusage stop photos\n",
       one.err);
-  const CommandResult all = Tool({"clean"});
+  const CommandResult all = Tool({"clean", "--all"});
   EXPECT_EQ(4, all.status);
   EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots\n", all.out);
   Release();
@@ -112,7 +142,7 @@ TEST_F(CmdClean, SharesDroppedOnTheWayAreNamed) {
   EXPECT_EQ(
       "removed share 'mail': state done, the result of 1 snapshots\n"
       "removed share 'zoo': it no longer exists\n",
-      MustRun(Argv({"clean"})));
+      MustRun(Argv({"clean", "--all"})));
 }
 
 TEST_F(CmdClean, MapThatCannotBeWrittenIsSaid) {

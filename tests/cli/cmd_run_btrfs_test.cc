@@ -44,7 +44,7 @@ TEST_F(CmdRunBtrfs, NumbersEqualTheKernels) {
 TEST_F(CmdRunBtrfs, OneOfManyHasTheSameNumber) {
   Churn();
   const std::string name = "GMT-2024.03.05-09.04.09";
-  ASSERT_EQ(0, Tool({"run", "photos", name}).status);
+  ASSERT_EQ(0, Tool({"run", "photos", "--snapshot", name}).status);
   const Json::Value shown = Shown();
   ASSERT_EQ(1u, shown["snapshots"].size());
   EXPECT_EQ(volume_->KernelExclusive().at(ID(name)), shown["snapshots"][0]["exclusive"].asUInt64());

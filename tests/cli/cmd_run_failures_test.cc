@@ -65,9 +65,45 @@ TEST_F(CmdRunFailures, UnknownShare) {
   }
 }
 
+TEST_F(CmdRunFailures, MistypedNamesSuggestTheNearest) {
+  for (const char* command : {"run", "start", "status", "show", "stop", "clean"})
+    ExpectFailure(Tool({command, "phtos"}), 5, "there is no share 'phtos'; did you mean 'photos'?");
+  ExpectFailure(Tool({"run", "photos", "--snapshot", "by hnad"}), 8,
+                "share 'photos' has no snapshot 'by hnad'; did you mean 'by hand'?");
+}
+
+TEST_F(CmdRunFailures, VolumeThatIsNotMountedYetIsWaitedFor) {
+  for (const char* command : {"run", "start"}) {
+    SCOPED_TRACE(command);
+    WriteFile("/etc/fstab", "/dev/sdz /volume2 btrfs defaults 0 0\n");
+    Background run(Argv({command, "late"}));
+    EXPECT_TRUE(
+        run.HasSaid("zorv-snapusage: waiting for the volume of share 'late' to be mounted\n"))
+        << run.Err();
+    volume_->Subvolume("late");
+    volume_->Snapshot("late", "late/.snapshots/one");
+    EXPECT_EQ(0, run.Wait().status) << run.Err();
+    EXPECT_TRUE(Settled("late"));
+    std::filesystem::remove("/etc/fstab");
+    volume_->DeleteSubvolume("late/.snapshots/one");
+    volume_->DeleteSubvolume("late");
+  }
+}
+
+TEST_F(CmdRunFailures, WaitForAVolumeCanBeEnded) {
+  WriteFile("/etc/fstab", "/dev/sdz /volume2 btrfs defaults 0 0\n");
+  Background run(Argv({"run", "elsewhere"}));
+  EXPECT_TRUE(run.HasSaid("waiting for the volume"));
+  kill(run.Pid(), SIGINT);
+  EXPECT_EQ(130, run.Wait().status);
+  std::filesystem::remove("/etc/fstab");
+}
+
+// After the minute that the library itself would try.
 TEST_F(CmdRunFailures, ShareOutOfReach) {
   WriteFile("/etc/fstab", "/dev/sdz /volume2 btrfs defaults 0 0\n");
   ExpectFailure(Tool({"run", "elsewhere"}), 15,
+                "waiting for the volume of share 'elsewhere' to be mounted\nzorv-snapusage: "
                 "share 'elsewhere' cannot be reached for the moment; mount its volume, or try "
                 "again");
   std::filesystem::remove("/etc/fstab");
@@ -100,9 +136,10 @@ TEST_F(CmdRunFailures, CommandThatCannotBeStarted) {
 }
 
 TEST_F(CmdRunFailures, UnknownSnapshot) {
-  ExpectFailure(Tool({"run", "photos", kFirst, "GMT-1999.01.01-00.00.00"}), 8,
-                "share 'photos' has no snapshot 'GMT-1999.01.01-00.00.00'; its snapshots are in "
-                "'/volume1/photos/.snapshots'");
+  ExpectFailure(
+      Tool({"run", "photos", "--snapshot", kFirst, "--snapshot", "GMT-1999.01.01-00.00.00"}), 8,
+      "share 'photos' has no snapshot 'GMT-1999.01.01-00.00.00'; its snapshots are in "
+      "'/volume1/photos/.snapshots'");
 }
 
 TEST_F(CmdRunFailures, ShareWithoutSnapshots) {
@@ -120,10 +157,10 @@ TEST_F(CmdRunFailures, RangeWithoutSnapshots) {
 
 TEST_F(CmdRunFailures, NamesThatAreNotUtf8) {
   volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
-  ExpectFailure(Tool({"run", "photos", "a\xFFz"}), 1,
+  ExpectFailure(Tool({"run", "photos", "--snapshot", "a\xFFz"}), 1,
                 "the name of snapshot 'a\\xFFz' is not UTF-8; rename it, or name the snapshots to "
                 "calculate");
-  EXPECT_EQ(0, Tool({"run", "photos", kFirst}).status);
+  EXPECT_EQ(0, Tool({"run", "photos", "--snapshot", kFirst}).status);
   volume_->Subvolume("\xFF");
   volume_->Snapshot("\xFF", "\xFF/.snapshots/one");
   ExpectFailure(Tool({"run", "\xFF"}), 1, "the name of share '\\xFF' is not UTF-8; rename it");
@@ -152,7 +189,7 @@ TEST_F(CmdRunFailures, WrongTimes) {
                 "\"2024-03-05 17:04:09\" or 2024.03.05-17.04.09");
   ExpectFailure(Tool({"run", "photos", "--since", "2024-03-02", "--until", "2024-03-01"}), 2,
                 "the range ends before it begins; exchange --since and --until");
-  ExpectFailure(Tool({"run", "photos", kFirst, "--since", "2024-03-01"}), 2,
+  ExpectFailure(Tool({"run", "photos", "--snapshot", kFirst, "--since", "2024-03-01"}), 2,
                 "snapshots and a time range cannot be asked for together; leave one of them out");
 }
 
@@ -183,6 +220,19 @@ TEST_F(CmdRunFailures, FailedCalculation) {
                 "the calculation of share 'photos' failed (code 1: the command reported a failure, "
                 "or its output could not be recorded); the system log says more; earlier results "
                 "are kept");
+}
+
+TEST_F(CmdRunFailures, EngineIsAskedWhatIsWrong) {
+  check_ =
+      "echo 'problem: a device is missing'; "
+      "echo 'verdict: a run would fail, because of a missing device'";
+  FakeEngine("echo 'exclusive sizes unavailable: x'; exit 1\n");
+  for (const std::vector<std::string>& words :
+       std::vector<std::vector<std::string>>{{"run", "photos", "--quiet"}, {"wait", "photos"}})
+    ExpectFailure(Tool(words), 11,
+                  "the calculation of share 'photos' failed (code 1: the command reported a "
+                  "failure, or its output could not be recorded), because of a missing device; the "
+                  "system log says more; earlier results are kept");
 }
 
 TEST_F(CmdRunFailures, ReasonOfTheEngineIsSeen) {

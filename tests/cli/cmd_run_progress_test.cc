@@ -59,6 +59,93 @@ TEST_F(CmdRunProgress, LineIsCutToTheTerminal) {
   ASSERT_TRUE(run.HasSaid(std::string(kRedraw) + "process: read 4.00 \r")) << run.Out();
 }
 
+class CmdRunEstimate : public CliWorld {
+ protected:
+  // The estimate, and an engine that stands still when it has read 4096 bytes.
+  static void EstimateOf(const std::string& answer) {
+    estimate_ = answer;
+    WaitingEngine();
+  }
+};
+
+TEST_F(CmdRunEstimate, BarWithPercent) {
+  EstimateOf("echo 'total 8192 bytes'");
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(run.HasSaid(std::string(kRedraw) + "50 % [###################")) << run.Out();
+  EXPECT_TRUE(run.HasSaid("]  4.00 KiB")) << run.Out();
+  Release();
+  EXPECT_EQ(0, run.Wait().status);
+}
+
+TEST_F(CmdRunEstimate, NeverSaysItIsDone) {
+  EstimateOf("echo 'total 100 bytes'");
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(run.HasSaid("99 % [")) << run.Out();
+  Release();
+  EXPECT_THAT(run.Wait().out, Not(HasSubstr("100 %")));
+}
+
+TEST_F(CmdRunEstimate, PlainLineHasPercentToo) {
+  EstimateOf("echo 'total 8192 bytes'");
+  Background run(Argv({"run", "photos"}));
+  ASSERT_TRUE(run.HasSaid("process: 50 %, read 4.00 KiB, exclusive so far ")) << run.Err();
+  Release();
+  EXPECT_EQ(0, run.Wait().status);
+}
+
+TEST_F(CmdRunEstimate, FitsTheTerminalWhateverItsWidth) {
+  for (const unsigned short columns : {20, 40, 80, 132, 200}) {
+    SCOPED_TRACE(columns);
+    EstimateOf("echo 'total 8192 bytes'");
+    Background run(Argv({"run", "photos"}), Background::Terminal{columns});
+    ASSERT_TRUE(run.HasSaid(std::string(kRedraw) + "50 %")) << run.Out();
+    Release();
+    const std::string screen = run.Wait().out;
+    size_t drawn = 0;
+    for (size_t at = 0; (at = screen.find(kRedraw, at)) != std::string::npos; ++drawn) {
+      at += sizeof kRedraw - 1;
+      if (screen.compare(at, 5, "share") == 0) break;
+      EXPECT_LT(screen.find('\r', at) - at, columns) << screen;
+    }
+    EXPECT_GT(drawn, 1u);
+    MustRun(Argv({"clean", "photos"}));
+  }
+}
+
+TEST_F(CmdRunEstimate, TerminalThatBecomesNarrower) {
+  EstimateOf("echo 'total 8192 bytes'");
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(run.HasSaid("50 % [")) << run.Out();
+  run.Resize(30);
+  ASSERT_TRUE(run.HasSaid("\r\x1b[J50 %")) << "what the old line has become goes too";
+  Release();
+  EXPECT_EQ(0, run.Wait().status);
+}
+
+TEST_F(CmdRunEstimate, OneThatNeverComesIsNotWaitedFor) {
+  EstimateOf("exec sleep 1000");
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(run.HasSaid("process: read 4.00 KiB")) << run.Out();
+  Release();
+  EXPECT_EQ(0, run.Wait().status);
+  EXPECT_NE(0, ZorvTest::Run({"pgrep", "-x", "sleep"}).status) << "and does not stay";
+}
+
+TEST_F(CmdRunEstimate, GarbageIsNone) {
+  for (const char* answer : {"echo total", "echo 'total x bytes'", "head -c 3000000 /dev/zero",
+                             "echo 'total 0 bytes'"}) {
+    SCOPED_TRACE(answer);
+    EstimateOf(answer);
+    Background run(Argv({"run", "photos"}), kWide);
+    ASSERT_TRUE(run.HasSaid("process: read 4.00 KiB")) << run.Out();
+    Release();
+    const CommandResult result = run.Wait();
+    EXPECT_EQ(0, result.status);
+    EXPECT_THAT(result.out, Not(HasSubstr(" % ")));
+    MustRun(Argv({"clean", "photos"}));
+  }
+}
+
 TEST_F(CmdRunProgress, DumbTerminalGetsPlainLines) {
   WaitingEngine();
   std::vector<std::string> argv = Argv({"run", "photos"});

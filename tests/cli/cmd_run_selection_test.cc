@@ -27,7 +27,8 @@ TEST_F(CmdRunSelection, AllSnapshotsThoseWithoutATimeLast) {
 }
 
 TEST_F(CmdRunSelection, NamedSnapshotsEachOnceInTheOrderOfTheShare) {
-  EXPECT_EQ((Names{kFirst, kNoTime}), Measured({kNoTime, kFirst, kNoTime}));
+  EXPECT_EQ((Names{kFirst, kNoTime}),
+            Measured({"--snapshot", kNoTime, "--snapshot", kFirst, "--snapshot", kNoTime}));
 }
 
 TEST_F(CmdRunSelection, RangesIncludeBothEnds) {
@@ -70,7 +71,7 @@ TEST_F(CmdRunSelection, RangeIsRecordedForTheShare) {
 TEST_F(CmdRunSelection, ShareCalledLikeACommand) {
   volume_->Subvolume("show");
   volume_->Snapshot("show", "show/.snapshots/status");
-  EXPECT_EQ(0, Tool({"run", "show", "status"}).status);
+  EXPECT_EQ(0, Tool({"run", "show", "--snapshot", "status"}).status);
   EXPECT_EQ(0, Tool({"show", "show"}).status);
 }
 
@@ -113,7 +114,7 @@ TEST_F(CmdRunSelection, NameWithABlankAndUtf8) {
   const std::string share = "Fotos für 写真";
   volume_->Subvolume(share);
   volume_->Snapshot(share, share + "/.snapshots/één kopie");
-  const CommandResult result = Tool({"run", share, "één kopie", "--quiet"});
+  const CommandResult result = Tool({"run", share, "--snapshot", "één kopie", "--quiet"});
   EXPECT_EQ(0, result.status) << result.err;
   EXPECT_THAT(result.out, HasSubstr("share Fotos für 写真, calculated "));
   EXPECT_THAT(result.out, HasSubstr("  één kopie\n"));
@@ -122,7 +123,8 @@ TEST_F(CmdRunSelection, NameWithABlankAndUtf8) {
 
 TEST_F(CmdRunSelection, NameWithANewlineStaysOnItsLine) {
   volume_->Snapshot("photos", "photos/.snapshots/two\nlines\x1b[31m");
-  const CommandResult result = Tool({"run", "photos", "two\nlines\x1b[31m", "--quiet"});
+  const CommandResult result =
+      Tool({"run", "photos", "--snapshot", "two\nlines\x1b[31m", "--quiet"});
   EXPECT_EQ(0, result.status) << result.err;
   EXPECT_THAT(result.out, HasSubstr("  two\\nlines\\x1B[31m\n"));
   EXPECT_EQ("two\nlines\x1b[31m", Shown()["snapshots"][0]["name"].asString());

@@ -149,10 +149,25 @@ TEST_F(CmdShow, ColorsAreForTerminalsThatWantThem) {
   }
 }
 
+TEST_F(CmdShow, OutputThatCannotBeWrittenIsNoSuccess) {
+  RunOnce();
+  for (const char* words : {"show photos", "show photos --format json", "shares", "status"}) {
+    SCOPED_TRACE(words);
+    const CommandResult full =
+        ZorvTest::Run({"bash", "-c", std::string(ZORV_CLI_PATH " ") + words + " > /dev/full"});
+    EXPECT_EQ(1, full.status);
+    EXPECT_THAT(full.err, HasSubstr("the output could not be written"));
+    // A reader that has seen enough is no failure to speak of.
+    const CommandResult closed = ZorvTest::Run(
+        {"bash", "-c", std::string("{ sleep 0.2; " ZORV_CLI_PATH " ") + words + "; } | true"});
+    EXPECT_EQ("", closed.err);
+  }
+}
+
 TEST_F(CmdShow, RunUnderWayDoesNotHideTheLastResult) {
   RunOnce();
   WaitingEngine();
-  MustRun(Argv({"start", "photos", kFirst}));
+  MustRun(Argv({"start", "photos", "--snapshot", kFirst}));
   ASSERT_TRUE(EngineWaits());
   const CommandResult result = Tool({"show", "photos", "--raw"});
   EXPECT_EQ(0, result.status);
@@ -261,7 +276,8 @@ TEST_F(CmdShow, SnapshotsThatCannotBeListedAreNobodyElses) {
   EXPECT_EQ(0, Tool({"show", "mail"}).status);
   EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots\n",
             Tool({"clean", "mail"}).out);
-  EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots\n", Tool({"clean"}).out);
+  EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots\n",
+            Tool({"clean", "--all"}).out);
 }
 
 TEST_F(CmdShow, FilesThatAreCutShortAreNoResult) {

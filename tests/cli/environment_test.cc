@@ -27,7 +27,7 @@ TEST_F(Environment, ProgramsAreNotLookedForInPath) {
   for (const char* program : {"btrfs", "uuidgen", "sh", "bash", "env", "mkdir", "rm", "cp"})
     WriteScript(std::string("/opt/traps/") + program, "touch /opt/trapped\n");
   EXPECT_EQ(0, ToolWith({"PATH=/opt/traps"}, {"run", "photos"}).status);
-  EXPECT_EQ(0, ToolWith({"PATH=/opt/traps"}, {"clean"}).status);
+  EXPECT_EQ(0, ToolWith({"PATH=/opt/traps"}, {"clean", "--all"}).status);
   RealEngine();
   EXPECT_EQ(0, ToolWith({"PATH=/opt/traps"}, {"run", "photos"}).status);
   EXPECT_FALSE(fs::exists("/opt/trapped"));
@@ -37,7 +37,7 @@ TEST_F(Environment, NoneAtAllWillDo) {
   RealEngine();
   EXPECT_EQ(0, ToolWith({}, {"run", "photos"}).status);
   EXPECT_EQ(0, ToolWith({}, {"show", "photos", "--format", "json"}).status);
-  EXPECT_EQ(0, ToolWith({}, {"clean"}).status);
+  EXPECT_EQ(0, ToolWith({}, {"clean", "--all"}).status);
 }
 
 TEST_F(Environment, GarbageChangesNoResult) {

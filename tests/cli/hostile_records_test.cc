@@ -85,7 +85,7 @@ TEST_F(ShareNames, OneWithControlCharactersStaysOnItsLine) {
   EXPECT_THAT(MustRun(Argv({"status", "a\nb\x1B[31m"})),
               HasSubstr("share:           a\\nb\\x1B[31m\n"));
   EXPECT_EQ("removed share 'a\\nb\\x1B[31m': state done, the result of 1 snapshots\n",
-            MustRun(Argv({"clean"})));
+            MustRun(Argv({"clean", "--all"})));
 }
 
 TEST_F(ShareNames, LongestThatRecordsCanBeMadeOf) {
@@ -137,7 +137,7 @@ TEST_F(HostileMap, MemberThatIsAPathIsDroppedAndNotFollowed) {
     SCOPED_TRACE(name);
     MustRun(Argv({"run", "photos", "--quiet"}));
     AddMember(name);
-    const CommandResult result = Tool({"clean"});
+    const CommandResult result = Tool({"clean", "--all"});
     EXPECT_EQ(0, result.status) << result.err;
     EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots\nremoved share '" +
                   std::string(name) + "': it no longer exists\n",
@@ -152,7 +152,7 @@ TEST_F(HostileMap, MemberThatIsAPathAndTheOnlyOneIsLeftAlone) {
     WriteFile(kMap, "{}");
     EditJson(kMap, {name, "task_id"}, "8b0f0c36-8a3f-4a57-9f6f-1f7e5d0c1a55");
     EditJson(kMap, {name, "time"}, 1);
-    const CommandResult result = Tool({"clean"});
+    const CommandResult result = Tool({"clean", "--all"});
     EXPECT_EQ(16, result.status);
     EXPECT_EQ(std::string("zorv-snapusage: ") + kMap + " names a share '" + name +
                   "', which can be none; take the entry out of that file\n",
@@ -198,7 +198,7 @@ TEST_F(HostileMap, EmptyTaskMatchesNothing) {
   for (const char* command : {"status", "stop"})
     EXPECT_EQ(10, Tool({command, "photos"}).status) << command;
   EXPECT_EQ(0, Tool({"run", "photos"}).status);
-  EXPECT_EQ(0, Tool({"clean"}).status);
+  EXPECT_EQ(0, Tool({"clean", "--all"}).status);
   EXPECT_TRUE(fs::exists(file));
 }
 
@@ -233,7 +233,7 @@ TEST_F(HostileMap, StateOfAnotherVersionCanBeCleaned) {
 // `clean` said that it had removed it, and it stayed.
 TEST_F(HostileMap, MemberThatIsNoEntryIsRemoved) {
   for (const std::vector<std::string>& clean :
-       {std::vector<std::string>{"clean"}, {"clean", "photos"}})
+       {std::vector<std::string>{"clean", "--all"}, {"clean", "photos"}})
     for (const char* entry : {"5", "\"x\"", "[]", "{}"}) {
       SCOPED_TRACE(entry);
       EditJson(kMap, {"photos"}, ParseJson(entry));
@@ -249,7 +249,7 @@ TEST_F(HostileMap, OneThatIsNoMapIsNotEmpty) {
   for (const char* text : {"[]", "7", "\"photos\""}) {
     SCOPED_TRACE(text);
     WriteFile(kMap, text);
-    const CommandResult result = Tool({"clean"});
+    const CommandResult result = Tool({"clean", "--all"});
     EXPECT_EQ(1, result.status);
     EXPECT_EQ("", result.out);
     EXPECT_EQ(std::string("zorv-snapusage: ") + kMap +

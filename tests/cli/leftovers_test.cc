@@ -65,7 +65,7 @@ TEST_F(Leftovers, GoWithEachCommandThatWorksOnShares) {
                                              {"start", "photos"},
                                              {"stop", "photos"},
                                              {"clean", "photos"},
-                                             {"clean"},
+                                             {"clean", "--all"},
                                              {"run", "unknown"}}) {
     SCOPED_TRACE(words.front());
     Put(left);

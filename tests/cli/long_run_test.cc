@@ -34,7 +34,7 @@ class LongRun : public CliWorld {
     const CommandResult clean = Tool({"clean", "photos"});
     EXPECT_EQ(4, clean.status);
     EXPECT_THAT(clean.err, HasSubstr("was kept: a calculation of it is under way"));
-    EXPECT_EQ(4, Tool({"clean"}).status);
+    EXPECT_EQ(4, Tool({"clean", "--all"}).status);
     EXPECT_THAT(MustRun(Argv({"status", "photos"})),
                 HasSubstr("process:         " + std::to_string(CalculatorPid())));
     Release();

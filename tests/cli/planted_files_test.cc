@@ -85,7 +85,7 @@ TEST_F(PlantedFiles, EveryKindIsRefusedByEveryCommand) {
                                                    kind.what +
                                                    "; find out who put it there, and remove it");
     }
-    EXPECT_EQ(16, Tool({"clean"}).status);
+    EXPECT_EQ(16, Tool({"clean", "--all"}).status);
     fs::remove(kStatusOfPhotos);
   }
 }

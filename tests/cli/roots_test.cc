@@ -80,9 +80,10 @@ TEST_F(Roots, OneOfSomebodyElseIsRefusedByEveryCommand) {
                     "'" + directory +
                         "' belongs to user 4711, not to root; find out who put it there, and "
                         "remove it");
-    ExpectRefusal(Tool({"clean"}), "'" + directory +
-                                       "' belongs to user 4711, not to root; find out who put it "
-                                       "there, and remove it");
+    ExpectRefusal(Tool({"clean", "--all"}),
+                  "'" + directory +
+                      "' belongs to user 4711, not to root; find out who put it "
+                      "there, and remove it");
     ASSERT_EQ(0, chown(directory.c_str(), 0, 0));
   }
   EXPECT_EQ(0, Tool({"show", "photos"}).status) << "nothing was lost";

@@ -140,7 +140,7 @@ const std::vector<Command> kCommands = {
     {"run", {"run", "photos"}, true},        {"start", {"start", "photos"}, true},
     {"status", {"status", "photos"}, false}, {"show", {"show", "photos"}, false},
     {"stop", {"stop", "photos"}, false},     {"clean", {"clean", "photos"}, true},
-    {"clean all", {"clean"}, true},          {"names", {"names", "photos"}, false}};
+    {"clean all", {"clean", "--all"}, true},          {"names", {"names", "photos"}, false}};
 
 // Who runs the program, and what it says to that when nothing else comes first.
 struct User {
@@ -383,7 +383,7 @@ struct Records {
 
   // `start` is left out: it is `run` in the background, and would meet the next record.
   std::vector<std::string> Words(size_t number) const {
-    if (CommandOf(number) == "clean all") return {"clean"};
+    if (CommandOf(number) == "clean all") return {"clean", "--all"};
     return {CommandOf(number), "--", NameOf(number)};
   }
 };
