@@ -37,7 +37,7 @@ const Columns kColumns = {{"volume", "VOLUME", Column::Side::kLeft},
 
 // What is known of one share; empty cells of what is not.
 struct Facts {
-  std::optional<SharePlace> place;
+  std::optional<ShareOrigin> place;
   std::optional<unsigned long long> snapshots;
   std::optional<Result> result;
   std::optional<Calculation> latest;
@@ -69,7 +69,7 @@ std::optional<long> AgeOf(const std::optional<Result>& result, time_t now) {
 }
 
 std::vector<Cell> LineOf(const std::string& share, const Facts& facts, time_t now) {
-  const SharePlace place = facts.place.value_or(SharePlace());
+  const ShareOrigin place = facts.place.value_or(ShareOrigin());
   const std::optional<Result>& result = facts.result;
   return {Cell::Text(place.volume),
           Cell::Number(facts.snapshots),

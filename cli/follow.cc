@@ -38,7 +38,7 @@ constexpr std::chrono::seconds kTimeToCopy{60};
 
 // What the engine says about why it cannot work, as the rest of a sentence.
 std::string CheckedReason(const std::string& share) {
-  const std::optional<SharePlace> place = FindPlace(share);
+  const std::optional<ShareOrigin> place = FindPlace(share);
   const std::string why = place ? WhyItFails(place->path) : "";
   return why.empty() ? "" : ", because of " + Escaped(why);
 }

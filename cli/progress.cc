@@ -25,7 +25,7 @@ constexpr char kEraseBelow[] = "\r\033[J";
 Progress::Progress(std::string share, bool quiet)
     : share_(std::move(share)), quiet_(quiet), redraw_(UnderstandsControls(STDERR_FILENO)) {
   if (quiet_) return;
-  if (const std::optional<SharePlace> place = FindPlace(share_))
+  if (const std::optional<ShareOrigin> place = FindPlace(share_))
     question_.emplace("--estimate", place->path);
 }
 

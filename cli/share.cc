@@ -114,11 +114,11 @@ void RequireShare(const std::string& share) {
   }
 }
 
-std::optional<SharePlace> FindPlace(const std::string& share) {
+std::optional<ShareOrigin> FindPlace(const std::string& share) {
   const ShareRecord record = FindShare(share);
   ZORVSHAREINFO info = {};
   if (!record || ZORVShareInfoGet(record.get(), &info) < 0) return std::nullopt;
-  return SharePlace{info.volumePath, info.path, WordOfSource(info.source), info.place};
+  return ShareOrigin{info.volumePath, info.path, WordOfSource(info.source), info.place};
 }
 
 std::vector<std::string> AllShares() {

@@ -30,7 +30,7 @@ Failure PlatformFailure(const std::string& what);
 void RequireShare(const std::string& share);
 
 // Where a share lies, and who says that there is one.
-struct SharePlace {
+struct ShareOrigin {
   std::string volume;  // "/volume1"
   std::string path;    // of its subvolume
   std::string source;  // "volume", "samba", "snapper" or "file"
@@ -38,7 +38,7 @@ struct SharePlace {
 };
 
 // Nothing when the share does not exist or cannot be reached.
-std::optional<SharePlace> FindPlace(const std::string& share);
+std::optional<ShareOrigin> FindPlace(const std::string& share);
 
 // The names of all shares, sorted. Gives up when they cannot be listed.
 std::vector<std::string> AllShares();
