@@ -159,8 +159,8 @@ int Explain(const ExplainOptions& options) {
 }  // namespace
 
 void AddExplain(CLI::App& program, Action& action) {
-  CLI::App* const command = program.add_subcommand(
-      "explain", "The largest files and folders behind what a snapshot alone holds");
+  CLI::App* const command =
+      program.add_subcommand("explain", "Name the files behind what a snapshot alone holds");
   const auto options = std::make_shared<ExplainOptions>();
   AddShareArgument(*command, options->share);
   command->add_option("SNAPSHOT", options->snapshot, "Name of the snapshot")->required();
@@ -173,9 +173,9 @@ void AddExplain(CLI::App& program, Action& action) {
   command->add_flag("--folders", options->foldersOnly, "Folders only");
   AddOutputFormat(*command, options->format, FileColumns());
   command->footer(
-      "Data: what comes free with the file when this snapshot alone is deleted. Shared: of it, what\n"
-      "other files of the snapshot refer to as well; the first of them has it.\n"
-      "Example: zorv-snapusage explain photos GMT+08-2024.03.05-17.04.09 --top 5 --depth 2");
+      "Data: what comes free with the file when this snapshot alone is deleted.\n"
+      "Shared: what other files of the snapshot have, too; the first has it here.\n"
+      "Example: zorv-snapusage explain photos GMT+08-2024.03.05-17.04.09 --top 5");
   command->callback([options, &action] { action = [options] { return Explain(*options); }; });
 }
 

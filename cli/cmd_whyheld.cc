@@ -212,15 +212,11 @@ int Whyheld(const WhyheldOptions& options) {
 }  // namespace
 
 void AddWhyheld(CLI::App& program, Action& action) {
-  CLI::App* const command = program.add_subcommand(
-      "whyheld", "Which snapshots keep the data of a deleted or changed file");
+  CLI::App* const command =
+      program.add_subcommand("whyheld", "Name the snapshots that keep a file's data");
   const auto options = std::make_shared<WhyheldOptions>();
   AddShareArgument(*command, options->share);
-  command
-      ->add_option(
-          "PATH", options->path,
-          "A file or folder: from the root of the share, or absolute; it need not be in the "
-          "share any more")
+  command->add_option("PATH", options->path, "File or folder of the share, also one that is gone")
       ->required();
   AddOutputFormat(*command, options->format, GroupColumns());
   command->footer(
