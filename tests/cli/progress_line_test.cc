@@ -66,7 +66,8 @@ TEST(BarLine, FitsEveryWidth) {
         const std::string line = BarLine(view, columns);
         ASSERT_LE(ColumnsAtMost(line), columns) << line;
         ASSERT_EQ(std::string::npos, line.find_first_of("\x1b\n")) << line;
-        if (estimated && columns >= 19) ASSERT_EQ(0u, line.find("45 %")) << line;
+        if (!estimated || columns < 19) continue;
+        ASSERT_EQ(0u, line.find("45 %")) << line;
       }
     }
   }
