@@ -49,7 +49,7 @@ std::string ReasonOf(const ProgramEnd& end) {
 
 }  // namespace
 
-std::string AskEngine(const EngineQuestion& question) {
+std::string AskEngine(const DocumentQuestion& question) {
   RequireEngine();
   std::vector<std::string> argv = {ZorvBtrfsUsage::kBtrfsProgram, "subvolume", "size"};
   argv.insert(argv.end(), question.options.begin(), question.options.end());

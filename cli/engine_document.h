@@ -14,7 +14,7 @@
 
 namespace ZorvSnapUsage {
 
-struct EngineQuestion {
+struct DocumentQuestion {
   std::vector<std::string> options;
   std::string directory;  // on the file system
   std::vector<unsigned long long> subvolumeIDs;
@@ -25,7 +25,7 @@ struct EngineQuestion {
 // The document that answers it. The engine reads the state that the file system has now; that may
 // take minutes, and it may wait for other runs, which is said on standard error. Gives up, with the
 // engine's reason and what to do about it, when there is none.
-std::string AskEngine(const EngineQuestion& question);
+std::string AskEngine(const DocumentQuestion& question);
 
 // Calls `read`, whose complaints become a failure.
 template <typename Read>

@@ -54,8 +54,10 @@ TEST_F(ShareNames, OnesThatNoShareCanHaveAreUnknown) {
       SCOPED_TRACE(std::string(command) + ": " + c.name);
       const CommandResult result = Tool({command, c.share});
       EXPECT_EQ(5, result.status);
+      const bool near = c.share == "photos/";
       EXPECT_EQ("zorv-snapusage: there is no share " + c.shown +
-                    "; a share is a subvolume directly below /volume1, /volume2, ...\n",
+                    (near ? "; did you mean 'photos'?\n"
+                          : "; a share is a subvolume directly below /volume1, /volume2, ...\n"),
                 result.err);
     }
   }
@@ -264,7 +266,7 @@ TEST_F(HostileMap, DamagedOneIsSaid) {
   for (const char* text : {"", "{", "{\"mail\"", "garbage"}) {
     SCOPED_TRACE(text);
     for (const std::vector<std::string>& words : std::vector<std::vector<std::string>>{
-             {"clean"}, {"clean", "photos"}, {"status", "photos"}, {"stop", "photos"}}) {
+             {"clean", "--all"}, {"clean", "photos"}, {"status", "photos"}, {"stop", "photos"}}) {
       SCOPED_TRACE(words[0]);
       WriteFile(kMap, text);
       const CommandResult result = Tool(words);

@@ -66,7 +66,7 @@ TEST_F(CmdRunSources, SnappersNumbersEqualTheKernels) {
   ASSERT_EQ(4u, names.size());
   for (size_t i = 0; i < names.size(); ++i)
     EXPECT_THAT(names[i], ContainsRegex("^GMT-[0-9.]*-[0-9.]*-" + std::to_string(i + 1) + "$"));
-  EXPECT_EQ(0, Tool({"run", "home", names[2]}).status);
+  EXPECT_EQ(0, Tool({"run", "home", "--snapshot", names[2]}).status);
   EXPECT_EQ(names[2], Shown("home")["snapshots"][0]["name"].asString());
 }
 
@@ -121,6 +121,7 @@ TEST_F(CmdRunSources, WhatIsWrongWithTheConfigurationIsSaid) {
        "zorv-snapusage: there is no share 'gone'; share gone of /etc/samba/smb.conf is passed by: "
        "its path depends on who asks\n"},
       {"not mounted", kSharesFile, "[photos]\npath = /mnt/disk/photos\n", 15,
+       "zorv-snapusage: waiting for the volume of share 'photos' to be mounted\n"
        "zorv-snapusage: share 'photos' cannot be reached for the moment: "
        "/etc/zorv-snapusage.conf:1: /mnt/disk/photos, the path of share photos, is not mounted; "
        "mount its volume, or try again\n"},

@@ -199,7 +199,7 @@ TEST(ManualPages, ProgramHasTheCommandsAndOptionsOfItsHelp) {
 
 TEST(ManualPages, ProgramHasTheExitStatusesOfItsHelp) {
   std::map<std::string, std::string> inHelp, inPage;
-  const std::string help = MustRun({ZORV_CLI_PATH, "--help"});
+  const std::string help = MustRun({ZORV_CLI_PATH, "--exit-statuses"});
   std::istringstream lines(help.substr(help.find("Exit status:\n") + 13));
   for (std::string line; std::getline(lines, line) && !line.empty();) {
     const size_t number = line.find_first_not_of(' '), end = line.find(' ', number);
