@@ -140,7 +140,7 @@ const std::vector<Command> kCommands = {
     {"run", {"run", "photos"}, true},        {"start", {"start", "photos"}, true},
     {"status", {"status", "photos"}, false}, {"show", {"show", "photos"}, false},
     {"stop", {"stop", "photos"}, false},     {"clean", {"clean", "photos"}, true},
-    {"clean all", {"clean", "--all"}, true},          {"names", {"names", "photos"}, false}};
+    {"clean all", {"clean", "--all"}, true}};
 
 // Who runs the program, and what it says to that when nothing else comes first.
 struct User {
