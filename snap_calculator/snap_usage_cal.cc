@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/auxv.h>
 #include <sys/random.h>
 
 #include <charconv>
@@ -363,7 +364,10 @@ class KeyedHash {
  private:
   static unsigned long long NewKey() {
     unsigned long long key = 0;
-    (void)getrandom(&key, sizeof key, GRND_NONBLOCK);  // else the old way, which is no failure
+    // Without waiting: soon after the boot, or where the call is forbidden, there may be none. Then
+    // the bytes that the kernel has given the process at its start are as hard to guess.
+    if (getrandom(&key, sizeof key, GRND_NONBLOCK) != sizeof key)
+      memcpy(&key, reinterpret_cast<const void*>(getauxval(AT_RANDOM)), sizeof key);
     return key;
   }
 

@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <string.h>
+#include <sys/random.h>
 
 #include <chrono>
 #include <stdexcept>
@@ -247,6 +248,27 @@ TEST_F(SnapUsageCalculatorParseCmdFp, SubvolumesThatFallTogetherTakeLinearTime) 
   const double begin = Seconds();
   EXPECT_EQ(FP_PARSE_OK, Parse(lines));
   EXPECT_LT(Seconds() - begin, 60);
+}
+
+// The number that spreads them was 0 where the kernel had no random one. These IDs are those whose
+// places in the table are then all the same.
+TEST_F(SnapUsageCalculatorParseCmdFp, SubvolumesFallTogetherForNobodyWithoutRandomNumbers) {
+  constexpr unsigned long long kGolden = 0x9E3779B97F4A7C15;
+  unsigned long long inverse = kGolden;  // right in the last three bits, and in twice as many then
+  for (int i = 0; i < 5; ++i) inverse *= 2 - kGolden * inverse;
+  ASSERT_EQ(1u, kGolden * inverse);
+  std::string lines;
+  for (unsigned long long place = 1; place <= 5; ++place)
+    for (unsigned long long cut = 0; cut < 1 << 16; ++cut) {
+      const unsigned long long mixed = (place * 172'933 * 351'061 << 16 | cut) * inverse;
+      lines += "subvol(" + std::to_string((mixed ^ mixed >> 32) * inverse) + ") 1 bytes\n";
+    }
+  PlatformHook<ssize_t(void*, size_t, unsigned)> random("getrandom");
+  random.AlwaysFails(0, EAGAIN);
+  const double begin = Seconds();
+  EXPECT_EQ(FP_PARSE_OK, Parse(lines));
+  EXPECT_LT(Seconds() - begin, 60);
+  EXPECT_EQ(1, random.Calls());
 }
 
 // As many IDs as memory had room for were collected, whoever printed them.

@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <stdarg.h>
 #include <stdlib.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/vfs.h>
 #include <time.h>
@@ -105,6 +106,7 @@ HOOKABLE(statfs)
 HOOKABLE(fsync)
 HOOKABLE(sync_file_range)
 HOOKABLE(dirfd)
+HOOKABLE(getrandom)
 
 // Variadic in C. Every command takes at most one argument more, which fits a pointer here.
 using Fcntl = int (*)(int, int, void*);
@@ -205,6 +207,9 @@ time_t mktime(struct tm* t) noexcept { return HOOK(mktime)(t); }
 int statfs(const char* path, struct statfs* out) noexcept { return HOOK(statfs)(path, out); }
 int dirfd(DIR* dir) noexcept { return HOOK(dirfd)(dir); }
 int fsync(int fd) { return HOOK(fsync)(fd); }
+ssize_t getrandom(void* buffer, size_t length, unsigned int flags) {
+  return HOOK(getrandom)(buffer, length, flags);
+}
 int sync_file_range(int fd, off64_t offset, off64_t count, unsigned int flags) {
   return HOOK(sync_file_range)(fd, offset, count, flags);
 }
