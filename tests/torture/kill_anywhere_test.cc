@@ -18,6 +18,8 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <stdexcept>
+#include <tuple>
 
 #include "base/paths.h"
 #include "base/unique_fd.h"
@@ -42,8 +44,12 @@ constexpr char kShare[] = "photos";
 constexpr char kNeighbour[] = "mail";  // recorded beside it, and never touched
 constexpr char kOutput[] = "/tmp/tool.out";
 
-// How the share is brought back.
-enum class Cleanup { kTool, kNotDone, kExpiry };
+// Tables of the share that the tool keeps.
+constexpr char kCache[] = "/var/cache/zorv-snapusage";
+constexpr char kTables[] = "/var/cache/zorv-snapusage/photos";
+
+// How the share is brought back; the command's next run is enough where nothing was calculated.
+enum class Cleanup { kTool, kNotDone, kExpiry, kNextRun };
 
 const char* NameOf(Cleanup cleanup) {
   switch (cleanup) {
@@ -51,6 +57,8 @@ const char* NameOf(Cleanup cleanup) {
       return "zorv-snapusage clean";
     case Cleanup::kNotDone:
       return "CleanNotDoneTask";
+    case Cleanup::kNextRun:
+      return "the next run";
     case Cleanup::kExpiry:
       break;
   }
@@ -67,6 +75,8 @@ struct Road {
   // With the victim all others are killed.
   bool killAll = false;
   std::vector<Cleanup> cleanups = {Cleanup::kTool, Cleanup::kNotDone, Cleanup::kExpiry};
+  // What stands after a kill is right, and the next run is.
+  std::function<void()> nextRun = [] {};
 
   // In how many ways a process is killed at one step.
   size_t Ways() const { return 2 * cleanups.size(); }
@@ -270,6 +280,24 @@ bool IsPartOf(const Sizes& part, const Sizes& whole) {
   return std::includes(whole.begin(), whole.end(), part.begin(), part.end());
 }
 
+// Kept tables by their names, or those that are being written.
+std::map<std::string, std::string> Tables(bool unfinished) {
+  std::map<std::string, std::string> tables;
+  if (!fs::exists(kTables)) return tables;
+  for (const auto& entry : fs::directory_iterator(kTables))
+    if (const std::string name = entry.path().filename(); (name[0] == '.') == unfinished)
+      tables[name] = ReadFile(entry.path());
+  return tables;
+}
+
+// What killed writers have left beside their targets.
+std::vector<std::string> Leftovers() {
+  std::vector<std::string> files = TemporaryFiles();
+  for (const auto& table : Tables(/*unfinished=*/true))
+    files.push_back(std::string(kTables) + "/" + table.first);
+  return files;
+}
+
 // What the tool shows, with its exit status.
 struct Shown {
   int status;
@@ -470,12 +498,16 @@ void KillAnywhere::Try(const Road& road, const Way& way) {
   ++(at.empty() ? notReached_ : kills_);
   machine.ExpectSame(Machine(volume_->Image()));
   ExpectWholeRest(road.victim == Role::kFront || becomesTheFront_);
-  const std::vector<std::string> left = TemporaryFiles();
+  const std::vector<std::string> left = Leftovers();
   left_ += left.size();
-  BringBack(way.cleanup, task);
-  CalculateAgain(way);
+  if (way.cleanup == Cleanup::kNextRun) {
+    road.nextRun();
+  } else {
+    BringBack(way.cleanup, task);
+    CalculateAgain(way);
+  }
   for (const std::string& path : left) removed_ += fs::exists(path) ? 0 : 1;
-  EXPECT_EQ(std::vector<std::string>{}, TemporaryFiles());
+  EXPECT_EQ(std::vector<std::string>{}, Leftovers());
   EXPECT_EQ(neighbour, TaskOf(kNeighbour));
   machine.ExpectSame(Machine(volume_->Image()));
 }
@@ -549,7 +581,7 @@ void KillAnywhere::CalculateAgain(const Way& way) {
 
 // ---- The roads ----------------------------------------------------------------------------------
 
-TEST_F(KillAnywhere, Caller) { KillAlong(LibraryRoad(Role::kCaller), 0.12); }
+TEST_F(KillAnywhere, Caller) { KillAlong(LibraryRoad(Role::kCaller), 0.1); }
 
 TEST_F(KillAnywhere, CallerOnAFreshMachine) {
   Road road = LibraryRoad(Role::kCaller);
@@ -560,7 +592,7 @@ TEST_F(KillAnywhere, CallerOnAFreshMachine) {
   HaveResults();
 }
 
-TEST_F(KillAnywhere, Calculator) { KillAlong(LibraryRoad(Role::kCalculator), 0.18); }
+TEST_F(KillAnywhere, Calculator) { KillAlong(LibraryRoad(Role::kCalculator), 0.15); }
 
 // As a service manager ends a group, or the kernel one that has no memory left.
 TEST_F(KillAnywhere, AllAtOnce) {
@@ -601,7 +633,132 @@ TEST_F(KillAnywhere, ToolClean) {
     fs::rename("/sbin/engine", kEngine);
   };
   road.cleanups = {Cleanup::kTool};
-  KillAlong(road, 0.15);
+  KillAlong(road, 0.09);
+}
+
+// ---- Roads of the tool beside calculations ------------------------------------------------------
+
+// A plan of everything, which asks the engine and keeps its table.
+const std::vector<std::string> kPlan = {"plan", kShare, "--delete", "%", "-H"};
+
+// The share's tables, what they must hold, and what a plan says.
+class PlannedShare {
+ public:
+  PlannedShare() {
+    fs::remove_all(kCache);
+    answer_ = Answer();
+    const auto tables = Tables(/*unfinished=*/false);
+    if (tables.size() != 1) throw std::runtime_error("not one table");
+    std::tie(name_, table_) = *tables.begin();
+  }
+
+  // The cache is not there, or as full as it gets, in turns.
+  void Prepare() {
+    fs::remove_all(kCache);
+    older_.clear();
+    full_ = !full_;
+    if (!full_) return;
+    for (const char* directory : {kCache, kTables}) {
+      fs::create_directory(directory);
+      fs::permissions(directory, fs::perms(0700));
+    }
+    for (unsigned earlier = 1; earlier <= 4; ++earlier) {
+      const std::string name = Earlier(name_, "-", earlier);
+      older_[name] = Earlier(table_, "\"generation\":", earlier);
+      WriteFile(std::string(kTables) + "/" + name, older_[name]);
+    }
+  }
+
+  // Every table is whole: one of those that were there, or the new one; the plan has said what is
+  // right, why not, or nothing; and the next one is right.
+  void ExpectRightPlan() {
+    const std::string said = ReadFile(kOutput);
+    EXPECT_TRUE(said.empty() || said == answer_ || said.rfind("zorv-snapusage: ", 0) == 0) << said;
+    for (const auto& [name, text] : Tables(/*unfinished=*/false)) ExpectWhole(name, text);
+    EXPECT_EQ(answer_, Answer());
+    const auto tables = Tables(/*unfinished=*/false);
+    EXPECT_EQ(1u, tables.count(name_));
+    for (const auto& [name, text] : tables) ExpectWhole(name, text);
+  }
+
+ private:
+  static std::string Answer() {
+    const CommandResult plan = Tool(kPlan);
+    EXPECT_EQ(0, plan.status) << plan.err;
+    return plan.out;
+  }
+
+  std::string Generation() const {
+    Json::Value table;
+    std::istringstream(table_) >> table;
+    return table["generation"].asString();
+  }
+
+  // The text with another generation behind `before`.
+  std::string Earlier(std::string text, const std::string& before, unsigned earlier) const {
+    const std::string now = Generation();
+    const size_t at = text.find(before + now) + before.size();
+    return text.replace(at, now.size(), std::to_string(stoull(now) - earlier));
+  }
+
+  // From the generation on: when it was taken differs.
+  static std::string NumbersOf(const std::string& table) {
+    const size_t at = table.find("\"generation\"");
+    return at == std::string::npos ? "none in: " + table : table.substr(at);
+  }
+
+  void ExpectWhole(const std::string& name, const std::string& text) const {
+    if (const auto older = older_.find(name); older != older_.end()) {
+      EXPECT_EQ(older->second, text) << name;
+    } else {
+      EXPECT_EQ(name_, name);
+      EXPECT_EQ(NumbersOf(table_), NumbersOf(text));
+    }
+  }
+
+  std::string answer_, name_, table_;
+  std::map<std::string, std::string> older_;
+  bool full_ = false;
+};
+
+Road PlanRoad(PlannedShare& share, Role victim) {
+  Road road = {victim, ToolBody(kPlan), [&share] { share.Prepare(); }};
+  road.cleanups = {Cleanup::kNextRun};
+  road.nextRun = [&share] { share.ExpectRightPlan(); };
+  return road;
+}
+
+TEST_F(KillAnywhere, ToolPlan) {
+  PlannedShare share;
+  KillAlong(PlanRoad(share, Role::kCaller), 0.05);
+}
+
+TEST_F(KillAnywhere, EngineFrontOfAPlan) {
+  PlannedShare share;
+  KillAlong(PlanRoad(share, Role::kFront), 0.02);
+}
+
+TEST_F(KillAnywhere, EngineWorkerOfAPlan) {
+  PlannedShare share;
+  KillAlong(PlanRoad(share, Role::kWorker), 0.02);
+}
+
+TEST_F(KillAnywhere, ToolReminder) {
+  bool on = false;
+  Road road = {Role::kCaller,
+               [&on] {
+                 return ToolBody({"reminder", on ? "on" : "off"})();
+               },
+               [&on] { on = !on; }};
+  road.cleanups = {Cleanup::kNextRun};
+  road.nextRun = [&on] {
+    const std::string setting = on ? "on" : "off";
+    EXPECT_EQ(setting + "\n", Tool({"reminder", setting}).out);
+    bool now = !on;
+    EXPECT_TRUE(Utils::ReminderStatusGet(now));
+    EXPECT_EQ(on, now);
+  };
+  KillAlong(road, 0.02);
 }
 
 // Temporary files that a process is about to change or rename.
