@@ -123,7 +123,10 @@ int CleanAllShares() {
   std::string busy;
   std::vector<std::string> impossible;
   const std::vector<std::string> shares = RecordedShares();
-  if (!shares.empty()) RequireWritableMap();
+  if (shares.empty())
+    RequireMap();
+  else
+    RequireWritableMap();
   for (const std::string& share : shares) {
     if (!CanBeShareName(share)) {
       impossible.push_back(share);
@@ -139,17 +142,17 @@ int CleanAllShares() {
   bool tables = false;
   for (const std::string& share : SharesWithTables())
     if (!IsRecorded(share)) tables |= CleanTables(share);
-  if (shares.empty()) {
-    RequireMap();
-    if (!tables) fmt::print("nothing to remove\n");
-  }
+  if (shares.empty() && !tables) fmt::print("nothing to remove\n");
   RequireDropped(impossible);
   if (!busy.empty()) RefuseUnderWay(busy);
   return kOk;
 }
 
 int CleanOneShare(const std::string& share) {
-  if (!IsRecorded(share) && CleanTables(share)) return kOk;
+  if (!IsRecorded(share)) {
+    RequireMap();
+    if (CleanTables(share)) return kOk;
+  }
   // An entry that names no task is one to remove as well.
   const std::string task =
       IsRecorded(share) ? RecordedTask(share).value_or("") : RequireRecordedTask(share);
