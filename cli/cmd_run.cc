@@ -12,6 +12,7 @@
 #include "cli/launch_choice.h"
 #include "cli/options.h"
 #include "cli/report.h"
+#include "cli/report_table.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -50,7 +51,10 @@ Report RunShare(const Selection& selection, bool quiet) {
         "the calculation of share {} is done, but its results could not be stored", Quoted(share)));
   std::vector<Snapshot> asked = launched.asked;
   asked.insert(asked.end(), launched.leftOut.begin(), launched.leftOut.end());
-  return MakeReport(share, *result, SnapshotsOf(share), asked);
+  const std::vector<Snapshot> present = SnapshotsOf(share);
+  Report report = MakeReport(share, *result, present, asked);
+  AddTableOfNow(present, quiet ? Silence::kQuiet : Silence::kSpeak, report);
+  return report;
 }
 
 int Run(const RunOptions& options) {

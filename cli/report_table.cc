@@ -1,12 +1,28 @@
 #include "cli/report_table.h"
 
+#include <fmt/format.h>
+
 #include <map>
 #include <optional>
-#include <vector>
 
+#include "cli/failure.h"
+#include "cli/interrupt.h"
+#include "cli/standard_streams.h"
 #include "cli/table_cache.h"
+#include "cli/table_source.h"
+#include "cli/text.h"
 
 namespace ZorvSnapUsage {
+namespace {
+
+void SayNotRead(const std::string& share, const Failure& failure) {
+  Say(
+      fmt::format("note: metadata, with older and new could not be read: {}; get them with: "
+                  "zorv-snapusage run {}",
+                  Interrupt::Asked() ? "interrupted" : failure.what(), ShellWord(share)));
+}
+
+}  // namespace
 
 void AddTable(const KeptTable& kept, Report& report) {
   const std::vector<SnapshotShares> shares = SharesOf(kept.table);
@@ -21,6 +37,17 @@ void AddTable(const KeptTable& kept, Report& report) {
 
 void AddNewestTable(Report& report) {
   if (const std::optional<KeptTable> kept = NewestTable(report.share)) AddTable(*kept, report);
+}
+
+void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report) {
+  std::optional<KeptTable> table;
+  try {
+    table = NewestTable(report.share);
+    if (!snapshots.empty()) table = TableOfNow(report.share, snapshots, silence);
+  } catch (const Failure& failure) {
+    SayNotRead(report.share, failure);
+  }
+  if (table) AddTable(*table, report);
 }
 
 }  // namespace ZorvSnapUsage

@@ -109,6 +109,7 @@ CliWorld::CliWorld() : volume_(std::make_unique<BtrfsVolume>("/volume1")) {
   for (const char* snapshot : {kFirst, kSecond, kNoTime})
     volume_->Snapshot("photos", std::string("photos/.snapshots/") + snapshot);
   estimate_ = check_ = "false";
+  table_ = kEmptyTable;
   FakeEngine(kAnswer);
 }
 
@@ -130,6 +131,7 @@ CommandResult CliWorld::Tool(const std::vector<std::string>& words) {
 
 std::string CliWorld::estimate_ = "false";
 std::string CliWorld::check_ = "false";
+std::string CliWorld::table_;
 
 void CliWorld::FakeEngine(const std::string& body) {
   WriteScript("/sbin/btrfs",
@@ -139,8 +141,8 @@ void CliWorld::FakeEngine(const std::string& body) {
                   estimate_ +
                   "; exit;;\n"
                   "--check) " +
-                  check_ +
-                  "; exit;;\n"
+                  check_ + "; exit;;\n" +
+                  (table_.empty() ? "" : "--table) " + table_ + "; exit;;\n") +
                   "esac\n"
                   "shift 5\n" +
                   body);

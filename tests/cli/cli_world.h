@@ -85,8 +85,14 @@ class CliWorld : public testing::Test {
   // the subvolume IDs as its arguments.
   static void FakeEngine(const std::string& body);
 
-  // What the script does when it is asked with --estimate and --check; from the next one on.
-  static std::string estimate_, check_;
+  // What the script does when it is asked with --estimate, --check and --table; from the next one
+  // on. Without one for --table, its body does that as well.
+  static std::string estimate_, check_, table_;
+
+  // A table in which no snapshot holds anything, with the subvolume IDs as the script has them.
+  static constexpr char kEmptyTable[] =
+      "shift 9; IFS=,; printf '{\"format\":\"zorv-subvolume-size\",\"version\":1,"
+      "\"generation\":7,\"subvolumes\":[%s],\"exclusive\":[],\"sets\":[],\"complete\":true}' \"$*\"";
 
   // Prints for each ID ten times the ID.
   static constexpr char kAnswer[] =

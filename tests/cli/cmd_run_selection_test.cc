@@ -19,6 +19,12 @@ class CmdRunSelection : public CliWorld {
     return names;
   }
 
+  // The lines of snapshots, with their header.
+  static std::string LinesOf(const std::string& shown) {
+    const size_t begin = shown.find("EXCLUSIVE");
+    return shown.substr(begin, shown.find("\n\n", begin) + 1 - begin);
+  }
+
   using Names = std::vector<std::string>;
 };
 
@@ -85,28 +91,32 @@ TEST_F(CmdRunSelection, TableForPeople) {
   EXPECT_THAT(result.out, testing::MatchesRegex(
                               "share photos, calculated ....-..-.. ..:..:.., complete\n\n.*"));
   EXPECT_EQ(
-      "EXCLUSIVE  RUNNING TOTAL   ID                 TIME  SNAPSHOT\n"
-      " 1.25 KiB       1.25 KiB  257  2024-03-01 09:04:09  GMT-2024.03.01-09.04.09\n"
-      "      0 B       1.25 KiB  258  2024-03-02 09:04:09  GMT-2024.03.02-09.04.09\n"
-      " 1.00 GiB       1.00 GiB  259                    -  by hand\n",
-      result.out.substr(result.out.find("EXCLUSIVE")));
+      "EXCLUSIVE  RUNNING TOTAL  METADATA  WITH OLDER  NEW   ID                 TIME  SNAPSHOT\n"
+      " 1.25 KiB       1.25 KiB       0 B         0 B  0 B  257  2024-03-01 09:04:09  "
+      "GMT-2024.03.01-09.04.09\n"
+      "      0 B       1.25 KiB       0 B         0 B  0 B  258  2024-03-02 09:04:09  "
+      "GMT-2024.03.02-09.04.09\n"
+      " 1.00 GiB       1.00 GiB       0 B         0 B  0 B  259                    -  by hand\n",
+      LinesOf(result.out));
 }
 
 TEST_F(CmdRunSelection, RawBytes) {
   const CommandResult result = Tool({"run", "photos", "--raw", "--quiet"});
   EXPECT_EQ(
-      "EXCLUSIVE  RUNNING TOTAL   ID                 TIME  SNAPSHOT\n"
-      "     2570           2570  257  2024-03-01 09:04:09  GMT-2024.03.01-09.04.09\n"
-      "     2580           5150  258  2024-03-02 09:04:09  GMT-2024.03.02-09.04.09\n"
-      "     2590           7740  259                    -  by hand\n",
-      result.out.substr(result.out.find("EXCLUSIVE")));
+      "EXCLUSIVE  RUNNING TOTAL  METADATA  WITH OLDER  NEW   ID                 TIME  SNAPSHOT\n"
+      "     2570           2570         0           0    0  257  2024-03-01 09:04:09  "
+      "GMT-2024.03.01-09.04.09\n"
+      "     2580           5150         0           0    0  258  2024-03-02 09:04:09  "
+      "GMT-2024.03.02-09.04.09\n"
+      "     2590           7740         0           0    0  259                    -  by hand\n",
+      LinesOf(result.out));
 }
 
 TEST_F(CmdRunSelection, TableForScripts) {
   EXPECT_EQ(
-      "2570\t2570\t-\t-\t-\t257\t2024-03-01T09:04:09+00:00\tGMT-2024.03.01-09.04.09\n"
-      "2580\t5150\t-\t-\t-\t258\t2024-03-02T09:04:09+00:00\tGMT-2024.03.02-09.04.09\n"
-      "2590\t7740\t-\t-\t-\t259\t-\tby hand\n",
+      "2570\t2570\t0\t0\t0\t257\t2024-03-01T09:04:09+00:00\tGMT-2024.03.01-09.04.09\n"
+      "2580\t5150\t0\t0\t0\t258\t2024-03-02T09:04:09+00:00\tGMT-2024.03.02-09.04.09\n"
+      "2590\t7740\t0\t0\t0\t259\t-\tby hand\n",
       MustRun(Argv({"run", "photos", "-H", "--quiet"})));
 }
 

@@ -274,9 +274,9 @@ TEST_F(CmdShow, SnapshotsThatCannotBeListedAreNobodyElses) {
   EXPECT_EQ(0, Tool({"status", "photos"}).status);
   EXPECT_EQ(0, Tool({"run", "mail"}).status);
   EXPECT_EQ(0, Tool({"show", "mail"}).status);
-  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots\n",
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots, and its tables\n",
             Tool({"clean", "mail"}).out);
-  EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots\n",
+  EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots, and its tables\n",
             Tool({"clean", "--all"}).out);
 }
 

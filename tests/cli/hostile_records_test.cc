@@ -77,7 +77,7 @@ TEST_F(ShareNames, OneThatLooksLikeAnOption) {
   EXPECT_EQ(2, Tool({"run", "-x"}).status);
   EXPECT_EQ(0, Tool({"run", "--", "-x"}).status);
   EXPECT_EQ(0, Tool({"show", "--", "-x"}).status);
-  EXPECT_EQ("removed share '-x': state done, the result of 1 snapshots\n",
+  EXPECT_EQ("removed share '-x': state done, the result of 1 snapshots, and its tables\n",
             MustRun(Argv({"clean", "--", "-x"})));
 }
 
@@ -86,8 +86,9 @@ TEST_F(ShareNames, OneWithControlCharactersStaysOnItsLine) {
   EXPECT_EQ(0, Tool({"run", "a\nb\x1B[31m"}).status);
   EXPECT_THAT(MustRun(Argv({"status", "a\nb\x1B[31m"})),
               HasSubstr("share:           a\\nb\\x1B[31m\n"));
-  EXPECT_EQ("removed share 'a\\nb\\x1B[31m': state done, the result of 1 snapshots\n",
-            MustRun(Argv({"clean", "--all"})));
+  EXPECT_EQ(
+      "removed share 'a\\nb\\x1B[31m': state done, the result of 1 snapshots, and its tables\n",
+      MustRun(Argv({"clean", "--all"})));
 }
 
 TEST_F(ShareNames, LongestThatRecordsCanBeMadeOf) {
@@ -141,9 +142,10 @@ TEST_F(HostileMap, MemberThatIsAPathIsDroppedAndNotFollowed) {
     AddMember(name);
     const CommandResult result = Tool({"clean", "--all"});
     EXPECT_EQ(0, result.status) << result.err;
-    EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots\nremoved share '" +
-                  std::string(name) + "': it no longer exists\n",
-              result.out);
+    EXPECT_EQ(
+        "removed share 'photos': state done, the result of 3 snapshots, and its tables\nremoved share '" +
+            std::string(name) + "': it no longer exists\n",
+        result.out);
     EXPECT_TRUE(fs::exists(kMap));
   }
 }
@@ -227,7 +229,7 @@ TEST_F(HostileMap, StateOfAnotherVersionCanBeCleaned) {
       "zorv-snapusage: the record of share 'photos' is in state 'xyz', which this version does not "
       "know; use the version that wrote it, or remove the record with: zorv-snapusage clean photos\n",
       run.err);
-  EXPECT_EQ("removed share 'photos': state unknown, the result of 3 snapshots\n",
+  EXPECT_EQ("removed share 'photos': state unknown, the result of 3 snapshots, and its tables\n",
             MustRun(Argv({"clean", "photos"})));
   EXPECT_EQ(0, Tool({"run", "photos"}).status);
 }

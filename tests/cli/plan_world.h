@@ -58,6 +58,7 @@ class PlanWorld : public CliWorld {
   static void AnsweringEngine(const std::string& document) {
     WriteFile("/tmp/document", document);
     std::filesystem::remove(kAsked);
+    table_.clear();
     FakeEngine(std::string("echo >> ") + kAsked + "; cat /tmp/document\n");
   }
   void TableEngine(const std::vector<Set>& sets) const { AnsweringEngine(Document(sets)); }

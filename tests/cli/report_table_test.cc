@@ -1,5 +1,7 @@
-// What a kept table adds to a share's result: its columns, its own time, and the line that explains
-// the sum.
+// What a table adds to a share's result: its columns, its own time, and the line that explains the
+// sum.
+#include <signal.h>
+
 #include "tests/cli/plan_world.h"
 
 using namespace ZorvTest;
@@ -8,17 +10,26 @@ namespace {
 
 class ReportTable : public PlanWorld {
  protected:
-  // A result of the engine that prints ten times the ID, then a table of one that is asked by plan.
-  ReportTable() { MustRun(Argv({"run", "photos", "--quiet"})); }
+  // A result of an engine that prints ten times the ID and has no table, then a table of one that
+  // is asked by plan.
+  ReportTable() {
+    EngineWithTable("false");
+    MustRun(Argv({"run", "photos", "--quiet"}));
+  }
+
+  static void EngineWithTable(const std::string& table) {
+    table_ = table;
+    FakeEngine(kAnswer);
+  }
 
   void TakeTable() {
-    TableEngine({{{1}, 1 << 20, 16384},
-                 {{2}, 2 << 20},
-                 {{0}, 100 << 20},
-                 {{1, 2}, 10 << 20, 32768},
-                 {{1, 3}, 5 << 20},
-                 {{3, 4, 5}, 20 << 20}});
+    TableEngine(Sets());
     MustRun(Argv({"plan", "photos", "--keep-last", "1"}));
+  }
+
+  static std::vector<Set> Sets() {
+    return {{{1}, 1 << 20, 16384},     {{2}, 2 << 20},    {{0}, 100 << 20},
+            {{1, 2}, 10 << 20, 32768}, {{1, 3}, 5 << 20}, {{3, 4, 5}, 20 << 20}};
   }
 };
 
@@ -64,7 +75,7 @@ TEST_F(ReportTable, WithoutOneNothingIsMadeUp) {
 TEST_F(ReportTable, SnapshotsThatItDoesNotHaveStayEmpty) {
   TakeTable();
   volume_->Snapshot("photos", "photos/.snapshots/" + Day(6));
-  FakeEngine(kAnswer);
+  EngineWithTable("false");
   MustRun(Argv({"run", "photos", "--quiet"}));
   const Json::Value shown = Shown();
   ASSERT_EQ(Day(6), shown["snapshots"][5]["name"].asString());
@@ -88,7 +99,6 @@ TEST_F(ReportTable, RealNumbersAgree) {
   WriteRandom(volume_->Path("photos/file"), 500000, 2);
   MustRun({"sync", "-f", "/volume1"});
   MustRun(Argv({"run", "photos", "--quiet"}));
-  MustRun(Argv({"plan", "photos", "--delete", "%"}));
   const Json::Value shown = Shown();
   unsigned long long exclusive = 0;
   for (const Json::Value& row : shown["snapshots"]) {
@@ -98,6 +108,93 @@ TEST_F(ReportTable, RealNumbersAgree) {
   EXPECT_GT(exclusive, 500000u);
   EXPECT_EQ(shown["table"]["all"].asUInt64(),
             exclusive + shown["table"]["held_by_several"].asUInt64());
+}
+
+class CmdRunTable : public ReportTable {
+ protected:
+  static constexpr char kNotRead[] =
+      "zorv-snapusage: note: metadata, with older and new could not be read: ";
+  static constexpr char kGetThem[] = "; get them with: zorv-snapusage run photos\n";
+
+  static CommandResult RunPhotos() { return Tool({"run", "photos", "--quiet"}); }
+};
+
+TEST_F(CmdRunTable, IsReadAtTheEndAndKept) {
+  WriteFile("/tmp/document", Document(Sets()));
+  EngineWithTable("cat /tmp/document");
+  const CommandResult run = RunPhotos();
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ("", run.err);
+  EXPECT_THAT(run.out, HasSubstr("  16.00 KiB    1.02 MiB   16.05 MiB  257  "));
+  EXPECT_THAT(run.out,
+              HasSubstr("\nall 6 snapshots then free 138.05 MiB together: 103.02 MiB exclusive, "
+                        "35.03 MiB held only by two or more of them\n"));
+  std::filesystem::remove("/sbin/btrfs");
+  EXPECT_EQ(run.out, MustRun(Argv({"show", "photos"}))) << "which asks nobody";
+}
+
+TEST_F(CmdRunTable, IsInTheDocument) {
+  WriteFile("/tmp/document", Document(Sets()));
+  EngineWithTable("cat /tmp/document");
+  const Json::Value document =
+      ParseJson(MustRun(Argv({"run", "photos", "--quiet", "--format", "json"})));
+  EXPECT_EQ(7u, document["table"]["generation"].asUInt64());
+  EXPECT_EQ(25u << 20, document["snapshots"][2]["new"].asUInt64());
+  const Json::Value several =
+      ParseJson(MustRun(Argv({"run", "--all", "--quiet", "--format", "json"})));
+  EXPECT_EQ((138u << 20) + 49152, several["results"][0]["table"]["all"].asUInt64());
+}
+
+TEST_F(CmdRunTable, OneThatCannotBeReadIsSaidAndNoFailure) {
+  EngineWithTable("echo 'ERROR: a balance does not end' >&2; exit 1");
+  const CommandResult run = RunPhotos();
+  EXPECT_EQ(0, run.status);
+  EXPECT_EQ(std::string(kNotRead) +
+                "reading the file system failed: a balance does not end; try again when it is "
+                "over: btrfs balance status" +
+                kGetThem,
+            run.err);
+  EXPECT_THAT(run.out, HasSubstr(", complete\n\nEXCLUSIVE  RUNNING TOTAL   ID  "));
+  EXPECT_THAT(run.out, HasSubstr(" 2.51 KiB       2.51 KiB  257  "));
+}
+
+TEST_F(CmdRunTable, EarlierOneIsShownWhereNoneCanBeRead) {
+  TakeTable();
+  EngineWithTable("echo garbage");
+  const CommandResult run = RunPhotos();
+  EXPECT_EQ(0, run.status);
+  EXPECT_THAT(run.err, testing::StartsWith(kNotRead + std::string("the answer of /sbin/btrfs")));
+  EXPECT_THAT(run.out, HasSubstr("\nall 6 snapshots then free 138.05 MiB together: "));
+}
+
+TEST_F(CmdRunTable, OneInSomebodyElsesHandsIsNotUsed) {
+  TakeTable();
+  EngineWithTable(kEmptyTable);
+  MustRun({"chown", "4711", kCacheOfPhotos});
+  const CommandResult run = RunPhotos();
+  EXPECT_EQ(0, run.status);
+  EXPECT_THAT(run.err, testing::StartsWith(kNotRead + ("'" + std::string(kCacheOfPhotos)) + "' "));
+  EXPECT_THAT(run.out, HasSubstr("EXCLUSIVE  RUNNING TOTAL   ID  "));
+}
+
+TEST_F(CmdRunTable, CtrlCEndsItsReadingAndShowsTheResult) {
+  EngineWithTable("echo $$ > /tmp/engine.pid; exec sleep 1000");
+  Background run(Argv({"run", "photos"}), Background::Terminal{100});
+  ASSERT_TRUE(run.HasSaid("zorv-snapusage: reading the file system (Ctrl-C ends it)"));
+  const pid_t engine = atoi(ReadFile("/tmp/engine.pid").c_str());
+  run.Type('\x03');
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(0, result.status) << "the calculation is done";
+  EXPECT_THAT(result.out, HasSubstr("could not be read: interrupted; get them with: "));
+  EXPECT_THAT(result.out, HasSubstr("\n 2.51 KiB       2.51 KiB  257  "));
+  EXPECT_NE(0, kill(engine, 0)) << "the engine has ended before the program";
+}
+
+TEST_F(CmdRunTable, SavesThePlanItsReading) {
+  RealEngine();
+  ASSERT_EQ("", RunPhotos().err);
+  EngineWithTable("false");
+  EXPECT_EQ(5u, Planned({"--delete", "%"})["steps"].size()) << "the table of the run";
 }
 
 }  // namespace

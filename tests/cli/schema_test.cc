@@ -32,6 +32,10 @@ TEST_F(Schema, OutputOfEachCommandIsValid) {
   EXPECT_EQ("", Complaint("shares", {"shares"})) << "nothing calculated yet";
   EXPECT_EQ("", Complaint("status", {"status"}));
   EXPECT_EQ("", Complaint("show", {"run", "photos", "--quiet"}));
+  MustRun(Argv({"clean", "photos"}));
+  table_ = "false";
+  FakeEngine(kAnswer);
+  EXPECT_EQ("", Complaint("show", {"run", "photos", "--quiet"})) << "without a table";
   EXPECT_EQ("", Complaint("run", {"run", "photos", "empty", "--quiet"}));
   volume_->DeleteSubvolume(std::string("photos/.snapshots/") + kFirst);
   volume_->Snapshot("photos", "photos/.snapshots/new");
@@ -54,12 +58,16 @@ TEST_F(Schema, AnotherDocumentIsNotValid) {
     return ComplaintOf("show", Json::writeString(Json::StreamWriterBuilder(), shown));
   };
   EXPECT_EQ("", complaint());
-  for (const char* member : {"__header", "calculated", "complete", "snapshots"}) {
+  for (const char* member : {"__header", "calculated", "complete", "snapshots", "table"}) {
     const Json::Value value = shown[member];
     shown.removeMember(member);
     EXPECT_NE("", complaint()) << member;
     shown[member] = value;
   }
+  shown["table"].removeMember("generation");
+  EXPECT_NE("", complaint()) << "a table of no state";
+  shown["table"] = Json::Value();
+  EXPECT_EQ("", complaint());
   shown["snapshots"][0]["exclusive"] = "2570";
   EXPECT_NE("", complaint()) << "a number as text";
 }

@@ -19,7 +19,8 @@ TEST_F(SeveralShares, RunShowsOneTableAfterTheOther) {
   const CommandResult result = Tool({"run", "photos", "mail", "--quiet"});
   EXPECT_EQ(0, result.status) << result.err;
   EXPECT_EQ(0u, result.out.find("share photos, calculated "));
-  EXPECT_THAT(result.out, ContainsRegex("  by hand\n\nshare mail, calculated .*, complete\n\n"));
+  EXPECT_THAT(result.out, ContainsRegex("  by hand\n\nmetadata, [^\n]*\nall 3 snapshots [^\n]*\n\n"
+                                        "share mail, calculated .*, complete\n\n"));
 }
 
 TEST_F(SeveralShares, RunAllLeavesOutThoseWithoutSnapshotsAndSaysSo) {
