@@ -54,6 +54,24 @@ class BusySlowRun : public testing::Test {
     (void)syncfs(busy.Get());
   }
 
+  // Free space in one piece would take long to be used a second time.
+  void ScatterFreeSpace() const {
+    for (unsigned round = 0; round < 100; ++round) Change(round, 40);
+  }
+
+  // Runs the engine while the busy subvolume changes, is kept in snapshots, and all is committed.
+  EngineRun WhileCommitsGoOn(const std::function<EngineRun()>& engine) {
+    const Activity churn([&](unsigned round) { Change(round, 2); }, 0.12);
+    const Activity snapshots(
+        [&](unsigned round) {
+          CreateSnapshot(volume_.Path("busy"), Passing(passing_++), /*readOnly=*/true);
+          if (round >= 2) DestroySubvolume(Passing(passing_ - 3));
+        },
+        0.3);
+    return engine();
+  }
+
+  unsigned passing_ = 0;  // how many snapshots of the busy subvolume there were
   BtrfsVolume volume_{kMount, Options(320, {"-n", "4096", "-m", "single"})};
   std::vector<std::string> asked_;
 };
@@ -277,42 +295,34 @@ INSTANTIATE_TEST_SUITE_P(Load, BusyWhile, testing::ValuesIn(kScenarios),
 // began anew each time would not end.
 TEST_F(BusySlowRun, EndsExactlyAndSoonWhileManyCommitsOvertakeIt) {
   const KernelView kernel;
-  // Free space in one piece would take long to be used a second time.
-  for (unsigned round = 0; round < 100; ++round) Change(round, 40);
   const SlowDisk slow = SlowDisk::Reading(volume_.Device(), 512 << 10);
   std::vector<std::string> args = {"-vm", "--method", "scan", "--stats"};
   args.insert(args.end(), asked_.begin(), asked_.end());
-  double begin = Seconds();
-  const EngineRun quiet = ParseRun(ZorvTest::Run(slow.Command(EngineCommand(args))));
-  const double quietTime = Seconds() - begin;
+  const auto run = [&] { return ParseRun(ZorvTest::Run(slow.Command(EngineCommand(args)))); };
+  ScatterFreeSpace();
+  const EngineRun quiet = run();
   ASSERT_EQ(0, quiet.status) << quiet.err;
   EXPECT_EQ(1u, NumberOf(quiet, "passes"));
 
-  const Activity churn([&](unsigned round) { Change(round, 2); }, 0.12);
-  const Activity snapshots(
-      [&](unsigned round) {
-        CreateSnapshot(volume_.Path("busy"), Passing(round), /*readOnly=*/true);
-        if (round >= 2) DestroySubvolume(Passing(round - 2));
-      },
-      0.3);
-  // Nearly every run is overtaken, and ends soon; by chance, or beside other work, one does not.
+  // Nearly every run is overtaken in what it reads; by chance, or beside other work, one is not.
   constexpr int kMostRuns = 8;
   bool met = false;
   for (int runs = 0; runs < kMostRuns && !met; ++runs) {
+    if (runs > 0) ScatterFreeSpace();
     const unsigned long long before = kernel.Generation();
-    begin = Seconds();
-    const EngineRun run = ParseRun(ZorvTest::Run(slow.Command(EngineCommand(args))));
-    const double time = Seconds() - begin;
+    const EngineRun busy = WhileCommitsGoOn(run);
     const unsigned long long overtaken = kernel.Generation() - before;
-    ASSERT_EQ(0, run.status) << run.err;
-    EXPECT_EQ(quiet.sizes, run.sizes);
-    const unsigned long long passes = NumberOf(run, "passes");
-    met = overtaken >= 50 && passes > 1 && time < 3 * quietTime;
-    printf("quiet %.1f s, busy %.1f s, %llu commits, %llu passes, %llu repairs\n", quietTime, time,
-           overtaken, passes, NumberOf(run, "repairs"));
+    ASSERT_EQ(0, busy.status) << busy.err;
+    EXPECT_EQ(quiet.sizes, busy.sizes);
+    const unsigned long long passes = NumberOf(busy, "passes");
+    // What a run reads is its time on this disk, and no other work on the machine makes it more.
+    const double longer = 1.0 * NumberOf(busy, "bytes") / NumberOf(quiet, "bytes");
+    met = overtaken >= 50 && passes > 1 && longer < 3;
+    printf("%.1f times the reads of a quiet run, %llu commits, %llu passes, %llu repairs\n", longer,
+           overtaken, passes, NumberOf(busy, "repairs"));
   }
-  EXPECT_TRUE(met) << "no run was overtaken by 50 commits and ended within three times its quiet "
-                      "time";
+  EXPECT_TRUE(met) << "no run was overtaken by 50 commits and ended within three times what a "
+                      "quiet one reads";
 }
 
 // A frozen file system has nothing to commit; on a copy of it the kernel counts.
