@@ -1,6 +1,7 @@
 #include "cli/byte_count.h"
 
 #include <ctype.h>
+#include <stdlib.h>
 
 #include <string_view>
 
@@ -40,8 +41,10 @@ std::optional<unsigned long long> ParseByteCount(const std::string& text) {
   const unsigned long long unit =
       UnitOf(end == std::string::npos ? std::string_view() : std::string_view(text).substr(end));
   if (unit == 0 || (unit == 1 && end != whole)) return std::nullopt;
-  // 64 bits of mantissa: whole numbers stay exact, and parts of a byte do not matter.
-  const long double bytes = std::stold(text.substr(0, end)) * static_cast<long double>(unit);
+  // 64 bits of mantissa: whole numbers stay exact, and parts of a byte do not matter. A number of
+  // thousands of digits is infinite, or nothing.
+  const long double bytes =
+      strtold(text.substr(0, end).c_str(), nullptr) * static_cast<long double>(unit);
   if (bytes >= 18446744073709551616.0L) return std::nullopt;
   return static_cast<unsigned long long>(bytes);
 }

@@ -35,3 +35,10 @@ TEST(ByteCount, WhatIsNone) {
         "nan", "inf", "1,5G", "1..5G"})
     EXPECT_FALSE(ParseByteCount(text)) << text;
 }
+
+TEST(ByteCount, OfThousandsOfDigits) {
+  // What no floating-point number can hold once ended the program.
+  EXPECT_EQ(std::nullopt, ParseByteCount(std::string(5000, '9')));
+  EXPECT_EQ(std::nullopt, ParseByteCount(std::string(5000, '9') + "G"));
+  EXPECT_EQ(0u, ParseByteCount("0." + std::string(5000, '0') + "1G"));
+}
