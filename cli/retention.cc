@@ -11,6 +11,9 @@ namespace {
 constexpr std::string_view kLetters = "hdwmy";  // in the order of Period
 constexpr size_t kMostDigits = 5;
 
+// Longer than any calendar here goes back; years of more are beyond what std::chrono::year counts.
+constexpr unsigned kMostYears = 9999;
+
 // Takes one "90d" from the beginning of the text.
 std::optional<PeriodCount> TakePeriods(std::string_view& text) {
   const size_t digits = text.find_first_not_of("0123456789");
@@ -48,7 +51,7 @@ std::chrono::year_month_day DateBefore(std::chrono::year_month_day date, const P
     case Period::kMonth:
       return MonthsBefore(date, age.count);
     case Period::kYear:
-      return MonthsBefore(date, 12 * age.count);
+      return MonthsBefore(date, 12 * std::min(age.count, kMostYears));
     case Period::kWeek:
       return sys_days(date) - weeks(age.count);
     default:
