@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <CLI/CLI.hpp>
+#include <functional>
 #include <memory>
 
 #include "cli/begin_work.h"
@@ -10,6 +11,7 @@
 #include "cli/failure.h"
 #include "cli/interrupt.h"
 #include "cli/options.h"
+#include "cli/patience.h"
 #include "cli/plan.h"
 #include "cli/plan_report.h"
 #include "cli/plan_request.h"
@@ -45,10 +47,19 @@ AskInOrder AskTheEngine(const std::vector<Snapshot>& snapshots, KeptTable& table
   };
 }
 
+// The search for the fewest tells that it goes on, and ends with Ctrl-C.
+std::function<void()> SearchTick() {
+  const auto patience = std::make_shared<Patience>("looking for the fewest snapshots");
+  return [patience] {
+    Interrupt::RequireNone();
+    patience->Tick();
+  };
+}
+
 Plan MakePlan(const PlanRequest& request, const std::vector<uint32_t>& places,
               const SizeTable& table, const AskInOrder& ask) {
   if (request.target == 0) return PlanDeletion(table, places, ask);
-  return request.fewest ? PlanFewest(table, places, request.target, ask)
+  return request.fewest ? PlanFewest(table, places, request.target, ask, SearchTick())
                         : PlanInOrder(table, places, request.target, ask);
 }
 

@@ -1,9 +1,8 @@
 #include "cli/engine_document.h"
 
-#include <chrono>
-
 #include "cli/engine.h"
 #include "cli/engine_failure.h"
+#include "cli/patience.h"
 #include "cli/program_run.h"
 #include "cli/standard_streams.h"
 
@@ -16,22 +15,6 @@ constexpr char kFailureMark[] = "exclusive sizes unavailable: ";
 bool BeginsWith(const std::string& text, const char* beginning) {
   return text.rfind(beginning, 0) == 0;
 }
-
-// Says once that it takes a while, when it does.
-class Patience {
- public:
-  explicit Patience(bool quiet) : said_(quiet) {}
-
-  void Tick() {
-    if (said_ || std::chrono::steady_clock::now() - begin_ < std::chrono::seconds(2)) return;
-    ToStandardError("zorv-snapusage: reading the file system (Ctrl-C ends it)\n");
-    said_ = true;
-  }
-
- private:
-  const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
-  bool said_;
-};
 
 // Everything but the reason of a failure, which becomes one of this program.
 void PassOn(const std::string& line) {
@@ -56,7 +39,7 @@ std::string AskEngine(const DocumentQuestion& question) {
   for (const char* word : {"--format", "json", "-r"}) argv.emplace_back(word);
   argv.push_back(question.directory);
   for (const unsigned long long id : question.subvolumeIDs) argv.push_back(std::to_string(id));
-  Patience patience(question.quiet);
+  Patience patience("reading the file system", question.quiet);
   ProgramEnd end = RunProgram(argv, {question.mostOutput, PassOn, [&] { patience.Tick(); }});
   if (end.waitStatus != 0 || BeginsWith(end.output, kFailureMark))
     throw EngineFailure("reading the file system", ReasonOf(end), question.directory);

@@ -10,6 +10,7 @@ namespace {
 
 using Places = std::vector<uint32_t>;
 using Bytes = unsigned long long;
+using Tick = std::function<void()>;
 
 bool IsOneRange(const WeightedSet& set) { return set.members.size() == 1; }
 
@@ -33,8 +34,9 @@ class RunChoice {
   }
 
   // The fewest that free `target`; nothing when all together do not.
-  std::optional<Places> Fewest(Bytes target) {
+  std::optional<Places> Fewest(Bytes target, const Tick& tick) {
     for (size_t chosen = 0; chosen <= count_; ++chosen) {
+      tick();
       // The first `chosen` of all, and what is to be kept comes behind them one by one.
       for (size_t kept = 0; kept + chosen <= count_; ++kept) Solve(kept, kept + chosen);
       if (Best(count_ - chosen, count_) >= target) return Chosen(count_ - chosen);
@@ -109,7 +111,8 @@ std::vector<Places> SetsByMember(size_t count, const std::vector<WeightedSet>& s
 
 // Gives up one candidate after the other, always that with which the least is lost, as long as
 // `target` still comes free.
-Places GiveUpOneByOne(size_t count, const std::vector<WeightedSet>& sets, Bytes target) {
+Places GiveUpOneByOne(size_t count, const std::vector<WeightedSet>& sets, Bytes target,
+                      const Tick& tick) {
   const std::vector<Places> setsOf = SetsByMember(count, sets);
   std::vector<Bytes> loss(count);
   Bytes freed = 0;
@@ -121,6 +124,7 @@ Places GiveUpOneByOne(size_t count, const std::vector<WeightedSet>& sets, Bytes 
   std::iota(chosen.begin(), chosen.end(), 0u);
   std::vector<bool> lost(sets.size());
   while (!chosen.empty()) {
+    tick();
     const auto least = std::min_element(chosen.begin(), chosen.end(),
                                         [&](uint32_t a, uint32_t b) { return loss[a] < loss[b]; });
     if (freed - loss[*least] < target) break;
@@ -140,11 +144,13 @@ Places GiveUpOneByOne(size_t count, const std::vector<WeightedSet>& sets, Bytes 
 // more than the largest of these shares together.
 class Search {
  public:
-  Search(size_t count, const std::vector<WeightedSet>& sets, Bytes target, unsigned long long looks)
+  Search(size_t count, const std::vector<WeightedSet>& sets, Bytes target, unsigned long long looks,
+         const Tick& tick)
       : sets_(sets),
         setsOf_(SetsByMember(count, sets)),
         target_(target),
         looks_(looks),
+        tick_(tick),
         state_(count, State::kOpen),
         open_(sets.size()),
         kept_(sets.size()) {
@@ -190,6 +196,7 @@ class Search {
   }
 
   std::optional<Outlook> Look(size_t size) {
+    tick_();
     shares_.assign(state_.size(), 0);
     Bytes within = 0;
     for (size_t i = 0; i < sets_.size(); ++i) {
@@ -245,6 +252,7 @@ class Search {
   const std::vector<Places> setsOf_;
   const Bytes target_;
   const unsigned long long looks_;
+  const Tick& tick_;
   unsigned long long looked_ = 0;
   std::vector<State> state_;
   std::vector<size_t> open_;  // members of each set that are open
@@ -256,8 +264,8 @@ class Search {
 // Proves how few will do, from one upwards, as long as the limit lets it; `choice` is one that
 // will.
 void ProveBySearch(size_t count, const std::vector<WeightedSet>& sets, Bytes target,
-                   unsigned long long looks, FewestChoice& choice) {
-  Search search(count, sets, target, looks);
+                   unsigned long long looks, const Tick& tick, FewestChoice& choice) {
+  Search search(count, sets, target, looks, tick);
   for (choice.atLeast = 1; choice.atLeast < choice.chosen.size(); ++choice.atLeast) {
     const Search::Answer answer = search.Find(choice.atLeast);
     if (answer == Search::Answer::kFound) choice.chosen = search.Chosen();
@@ -268,20 +276,20 @@ void ProveBySearch(size_t count, const std::vector<WeightedSet>& sets, Bytes tar
 }  // namespace
 
 FewestChoice ChooseFewest(size_t count, const std::vector<WeightedSet>& sets,
-                          unsigned long long target, const FewestLimits& limits) {
+                          unsigned long long target, const FewestLimits& limits, const Tick& tick) {
   FewestChoice choice;
   for (const WeightedSet& set : sets) choice.most += set.bytes;
   if (choice.most < target) return choice;
-  choice.chosen = GiveUpOneByOne(count, sets, target);
+  choice.chosen = GiveUpOneByOne(count, sets, target, tick);
   choice.atLeast = 1;
   const bool runs = std::all_of(sets.begin(), sets.end(), IsOneRange);
   if (count <= limits.candidates) {
     // Sets of several ranges can only add to what runs free.
-    std::optional<Places> chosen = RunChoice(count, sets).Fewest(target);
+    std::optional<Places> chosen = RunChoice(count, sets).Fewest(target, tick);
     if (chosen && (runs || chosen->size() < choice.chosen.size())) choice.chosen = *chosen;
     if (runs) choice.atLeast = choice.chosen.size();
   }
-  if (!choice.Proved()) ProveBySearch(count, sets, target, limits.looks, choice);
+  if (!choice.Proved()) ProveBySearch(count, sets, target, limits.looks, tick, choice);
   return choice;
 }
 

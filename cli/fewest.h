@@ -5,6 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <functional>
 #include <vector>
 
 #include "cli/size_table.h"
@@ -46,9 +47,11 @@ struct FewestChoice {
 // choice is made of runs: what two runs free together is what each frees alone. That is solved
 // exactly, whatever the number chosen. Other tables are searched, with what is certain to be out of
 // reach left out; when the limit ends the search, the best choice found is given with what is
-// proved by then.
-FewestChoice ChooseFewest(size_t count, const std::vector<WeightedSet>& sets,
-                          unsigned long long target, const FewestLimits& limits = {});
+// proved by then. `tick` is called many times a second meanwhile; it may throw, which ends the
+// search.
+FewestChoice ChooseFewest(
+    size_t count, const std::vector<WeightedSet>& sets, unsigned long long target,
+    const FewestLimits& limits = {}, const std::function<void()>& tick = [] {});
 
 }  // namespace ZorvSnapUsage
 

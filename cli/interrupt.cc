@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "cli/exit_status.h"
+#include "cli/failure.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -38,6 +39,10 @@ Interrupt::~Interrupt() {
 }
 
 bool Interrupt::Asked() { return gAsked != 0; }
+
+void Interrupt::RequireNone() {
+  if (Asked()) throw Failure(kLeftAtOnce, "interrupted", "nothing was changed");
+}
 
 HeldSignals::HeldSignals() {
   sigset_t held;

@@ -18,6 +18,9 @@ class Interrupt {
   // Whether the first one has come.
   static bool Asked();
 
+  // Gives up with kLeftAtOnce when it has come; for work that changes nothing.
+  static void RequireNone();
+
  private:
   struct sigaction savedInt_;
   struct sigaction savedTerm_;

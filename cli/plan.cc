@@ -57,9 +57,9 @@ Plan PlanInOrder(const SizeTable& table, const Places& candidates, unsigned long
 }
 
 Plan PlanFewest(const SizeTable& table, const Places& candidates, unsigned long long target,
-                const AskInOrder& ask) {
+                const AskInOrder& ask, const std::function<void()>& tick) {
   const FewestChoice choice =
-      ChooseFewest(candidates.size(), SetsOfCandidates(table, candidates), target);
+      ChooseFewest(candidates.size(), SetsOfCandidates(table, candidates), target, {}, tick);
   // What is summed up comes on top of the sets: their choice is enough, and may not be the best.
   Plan inOrder = PlanInOrder(table, candidates, target, ask);
   if (!choice.Reached()) {

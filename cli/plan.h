@@ -36,9 +36,11 @@ Plan PlanDeletion(const SizeTable& table, const std::vector<uint32_t>& order,
 Plan PlanInOrder(const SizeTable& table, const std::vector<uint32_t>& candidates,
                  unsigned long long target, const AskInOrder& ask);
 
-// As few of `candidates`, which are in the order of the table, as free `target` bytes.
+// As few of `candidates`, which are in the order of the table, as free `target` bytes. `tick` is
+// called many times a second during the search; it may throw, which ends it.
 Plan PlanFewest(const SizeTable& table, const std::vector<uint32_t>& candidates,
-                unsigned long long target, const AskInOrder& ask);
+                unsigned long long target, const AskInOrder& ask,
+                const std::function<void()>& tick);
 
 }  // namespace ZorvSnapUsage
 

@@ -138,7 +138,7 @@ ProgramEnd RunProgram(const std::vector<std::string>& argv, const ProgramWatch& 
   while (output.read.Valid() || errors.read.Valid()) {
     pollfd watched[] = {{output.read.Get(), POLLIN, 0}, {errors.read.Get(), POLLIN, 0}};
     const int ready = poll(watched, 2, kTickMilliseconds);
-    if (Interrupt::Asked()) throw Failure(kLeftAtOnce, "interrupted", "nothing was changed");
+    Interrupt::RequireNone();
     watch.tick();
     if (ready <= 0) continue;
     if (watched[0].revents != 0) ReadSome(output.read, end.output);

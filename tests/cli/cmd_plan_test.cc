@@ -2,6 +2,8 @@
 // says.
 #include <signal.h>
 
+#include <random>
+
 #include "tests/cli/plan_world.h"
 
 using namespace ZorvTest;
@@ -378,6 +380,31 @@ TEST_F(CmdPlanInterrupted, SignalToTheProgramAloneEndsBoth) {
   EXPECT_TRUE(plan.HasSaid("zorv-snapusage: reading the file system (Ctrl-C ends it)\n"));
   ASSERT_EQ(0, kill(plan.Pid(), SIGTERM));
   ExpectEnded(plan, engine);
+}
+
+// A hundred snapshots, any two of which share something: no proof is soon at its end.
+TEST_F(CmdPlan, SearchForTheFewestSaysThatItGoesOnAndEndsWithCtrlC) {
+  std::mt19937 random(1);
+  Names ids = IdsOf({1, 2, 3, 4, 5});
+  for (unsigned n = 0; n < 95; ++n) {
+    const std::string name =
+        "GMT-2024.04." + std::to_string(10 + n / 10) + "-" + std::to_string(10 + n % 10) + ".00.00";
+    volume_->Snapshot("photos", "photos/.snapshots/" + name);
+    ids.push_back(std::to_string(ID(name)));
+  }
+  Names sets;
+  for (size_t i = 0; i < ids.size(); ++i)
+    for (size_t j = i + 2; j < ids.size(); ++j)
+      if (random() % 7 == 0) sets.push_back(SetText({ids[i], ids[j]}, random() % (1 << 20)));
+  ids.push_back(IdOf(0));
+  AnsweringEngine(DocumentOf(ids, sets));
+  Background plan(Argv({"plan", "photos", "--free", "50M", "--fewest"}));
+  ASSERT_TRUE(plan.HasSaid("zorv-snapusage: looking for the fewest snapshots (Ctrl-C ends it)\n"));
+  ASSERT_EQ(0, kill(plan.Pid(), SIGINT));
+  const CommandResult result = plan.Wait();
+  EXPECT_EQ(130, result.status);
+  EXPECT_EQ("", result.out);
+  EXPECT_THAT(result.err, HasSubstr("interrupted; nothing was changed"));
 }
 
 }  // namespace

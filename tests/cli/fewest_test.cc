@@ -151,6 +151,33 @@ TEST(Fewest, SearchAndRunsAgree) {
   }
 }
 
+// Whatever it is at, it looks up soon: each of its ways ends where the caller wants it to.
+TEST(Fewest, EndsWhereTheCallerThrows) {
+  struct Enough {};
+  std::mt19937 random(3);
+  for (const bool ranges : {true, false}) {
+    const std::vector<BitSet> sets = RandomSets(20, ranges, random);
+    const unsigned long long target = FreedBy(sets, (1u << 20) - 1) / 2;
+    const auto ticksUntil = [&](unsigned last, const FewestLimits& limits) {
+      unsigned ticks = 0;
+      const auto tick = [&] {
+        if (++ticks == last) throw Enough();
+      };
+      if (last == 0) {
+        ChooseFewest(20, Weighted(sets), target, limits, tick);
+      } else {
+        EXPECT_THROW(ChooseFewest(20, Weighted(sets), target, limits, tick), Enough) << last;
+      }
+      return ticks;
+    };
+    for (const FewestLimits& limits : {FewestLimits{}, FewestLimits{.candidates = 0}}) {
+      const unsigned all = ticksUntil(0, limits);
+      EXPECT_GT(all, 20u);
+      for (unsigned last = 1; last <= all; ++last) EXPECT_EQ(last, ticksUntil(last, limits));
+    }
+  }
+}
+
 TEST(Fewest, ManySnapshotsOfOneHistory) {
   std::mt19937 random(1);
   constexpr uint32_t kCount = 1000;

@@ -35,23 +35,40 @@ class PlanWorld : public CliWorld {
 
   std::string IdOf(unsigned day) const { return std::to_string(ID(day == 0 ? kNoTime : Day(day))); }
 
+  std::vector<std::string> IdsOf(const std::vector<unsigned>& days) const {
+    std::vector<std::string> ids;
+    for (const unsigned day : days) ids.push_back(IdOf(day));
+    return ids;
+  }
+
   static std::string Bytes(unsigned long long data, unsigned long long metadata) {
     return "\"data\":" + std::to_string(data) + ",\"metadata\":" + std::to_string(metadata) +
            ",\"profiles\":{}}";
   }
 
+  // Texts with a comma between them.
+  static std::string Joined(const std::vector<std::string>& texts) {
+    std::string joined;
+    for (const std::string& text : texts) joined += (joined.empty() ? "" : ",") + text;
+    return joined;
+  }
+
+  static std::string SetText(const std::vector<std::string>& ids, unsigned long long data,
+                             unsigned long long metadata = 0) {
+    return "{\"subvolumes\":[" + Joined(ids) + "]," + Bytes(data, metadata);
+  }
+
+  static std::string DocumentOf(const std::vector<std::string>& ids,
+                                const std::vector<std::string>& sets) {
+    return "{\"format\":\"zorv-subvolume-size\",\"version\":1,\"generation\":7,\"subvolumes\":[" +
+           Joined(ids) + "],\"exclusive\":[],\"sets\":[" + Joined(sets) + "],\"complete\":true}";
+  }
+
   // The engine's document about these sets.
   std::string Document(const std::vector<Set>& sets) const {
-    std::string ids, text;
-    for (const unsigned day : {1u, 2u, 3u, 4u, 5u, 0u}) ids += (ids.empty() ? "" : ",") + IdOf(day);
-    for (const Set& set : sets) {
-      std::string members;
-      for (const unsigned day : set.days) members += (members.empty() ? "" : ",") + IdOf(day);
-      text += (text.empty() ? "" : ",") + ("{\"subvolumes\":[" + members + "],") +
-              Bytes(set.data, set.metadata);
-    }
-    return "{\"format\":\"zorv-subvolume-size\",\"version\":1,\"generation\":7,\"subvolumes\":[" +
-           ids + "],\"exclusive\":[],\"sets\":[" + text + "],\"complete\":true}";
+    std::vector<std::string> texts;
+    for (const Set& set : sets) texts.push_back(SetText(IdsOf(set.days), set.data, set.metadata));
+    return DocumentOf(IdsOf({1, 2, 3, 4, 5, 0}), texts);
   }
 
   // An engine that prints a text when it is asked for a table or a plan, and counts how often.
