@@ -79,6 +79,7 @@ std::string MustRun(const std::vector<std::string>& argv) {
 }
 
 void WriteScript(const std::string& path, const std::string& text) {
+  std::filesystem::remove(path);  // a program that still runs cannot be written to
   WriteFile(path, "#!/bin/bash\n" + text);
   std::filesystem::permissions(path, std::filesystem::perms(0755));
 }
