@@ -105,6 +105,18 @@ std::optional<pid_t> Process(const std::string& text) {
   return number && *number <= INT_MAX ? static_cast<pid_t>(*number) : kNoProcess;
 }
 
+// What the calculation was doing if its process is as it is now and its records are still the same.
+Activity ActivityAsRead(const std::string& share, const Calculation& calculation) {
+  const bool alive = calculation.pid && CalculatorIsAlive(*calculation.pid);
+  if (calculation.state == CAL_TASK_STATUS_DONE)
+    return alive ? Activity::kFinishing : Activity::kNone;
+  if (calculation.Finished()) return Activity::kNone;
+  if (alive) return Activity::kRunning;
+  if (calculation.pid || !IsClaimed(share))
+    return calculation.state == CAL_TASK_STATUS_PROCESS ? Activity::kDied : Activity::kNone;
+  return Activity::kClaimed;
+}
+
 }  // namespace
 
 std::optional<std::string> RecordedTask(const std::string& share) {
@@ -200,15 +212,14 @@ std::optional<time_t> ClaimAheadOfClock(const std::string& share) {
   return t;
 }
 
-Activity ActivityOf(const std::string& share, const Calculation& calculation) {
-  const bool alive = calculation.pid && CalculatorIsAlive(*calculation.pid);
-  if (calculation.state == CAL_TASK_STATUS_DONE)
-    return alive ? Activity::kFinishing : Activity::kNone;
-  if (calculation.Finished()) return Activity::kNone;
-  if (alive) return Activity::kRunning;
-  if (calculation.pid || !IsClaimed(share))
-    return calculation.state == CAL_TASK_STATUS_PROCESS ? Activity::kDied : Activity::kNone;
-  return Activity::kClaimed;
+Activity ActivityOf(const std::string& share, Calculation& calculation) {
+  const Activity activity = ActivityAsRead(share, calculation);
+  if (activity != Activity::kDied) return activity;
+  // The final state is written before the process ends.
+  const std::optional<Calculation> now = ReadAnyCalculation(share, calculation.taskID);
+  if (!now) return Activity::kNone;
+  calculation = *now;
+  return ActivityAsRead(share, calculation);
 }
 
 const char* WordOf(Activity activity) {
@@ -226,7 +237,7 @@ const char* WordOf(Activity activity) {
   }
 }
 
-bool IsUnderWay(const std::string& share, const Calculation& calculation) {
+bool IsUnderWay(const std::string& share, Calculation calculation) {
   const Activity activity = ActivityOf(share, calculation);
   if (!calculation.stateKnown) return activity == Activity::kRunning;
   return activity != Activity::kNone && activity != Activity::kDied;

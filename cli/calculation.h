@@ -72,13 +72,15 @@ Calculation RequireCalculation(const std::string& share, const std::string& task
 // set back since. The library holds the share for such a claim until its time has come.
 std::optional<time_t> ClaimAheadOfClock(const std::string& share);
 
-Activity ActivityOf(const std::string& share, const Calculation& calculation);
+// A process that ended well after its records were read did not die: where it is gone, they are
+// read anew, and `calculation` is then what they say.
+Activity ActivityOf(const std::string& share, Calculation& calculation);
 
 // The word for it: "none", "claimed", "running", "finishing", "died".
 const char* WordOf(Activity activity);
 
 // Whether the calculation is claimed, at work, or handing its results over.
-bool IsUnderWay(const std::string& share, const Calculation& calculation);
+bool IsUnderWay(const std::string& share, Calculation calculation);
 
 // The shares of which a calculation is recorded, in the order of their names. Gives up when the
 // record cannot be read.

@@ -73,14 +73,29 @@ class ClaimLock {
   int fd_ = -1;
 };
 
-// Removes everything of one share and says so. False: a calculation is under way. A task that is
-// none is left alone: the library would remove the files that its text leads to.
-bool CleanShare(const std::string& share, const std::string& recordedTask) {
+// What was begun and never ended: its process was killed, or the machine went down.
+bool WasInterrupted(const std::string& share, Calculation calculation) {
+  const Activity activity = ActivityOf(share, calculation);
+  if (calculation.Finished()) return false;
+  return activity == Activity::kDied || activity == Activity::kNone;
+}
+
+// Of which shares `clean` removes everything.
+enum class Removed { kWhateverIsRecorded, kInterrupted };
+
+// Removes everything of one share and says so. False: a calculation is under way, or it is none of
+// those to remove. A task that is none is left alone: the library would remove the files that its
+// text leads to.
+bool CleanShare(const std::string& share, const std::string& recordedTask,
+                Removed removed = Removed::kWhateverIsRecorded) {
   const std::string taskID = IsTaskID(recordedTask) ? recordedTask : "";
   if (!taskID.empty()) RequirePlainFilesOfTask(taskID);
   const ClaimLock unclaimed(share);
   const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);
   if (calculation && IsUnderWay(share, *calculation)) return false;
+  // Judged under the lock, where no next calculation can begin in between.
+  if (removed == Removed::kInterrupted && (!calculation || !WasInterrupted(share, *calculation)))
+    return false;
   const std::optional<Result> result = NewestResult(share);
   const bool tables = RemoveTables(share);
   RemoveRecords(share, taskID);
@@ -160,21 +175,13 @@ int CleanOneShare(const std::string& share) {
   return kOk;
 }
 
-// What was begun and never ended: its process was killed, or the machine went down.
-bool WasInterrupted(const std::string& share, const std::string& taskID) {
-  const std::optional<Calculation> calculation = ReadAnyCalculation(share, taskID);
-  if (!calculation || calculation->Finished()) return false;
-  const Activity activity = ActivityOf(share, *calculation);
-  return activity == Activity::kDied || activity == Activity::kNone;
-}
-
 int CleanInterruptedShares() {
   bool nothing = true;
   for (const std::string& share : RecordedShares()) {
     const std::optional<std::string> taskID = RecordedTask(share);
     if (!taskID || !CanBeShareName(share) || !IsTaskID(*taskID)) continue;
     RequirePlainFilesOfShare(share);
-    if (WasInterrupted(share, *taskID) && CleanShare(share, *taskID)) nothing = false;
+    if (CleanShare(share, *taskID, Removed::kInterrupted)) nothing = false;
   }
   if (nothing) fmt::print("nothing to remove\n");
   return kOk;

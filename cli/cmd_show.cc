@@ -30,7 +30,7 @@ constexpr std::chrono::seconds kTimeToCopy{10};
 std::optional<Calculation> LatestCalculation(const std::string& share) {
   const std::optional<std::string> taskID = TaskOf(share);
   if (!taskID) return std::nullopt;
-  const std::optional<Calculation> calculation = ReadCalculation(share, *taskID);
+  std::optional<Calculation> calculation = ReadCalculation(share, *taskID);
   if (calculation && ActivityOf(share, *calculation) == Activity::kFinishing) {
     ProcessWatch process;
     process.Attach(*calculation->pid);

@@ -95,10 +95,10 @@ void PrintError(const Calculation& calculation) {
   if (!calculation.command.empty()) PrintLine("command", Escaped(calculation.command));
 }
 
-void PrintActivity(const std::string& share, const Calculation& calculation) {
-  switch (ActivityOf(share, calculation)) {
+void PrintActivity(const std::string& share, const Facts& facts) {
+  switch (facts.activity) {
     case Activity::kRunning:
-      PrintLine("process", std::to_string(*calculation.pid));
+      PrintLine("process", std::to_string(*facts.calculation.pid));
       break;
     case Activity::kDied:
       PrintLine("process", "gone without a result; remove the record with: zorv-snapusage clean " +
@@ -114,7 +114,7 @@ void PrintOne(const std::string& share, const Facts& facts) {
   PrintLine("share", Escaped(share));
   PrintLine("state", facts.calculation.stateWord);
   PrintLine("task", Escaped(facts.taskID));
-  PrintActivity(share, facts.calculation);
+  PrintActivity(share, facts);
   PrintTimes(share, facts.calculation);
   PrintProgress(facts.calculation);
   PrintError(facts.calculation);

@@ -173,7 +173,7 @@ void RequireRecordable(const std::string& share, const std::vector<Snapshot>& as
 void RequireIdle(const std::string& share) {
   const std::optional<std::string> taskID = TaskOf(share);
   if (!taskID) return;
-  const std::optional<Calculation> calculation = ReadCalculation(share, *taskID);
+  std::optional<Calculation> calculation = ReadCalculation(share, *taskID);
   if (!calculation) return;
   const Activity activity = ActivityOf(share, *calculation);
   if (activity == Activity::kRunning || activity == Activity::kFinishing) RefuseBusy(share);

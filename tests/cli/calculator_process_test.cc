@@ -161,4 +161,38 @@ TEST_F(CalculatorProcess, OneThatProcDoesNotShowIsNotGone) {
   EXPECT_EQ(3u, Shown()["snapshots"].size()) << "its result was not lost";
 }
 
+// The record says that it is at work, and by the time its process is looked for it has ended well.
+TEST_F(CalculatorProcess, OneThatEndsWhileItIsLookedAtDidNotDie) {
+  const struct {
+    std::vector<std::string> words;
+    const char* says;
+  } cases[] = {
+      {{"clean", "--interrupted"}, "nothing to remove\n"},
+      {{"status", "photos"}, "state:           done\n"},
+      {{"stop", "photos"}, "nothing to stop, share 'photos': state done\n"},
+      {{"wait", "photos"}, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.words[0]);
+    WaitingEngine();
+    MustRun(Argv({"start", "photos"}));
+    EXPECT_TRUE(EngineWaits());
+    bool ended = false;
+    const int status = SyscallStepper(std::vector<WatchedCall>{{SYS_pidfd_open}})
+                           .Run(Program(Argv(c.words), kOutput), [&](const Step&) {
+                             if (ended) return Action::GoOn();
+                             ended = true;
+                             Release();
+                             EXPECT_TRUE(Settled());
+                             return Action::GoOn();
+                           });
+    EXPECT_TRUE(ended);
+    EXPECT_EQ(0, status);
+    EXPECT_THAT(ReadFile(kOutput), HasSubstr(c.says));
+    EXPECT_THAT(ReadFile(kOutput), Not(HasSubstr("gone")));
+    EXPECT_EQ(3u, Shown()["snapshots"].size()) << "the result is kept";
+    MustRun(Argv({"clean", "photos"}));
+  }
+}
+
 }  // namespace
