@@ -6,7 +6,9 @@
 #include <optional>
 
 #include "cli/failure.h"
+#include "cli/file_system.h"
 #include "cli/interrupt.h"
+#include "cli/share.h"
 #include "cli/standard_streams.h"
 #include "cli/table_cache.h"
 #include "cli/table_source.h"
@@ -20,6 +22,15 @@ void SayNotRead(const std::string& share, const Failure& failure) {
       fmt::format("note: metadata, with older and new could not be read: {}; get them with: "
                   "zorv-snapusage run {}",
                   Interrupt::Asked() ? "interrupted" : failure.what(), ShellWord(share)));
+}
+
+// The newest of the file system that the share lies on now: subvolumes of another one may have the
+// same numbers.
+std::optional<KeptTable> KeptOf(const std::string& share) {
+  const std::optional<ShareOrigin> place = FindPlace(share);
+  const std::optional<FileSystemState> state =
+      place ? StateOfFileSystem(place->path) : std::nullopt;
+  return NewestTable(share, state ? std::optional(state->id) : std::nullopt);
 }
 
 }  // namespace
@@ -36,13 +47,13 @@ void AddTable(const KeptTable& kept, Report& report) {
 }
 
 void AddNewestTable(Report& report) {
-  if (const std::optional<KeptTable> kept = NewestTable(report.share)) AddTable(*kept, report);
+  if (const std::optional<KeptTable> kept = KeptOf(report.share)) AddTable(*kept, report);
 }
 
 void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report) {
   std::optional<KeptTable> table;
   try {
-    table = NewestTable(report.share);
+    table = KeptOf(report.share);
     if (!snapshots.empty()) table = TableOfNow(report.share, snapshots, silence);
   } catch (const Failure& failure) {
     SayNotRead(report.share, failure);

@@ -14,7 +14,8 @@ namespace ZorvSnapUsage {
 // Puts what the table says of its snapshots beside their rows.
 void AddTable(const KeptTable& kept, Report& report);
 
-// The same with the newest table that is kept of the share, if there is one.
+// The same with the newest table that is kept of the share as it is on its file system, if there is
+// one.
 void AddNewestTable(Report& report);
 
 // The same with the table of now, of all these snapshots of the share. One that cannot be had, or

@@ -153,12 +153,13 @@ std::optional<KeptTable> FindTable(const std::string& share, const std::string& 
   return kept;
 }
 
-std::optional<KeptTable> NewestTable(const std::string& share) {
+std::optional<KeptTable> NewestTable(const std::string& share,
+                                     const std::optional<std::string>& fileSystemID) {
   RequireSafeTables(share);
   std::optional<KeptTable> newest;
   for (const std::string& name : NamesOf(share, /*unfinished=*/false)) {
     std::optional<KeptTable> kept = ReadTable(share, name);
-    if (!kept) continue;
+    if (!kept || (fileSystemID && kept->fileSystemID != *fileSystemID)) continue;
     const bool newer = !newest || (kept->fileSystemID == newest->fileSystemID
                                        ? kept->table.generation > newest->table.generation
                                        : kept->taken > newest->taken);

@@ -21,8 +21,10 @@ std::optional<KeptTable> FindTable(const std::string& share, const std::string& 
                                    unsigned long long generation,
                                    const std::vector<unsigned long long>& subvolumeIDs);
 
-// The share's table of the latest state that one is kept of.
-std::optional<KeptTable> NewestTable(const std::string& share);
+// The share's table of the latest state that one is kept of: of this file system, or of any when
+// it is not known on which the share lies.
+std::optional<KeptTable> NewestTable(const std::string& share,
+                                     const std::optional<std::string>& fileSystemID);
 
 // Keeps a table, in place of the oldest one when there are too many. One that cannot be kept, for
 // want of room for example, is not: the system log says why.

@@ -84,6 +84,19 @@ TEST_F(ReportTable, SnapshotsThatItDoesNotHaveStayEmpty) {
   EXPECT_EQ(6u, shown["table"]["snapshots"].asUInt64()) << "the table is as of its own time";
 }
 
+// Another volume came with the same mount point, and has subvolumes with the same numbers.
+TEST_F(ReportTable, TableOfAnotherFileSystemIsNotShown) {
+  TakeTable();
+  ASSERT_FALSE(Shown()["table"].isNull());
+  volume_.reset();
+  volume_ = std::make_unique<BtrfsVolume>("/volume1");
+  volume_->Subvolume("photos");
+  for (const unsigned day : {1u, 2u}) volume_->Snapshot("photos", "photos/.snapshots/" + Day(day));
+  const Json::Value shown = Shown();
+  EXPECT_TRUE(shown["table"].isNull());
+  for (const Json::Value& row : shown["snapshots"]) EXPECT_TRUE(row["with_older"].isNull()) << row;
+}
+
 TEST_F(ReportTable, SortsByItsColumns) {
   TakeTable();
   const std::string out = MustRun(Argv({"show", "photos", "-H", "--sort=-new"}));
