@@ -101,21 +101,42 @@ TEST_F(TableCache, FourAreKept) {
   EXPECT_EQ(0u, Asked()) << "the newest stays";
 }
 
+// What a disk, another program or another state may leave in a table's place.
+std::vector<std::string> DamagedOf(const std::string& text) {
+  const auto with = [&](const std::string& part, const std::string& other) {
+    const size_t at = text.find(part);
+    EXPECT_NE(std::string::npos, at) << part;
+    return std::string(text).replace(at, part.size(), other);
+  };
+  return {"", "\n", text.substr(0, text.size() / 2), text.substr(0, text.size() - 2),
+          std::string(text.size(), '\0'), text + text, std::string(100000, '['),
+          with("\"version\":1", "\"version\":2"),
+          // Numbers of another state, file system or set of subvolumes, under this one's name.
+          with("\"generation\":", "\"generation\":1"),
+          with("\"file_system\":\"", "\"file_system\":\"f"),
+          with("\"subvolumes\":[", "\"subvolumes\":[1,"),
+          // Other shapes.
+          "[]", "{}", "null", "7", "\"text\"", with("\"sets\":[", "\"sets\":{"),
+          with("\"sets\":[", "\"sets\":[[],"), with("\"sets\":[", "\"sets\":[7,"),
+          with("\"sets\":[", "\"sets\":[{\"members\":7,\"data\":1,\"metadata\":1},"),
+          with("\"subvolumes\":[", "\"subvolumes\":[\"257\","),
+          with("\"generation\":", "\"generation\":1,\"generation\":"),
+          // Numbers out of range.
+          with("\"data\":", "\"data\":99999999999999999999"), with("\"data\":", "\"data\":-"),
+          with("\"data\":", "\"data\":0."), with("\"data\":", "\"data\":1e"),
+          with("\"metadata\":", "\"metadata\":9223372036854775807,\"more\":"),
+          with("\"members\":[[", "\"members\":[[18446744073709551615,"),
+          with("\"taken\":", "\"taken\":-"), with("\"taken\":", "\"taken\":9999999999")};
+}
+
 TEST_F(TableCache, DamagedOnesAreReadAnew) {
   CountingEngine();
   const std::string right = Tool({"plan", "photos", "--delete", "%", "-H"}).out;
   ASSERT_FALSE(right.empty());
   const std::string path = Kept().at(0), text = ReadFile(path);
   size_t asked = Asked();
-  const std::string wrongs[] = {
-      "", "\n", text.substr(0, text.size() / 2), text.substr(0, text.size() - 2),
-      std::string(text.size(), '\0'), text + text, "[]", std::string(100000, '['),
-      std::string(text).replace(text.find("\"version\":1"), 11, "\"version\":2"),
-      // Numbers of another state, under this one's name.
-      std::string(text).replace(text.find("\"generation\":"), 13, "\"generation\":1"),
-      std::string(text).replace(text.find("\"subvolumes\":["), 14, "\"subvolumes\":[1,")};
-  for (const std::string& wrong : wrongs) {
-    SCOPED_TRACE(wrong.substr(0, 100));
+  for (const std::string& wrong : DamagedOf(text)) {
+    SCOPED_TRACE(wrong.substr(0, 300));
     WriteFile(path, wrong);
     EXPECT_EQ(right, Tool({"plan", "photos", "--delete", "%", "-H"}).out);
     EXPECT_EQ(++asked, Asked());
@@ -123,6 +144,48 @@ TEST_F(TableCache, DamagedOnesAreReadAnew) {
               ReadFile(path).substr(ReadFile(path).find("\"generation\"")))
         << "and replaced";
   }
+}
+
+TEST_F(TableCache, DamagedOnesAreNotShown) {
+  ASSERT_EQ(0, Tool({"run", "photos", "--quiet"}).status);
+  const std::string without = Tool({"show", "photos"}).out;
+  ASSERT_EQ(0, PlanAll().status);
+  ASSERT_NE(without, Tool({"show", "photos"}).out);
+  const std::string path = Kept().at(0), text = ReadFile(path);
+  for (const std::string& wrong : DamagedOf(text)) {
+    SCOPED_TRACE(wrong.substr(0, 300));
+    WriteFile(path, wrong);
+    const CommandResult shown = Tool({"show", "photos"});
+    EXPECT_EQ(0, shown.status) << shown.err;
+    EXPECT_EQ(without, shown.out);
+  }
+}
+
+// Nobody waits for terabytes, nor has memory for them.
+TEST_F(TableCache, HugeOnesAreReadAnew) {
+  const std::string right = Tool({"plan", "photos", "--delete", "%", "-H"}).out;
+  const std::string path = Kept().at(0), text = ReadFile(path);
+  fs::resize_file(path, uintmax_t{1} << 40);
+  EXPECT_EQ(right, Tool({"plan", "photos", "--delete", "%", "-H"}).out);
+  EXPECT_EQ(text.size(), fs::file_size(path));
+}
+
+// A clock that was wrong, or a hand: the numbers are those of their state all the same.
+TEST_F(TableCache, TimesBeyondTheCalendarHarmNobody) {
+  ASSERT_EQ(0, Tool({"run", "photos", "--quiet"}).status);
+  const std::string right = Tool({"plan", "photos", "--delete", "%", "-H"}).out;
+  std::string text = ReadFile(Kept().at(0));
+  const size_t at = text.find("\"taken\":") + 8;
+  text.replace(at, text.find(',', at) - at, "9223372036854775807");
+  WriteFile(Kept().at(0), text);
+  EXPECT_EQ(right, Tool({"plan", "photos", "--delete", "%", "-H"}).out);
+  for (const char* command : {"plan", "show"})
+    for (const char* format : {"json", "table"}) {
+      std::vector<std::string> words = {command, "photos", "--format", format};
+      if (words[0] == "plan") words.insert(words.end(), {"--delete", "%"});
+      const CommandResult result = Tool(words);
+      EXPECT_EQ(0, result.status) << command << " " << format << ": " << result.err;
+    }
 }
 
 TEST_F(TableCache, KilledWritersLeaveNothingForLong) {
