@@ -87,6 +87,17 @@ TEST_F(TableCache, OtherSnapshotsAreAnotherTable) {
   EXPECT_EQ(2u, Asked());
 }
 
+TEST_F(TableCache, TheNewestIsShown) {
+  ASSERT_EQ(0, Tool({"run", "photos", "--quiet"}).status);
+  fs::remove_all(kCache);
+  for (int n = 0; n < 3; ++n) {
+    Change(std::to_string(n));
+    const Json::Value plan = Planned({"--delete", "%"});
+    EXPECT_EQ(plan["generation"], Shown()["table"]["generation"]);
+  }
+  EXPECT_EQ(3u, Kept().size());
+}
+
 TEST_F(TableCache, FourAreKept) {
   std::vector<std::string> first;
   for (int n = 0; n < 6; ++n) {
@@ -148,6 +159,7 @@ TEST_F(TableCache, DamagedOnesAreReadAnew) {
 
 TEST_F(TableCache, DamagedOnesAreNotShown) {
   ASSERT_EQ(0, Tool({"run", "photos", "--quiet"}).status);
+  fs::remove_all(kCache);
   const std::string without = Tool({"show", "photos"}).out;
   ASSERT_EQ(0, PlanAll().status);
   ASSERT_NE(without, Tool({"show", "photos"}).out);
