@@ -1,15 +1,14 @@
 #include "cli/engine.h"
 
-#include <errno.h>
 #include <fmt/format.h>
-#include <string.h>
 #include <zorvplatform/platc.h>
 
+#include <chrono>
 #include <string>
 
 #include "cli/failure.h"
-#include "cli/silent_stderr.h"
-#include "cli/text.h"
+#include "cli/patience.h"
+#include "cli/program_run.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -17,22 +16,25 @@ namespace {
 constexpr char kCommand[] = "/sbin/btrfs";
 constexpr char kAnswer[] = "zorv btrfs engine";
 constexpr char kNext[] = "install zorv-btrfs-command, or the engine as /sbin/btrfs";
+constexpr size_t kMostText = 256;
+constexpr std::chrono::seconds kTimeToAnswer{30};
 
-// The first line of what the command prints about its version.
-std::string VersionLine() {
-  // Any other btrfs complains there about a command that it does not know.
-  const SilentStderr silent;
-  char program[] = "/sbin/btrfs", subvolume[] = "subvolume", size[] = "size",
-       version[] = "--version";
-  char* const argv[] = {program, subvolume, size, version, nullptr};
-  FILE* const stream = PLATCPopenv(kCommand, "r", argv);
-  if (stream == nullptr)
-    throw Failure(kNotAnEngine, fmt::format("{} cannot be started ({})", kCommand, strerror(errno)),
-                  kNext);
-  char line[256] = "";
-  if (fgets(line, sizeof line, stream) == nullptr) line[0] = '\0';
-  (void)PLATCPclose(stream);
-  return line;
+[[noreturn]] void Refuse(const char* why) {
+  throw Failure(kNotAnEngine, fmt::format("{} {}", kCommand, why), kNext);
+}
+
+// What the command prints about its version; any other btrfs complains about a command that it does
+// not know.
+std::string VersionText() {
+  Patience patience("asking /sbin/btrfs for its version");
+  const auto end = std::chrono::steady_clock::now() + kTimeToAnswer;
+  return RunProgram({kCommand, "subvolume", "size", "--version"},
+                    {kMostText, [](const std::string&) {},
+                     [&] {
+                       patience.Tick();
+                       if (std::chrono::steady_clock::now() > end) Refuse("does not answer");
+                     }})
+      .output;
 }
 
 }  // namespace
@@ -40,10 +42,8 @@ std::string VersionLine() {
 void RequireEngine() {
   if (PLATCFileExist(kCommand) != 1)
     throw Failure(kCommandMissing, fmt::format("{} is missing", kCommand), kNext);
-  if (VersionLine().rfind(kAnswer, 0) != 0)
-    throw Failure(kNotAnEngine,
-                  fmt::format("{} is not an engine that calculates exclusive sizes", kCommand),
-                  kNext);
+  if (VersionText().rfind(kAnswer, 0) != 0)
+    Refuse("is not an engine that calculates exclusive sizes");
 }
 
 }  // namespace ZorvSnapUsage

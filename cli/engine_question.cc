@@ -3,11 +3,13 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <stdio.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
+
+#include <utility>
+#include <vector>
+
+#include "cli/failure.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -18,41 +20,30 @@ constexpr char kCommand[] = "/sbin/btrfs";
 constexpr size_t kMostText = 1 << 20;
 constexpr std::chrono::seconds kTimeToCheck{30};
 
-[[noreturn]] void Ask(const char* option, const std::string& directory, int out, pid_t parent) {
-  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) _exit(1);
-  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
-  (void)dup2(null, STDIN_FILENO);
-  (void)dup2(out, STDOUT_FILENO);
-  (void)dup2(null, STDERR_FILENO);
-  (void)signal(SIGINT, SIG_IGN);  // Ctrl-C is the caller's; what it asks ends with it
-  (void)execl(kCommand, kCommand, "subvolume", "size", option, "-r", directory.c_str(), nullptr);
-  _exit(1);
-}
-
 }  // namespace
 
 EngineQuestion::EngineQuestion(const char* option, const std::string& directory) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
-  out_.Reset(ends[0]);
-  const UniqueFd writeEnd(ends[1]);
-  const pid_t self = getpid();
-  pid_ = fork();
-  if (pid_ != 0) return;
-  // The other end of its pipe waits when it is full.
-  (void)fcntl(ends[1], F_SETFL, 0);
-  Ask(option, directory, ends[1], self);
+  try {
+    Pipe out = MakePipe();
+    const UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+    // Ctrl-C is the caller's; what it asks ends with it.
+    program_ = std::make_unique<ChildProgram>(
+        std::vector<std::string>{kCommand, "subvolume", "size", option, "-r", directory},
+        out.write.Get(), null.Get(), CtrlC::kDoesNotReachIt);
+    out_ = std::move(out.read);
+    // The other end waits when it is full.
+    (void)fcntl(out_.Get(), F_SETFL, O_NONBLOCK);
+  } catch (const Failure&) {
+    // An answer that is not there is an empty one.
+  }
 }
 
 EngineQuestion::~EngineQuestion() {
-  if (pid_ < 0) return;
-  (void)kill(pid_, SIGKILL);
-  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) continue;
+  if (program_) program_->Kill();
 }
 
 std::optional<std::string> EngineQuestion::Answer() {
-  if (pid_ < 0) return "";
+  if (!program_) return "";
   char buffer[4096];
   while (text_.size() < kMostText) {
     const ssize_t length = read(out_.Get(), buffer, sizeof buffer);

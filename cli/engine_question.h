@@ -2,13 +2,12 @@
 #ifndef CLI_ENGINE_QUESTION_H_
 #define CLI_ENGINE_QUESTION_H_
 
-#include <sys/types.h>
-
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 
-#include "base/unique_fd.h"
+#include "cli/child_program.h"
 
 namespace ZorvSnapUsage {
 
@@ -28,8 +27,8 @@ class EngineQuestion {
   std::string WaitForAnswer(std::chrono::seconds limit);
 
  private:
-  pid_t pid_ = -1;
   UniqueFd out_;
+  std::unique_ptr<ChildProgram> program_;  // none: it could not be asked
   std::string text_;
 };
 

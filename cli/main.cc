@@ -97,6 +97,9 @@ int Main(int argc, char** argv) {
   // Also for the calculations that are started: a file that may not grow is a failed write, and not
   // the end of a process in the middle of one.
   (void)signal(SIGXFSZ, SIG_IGN);
+  // A caller may ignore how its children end, and that is inherited: nobody would learn that an
+  // engine failed.
+  (void)signal(SIGCHLD, SIG_DFL);
   // Also for the calculations that are started: whatever the caller's is, nobody but root writes
   // into what they make, and root can.
   (void)umask(022);

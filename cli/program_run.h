@@ -24,10 +24,9 @@ struct ProgramWatch {
   std::function<void()> tick;
 };
 
-// argv[0] is its path; no shell is involved, and PATH is not searched. It gets /dev/null as
-// standard input, no other descriptor, no blocked signals. However this function ends, the program
-// has ended by then: a thrown exception, SIGINT or SIGTERM of the caller's Interrupt included.
-// Gives up when the program cannot be started, and with kLeftAtOnce after such a signal.
+// Starts it as a ChildProgram. However this function ends, the program has ended by then: a thrown
+// exception, SIGINT or SIGTERM of the caller's Interrupt included. Gives up when the program cannot
+// be started, and with kLeftAtOnce after such a signal.
 ProgramEnd RunProgram(const std::vector<std::string>& argv, const ProgramWatch& watch);
 
 }  // namespace ZorvSnapUsage

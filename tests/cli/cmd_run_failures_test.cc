@@ -129,6 +129,55 @@ TEST_F(CmdRunFailures, CommandThatSaysNothingIsNoEngine) {
   EXPECT_EQ(7, Tool({"run", "photos"}).status);
 }
 
+// It is at /sbin/btrfs, and does not even say what it is. The command's pid is in kHanging then.
+class CommandThatHangs : public CmdRunFailures {
+ protected:
+  static constexpr char kHanging[] = "/tmp/hanging.pid";
+
+  CommandThatHangs() { std::filesystem::remove(kHanging); }
+
+  static void Hang(const std::string& before) {
+    WriteScript("/sbin/btrfs", before + "echo $$ > " + kHanging + ".new; mv " + kHanging + ".new " +
+                                   kHanging + "; exec sleep 1000\n");
+  }
+
+  // What becomes of the program when it is signalled by then.
+  static CommandResult Interrupted(const std::vector<std::string>& words) {
+    Background program(Argv(words));
+    EXPECT_TRUE(WaitUntil([] { return std::filesystem::exists(kHanging); }));
+    EXPECT_EQ(0, kill(program.Pid(), SIGTERM));
+    const CommandResult result = program.Wait();
+    const pid_t command = atoi(ReadFile(kHanging).c_str());
+    EXPECT_TRUE(WaitUntil([&] { return kill(command, 0) != 0; })) << "nothing is left";
+    std::filesystem::remove(kHanging);
+    return result;
+  }
+};
+
+TEST_F(CommandThatHangs, EndsWithTheProgram) {
+  for (const char* before : {"", "exec > /dev/null 2>&1\n", "echo -n zorv\n"}) {
+    SCOPED_TRACE(before);
+    Hang(before);
+    for (const std::vector<std::string>& words : {std::vector<std::string>{"run", "photos"},
+                                                  {"plan", "photos", "--keep-last", "1"},
+                                                  {"explain", "photos", kFirst}}) {
+      SCOPED_TRACE(words[0]);
+      const CommandResult result = Interrupted(words);
+      EXPECT_EQ(130, result.status) << "it is not the command's fault";
+      EXPECT_THAT(result.err, HasSubstr("interrupted"));
+    }
+    EXPECT_EQ(128 + SIGTERM, Interrupted({"start", "photos"}).status);
+  }
+}
+
+TEST_F(CommandThatHangs, IsSaidAndGivenUp) {
+  Hang("");
+  ExpectFailure(Tool({"run", "photos"}), 7,
+                "asking /sbin/btrfs for its version (Ctrl-C ends it)\nzorv-snapusage: /sbin/btrfs "
+                "does not answer" +
+                    std::string(kInstall));
+}
+
 TEST_F(CmdRunFailures, CommandThatCannotBeStarted) {
   std::filesystem::permissions("/sbin/btrfs", std::filesystem::perms(0644));
   ExpectFailure(Tool({"run", "photos"}), 7,

@@ -1,4 +1,7 @@
 // What the program is started with, and as whom, changes nothing but the zone of its times.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -103,6 +106,49 @@ TEST_F(Environment, RootInAUserNamespaceOfItsOwn) {
   const CommandResult result =
       ZorvTest::Run(Argv({"run", "photos", "--quiet"}), [] { BecomeRootOfUserNamespace(0); });
   EXPECT_EQ(0, result.status) << result.err;
+}
+
+// An engine that fails after it has printed a table, for a caller who does not want to hear of the
+// end of his children: that would leave the program without it, too.
+TEST_F(Environment, IgnoredEndsOfChildrenHideNoFailure) {
+  table_ = std::string("(") + kEmptyTable + "); kill -KILL $$";
+  FakeEngine("");
+  const std::vector<std::string> plan = Argv({"plan", "photos", "--keep-last", "1"});
+  const CommandResult result = ZorvTest::Run(plan, [] { (void)signal(SIGCHLD, SIG_IGN); });
+  EXPECT_EQ(11, result.status) << result.err;
+  EXPECT_EQ("", result.out);
+}
+
+TEST_F(Environment, EnginesGetNoDescriptorOfTheCaller) {
+  constexpr char kSeen[] = "/tmp/engine.descriptors";
+  WriteFile("/opt/caller", "");
+  RealEngine();
+  fs::rename("/sbin/btrfs", "/opt/engine");
+  WriteScript("/sbin/btrfs", std::string("ls -l /proc/$$/fd >> ") + kSeen + "; echo \"$3\" >> " +
+                                 kSeen + "; exec /opt/engine \"$@\"\n");
+  for (const std::vector<std::string>& words : {std::vector<std::string>{"run", "photos"},
+                                                {"plan", "photos", "--keep-last", "1"},
+                                                {"explain", "photos", kFirst},
+                                                {"start", "photos"}}) {
+    const CommandResult result = ZorvTest::Run(Argv(words), [] {
+      for (const int fd : {8, 9, 30}) (void)dup2(open("/opt/caller", O_RDWR), fd);
+    });
+    EXPECT_EQ(0, result.status) << words[0] << result.err;
+    EXPECT_TRUE(Settled());
+  }
+  const std::string seen = ReadFile(kSeen);
+  for (const char* asked : {"--version", "--table", "--files", "-vpm"})
+    EXPECT_THAT(seen, HasSubstr(asked));
+  EXPECT_THAT(seen, Not(HasSubstr("/opt/caller")));
+}
+
+TEST_F(Environment, TooFewDescriptorsAreNoFaultOfTheEngine) {
+  const CommandResult result = ZorvTest::Run(Argv({"plan", "photos", "--keep-last", "1"}), [] {
+    const rlimit few = {8, 8};
+    (void)setrlimit(RLIMIT_NOFILE, &few);
+  });
+  EXPECT_EQ(1, result.status) << result.err;
+  EXPECT_THAT(result.err, Not(HasSubstr("install")));
 }
 
 }  // namespace
