@@ -392,6 +392,14 @@ MUTATIONS = [
              "  if (ret == RESULT_STOPPED) (void)nanosleep(&aWhile, nullptr);\n"
              "  exit(ret);\n",
              "StopCalculation.OfAQuickCommand"),
+    Mutation("a-third-of-the-stops-takes-its-time", CAL,
+             "    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_STOP);\n",
+             "    timespec now;\n"
+             "    const timespec aWhile{4, 0};\n"
+             "    if (clock_gettime(CLOCK_MONOTONIC, &now) == 0 && now.tv_nsec / 1000 % 3 == 0)\n"
+             "      (void)nanosleep(&aWhile, nullptr);\n"
+             "    (void)taskStatus.SetCalculatorStatus(CAL_TASK_STATUS_STOP);\n",
+             "StopCalculation.OfTheEngine"),
     Mutation("a-stop-of-no-task-fails", CAL,
              "return RESULT_OK;  // nothing to stop", "return RESULT_FAILURE;",
              "SnapUsageCalculatorStop.*"),
@@ -919,6 +927,16 @@ MUTATIONS = [
     Mutation("the-engine-outlives-its-reader", "engine/front.cc",
              "      if (woken.readerGone) return Leave();\n", "",
              "Front.LeavesWhenTheReaderHasGoneWhileTheWorkerStandsStill "
+             "StopReading.WhileTheWorkerIsStopped"),
+    Mutation("the-front-leaves-late", "engine/front.cc",
+             "  int Leave() {\n    errors_.Drop();\n",
+             "  int Leave() {\n    (void)poll(nullptr, 0, 3000);\n    errors_.Drop();\n",
+             "StopReading.AtRandomMoments"),
+    Mutation("the-front-leaves-late-now-and-then", "engine/front.cc",
+             "  int Leave() {\n    errors_.Drop();\n",
+             "  int Leave() {\n"
+             "    if (Clock::now().time_since_epoch().count() / 1000 % 10 < 7) (void)poll(nullptr, 0, 1500);\n"
+             "    errors_.Drop();\n",
              "StopReading.WhileTheWorkerIsStopped"),
     Mutation("the-front-waits-for-its-worker", "engine/front.cc",
              "    if (worker_ != kNobody) (void)kill(worker_, SIGKILL);\n",

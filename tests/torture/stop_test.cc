@@ -7,7 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <filesystem>
 #include <memory>
@@ -19,6 +18,7 @@
 #include "tests/support/shared_memory.h"
 #include "tests/support/torture.h"
 #include "tests/torture/faulty_disk.h"
+#include "tests/torture/lateness.h"
 
 namespace ZorvTest {
 namespace {
@@ -33,19 +33,15 @@ constexpr double kSoon = 1;
 // What the runs of one kind came to.
 struct Runs {
   std::atomic<unsigned> all{0}, stopped{0}, done{0}, failed{0}, signals{0};
-  std::atomic<unsigned> late{0}, inARowLate{0}, slowestMs{0};
   std::atomic<unsigned> wrongEnd{0}, left{0}, early{0};
+  Lateness ends{kSoon};
 };
-
-void Raise(std::atomic<unsigned>& most, unsigned value) {
-  for (unsigned seen = most; seen < value && !most.compare_exchange_weak(seen, value);) continue;
-}
 
 // Calculations of one share, one after the other, each with a stop in it.
 class Lane {
  public:
-  Lane(Runs& runs, int number, unsigned seed)
-      : runs_(runs), share_("share" + std::to_string(number)), random_(seed) {
+  Lane(Runs& runs, const NapClock& clock, int number, unsigned seed)
+      : runs_(runs), clock_(clock), share_("share" + std::to_string(number)), random_(seed) {
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1);  // its end is seen, and its number is nobody else's yet
     fork_.Replace([this] {
       const int pid = fork_.Real();
@@ -63,13 +59,14 @@ class Lane {
     const bool atOnce = random_() % 4 == 0;  // the steps before the command is started are short
     if (seen && !atOnce) usleep(moment_.Next());
     const bool running = CommandRuns();
-    const double asked = Seconds();
+    const OwnTime time(clock_, calculator_);
     Stop();
     if (!atOnce) moment_.WasMet(!Ended());
     if (!WaitUntil([this] { return Ended(); })) GiveUp("it was stopped and has not ended");
-    const double took = Seconds() - asked;
+    const double took = time.Seconds();
     const int code = WaitForExit(calculator_);
-    NoteTime(took, running && code == 12);
+    // Only what was stopped while its command ran says how soon a stop is seen.
+    if (took > kSoon || (running && code == 12)) runs_.ends.Take(took);
     ++runs_.all;
     if (!seen) ++runs_.early;
     CheckEnd(code);
@@ -127,15 +124,6 @@ class Lane {
     return !ReadFile("/proc/" + process + "/task/" + process + "/children").empty();
   }
 
-  // Only what was stopped while its command ran (`inTheMiddle`) says how soon a stop is seen.
-  void NoteTime(double seconds, bool inTheMiddle) {
-    Raise(runs_.slowestMs, static_cast<unsigned>(seconds * 1000));
-    const bool late = seconds > kSoon;
-    if (late) ++runs_.late;
-    if (late || inTheMiddle) lateInARow_ = late ? lateInARow_ + 1 : 0;
-    Raise(runs_.inARowLate, lateInARow_);
-  }
-
   // State, code and exit status must be those of one outcome.
   void CheckEnd(int code) {
     const std::string state = ReadAttribute("status"), error = ReadAttribute("error_code");
@@ -181,13 +169,13 @@ class Lane {
   }
 
   Runs& runs_;
+  const NapClock& clock_;
   const std::string share_;
   std::mt19937 random_;
   RandomMoment moment_{20000, 500000};
   PlatformHook<decltype(PLATCProcForkChildNoWait)> fork_{"PLATCProcForkChildNoWait"};
   pid_t calculator_ = -1;
   std::string task_;
-  unsigned lateInARow_ = 0;
 };
 
 // Names that end as those of temporary files do, anywhere below the roots.
@@ -239,7 +227,7 @@ class StopCalculation : public ShareTest {
       lanes.push_back(fork());
       if (lanes.back() != 0) continue;
       try {
-        Lane lane(*runs_, number, static_cast<unsigned>(number) + 1);
+        Lane lane(*runs_, clock_, number, static_cast<unsigned>(number) + 1);
         for (unsigned run = 0; run < most / kLanes && (run < kAtLeast / kLanes || budget.IsLeft());
              ++run)
           lane.Run();
@@ -261,8 +249,6 @@ class StopCalculation : public ShareTest {
     Figure("signals", runs_->signals);
     Figure("stopped", runs_->stopped);
     Figure("done before", runs_->done);
-    Figure("later than a second", runs_->late);
-    Figure("slowest, ms", runs_->slowestMs);
     Figure("wrong ends", runs_->wrongEnd);
     Figure("left something", runs_->left);
     EXPECT_EQ(0u, runs_->wrongEnd);
@@ -270,12 +256,12 @@ class StopCalculation : public ShareTest {
     EXPECT_EQ(0u, runs_->left);
     EXPECT_LT(0u, runs_->stopped);
     EXPECT_LE(kAtLeast, runs_->all);
-    // One may be late because the machine is busy with others, not every one.
-    EXPECT_LT(runs_->inARowLate, 10u);
+    runs_->ends.Judge();
   }
 
   BtrfsVolume volume_{"/volume1"};
   const SharedMemory<Runs> runs_;
+  const NapClock clock_;
 };
 
 // Each line costs the calculation some writing: it is in the middle of its run for a while.
@@ -310,6 +296,31 @@ TEST_F(StopCalculation, OfAnEngineThatWaits) {
 // ---- The engine and its reader ------------------------------------------------------------------
 
 constexpr double kAtOnce = 0.2;
+constexpr unsigned kReaders = 20;  // that leave in each case, however short the time
+
+// Takes readers away from engines, and judges how long the fronts were there still.
+class Departures {
+ public:
+  // False: the front had ended by itself, which says nothing of that.
+  bool Take(EngineProcess& engine) {
+    const bool ended = engine.FrontEndsWithin(0);
+    const OwnTime time(clock_, engine.Front());
+    engine.LeaveAsReader();
+    if (!engine.FrontEndsWithin()) throw std::runtime_error("the front does not end");
+    if (ended) return false;
+    ends_.Take(time.Seconds());
+    ++count_;
+    return true;
+  }
+
+  unsigned Count() const { return count_; }
+  void Judge() const { ends_.Judge(); }
+
+ private:
+  const NapClock clock_;
+  Lateness ends_{kAtOnce};
+  unsigned count_ = 0;
+};
 
 class StopReading : public testing::Test {
  protected:
@@ -328,79 +339,58 @@ class StopReading : public testing::Test {
     return std::make_unique<EngineProcess>(args);
   }
 
-  // Takes the engine's reader away and notes how long the front was there still.
-  void LeaveAndTime(EngineProcess& engine) {
-    const double left = Seconds();
-    engine.LeaveAsReader();
-    ASSERT_TRUE(engine.FrontEndsWithin());
-    const double took = Seconds() - left;
-    shortest_ = std::min(shortest_, took);
-    slowest_ = std::max(slowest_, took);
-    ++count_;
-    // What the worker does in the kernel's hands is no reason to keep others waiting.
+  // What the worker does in the kernel's hands is no reason to keep others waiting.
+  bool Leave(EngineProcess& engine) {
+    const bool timed = departures_.Take(engine);
     EXPECT_EQ(0, SomebodyInRow(row_));
-  }
-
-  void Say() const {
-    Figure("readers gone", count_);
-    Figure("shortest, ms", static_cast<unsigned>(shortest_ * 1000));
-    Figure("slowest, ms", static_cast<unsigned>(slowest_ * 1000));
-    EXPECT_LT(0u, count_);
-    EXPECT_LT(shortest_, kAtOnce);
+    return timed;
   }
 
   BtrfsVolume volume_{"/volume1"};
   std::vector<std::string> paths_;
   std::string row_;
-  double shortest_ = 60, slowest_ = 0;
-  unsigned count_ = 0;
+  Departures departures_;
 };
 
 TEST_F(StopReading, AtRandomMoments) {
   const Budget budget(0.06);
   RandomMoment moment;
-  for (int n = 0; n < 20 || budget.IsLeft(); ++n) {
+  for (int n = 0; departures_.Count() < kReaders || budget.IsLeft(); ++n) {
+    ASSERT_LT(n, 100000) << "every run ended before its reader left";
     const auto engine = Engine();
-    const bool met = !engine->FrontEndsWithin(0);
     usleep(moment.Next());
-    moment.WasMet(met && !engine->FrontEndsWithin(0));
-    ASSERT_NO_FATAL_FAILURE(LeaveAndTime(*engine));
+    moment.WasMet(Leave(*engine));
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
   }
-  Say();
+  departures_.Judge();
 }
 
 // It prints no progress, and so does not come upon the reader's end by writing.
 TEST_F(StopReading, WhileTheWorkerIsStopped) {
   const Budget budget(0.06);
-  for (int n = 0; count_ < 5 || budget.IsLeft(); ++n) {
+  for (int n = 0; departures_.Count() < kReaders || budget.IsLeft(); ++n) {
     ASSERT_LT(n, 100000) << "every run ended before it could be stopped";
     const auto engine = Engine("-vm");
     if (!engine->StopWorker(static_cast<useconds_t>(n % 20) * 500)) continue;
-    ASSERT_NO_FATAL_FAILURE(LeaveAndTime(*engine));
+    (void)Leave(*engine);
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
   }
-  Say();
+  departures_.Judge();
 }
 
 TEST_F(StopReading, WhileItWaitsForItsTurn) {
   const Budget budget(0.06);
   HeldRow held(row_);
-  while (count_ < 5 || budget.IsLeft()) {
+  while (departures_.Count() < kReaders || budget.IsLeft()) {
     const auto engine = Engine();
     char byte = 0;
     ASSERT_EQ(1, read(engine->Out().Get(), &byte, 1));  // progress: it waits
-    const double left = Seconds();
-    engine->LeaveAsReader();
-    ASSERT_TRUE(engine->FrontEndsWithin());
-    shortest_ = std::min(shortest_, Seconds() - left);
-    slowest_ = std::max(slowest_, Seconds() - left);
-    ++count_;
+    (void)departures_.Take(*engine);
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); }));
   }
   held.Release();
   EXPECT_EQ(0, SomebodyInRow(row_));
-  Say();
+  departures_.Judge();
 }
 
 // There is nothing to commit then, and reading goes on; what would write waits for the thaw.
@@ -411,14 +401,15 @@ TEST_F(StopReading, WhileTheFileSystemIsFrozen) {
   {
     WriteFile(volume_.Path("dirty"), "x");
     const Freeze freeze(volume_.MountPoint());
-    for (int n = 0; count_ < 5 || (count_ < 500 && budget.IsLeft()); ++n) {
+    for (int n = 0;
+         departures_.Count() < kReaders || (departures_.Count() < 500 && budget.IsLeft()); ++n) {
       ASSERT_LT(n, 100000) << "every run ended before it could be stopped";
       auto engine = Engine();
       const bool met = engine->StopWorker(moment.Next());
       moment.WasMet(met);
       if (!met) continue;
       engine->ContinueWorker();
-      ASSERT_NO_FATAL_FAILURE(LeaveAndTime(*engine));
+      (void)Leave(*engine);
       engines.push_back(std::move(engine));
     }
   }
@@ -426,14 +417,13 @@ TEST_F(StopReading, WhileTheFileSystemIsFrozen) {
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); })) << "after the thaw";
   volume_.Unmount();  // nobody holds it any more
   volume_.Mount();
-  Say();
+  departures_.Judge();
 }
 
 // Every read of the device hangs, and the kernel does not let the worker go.
 TEST(StopReadingADeadDisk, EndsTheFront) {
   const Budget budget(0.06);
-  double shortest = 60, slowest = 0;
-  unsigned count = 0;
+  Departures departures;
   const std::string image = "/tmp/dead.img";
   MustRun({"truncate", "-s", "256M", image});
   MustRun({"mkfs.btrfs", "-q", image});
@@ -448,19 +438,14 @@ TEST(StopReadingADeadDisk, EndsTheFront) {
   std::vector<std::unique_ptr<EngineProcess>> engines;
   const size_t dead =
       disk.Add({.begin = 0, .size = 256u << 20, .kind = DiskFault::kDelay, .detail = 600000});
-  for (int n = 0; n < 3 || (n < 10 && budget.IsLeft()); ++n) {
+  for (unsigned n = 0; n < kReaders / 2 || (n < kReaders && budget.IsLeft()); ++n) {
     const unsigned reads = disk.Hits(dead);
     engines.push_back(
         std::make_unique<EngineProcess>(std::vector<std::string>{"-vpm", "/volume2/share"}));
     ASSERT_TRUE(WaitUntil([&] { return disk.Hits(dead) > reads || n > 0; }));
     (void)engines.back()->StopWorker(50000);
     engines.back()->ContinueWorker();
-    const double left = Seconds();
-    engines.back()->LeaveAsReader();
-    ASSERT_TRUE(engines.back()->FrontEndsWithin());
-    shortest = std::min(shortest, Seconds() - left);
-    slowest = std::max(slowest, Seconds() - left);
-    ++count;
+    (void)departures.Take(*engines.back());
     EXPECT_EQ(0, SomebodyInRow(row));
   }
   disk.Clear();
@@ -468,10 +453,7 @@ TEST(StopReadingADeadDisk, EndsTheFront) {
     EXPECT_TRUE(WaitUntil([&] { return engine->WorkerEnded(); })) << "once the disk answers";
   MustRun({"umount", "/volume2"});
   MustRun({"losetup", "-d", loop});
-  Figure("readers gone", count);
-  Figure("shortest, ms", static_cast<unsigned>(shortest * 1000));
-  Figure("slowest, ms", static_cast<unsigned>(slowest * 1000));
-  EXPECT_LT(shortest, kAtOnce);
+  departures.Judge();
 }
 
 }  // namespace
