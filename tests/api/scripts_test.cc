@@ -23,8 +23,8 @@ void ExpectOneLine(const CommandResult& run, const std::string& words) {
 
 // Each script, run through `prefix`.
 void ExpectOfEachScript(std::vector<std::string> prefix, const std::string& words) {
-  for (const char* script :
-       {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh"}) {
+  for (const char* script : {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh",
+                             "torture.sh", "everything.sh"}) {
     SCOPED_TRACE(script);
     std::vector<std::string> argv = prefix;
     argv.push_back("bash");
@@ -38,8 +38,8 @@ void ExpectOfEachScript(std::vector<std::string> prefix, const std::string& word
 TEST(Scripts, SayThatTheyNeedRoot) {
   // A copy, since another user may not enter the checkout.
   std::filesystem::copy(kScripts, "/tmp/scripts");
-  for (const char* script :
-       {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh", "torture.sh", "package.sh"})
+  for (const char* script : {"test.sh", "demo.sh", "bench.sh", "fuzz.sh", "generated.sh",
+                             "torture.sh", "package.sh", "everything.sh"})
     ExpectOneLine(ZorvTest::Run({"setpriv", "--reuid=65534", "--clear-groups", "bash",
                                  std::string("/tmp/scripts/") + script}),
                   "needs root");
@@ -71,6 +71,7 @@ TEST(Scripts, RefuseArgumentsTheyDoNotKnow) {
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "fuzz.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "coverage.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "package.sh", "--fast"}), "--help");
+  ExpectOneLine(ZorvTest::Run({"bash", kScripts + "everything.sh", "--fast"}), "--help");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "fuzz.sh", "nonesuch"}), "no such target");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "torture.sh", "nonesuch"}), "no such harness");
   ExpectOneLine(ZorvTest::Run({"bash", kScripts + "bench.sh", "--only", "a,z"}), "no such part: z");

@@ -148,7 +148,11 @@ class CommandThatHangs : public CmdRunFailures {
     EXPECT_EQ(0, kill(program.Pid(), SIGTERM));
     const CommandResult result = program.Wait();
     const pid_t command = atoi(ReadFile(kHanging).c_str());
-    EXPECT_TRUE(WaitUntil([&] { return kill(command, 0) != 0; })) << "nothing is left";
+    const auto isGone = [command] {
+      (void)waitpid(command, nullptr, WNOHANG);  // where it has come to this process
+      return kill(command, 0) != 0;
+    };
+    EXPECT_TRUE(WaitUntil(isGone)) << "nothing is left";
     std::filesystem::remove(kHanging);
     return result;
   }
