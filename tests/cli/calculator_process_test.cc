@@ -9,6 +9,7 @@
 
 #include "tests/cli/cli_world.h"
 #include "tests/cli/stranger.h"
+#include "tests/support/sanitizer.h"
 #include "tests/support/syscall_stepper.h"
 
 using namespace ZorvTest;
@@ -144,6 +145,7 @@ TEST_F(CalculatorProcess, OneThatCannotBeHeldIsNotGone) {
 }
 
 TEST_F(CalculatorProcess, OneThatProcDoesNotShowIsNotGone) {
+  WORKS_WITHOUT_PROC();
   WaitingEngine();
   MustRun(Argv({"start", "photos"}));
   ASSERT_TRUE(EngineWaits());
