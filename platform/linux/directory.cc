@@ -1,5 +1,7 @@
 #include "platform/linux/directory.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -18,6 +20,14 @@ bool ReadDir(DIR* dir, std::vector<DirEntry>* entries) {
   std::sort(entries->begin(), entries->end(),
             [](const DirEntry& a, const DirEntry& b) { return a.name < b.name; });
   return true;
+}
+
+bool ReadDir(const UniqueFd& directory, std::vector<DirEntry>* entries) {
+  UniqueFd fd(openat(directory.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Dir dir(fd.Valid() ? fdopendir(fd.Get()) : nullptr);
+  if (dir == nullptr) return false;
+  (void)fd.Release();
+  return ReadDir(dir.get(), entries);
 }
 
 }  // namespace ZorvPlatform

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
+
 namespace ZorvPlatform {
 
 struct DirCloser {
@@ -23,6 +25,9 @@ struct DirEntry {
 // Entries of an open directory but "." and "..", sorted by the bytes of their names.
 // False: it could not be read to its end, errno says why; `entries` is then unspecified.
 bool ReadDir(DIR* dir, std::vector<DirEntry>* entries);
+
+// The same of a directory that is open only to be looked into, whatever was read from it before.
+bool ReadDir(const UniqueFd& directory, std::vector<DirEntry>* entries);
 
 }  // namespace ZorvPlatform
 

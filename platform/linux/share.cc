@@ -65,12 +65,8 @@ bool AddSharesOf(const Volume& volume, std::set<std::string>* names) {
     errno = volume.error;
     return false;
   }
-  UniqueFd fd(openat(volume.root.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const Dir dir(fd.Valid() ? fdopendir(fd.Get()) : nullptr);
-  if (dir == nullptr) return false;
-  (void)fd.Release();
   std::vector<DirEntry> entries;
-  if (!ReadDir(dir.get(), &entries)) return false;
+  if (!ReadDir(volume.root, &entries)) return false;
 
   for (const DirEntry& entry : entries) {
     if (!ValidName(entry.name)) continue;

@@ -69,12 +69,8 @@ bool SnapView::Open(const std::string& share, std::string* why) {
 }
 
 bool SnapView::RemoveOthers(const std::map<std::string, std::string>& links) {
-  UniqueFd fd(openat(directory_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const Dir dir(fd.Valid() ? fdopendir(fd.Get()) : nullptr);
-  if (dir == nullptr) return false;
-  (void)fd.Release();
   std::vector<DirEntry> entries;
-  if (!ReadDir(dir.get(), &entries)) return false;
+  if (!ReadDir(directory_, &entries)) return false;
   for (const DirEntry& entry : entries) {
     if (links.count(entry.name) != 0) continue;
     if (unlinkat(directory_.Get(), entry.name.c_str(), 0) != 0 && errno != ENOENT) return false;
