@@ -18,6 +18,15 @@ struct FileExtent {
   uint64_t bytes = 0;  // of the whole extent, on disk
 };
 
+// Whether data can lie there: from one sector to another, of which the smallest have 4096 bytes,
+// and within a block group, which has 10 GiB of data at most.
+inline bool CanBeExtent(uint64_t bytenr, uint64_t bytes) {
+  constexpr uint64_t kLeastSector = 4096;
+  constexpr uint64_t kMostBytes = uint64_t{10} << 30;
+  return bytenr % kLeastSector == 0 && bytes % kLeastSector == 0 && bytes > 0 &&
+         bytes <= kMostBytes;
+}
+
 // What a file extent item refers to; nothing for inline data and holes.  Sets `wrong` to what is
 // wrong with the item, if anything is.
 inline std::optional<FileExtent> FileExtentOf(const Key& key, ByteView data, const char** wrong) {
@@ -30,7 +39,10 @@ inline std::optional<FileExtent> FileExtentOf(const Key& key, ByteView data, con
     return std::nullopt;
   }
   if (place->diskBytenr.Get() == 0) return std::nullopt;
-  return FileExtent{key.objectid, place->diskBytenr.Get(), place->diskBytes.Get()};
+  const FileExtent extent{key.objectid, place->diskBytenr.Get(), place->diskBytes.Get()};
+  if (CanBeExtent(extent.bytenr, extent.bytes)) return extent;
+  *wrong = "is a damaged file extent";
+  return std::nullopt;
 }
 
 // Gives the data extent of each file extent item to `visit`.

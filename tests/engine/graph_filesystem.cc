@@ -92,6 +92,7 @@ Bytes SubvolumeBlock(const GraphBlock& block, const std::map<uint64_t, GraphBloc
       head.type.Set(file.offset % 8192 == 0 ? kFileExtentRegular : kFileExtentPreallocated);
       FileExtentPlace place{};
       place.diskBytenr.Set(file.extent);
+      place.diskBytes.Set(4096);
       Bytes bytes = BytesOf(head);
       AppendTo(&bytes, BytesOf(place));
       items.push_back({{block.inode, kFileExtentType, file.offset}, bytes});

@@ -77,6 +77,7 @@ class MiniFilesystem : public ZorvEngine::StateSource {
     head.type.Set(type);
     ZorvEngine::FileExtentPlace place{};
     place.diskBytenr.Set(bytenr);
+    place.diskBytes.Set(4096);
     Bytes bytes = BytesOf(head);
     AppendTo(&bytes, BytesOf(place));
     return {{inode, ZorvEngine::kFileExtentType, at}, bytes};
