@@ -12,10 +12,12 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 #include <stdexcept>
 
+#include "engine/ondisk/tree_block.h"
 #include "tests/engine/blocks.h"
 #include "tests/engine/history.h"
 #include "tests/support/platform_hook.h"
@@ -340,7 +342,7 @@ TEST(HurtingDisk, EachKindOfBlockInEachWay) {
   constexpr size_t kFaults = 7;
   const size_t steps = std::size(kKinds) * kFaults;
   size_t done = 0;
-  OnEachLayout(0.25, [&](HurtingDisk& disk, const Budget& budget) {
+  OnEachLayout(0.15, [&](HurtingDisk& disk, const Budget& budget) {
     for (const size_t step : SpreadOrder(steps)) {
       const size_t way = step % kFaults;
       // An error in each kind of block there is in any case.
@@ -356,11 +358,208 @@ TEST(HurtingDisk, EachKindOfBlockInEachWay) {
   tally.Leave();
 }
 
+// ---- Questions about files ----------------------------------------------------------------------
+
+// The questions which files are behind a number, and who holds the data of a file and of a folder.
+std::vector<std::vector<std::string>> Questions(const HurtingVolume& volume) {
+  const std::string id = std::to_string(SubvolumeID(std::string(kMount) + "/written"));
+  std::vector<std::vector<std::string>> questions;
+  for (const char* method : {"--method=scan", "--method=walk"}) {
+    questions.push_back({"-vm", method, "--files", "1000", "--depth", "9", "-r", kMount, id});
+    for (const char* path : {"65", "."}) {
+      questions.push_back({"-vm", method, "--holders", path, "-r", kMount});
+      for (const auto& [subvolume, bytes] : volume.Kernel())
+        questions.back().push_back(std::to_string(subvolume));
+    }
+  }
+  return questions;
+}
+
+// What is said of files and of subvolumes, without how far the run has come.
+std::string AnswerOf(const EngineRun& run) {
+  std::string answer;
+  for (const std::string& line : run.lines)
+    if (line.rfind("processed ", 0) != 0 && line.rfind("exclusive ", 0) != 0) answer += line + "\n";
+  return answer;
+}
+
+// Whether an error says where the damage is: a block, an item of one, or an inode.
+bool NamesDamage(const std::string& text) {
+  return (text.find("tree block ") != std::string::npos ||
+          text.find("inode ") != std::string::npos) &&
+         text.find("run btrfs ") != std::string::npos;
+}
+
+// Asks on blocks of which some are hurt: the answer is that of the sound file system, or the error
+// says where. Returns whether it was the answer.
+bool AskHurt(const std::vector<std::string>& question, const std::string& right,
+             const Wounds& wounds, Tally* tally) {
+  const EngineRun run = RunEngine(question);
+  SCOPED_TRACE(wounds.Text() + run.err);
+  ++tally->runs;
+  if (run.status == 0) {
+    ++tally->exact;
+    if (AnswerOf(run) != right) ++tally->wrong;
+    EXPECT_EQ(right, AnswerOf(run));
+    return true;
+  }
+  EXPECT_EQ(1, run.status);
+  EXPECT_TRUE(run.sizes.empty()) << "a number beside an error";
+  EXPECT_EQ(0u, run.err.rfind("ERROR: ", 0));
+  EXPECT_TRUE(NamesDamage(run.err)) << "nothing is named";
+  ++tally->named;
+  return false;
+}
+
+// Blocks that are hurt in each way, under each question.
+TEST(HurtingDisk, QuestionsAboutFilesMeetEachKindOfBlock) {
+  const Budget budget(0.1);
+  HurtingDisk disk(kLayouts[0]);
+  const std::vector<std::vector<std::string>> questions = Questions(disk.volume);
+  std::vector<std::string> right;
+  for (const auto& question : questions) {
+    right.push_back(AnswerOf(RunEngine(question)));
+    ASSERT_NE("", right.back());
+  }
+  Tally tally;
+  unsigned met = 0;
+  for (size_t step = 0; budget.IsLeft() || met < 20; ++step) {
+    ASSERT_LT(step, 100000u);
+    const LiveBlock& block = disk.RandomBlock(kKinds[step % std::size(kKinds)]);
+    const std::vector<DiskFault> faults = LastingFaults(disk.volume, block, disk.random);
+    Wounds wounds(disk.volume);
+    wounds.Add(block, block.copies[0], faults[disk.random() % faults.size()]);
+    const size_t number = disk.random() % questions.size();
+    const bool answered = AskHurt(questions[number], right[number], wounds, &tally);
+    EXPECT_TRUE(!answered || !wounds.Met()) << "a block that is hurt was believed";
+    met += wounds.Met();
+    disk.volume.ClearFaults();
+    if (testing::Test::HasFailure()) break;
+  }
+  Figure("runs that met one", met);
+  tally.Leave();
+}
+
+// Items of a leaf that are spoilt before the checksum was made, as by a bad memory.
+struct SpoiltItem {
+  const char* name;
+  uint8_t type;
+  const char* question;  // that comes to such items
+  void (*spoil)(uint8_t* data, size_t size);
+};
+
+void SetTo(uint8_t* data, size_t size, size_t at, std::vector<uint8_t> bytes) {
+  for (size_t i = 0; i < bytes.size() && at + i < size; ++i) data[at + i] = bytes[i];
+}
+
+constexpr uint8_t kInodeRef = 12, kDirItem = 84, kDirIndex = 96, kExtentData = 108;
+
+// Each makes no sense, whatever else the file system holds.
+const SpoiltItem kSpoiltItems[] = {
+    {"name without a length", kInodeRef, "--files",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 8, {0, 0});
+     }},
+    {"name beyond its item", kInodeRef, "--files",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 8, {200, 0});
+     }},
+    {"name with a slash", kInodeRef, "--files",
+     [](uint8_t* d, size_t n) { SetTo(d, n, 10, {'/'}); }},
+    {"entry beyond its item", kDirItem, "65",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 27, {255, 0});
+     }},
+    {"entry with data beyond", kDirItem, "65",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 25, {255, 255});
+     }},
+    {"entry with a NUL", kDirItem, "65", [](uint8_t* d, size_t n) { SetTo(d, n, 30, {0}); }},
+    {"entry of an inode that is none", kDirItem, "65",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 0, {1, 2, 3, 4, 5, 6, 7});
+     }},
+    {"index beyond its item", kDirIndex, ".",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 27, {255, 0});
+     }},
+    {"index of an inode that is none", kDirIndex, ".",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 0, {1, 2, 3, 4, 5, 6, 7});
+     }},
+    {"extent of an unknown kind", kExtentData, ".",
+     [](uint8_t* d, size_t n) { SetTo(d, n, 20, {9}); }},
+    {"extent at no sector", kExtentData, ".", [](uint8_t* d, size_t n) { SetTo(d, n, 21, {1}); }},
+    {"extent of no bytes", kExtentData, ".",
+     [](uint8_t* d, size_t n) {
+       SetTo(d, n, 29, {0, 0, 0, 0, 0, 0, 0, 0});
+     }},
+    {"extent of half a sector", kExtentData, ".",
+     [](uint8_t* d, size_t n) { SetTo(d, n, 29, {1}); }},
+    {"extent of exabytes", kExtentData, ".", [](uint8_t* d, size_t n) { SetTo(d, n, 36, {0x40}); }},
+};
+
+// Entries are looked up by their name.
+bool IsAskedFor(const SpoiltItem& way, ZorvEngine::ByteView data) {
+  const std::string name(reinterpret_cast<const char*>(data.Data()), data.Size());
+  return way.type != kDirItem || name.substr(std::min<size_t>(30, name.size())) == way.question;
+}
+
+// The block with one item spoilt, sealed; nothing when it has none that can be.
+std::optional<std::vector<uint8_t>> Spoilt(std::vector<uint8_t> block, const SpoiltItem& way,
+                                           std::mt19937& random) {
+  std::optional<ZorvEngine::TreeBlockView> leaf;
+  if (ZorvEngine::TreeBlockView::Parse(View(block), &leaf) != nullptr || !leaf->IsLeaf())
+    return std::nullopt;
+  std::vector<uint32_t> slots;
+  for (uint32_t slot = 0; slot < leaf->Count(); ++slot)
+    if (leaf->KeyAt(slot).type == way.type && IsAskedFor(way, leaf->DataAt(slot)))
+      slots.push_back(slot);
+  if (slots.empty()) return std::nullopt;
+  const ZorvEngine::ByteView data = leaf->DataAt(slots[random() % slots.size()]);
+  // Inline data has no place on the disk that could be wrong.
+  if (way.type == kExtentData && (data.Size() < 53 || data.Data()[20] == 0)) return std::nullopt;
+  way.spoil(block.data() + (data.Data() - block.data()), data.Size());
+  Seal(&block);
+  return block;
+}
+
+// The same where the checksum is right: what is not used harms nobody.
+TEST(HurtingDisk, QuestionsAboutFilesMeetSpoiltItems) {
+  const Budget budget(0.1);
+  HurtingDisk disk(kLayouts[0]);
+  const std::vector<std::vector<std::string>> questions = Questions(disk.volume);
+  std::vector<std::string> right;
+  for (const auto& question : questions) right.push_back(AnswerOf(RunEngine(question)));
+  Tally tally;
+  std::map<std::string, unsigned> said;
+  const auto eachWasSaid = [&] { return said.size() == std::size(kSpoiltItems); };
+  for (size_t step = 0; budget.IsLeft() || !eachWasSaid(); ++step) {
+    ASSERT_LT(step, 20000u);
+    const SpoiltItem& way = kSpoiltItems[step % std::size(kSpoiltItems)];
+    if (!budget.IsLeft() && said.count(way.name) != 0) continue;
+    const LiveBlock& block = disk.RandomBlock(Kind::kSubvolumeLeaf);
+    const auto spoilt = Spoilt(disk.volume.ContentOf(block.copies[0]), way, disk.random);
+    if (!spoilt) continue;
+    SCOPED_TRACE(way.name);
+    Wounds wounds(disk.volume);
+    wounds.Add(block, block.copies[0], {0, 0, DiskFault::kOther, 0, *spoilt});
+    size_t number = disk.random() % questions.size();
+    while (std::ranges::count(questions[number], way.question) == 0)
+      number = (number + 1) % questions.size();
+    if (!AskHurt(questions[number], right[number], wounds, &tally)) ++said[way.name];
+    disk.volume.ClearFaults();
+    if (testing::Test::HasFailure()) break;
+  }
+  Figure("ways that were said", said.size());
+  tally.Leave();
+}
+
 // Bits of any block, one or a few at a time.
 TEST(HurtingDisk, RandomBitsAreFound) {
   Tally tally;
   unsigned flips = 0, met = 0;
-  OnEachLayout(0.2, [&](HurtingDisk& disk, const Budget& budget) {
+  OnEachLayout(0.1, [&](HurtingDisk& disk, const Budget& budget) {
     unsigned metHere = 0;
     do {
       Wounds wounds(disk.volume);
