@@ -507,7 +507,9 @@ void KillAnywhere::Try(const Road& road, const Way& way) {
     CalculateAgain(way);
   }
   for (const std::string& path : left) removed_ += fs::exists(path) ? 0 : 1;
-  EXPECT_EQ(std::vector<std::string>{}, Leftovers());
+  // A table goes with the next one, which not every way of bringing a share back writes.
+  EXPECT_EQ(std::vector<std::string>{},
+            way.cleanup == Cleanup::kNextRun ? Leftovers() : TemporaryFiles());
   EXPECT_EQ(neighbour, TaskOf(kNeighbour));
   machine.ExpectSame(Machine(volume_->Image()));
 }
