@@ -1275,6 +1275,12 @@ MUTATIONS = [
              "  RequireSafeDirectory(DirectoryOf(share));\n  RequirePlainFilesIn(DirectoryOf(share));\n",
              "  RequireSafeDirectory(DirectoryOf(share));\n",
              "Permissions.WhateverIsPlantedInTheCache"),
+    # ---- Files behind a number, on blocks that are spoilt ------------------------------------------
+    Mutation("any-place-may-be-an-extent", "engine/size/file_extents.h",
+             "  if (CanBeExtent(extent.bytenr, extent.bytes)) return extent;\n",
+             "  if (CanBeExtent(extent.bytenr, extent.bytes) || extent.bytenr != 0) return extent;\n",
+             "HurtingDisk.QuestionsAboutFilesMeetSpoiltItems"),
+
     # ---- The cache --------------------------------------------------------------------------------
     Mutation("the-cache-of-somebody-else-is-used", "cli/roots.cc",
              "  RequireSafeDirectory(kCacheRoot);\n", "",
