@@ -13,6 +13,7 @@
 #include "cli/options.h"
 #include "cli/report.h"
 #include "cli/report_table.h"
+#include "cli/result_generation.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -54,6 +55,7 @@ Report RunShare(const Selection& selection, bool quiet) {
   const std::vector<Snapshot> present = SnapshotsOf(share);
   Report report = MakeReport(share, *result, present, asked);
   AddTableOfNow(present, quiet ? Silence::kQuiet : Silence::kSpeak, report);
+  report.generation = GenerationOf(share, *result);
   return report;
 }
 

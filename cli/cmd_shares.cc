@@ -10,8 +10,10 @@
 #include "cli/calculation.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
+#include "cli/file_system.h"
 #include "cli/json_output.h"
 #include "cli/options.h"
+#include "cli/result_generation.h"
 #include "cli/results.h"
 #include "cli/share.h"
 #include "cli/standard_streams.h"
@@ -28,6 +30,8 @@ const Columns kColumns = {{"volume", "VOLUME", Column::Side::kLeft},
                           {"measured", "MEASURED"},
                           {"calculated", "CALCULATED"},
                           {"age", "AGE"},
+                          {"generation", "GENERATION"},
+                          {"generation_now", ""},
                           {"state", "STATE", Column::Side::kLeft},
                           {"activity", ""},
                           {"source", ""},
@@ -39,10 +43,17 @@ const Columns kColumns = {{"volume", "VOLUME", Column::Side::kLeft},
 struct Facts {
   std::optional<ShareOrigin> place;
   std::optional<unsigned long long> snapshots;
+  std::optional<unsigned long long> generationNow;
   std::optional<Result> result;
+  std::optional<unsigned long long> generation;  // of the result
   std::optional<Calculation> latest;
   Activity activity = Activity::kNone;
 };
+
+std::optional<unsigned long long> GenerationNow(const std::optional<ShareOrigin>& place) {
+  const auto state = place ? StateOfFileSystem(place->path) : std::nullopt;
+  return state ? std::optional(state->generation) : std::nullopt;
+}
 
 // One that cannot be looked at is said, and keeps no other from being listed.
 Facts FactsOf(const std::string& share, int& status) {
@@ -50,9 +61,11 @@ Facts FactsOf(const std::string& share, int& status) {
   try {
     RequireShare(share);
     facts.place = FindPlace(share);
+    facts.generationNow = GenerationNow(facts.place);
     facts.snapshots = SnapshotsOf(share).size();
     BeginWorkOn(share);
     facts.result = NewestResult(share);
+    if (facts.result) facts.generation = GenerationOf(share, *facts.result);
     if (const std::optional<std::string> taskID = TaskOf(share))
       facts.latest = ReadCalculation(share, *taskID);
     if (facts.latest) facts.activity = ActivityOf(share, *facts.latest);
@@ -76,6 +89,8 @@ std::vector<Cell> LineOf(const std::string& share, const Facts& facts, time_t no
           Cell::Number(result ? std::optional(result->subvolumeIDs.size()) : std::nullopt),
           Cell::Time(result ? std::optional(result->stored) : std::nullopt),
           Cell::Span(AgeOf(result, now)),
+          Cell::Number(facts.generation),
+          Cell::Number(facts.generationNow),
           StateCell(facts.latest, facts.activity),
           Cell::Text(facts.latest ? WordOf(facts.activity) : ""),
           Cell::Text(place.source),

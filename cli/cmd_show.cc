@@ -12,6 +12,7 @@
 #include "cli/failure.h"
 #include "cli/options.h"
 #include "cli/report_table.h"
+#include "cli/result_generation.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/watch.h"
@@ -91,6 +92,7 @@ int Show(const ShowOptions& options) {
   if (!result) RefuseWithoutResult(share, latest);
   Report report = ReportOf(share, *result);
   AddNewestTable(report);
+  report.generation = GenerationOf(share, *result);
   Print(report, options.format);
   PrintNotes(report, latest);
   RequireComplete(report);

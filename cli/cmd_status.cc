@@ -13,6 +13,8 @@
 #include "cli/interrupt.h"
 #include "cli/json_output.h"
 #include "cli/options.h"
+#include "cli/result_generation.h"
+#include "cli/results.h"
 #include "cli/share_choice.h"
 #include "cli/standard_streams.h"
 #include "cli/state_cell.h"
@@ -33,6 +35,7 @@ const Columns kColumns = {{"state", "STATE", Column::Side::kLeft},
                           {"ended", "ENDED"},
                           {"read", "READ"},
                           {"exclusive", "EXCLUSIVE"},
+                          {"generation", "GENERATION"},
                           {"error_code", ""},
                           {"error", ""},
                           {"command", ""},
@@ -49,6 +52,7 @@ struct Facts {
   std::string taskID;
   Calculation calculation;
   Activity activity = Activity::kNone;
+  std::optional<unsigned long long> generation;  // of its result
 };
 
 void PrintLine(const char* label, const std::string& text) {
@@ -117,6 +121,7 @@ void PrintOne(const std::string& share, const Facts& facts) {
   PrintActivity(share, facts);
   PrintTimes(share, facts.calculation);
   PrintProgress(facts.calculation);
+  if (facts.generation) PrintLine("generation", std::to_string(*facts.generation));
   PrintError(facts.calculation);
 }
 
@@ -132,6 +137,7 @@ std::vector<Cell> LineOf(const std::string& share, const Facts& facts) {
       Cell::Time(calculation.ended),
       Cell::Bytes(calculation.processedBytes),
       Cell::Bytes(calculation.exclusiveBytes),
+      Cell::Number(facts.generation),
       Cell::Number(calculation.errorCode),
       Cell::Text(calculation.errorMessage),
       Cell::Text(calculation.command),
@@ -158,6 +164,8 @@ Facts FactsOf(const std::string& share, bool follow) {
   if (follow && IsUnderWay(share, facts.calculation))
     facts.calculation = FollowToEnd(share, facts.taskID, /*quiet=*/false);
   facts.activity = ActivityOf(share, facts.calculation);
+  if (const std::optional<Result> result = ResultOfTask(share, facts.taskID))
+    facts.generation = GenerationOf(share, *result);
   return facts;
 }
 

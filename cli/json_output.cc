@@ -20,6 +20,10 @@ void SetTime(Json::Value& object, const std::string& key, std::optional<time_t> 
   object[timestamp] = time ? Json::Value(Json::Int64{*time}) : Json::Value();
 }
 
+Json::Value NumberJson(std::optional<unsigned long long> number) {
+  return number ? Json::Value(Json::UInt64{*number}) : Json::Value();
+}
+
 Json::Value NamesJson(const std::vector<std::string>& names) {
   Json::Value array(Json::arrayValue);
   for (const std::string& name : names) array.append(ValidUtf8(name));

@@ -19,6 +19,9 @@ Json::Value NewDocument(int version);
 // the time as a text with its zone, and in seconds since the epoch; both null for none.
 void SetTime(Json::Value& object, const std::string& key, std::optional<time_t> time);
 
+// The number, or null.
+Json::Value NumberJson(std::optional<unsigned long long> number);
+
 // The names as an array of texts.
 Json::Value NamesJson(const std::vector<std::string>& names);
 

@@ -108,6 +108,10 @@ std::string Completeness(const Report& report) {
                      report.missing.size() + report.rows.size());
 }
 
+std::string StateText(const Report& report) {
+  return report.generation ? fmt::format(", generation {}", *report.generation) : "";
+}
+
 // So that the sum is explained: what several hold is in no exclusive number.
 void PrintTotals(const ReportTable& table, Units units) {
   const FreedBytes& all = table.totals.all;
@@ -121,8 +125,9 @@ void PrintTotals(const ReportTable& table, Units units) {
 
 void PrintForPeople(const Report& report, const OutputFormat& format) {
   if (!format.plain)
-    ToStandardOutput(fmt::format("share {}, calculated {}, {}\n\n", Escaped(report.share),
-                                 TimeForPeople(report.calculated), Completeness(report)));
+    ToStandardOutput(fmt::format("share {}, calculated {}{}, {}\n\n", Escaped(report.share),
+                                 TimeForPeople(report.calculated), StateText(report),
+                                 Completeness(report)));
   ToStandardOutput(TableOf(report, format).Text(format));
   if (!format.plain && report.table) PrintTotals(*report.table, format.ShownUnits());
 }
@@ -141,6 +146,7 @@ void AddTo(Json::Value& document, const Report& report, const OutputFormat& form
   document["share"] = ValidUtf8(report.share);
   document["task_id"] = ValidUtf8(report.taskID);
   SetTime(document, "calculated", report.calculated);
+  document["generation"] = NumberJson(report.generation);
   document["complete"] = report.missing.empty();
   document["missing"] = NamesJson(report.missing);
   document["not_measured"] = NamesJson(report.notMeasured);
@@ -233,13 +239,13 @@ void ReportPrinter::Print(const Report& report) {
     PrintForPeople(report, format_);
   }
   (void)fflush(stdout);  // the next one may take long
+  std::vector<std::string> failed = shares;
   printed_.push_back(report);
 }
 
 void ReportPrinter::Finish(const std::vector<std::string>& shares) {
   if (!several_ || !format_.json) return;
   Json::Value document = NewDocument(kJsonVersion);
-  std::vector<std::string> failed = shares;
   document["results"] = Json::Value(Json::arrayValue);
   bool complete = true;
   for (const Report& report : printed_) {

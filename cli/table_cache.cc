@@ -154,12 +154,14 @@ std::optional<KeptTable> FindTable(const std::string& share, const std::string& 
 }
 
 std::optional<KeptTable> NewestTable(const std::string& share,
-                                     const std::optional<std::string>& fileSystemID) {
+                                     const std::optional<std::string>& fileSystemID,
+                                     const std::function<bool(const KeptTable&)>& fits) {
   RequireSafeTables(share);
   std::optional<KeptTable> newest;
   for (const std::string& name : NamesOf(share, /*unfinished=*/false)) {
     std::optional<KeptTable> kept = ReadTable(share, name);
     if (!kept || (fileSystemID && kept->fileSystemID != *fileSystemID)) continue;
+    if (fits && !fits(*kept)) continue;
     const bool newer = !newest || (kept->fileSystemID == newest->fileSystemID
                                        ? kept->table.generation > newest->table.generation
                                        : kept->taken > newest->taken);

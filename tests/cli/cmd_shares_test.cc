@@ -25,9 +25,10 @@ TEST_F(CmdShares, ListsAllWithWhatIsKnown) {
   const std::string text = MustRun(Argv({"shares"}));
   EXPECT_THAT(
       text,
-      ContainsRegex("^VOLUME    SNAPSHOTS  MEASURED           CALCULATED  AGE  STATE  SHARE\n"
-                    "/volume1          0         -                    -    -  -      mail\n"
-                    "/volume1          3         3  ....-..-.. ..:..:..  . s  done   photos\n$"));
+      ContainsRegex(
+          "^VOLUME    SNAPSHOTS  MEASURED           CALCULATED  AGE  GENERATION  STATE  SHARE\n"
+          "/volume1          0         -                    -    -           -  -      mail\n"
+          "/volume1          3         3  ....-..-.. ..:..:..  . s           -  done   photos\n$"));
 }
 
 TEST_F(CmdShares, JsonHasPlaceSourceAndState) {

@@ -210,4 +210,70 @@ TEST_F(CmdRunTable, SavesThePlanItsReading) {
   EXPECT_EQ(5u, Planned({"--delete", "%"})["steps"].size()) << "the table of the run";
 }
 
+// A result does not say which state it is of; a table of the same numbers does.
+class ResultGeneration : public ReportTable {
+ protected:
+  ResultGeneration() {
+    RealEngine();
+    WriteRandom(volume_->Path("photos/file"), 500000, 1);
+    volume_->Snapshot("photos", "photos/.snapshots/" + Day(6));
+    MustRun({"sync", "-f", "/volume1"});
+  }
+
+  // The rows of shares and status.
+  static Json::Value Row(const std::string& command) {
+    return ParseJson(MustRun(Argv({command, "--format", "json"})))["shares"][0];
+  }
+
+  void Replace(unsigned seed) {
+    WriteRandom(volume_->Path("photos/file"), 500000, seed);
+    MustRun({"sync", "-f", "/volume1"});
+  }
+};
+
+TEST_F(ResultGeneration, IsThatOfATableWithItsNumbers) {
+  const std::string run = MustRun(Argv({"run", "photos", "--quiet"}));
+  const Json::Value shown = Shown();
+  const std::string generation = shown["table"]["generation"].asString();
+  EXPECT_EQ(generation, shown["generation"].asString());
+  EXPECT_THAT(run, ContainsRegex("^share photos, calculated ....-..-.. ..:..:.., generation " +
+                                 generation + ", complete\n"));
+  EXPECT_EQ(generation, Row("shares")["generation"].asString());
+  EXPECT_GE(Row("shares")["generation_now"].asUInt64(), shown["generation"].asUInt64());
+  EXPECT_EQ(generation, Row("status")["generation"].asString());
+  EXPECT_THAT(MustRun(Argv({"status", "photos"})),
+              HasSubstr("\ngeneration:      " + generation + "\n"));
+}
+
+TEST_F(ResultGeneration, OutlivesLaterTables) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  const Json::Value before = Shown();
+  Replace(2);
+  MustRun(Argv({"plan", "photos", "--keep-last", "1"}));
+  const Json::Value shown = Shown();
+  EXPECT_GT(shown["table"]["generation"].asUInt64(), before["generation"].asUInt64());
+  EXPECT_EQ(before["generation"], shown["generation"]) << "of the file that is gone since";
+  EXPECT_GT(Row("shares")["generation_now"].asUInt64(), before["generation"].asUInt64());
+}
+
+TEST_F(ResultGeneration, IsUnknownWhereNoTableHasItsNumbers) {
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(Settled());
+  EXPECT_TRUE(Shown()["generation"].isNull()) << "there is no table";
+  Replace(2);
+  MustRun(Argv({"plan", "photos", "--keep-last", "1"}));
+  EXPECT_FALSE(Shown()["table"].isNull());
+  EXPECT_TRUE(Shown()["generation"].isNull()) << "of other numbers";
+  EXPECT_TRUE(Row("shares")["generation"].isNull());
+  EXPECT_TRUE(Row("status")["generation"].isNull());
+  EXPECT_THAT(MustRun(Argv({"status", "photos"})), Not(HasSubstr("generation")));
+}
+
+TEST_F(ResultGeneration, TableInSomebodyElsesHandsSaysNothing) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  MustRun({"chown", "4711", kCacheOfPhotos});
+  EXPECT_TRUE(Row("shares")["generation"].isNull());
+  EXPECT_TRUE(Row("status")["generation"].isNull());
+}
+
 }  // namespace

@@ -103,8 +103,10 @@ TEST_F(SeveralShares, StartBeginsEachAndWaitWaitsForAll) {
 TEST_F(SeveralShares, StatusOfAllIsATable) {
   MustRun(Argv({"run", "--all", "--quiet"}));
   const std::string text = MustRun(Argv({"status"}));
-  EXPECT_THAT(text, ContainsRegex("^STATE +STARTED +ENDED +READ +EXCLUSIVE  SHARE\ndone .*  mail\n"
-                                  "done .*  4.00 KiB   2.00 KiB  photos\n$"));
+  EXPECT_THAT(
+      text,
+      ContainsRegex("^STATE +STARTED +ENDED +READ +EXCLUSIVE  GENERATION  SHARE\ndone .*  mail\n"
+                    "done .*  4.00 KiB   2.00 KiB           -  photos\n$"));
   const Json::Value document = ParseJson(MustRun(Argv({"status", "--format", "json"})));
   EXPECT_TRUE(document["complete"].asBool());
   EXPECT_TRUE(document["timestamp"].isIntegral());
