@@ -59,17 +59,43 @@ Report RunShare(const Selection& selection, bool quiet) {
   return report;
 }
 
+// The state that a calculation without a result has ended in, as far as the failure says it.
+const char* StateAfter(const Failure& failure) {
+  if (failure.Status() == kCalculationStopped) return "stop";
+  return failure.Status() == kCalculationFailed ? "fail" : "";
+}
+
+// As RunShare, and `end` says what has become of it.
+Report RunShareTo(ShareEnd& end, const RunOptions& options) {
+  try {
+    const Report report = RunShare(SelectionOf(end.share, options.selection), options.quiet);
+    end.state = "done";
+    return report;
+  } catch (const Failure& failure) {
+    end.state = StateAfter(failure);
+    throw;
+  }
+}
+
 int Run(const RunOptions& options) {
   const Interrupt interrupt;
   const std::vector<std::string> shares = SharesToCalculate(options.shares, options.selection);
+  std::vector<ShareEnd> ends;
+  for (const std::string& share : shares) ends.push_back({share, ""});
   ReportPrinter printer(options.format, options.shares.Several());
-  const int status = ForEachShare(options.shares, shares, [&](const std::string& share) {
-    const Report report = RunShare(SelectionOf(share, options.selection), options.quiet);
-    printer.Print(report);
-    RequireComplete(report);
-  });
-  printer.Finish(shares);
-  return status;
+  auto end = ends.begin();
+  try {
+    const int status = ForEachShare(options.shares, shares, [&](const std::string&) {
+      const Report report = RunShareTo(*end++, options);
+      printer.Print(report);
+      RequireComplete(report);
+    });
+    printer.Finish(ends);
+    return status;
+  } catch (const Failure&) {
+    printer.Finish(ends);
+    throw;
+  }
 }
 
 }  // namespace

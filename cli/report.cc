@@ -154,6 +154,13 @@ void AddTo(Json::Value& document, const Report& report, const OutputFormat& form
   document["table"] = report.table ? TableJson(*report.table) : Json::Value();
 }
 
+Json::Value EndJson(const ShareEnd& end) {
+  Json::Value value(Json::objectValue);
+  value["name"] = ValidUtf8(end.share);
+  value["state"] = end.state.empty() ? Json::Value() : Json::Value(end.state);
+  return value;
+}
+
 void PrintForPrograms(const Report& report, const OutputFormat& format) {
   Json::Value document = NewDocument(kJsonVersion);
   AddTo(document, report, format);
@@ -239,21 +246,27 @@ void ReportPrinter::Print(const Report& report) {
     PrintForPeople(report, format_);
   }
   (void)fflush(stdout);  // the next one may take long
-  std::vector<std::string> failed = shares;
   printed_.push_back(report);
 }
 
-void ReportPrinter::Finish(const std::vector<std::string>& shares) {
+void ReportPrinter::Finish(const std::vector<ShareEnd>& ends) {
   if (!several_ || !format_.json) return;
   Json::Value document = NewDocument(kJsonVersion);
   document["results"] = Json::Value(Json::arrayValue);
+  std::set<std::string> shown;
   bool complete = true;
   for (const Report& report : printed_) {
     Json::Value result(Json::objectValue);
     AddTo(result, report, format_);
     document["results"].append(result);
     complete = complete && report.missing.empty();
-    failed.erase(std::remove(failed.begin(), failed.end(), report.share), failed.end());
+    shown.insert(report.share);
+  }
+  std::vector<std::string> failed;
+  document["shares"] = Json::Value(Json::arrayValue);
+  for (const ShareEnd& end : ends) {
+    document["shares"].append(EndJson(end));
+    if (shown.count(end.share) == 0) failed.push_back(end.share);
   }
   document["complete"] = complete && failed.empty();
   document["failed"] = NamesJson(failed);

@@ -65,6 +65,14 @@ const Columns& ReportColumns();
 // Prints to standard output; names of missing and not measured snapshots in the JSON form only.
 void Print(const Report& report, const OutputFormat& format);
 
+// What has become of one of several shares.
+struct ShareEnd {
+  std::string share;
+  // Of its calculation, in the words of its records. Empty: none was begun, or its end is not
+  // known.
+  std::string state;
+};
+
 // Prints the reports of one share or of several as they come: tables below one another, lines for
 // scripts with the share before them, or one JSON document in the end.
 class ReportPrinter {
@@ -73,8 +81,8 @@ class ReportPrinter {
 
   void Print(const Report& report);
 
-  // After the last one; `shares` are those that were asked for.
-  void Finish(const std::vector<std::string>& shares);
+  // After the last one, or where the user has ended the row.
+  void Finish(const std::vector<ShareEnd>& ends);
 
  private:
   const OutputFormat format_;

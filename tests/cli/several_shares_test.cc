@@ -53,6 +53,9 @@ TEST_F(SeveralShares, FailureOfOneKeepsNoOther) {
   EXPECT_EQ(2u, document["results"].size());
   EXPECT_FALSE(document["complete"].asBool());
   EXPECT_EQ("nope", document["failed"][0].asString());
+  EXPECT_EQ("nope", document["shares"][0]["name"].asString());
+  EXPECT_TRUE(document["shares"][0]["state"].isNull());
+  EXPECT_EQ("done", document["shares"][2]["state"].asString());
 }
 
 TEST_F(SeveralShares, InterruptEndsTheRow) {
@@ -64,6 +67,31 @@ TEST_F(SeveralShares, InterruptEndsTheRow) {
   Release();
   EXPECT_EQ(12, run.Wait().status);
   EXPECT_EQ(10, Tool({"status", "mail"}).status) << "never begun";
+}
+
+// What was done before was not printed at all.
+TEST_F(SeveralShares, InterruptedRowIsAWholeDocument) {
+  volume_->Subvolume("music");
+  volume_->Snapshot("music", "music/.snapshots/one");
+  WaitingEngine();
+  Background run(Argv({"run", "photos", "mail", "music", "--quiet", "--format", "json"}));
+  ASSERT_TRUE(EngineWaits());
+  Release();
+  ASSERT_TRUE(EngineWaits());
+  kill(run.Pid(), SIGINT);
+  ASSERT_TRUE(StopArrives("mail"));
+  Release();
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(12, result.status);
+  const Json::Value document = ParseJson(result.out);
+  ASSERT_EQ(1u, document["results"].size());
+  EXPECT_EQ("photos", document["results"][0]["share"].asString());
+  EXPECT_FALSE(document["complete"].asBool());
+  EXPECT_EQ(2u, document["failed"].size());
+  EXPECT_EQ("done", document["shares"][0]["state"].asString());
+  EXPECT_EQ("stop", document["shares"][1]["state"].asString());
+  EXPECT_EQ("music", document["shares"][2]["name"].asString());
+  EXPECT_TRUE(document["shares"][2]["state"].isNull()) << "never begun";
 }
 
 TEST_F(SeveralShares, SnapshotsAreChosenOfOneShareOnly) {
