@@ -1,6 +1,7 @@
 // Who may include whom: the table of the architecture, kept true.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <regex>
@@ -117,6 +118,31 @@ std::vector<std::string> ProductFiles() {
   return files;
 }
 
+// The classes that a file defines for all of its program to see: those of namespaces that have a
+// name, with these names before their own.
+std::vector<std::string> ClassesOf(const std::string& text) {
+  static const std::regex opens("namespace (?:([A-Za-z_:]+) )?\\{");
+  static const std::regex closes("\\}  // namespace.*");
+  static const std::regex defines(
+      "(?:template <.*> )?(?:class|struct|union) (\\w+)(?: final)?(?: :.*)?(?: ?\\{.*)?");
+  std::vector<std::string> within, classes;
+  std::istringstream lines(text);
+  std::smatch parts;
+  for (std::string line; std::getline(lines, line);) {
+    if (std::regex_match(line, parts, opens)) {
+      within.push_back(parts[1]);
+    } else if (std::regex_match(line, closes)) {
+      if (!within.empty()) within.pop_back();
+    } else if (std::regex_match(line, parts, defines)) {
+      std::string name;
+      for (const std::string& space : within) name += space + "::";
+      const bool seen = std::find(within.begin(), within.end(), "") == within.end();
+      if (seen) classes.push_back(name + std::string(parts[1]));
+    }
+  }
+  return classes;
+}
+
 }  // namespace
 
 TEST(Layers, EachUnitIncludesOnlyWhatItMay) {
@@ -136,4 +162,17 @@ TEST(Layers, NoUnitKnowsAHigherOne) {
     for (const std::string& include :
          OwnIncludes(ReadFile(std::string(ZORV_SOURCE_DIR) + "/" + file)))
       EXPECT_FALSE(headers.count(fs::path(include).filename())) << file << " includes " << include;
+}
+
+// Of two classes with one name the linker takes the functions of either for both. Two of the tool's
+// sources each had an EngineQuestion of its own, and a plan that failed crashed.
+TEST(Layers, NoTwoClassesHaveOneName) {
+  std::map<std::string, std::string> files;
+  for (const std::string& file : ProductFiles())
+    for (const std::string& name : ClassesOf(ReadFile(std::string(ZORV_SOURCE_DIR) + "/" + file))) {
+      const auto [other, isFirst] = files.emplace(name, file);
+      EXPECT_TRUE(isFirst) << file << " has a class " << name << ", as " << other->second
+                           << " has: put it into a namespace without a name";
+    }
+  EXPECT_GT(files.size(), 150u) << "they are found at all";
 }
