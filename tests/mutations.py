@@ -1688,6 +1688,11 @@ MUTATIONS = [
     Mutation("a-read-of-a-device-gives-up-at-a-signal", "engine/io/direct_device.cc",
              "(errno == EINTR || errno == EAGAIN)) continue;", "errno == EAGAIN) continue;",
              "FailingCallsOfTheEngine.OneCall"),
+    Mutation("the-engine-crashes-where-memory-ends", "engine/front.cc",
+             "  int Fail(const std::string& reason) {\n    KillWorker();\n",
+             "  int Fail(const std::string& reason) {\n"
+             "    if (reason == \"out of memory\") (void)kill(getpid(), SIGSEGV);\n    KillWorker();\n",
+             "ScarceLimitsOfTheEngine.Memory"),
     Mutation("a-cut-line-of-the-engine-stays", "engine/lines.cc",
              "  if (ftruncate(fd, end) == 0) (void)lseek(fd, end, SEEK_SET);\n",
              "  (void)lseek(fd, end, SEEK_SET);\n",
