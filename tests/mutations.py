@@ -685,6 +685,10 @@ MUTATIONS = [
     Mutation("a-device-that-is-removed-meanwhile-is-damaged", "engine/io/mounted_filesystem.cc",
              "  return now.FindDamage();\n", "  return damage;\n",
              "ChangingVolumeRun.* Devices.ThatAreRemovedMeanwhileAreNotDamaged"),
+    Mutation("no-run-is-begun-anew", "engine/size/newest_state_run.cc",
+             "    if (!patience.GoesOn(counters.bytesRead - readBefore, Clock::now() - begin))\n",
+             "    (void)patience.GoesOn(counters.bytesRead - readBefore, Clock::now() - begin);\n",
+             "ChangingVolumeRun.*"),
     Mutation("a-run-that-a-commit-overtakes-is-given-up", "engine/size/newest_state_run.cc",
              "    if (done.GetKind() != Status::kBadBlock && done.GetKind() != Status::kNoDevice) return "
              "done;\n",

@@ -8,7 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <random>
+#include <regex>
 #include <sstream>
 
 #include "tests/engine/busy_volume.h"
@@ -36,11 +36,23 @@ class ChangingVolume {
       const unsigned long long id = SubvolumeID(volume_.Path(name));
       still_[id] = kernel.at(id);
     }
-    spare_ = volume_.AddDevice(400);
+    spare_ = volume_.AddDevice(kSpareMiB);
   }
 
   BtrfsVolume& Volume() { return volume_; }
+
+  // A device that belongs to the file system at times. It has more room than the other, so that new
+  // chunks are put there.
   const std::string& Spare() const { return spare_; }
+
+  // Bytes of the chunks that lie on the spare device.
+  unsigned long long BytesOnSpare() const {
+    const std::string shown = MustRun({kStockBtrfs, "filesystem", "show", "--raw", kMount});
+    std::smatch used;
+    return std::regex_search(shown, used, std::regex(" used +([0-9]+) path " + spare_))
+               ? std::stoull(used[1])
+               : 0;
+  }
 
   // The kernel's numbers of the subvolumes that stay as they are.
   const Sizes& Still() const { return still_; }
@@ -68,10 +80,11 @@ class ChangingVolume {
 
  private:
   static constexpr unsigned kFiles = 300;
+  static constexpr int kMiB = 700, kSpareMiB = 2 * kMiB;
 
   static BtrfsOptions OnOneDevice(const char* metadata) {
     BtrfsOptions options = Options(0, {"-n", "4096", "-m", metadata}, kMountOptions);
-    options.devicesMiB = {700};
+    options.devicesMiB = {kMiB};
     return options;
   }
 
@@ -102,7 +115,7 @@ class Change {
   // When the run has ended.
   virtual void Undo() {}
   // Whether a run may end with this error because of the change.
-  virtual bool Explains(const std::string&) const { return false; }
+  virtual bool Explains(const std::string& error) const { return IsClearRefusal(error); }
   // Further arguments of the run.
   virtual std::vector<std::string> Further() const { return {}; }
 
@@ -126,6 +139,14 @@ class ByCommands : public Change {
   Words make_, undo_;
 };
 
+// Moves nothing, and so is in nobody's way.
+class Scrubbed : public ByCommands {
+ public:
+  explicit Scrubbed(ChangingVolume& volume)
+      : ByCommands(volume, {"scrub", "start", "-B", kMount}, {}) {}
+  bool Explains(const std::string&) const override { return false; }
+};
+
 class Frozen : public Change {
  public:
   using Change::Change;
@@ -135,6 +156,7 @@ class Frozen : public Change {
   }
   void Undo() override { freeze_.reset(); }
   bool LeavesWritable() const override { return false; }
+  bool Explains(const std::string&) const override { return false; }
 
  private:
   std::optional<Freeze> freeze_;
@@ -146,6 +168,7 @@ class ReadOnly : public Change {
   bool Make() override { return ZorvTest::Run({"mount", "-o", "remount,ro", kMount}).status == 0; }
   void Undo() override { MustRun({"mount", "-o", "remount,rw", kMount}); }
   bool LeavesWritable() const override { return false; }
+  bool Explains(const std::string&) const override { return false; }
 };
 
 // Unmounts, or tries to; the engine is in the way for as long as it looks.
@@ -169,7 +192,8 @@ class Unmounted : public Change {
   }
   // The run had not opened it yet.
   bool Explains(const std::string& error) const override {
-    return done_ && error == std::string("ERROR: ") + kMount + " is not on btrfs\n";
+    return Change::Explains(error) ||
+           (done_ && error == std::string("ERROR: ") + kMount + " is not on btrfs\n");
   }
 
  private:
@@ -193,9 +217,10 @@ class Deleted : public Change {
   }
   void Undo() override { CommitAndClean(kMount); }
   bool Explains(const std::string& error) const override {
-    if (!asked_) return false;
+    if (!asked_) return Change::Explains(error);
     const std::string id = std::to_string(id_);
-    return error.rfind("ERROR: there is no subvolume " + id + " ", 0) == 0 ||
+    return Change::Explains(error) ||
+           error.rfind("ERROR: there is no subvolume " + id + " ", 0) == 0 ||
            error.rfind("ERROR: subvolume " + id + " ", 0) == 0;
   }
   std::vector<std::string> Further() const override {
@@ -208,22 +233,29 @@ class Deleted : public Change {
   unsigned long long id_ = 0;
 };
 
-// A device comes and goes, or takes another's place for a while.
-class DeviceRemoved : public Change {
- public:
-  using Change::Change;
-  void Prepare() override { (void)Stock({"device", "add", "-f", volume_.Spare(), kMount}); }
-  bool Make() override { return Stock({"device", "remove", volume_.Spare(), kMount}); }
-};
-
+// A device comes, and takes over some of what the other has.
 class DeviceAdded : public Change {
  public:
   using Change::Change;
   bool Make() override {
-    if (!Stock({"device", "add", "-f", volume_.Spare(), kMount})) return false;
-    return Stock({"balance", "start", "-dlimit=1", "-mlimit=1", kMount});
+    if (!Stock({"device", "add", "-f", volume_.Spare(), kMount}) ||
+        !Stock({"balance", "start", "-dlimit=1", "-mlimit=1", kMount}))
+      return false;
+    EXPECT_GT(volume_.BytesOnSpare(), 0u) << "nothing lies on the device that came";
+    return true;
   }
   void Undo() override { (void)Stock({"device", "remove", volume_.Spare(), kMount}); }
+};
+
+// It goes, with all that it has.
+class DeviceRemoved : public Change {
+ public:
+  explicit DeviceRemoved(ChangingVolume& volume) : Change(volume), added_(volume) {}
+  void Prepare() override { EXPECT_TRUE(added_.Make()); }
+  bool Make() override { return Stock({"device", "remove", volume_.Spare(), kMount}); }
+
+ private:
+  DeviceAdded added_;
 };
 
 struct NamedChange {
@@ -241,7 +273,7 @@ std::vector<NamedChange> AllChanges(ChangingVolume& volume) {
   };
   command("metadata balanced", {"balance", "start", "-m", kMount});
   command("data balanced", {"balance", "start", "-d", kMount});
-  command("scrubbed", {"scrub", "start", "-B", kMount});
+  add("scrubbed", new Scrubbed(volume));
   command("shrunk", {"filesystem", "resize", "1:-200M", kMount},
           {"filesystem", "resize", "1:max", kMount});
   command("quotas enabled", {"quota", "enable", kMount}, {"quota", "disable", kMount});
@@ -259,8 +291,12 @@ std::vector<NamedChange> AllChanges(ChangingVolume& volume) {
 // Slow enough that most of a run is reading, which is what changes can overtake.
 constexpr unsigned long long kBytesPerSecond = 2 << 20;
 
-// What runs came to with one change.
+constexpr uint32_t kLongest = 200'000;  // microseconds that a run is thought to take at first
+
+// What runs came to with one change; where not all of what is read lies on the slow disk they are
+// shorter.
 struct Outcomes {
+  RandomMoment moment{kLongest};
   unsigned met = 0, exact = 0, refused = 0, overtaken = 0;
 };
 
@@ -281,34 +317,15 @@ std::string SaidOfFiles(const EngineRun& run) {
   return said;
 }
 
-// One run with a change in its middle.
-void RunWith(ChangingVolume& volume, Change& change, const Way& way, RandomMoment* moment,
-             Outcomes* outcomes) {
-  change.Prepare();
-  std::vector<std::string> args = volume.Arguments(way.options, way.all);
-  args.push_back("--stats");
-  for (const std::string& word : change.Further()) args.push_back(word);
-  const SlowDisk slow = SlowDisk::Reading(volume.Volume().Devices()[0], kBytesPerSecond);
-  EngineProcess engine(EngineProcess::Whole{slow.Command(EngineCommand(args))});
-  const bool stopped = engine.StopWorker(moment->Next());
-  moment->WasMet(stopped);
-  const bool made = change.Make();
-  if (made && change.LeavesWritable()) volume.Churn();
-  if (stopped) engine.ContinueWorker();
-  const EngineRun run = engine.Finish();
-  change.Undo();
-  if (!stopped || !made) return;
-  ++outcomes->met;
-  SCOPED_TRACE(way.options + ": " + run.err);
+// A run is right, or says what was in the way.
+void Judge(const EngineRun& run, const ChangingVolume& volume, const Change& change,
+           const Way& way) {
   EXPECT_EQ(std::string::npos, run.err.find("run btrfs scrub")) << "nothing is damaged";
   if (run.status != 0) {
-    ++outcomes->refused;
     EXPECT_TRUE(run.sizes.empty()) << "a number beside an error";
-    EXPECT_TRUE(IsClearRefusal(run.err) || change.Explains(run.err)) << "the error is not clear";
+    EXPECT_TRUE(change.Explains(run.err)) << "the error is not clear";
     return;
   }
-  ++outcomes->exact;
-  outcomes->overtaken += NumberOf(run, "passes") > 1;
   EXPECT_LE(way.all ? volume.Still().size() : 1, run.sizes.size());
   for (const auto& [id, bytes] : run.sizes) {
     const auto still = volume.Still().find(id);
@@ -318,23 +335,50 @@ void RunWith(ChangingVolume& volume, Change& change, const Way& way, RandomMomen
   EXPECT_EQ(way.files, SaidOfFiles(run)) << "wrong numbers of files";
 }
 
-// Goes through the changes for its part of the program's time, and until each was met.
+// One run with a change in its middle, or, where that did not succeed, beside it.
+void RunWith(ChangingVolume& volume, Change& change, const Way& way, Outcomes* outcomes) {
+  change.Prepare();
+  std::vector<std::string> args = volume.Arguments(way.options, way.all);
+  args.push_back("--stats");
+  for (const std::string& word : change.Further()) args.push_back(word);
+  const SlowDisk slow = SlowDisk::Reading(volume.Volume().Devices()[0], kBytesPerSecond);
+  EngineProcess engine(EngineProcess::Whole{slow.Command(EngineCommand(args))});
+  const bool stopped = engine.StopWorker(outcomes->moment.Next());
+  outcomes->moment.WasMet(stopped);
+  const bool made = change.Make();
+  if (made && change.LeavesWritable()) volume.Churn();
+  if (stopped) engine.ContinueWorker();
+  const EngineRun run = engine.Finish();
+  change.Undo();
+  SCOPED_TRACE(way.options + ": " + run.err);
+  Judge(run, volume, change, way);
+  if (!stopped || !made) return;
+  ++outcomes->met;
+  ++(run.status == 0 ? outcomes->exact : outcomes->refused);
+  outcomes->overtaken += run.status == 0 && NumberOf(run, "passes") > 1;
+}
+
+// Goes through the changes for its part of the program's time, and until each was met and one has
+// overtaken a run.
 void ChangeInTheMiddleOfRuns(ChangingVolume& volume, const std::vector<NamedChange>& changes,
                              const std::vector<Way>& ways, double part) {
   const Budget budget(part);
-  constexpr uint32_t kLongest = 200'000;  // microseconds
-  RandomMoment moment(kLongest);
   std::map<std::string, Outcomes> outcomes;
   const auto eachWasMet = [&] {
     return std::ranges::all_of(
         changes, [&](const NamedChange& change) { return outcomes[change.name].met > 0; });
   };
-  for (unsigned round = 0; budget.IsLeft() || !eachWasMet(); ++round) {
+  const auto nothingWasOvertaken = [&] {
+    return std::ranges::none_of(outcomes, [](const auto& of) { return of.second.overtaken > 0; });
+  };
+  const size_t most = 5 * changes.size();  // rounds until something was overtaken
+  for (unsigned round = 0;
+       budget.IsLeft() || !eachWasMet() || (nothingWasOvertaken() && round < most); ++round) {
     const NamedChange& named = changes[round % changes.size()];
-    if (!budget.IsLeft() && outcomes[named.name].met > 0) continue;
+    if (!budget.IsLeft() && outcomes[named.name].met > 0 && !nothingWasOvertaken()) continue;
     SCOPED_TRACE(named.name);
     ASSERT_LT(round, 1000 * changes.size());
-    RunWith(volume, *named.change, ways[round / changes.size() % ways.size()], &moment,
+    RunWith(volume, *named.change, ways[round / changes.size() % ways.size()],
             &outcomes[named.name]);
   }
   unsigned met = 0, exact = 0, refused = 0, overtaken = 0;
@@ -349,6 +393,8 @@ void ChangeInTheMiddleOfRuns(ChangingVolume& volume, const std::vector<NamedChan
   Figure("right numbers", exact);
   Figure("of them by runs that went on from a newer state", overtaken);
   Figure("clear errors", refused);
+  EXPECT_GT(exact, 0u) << "nothing was counted";
+  EXPECT_GT(overtaken, 0u) << "nothing that was overtaken was begun anew";
 }
 
 // All changes, in all ways of counting.
