@@ -47,7 +47,9 @@ jobs=$(nproc)
 
 rm -rf "$built/torture-results"
 status=0
-ZORV_TORTURE_SECONDS=$((minutes * 60 * jobs / count)) \
+seed=${ZORV_TORTURE_SEED:-$RANDOM}
+echo "what there is no time for is chosen by ZORV_TORTURE_SEED=$seed"
+ZORV_TORTURE_SEED=$seed ZORV_TORTURE_SECONDS=$((minutes * 60 * jobs / count)) \
   ctest "${selection[@]}" -j "$jobs" --output-on-failure || status=1
 python3 "$PROJECT/tests/tools/torture_report.py" "$built/torture-results" || status=1
 exit $status

@@ -36,14 +36,15 @@ class FailingCalls : public testing::Test {
  protected:
   explicit FailingCalls(int files = 0) : world_(files) {}
 
-  // Tries the faults while there is time; `judge` says what must not be.
+  // Tries the faults while there is time, and those that are always tried; `judge` says what must
+  // not be.
   template <typename Judge>
   void Try(const std::function<int()>& body, const IsWanted& wanted, const Budget& budget,
            const Judge& judge) {
     const std::vector<Fault> faults = PlanFaults(body, wanted, AllActions);
     world_.Restore();
     for (const Fault& fault : faults) {
-      if (!budget.IsLeft()) break;
+      if (!fault.always && !budget.IsLeft()) continue;
       SCOPED_TRACE(fault.Name());
       try {
         const FaultyRun run = RunWithFault(body, fault);
@@ -52,6 +53,7 @@ class FailingCalls : public testing::Test {
         Note(fault, {error.what()});
       }
     }
+    EXPECT_GT(tried_, 0u);
     Figure("faults", tried_);
     Figure("of faults", faults.size());
     for (const auto& [name, count] : counts_) Figure(name, count);

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -10,6 +11,7 @@
 #include <algorithm>
 #include <map>
 #include <regex>
+#include <set>
 #include <utility>
 
 #include "tests/support/torture.h"
@@ -130,15 +132,22 @@ std::vector<Fault> TwoOfOneAndOneOfTheOther(const std::vector<Fault>& two,
   return merged;
 }
 
+// The order of SpreadOrder, begun elsewhere.
+std::vector<size_t> SpreadFrom(size_t seed, size_t count) {
+  std::vector<size_t> order = SpreadOrder(count);
+  for (size_t& place : order) place = (place + seed) % count;
+  return order;
+}
+
 // The first of each kind, then the second of each, and so on; in every such round spread, so that
-// each beginning of the list has seen much.
-std::vector<Fault> InOrder(std::vector<Fault> faults) {
+// each beginning of the list has seen much. The seed chooses which come first.
+std::vector<Fault> InOrder(const std::vector<Fault>& faults, size_t seed) {
   std::map<std::string, std::vector<size_t>> alike;
   for (size_t i = 0; i < faults.size(); ++i)
     alike[KindOf(faults[i].step) + faults[i].What()].push_back(i);
   std::vector<std::vector<size_t>> rounds;
   for (const auto& [kind, members] : alike) {
-    const std::vector<size_t> order = SpreadOrder(members.size());
+    const std::vector<size_t> order = SpreadFrom(seed, members.size());
     for (size_t round = 0; round < order.size(); ++round) {
       if (rounds.size() <= round) rounds.emplace_back();
       rounds[round].push_back(members[order[round]]);
@@ -146,12 +155,30 @@ std::vector<Fault> InOrder(std::vector<Fault> faults) {
   }
   std::vector<Fault> content, others;
   for (const std::vector<size_t>& round : rounds) {
-    for (const size_t place : SpreadOrder(round.size())) {
+    for (const size_t place : SpreadFrom(seed, round.size())) {
       const Fault& fault = faults[round[place]];
       (IsOfContent(fault) ? content : others).push_back(fault);
     }
   }
   return TwoOfOneAndOneOfTheOther(content, others);
+}
+
+// Marks the first fault of each call of each role; of what processes hear from one another (pipes)
+// the first with each answer.
+void MarkThoseOfAnyTime(std::vector<Fault>* faults) {
+  std::set<std::string> seen;
+  for (Fault& fault : *faults) {
+    const Step& step = fault.step;
+    std::string group = NameOf(step.role) + NameOfCall(step);
+    if (step.call == SYS_read && step.text.find("pipe:") != std::string::npos)
+      group += " of " + std::to_string(step.arguments[2]) + " from a pipe: " + fault.What();
+    fault.always = seen.insert(group).second;
+  }
+}
+
+size_t Seed() {
+  const char* const told = getenv("ZORV_TORTURE_SEED");
+  return told == nullptr ? 0 : strtoul(told, nullptr, 10);
 }
 
 }  // namespace
@@ -196,7 +223,8 @@ std::vector<Fault> PlanFaults(const std::function<int()>& body, const IsWanted& 
       for (const Action& action : actions(step)) faults.push_back({step, action, lasting});
     return Action::GoOn();
   });
-  return InOrder(std::move(faults));
+  MarkThoseOfAnyTime(&faults);
+  return InOrder(faults, Seed());
 }
 
 FaultyRun RunWithFault(const std::function<int()>& body, const Fault& fault) {

@@ -16,6 +16,7 @@ struct Fault {
   Step step;  // as the run without faults had it
   Action action;
   bool lasting = false;  // all calls of its kind and role from this one on
+  bool always = false;   // tried however short the time, so that each call of each role is
 
   // "calculator write #3 (write(/run/..., 12)): EIO"
   std::string Name() const;
@@ -45,7 +46,8 @@ std::vector<Action> LastingActions(const Step& step);
 using IsWanted = std::function<bool(const Step&)>;
 
 // Runs `body` without faults and gives the faults of its steps, those first that no earlier one is
-// like: another role, call, kind of file or answer.
+// like: another role, call, kind of file or answer. The seed (ZORV_TORTURE_SEED; 0 without it) says
+// where among these to begin, for there may not be time for all.
 std::vector<Fault> PlanFaults(const std::function<int()>& body, const IsWanted& wanted,
                               const ActionsOf& actions, bool lasting = false);
 
