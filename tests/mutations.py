@@ -1520,6 +1520,9 @@ MUTATIONS = [
              "  (void)RemoveShareFromTaskMap(shareName);\n"
              "  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, /*removeDir=*/true))\n",
              "KillAnywhere.ToolClean"),
+    Mutation("a-killed-front-leaves-its-worker", "engine/worker.cc",
+             "  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);\n", "",
+             "KillAnywhere.EngineFront"),
     Mutation("tables-are-written-in-place", "cli/table_cache.cc",
              "  const std::string unfinished =\n"
              "      fmt::format(\"{}/{}{}.new\", DirectoryOf(share), kUnfinishedMark, getpid());\n",
