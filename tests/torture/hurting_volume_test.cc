@@ -690,31 +690,44 @@ TEST(HurtingDisk, SuperblocksHaveCopiesToo) {
   Figure("runs", runs);
 }
 
-// The file below a disk is cut while the file system is mounted.
+// The file below a disk is cut while the file system is mounted, before a run reads or in its
+// middle.
 TEST(HurtingDisk, IsCutShort) {
   Tally tally;
-  unsigned cuts = 0;
+  unsigned cuts = 0, inRuns = 0;
   OnEachLayout(0.1, [&](HurtingDisk& disk, const Budget& budget) {
     HurtingVolume& volume = disk.volume;
-    const size_t which = disk.random() % volume.Disks();
-    const std::string& image = volume.Disk(which).Image();
-    const std::string whole = image + ".whole";
-    MustRun({"cp", "--sparse=always", image, whole});
+    RandomMoment moment;
+    unsigned met = 0, metInTheMiddle = 0;
     do {
+      const size_t which = disk.random() % volume.Disks();
+      const std::string& image = volume.Disk(which).Image();
+      const std::string whole = image + ".whole";
+      MustRun({"cp", "--sparse=always", image, whole});
       const uint64_t end = disk.random() % (48u << 20) / 512 * 512;
-      RandomMoment moment(3000);
+      const bool inTheMiddle = disk.random() % 2 == 0;
       EngineProcess engine(disk.RandomArguments());
-      if (disk.random() % 2 == 0) (void)engine.StopWorker(moment.Next());
+      const bool stopped = inTheMiddle && engine.StopWorker(moment.Next());
+      if (inTheMiddle) moment.WasMet(stopped);
+      // Counts the reads of what is not there.
+      volume.Disk(which).Add({end, UINT64_MAX - end, DiskFault::kDelay, 0});
       std::filesystem::resize_file(image, end);
       if (engine.Worker() > 0) engine.ContinueWorker();
-      ++cuts;
       SCOPED_TRACE("cut at " + std::to_string(end));
+      // What was read there may have been more than was needed.
       JudgeDeath(engine.Finish(), volume, which, /*met=*/false, &tally);
+      const bool wasMet = volume.Disk(which).Hits(0) > 0;
+      met += wasMet;
+      metInTheMiddle += wasMet && stopped;
+      disk.volume.ClearFaults();
       MustRun({"cp", "--sparse=always", whole, image});
-    } while (budget.IsLeft());
-    (void)unlink(whole.c_str());
+      (void)unlink(whole.c_str());
+    } while (budget.IsLeft() || met < 3 || metInTheMiddle == 0);
+    cuts += met;
+    inRuns += metInTheMiddle;
   });
-  Figure("cuts", cuts);
+  Figure("cuts met", cuts);
+  Figure("of them in the middle of a run", inRuns);
   tally.Leave();
 }
 
