@@ -42,4 +42,16 @@ bool ReadFormattedName(const std::string& name, const std::string& format, bool 
   return true;
 }
 
+bool TellsADay(const std::string& format, bool localTime) {
+  constexpr time_t kSomeTime = 981173106;  // 3 February 2001: all its parts differ
+  const bool local = localTime || HasEpochSeconds(format);
+  tm fields = {};
+  if ((local ? localtime_r : gmtime_r)(&kSomeTime, &fields) == nullptr || CLocale() == nullptr)
+    return false;
+  char name[8192];  // more than the longest line of a format makes
+  const size_t length = strftime_l(name, sizeof name, format.c_str(), &fields, CLocale());
+  time_t time = 0;
+  return length > 0 && ReadFormattedName(name, format, localTime, &time);
+}
+
 }  // namespace ZorvPlatform

@@ -13,6 +13,10 @@ namespace ZorvPlatform {
 bool ReadFormattedName(const std::string& name, const std::string& format, bool localTime,
                        time_t* time);
 
+// Whether a format tells the day at least, in a way that ReadFormattedName reads: no name fits
+// another one.
+bool TellsADay(const std::string& format, bool localTime);
+
 }  // namespace ZorvPlatform
 
 #endif

@@ -3,12 +3,14 @@
 //   on the volumes       one volume, all of them
 //   configured           what the sources tell, and where it is
 //   found in both        one share, or a name that is refused
+//   surveyed             what is there, and what is missing from it
 #include "platform/linux/share.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <map>
 #include <memory>
 #include <set>
 #include <vector>
@@ -21,6 +23,7 @@
 #include "platform/linux/no_throw.h"
 #include "platform/linux/samba.h"
 #include "platform/linux/shares_file.h"
+#include "platform/linux/shares_text.h"
 #include "platform/linux/snapper.h"
 #include "platform/linux/sz_list.h"
 #include "platform/linux/volume.h"
@@ -83,7 +86,8 @@ int AddSharesOfVolumes(std::set<std::string>* names) {
   std::vector<Volume> volumes;
   if (!ReadVolumes(&volumes)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);
   for (const Volume& volume : volumes) {
-    if (!AddSharesOf(volume, names)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);
+    if (AddSharesOf(volume, names)) continue;
+    return FailSaying(PLATFORM_HERE, PLATC_ERR_RETRY, WhyOutOfReach(volume, errno));
   }
   return 0;
 }
@@ -106,8 +110,10 @@ std::unique_ptr<Share> ShareOnVolume(const Volume& volume, const std::string& na
 }
 
 // The share on the first volume that has it; only when none has it do the volumes that could not be
-// asked decide why not.  0, or the code that an error record has to get; errno belongs to it.
-unsigned int FindOnVolumes(const std::string& name, std::unique_ptr<Share>* share) {
+// asked decide why not.  0, or the code that an error record has to get, with its words in `why`;
+// errno belongs to it.
+unsigned int FindOnVolumes(const std::string& name, std::unique_ptr<Share>* share,
+                           std::string* why) {
   if (!ValidName(name)) return PLATC_ERR_NO_SUCH_SHARE;
   std::vector<Volume> volumes;
   if (!ReadVolumes(&volumes)) return CodeOfRefusal(errno);
@@ -117,6 +123,7 @@ unsigned int FindOnVolumes(const std::string& name, std::unique_ptr<Share>* shar
   for (const Volume& volume : volumes) {
     if (!volume.root.Valid()) {
       missingError = volume.error;
+      *why = WhyOutOfReach(volume, volume.error);
       continue;
     }
     const Found found = Look(volume, name);
@@ -210,12 +217,29 @@ int Unite(const std::string& name, std::vector<Candidate>* candidates, ZORVSHARE
   return 0;
 }
 
-int FailUnknown(const std::string& name, const Configured& configured) {
+// Why a subvolume of a volume is no share although its name is asked for; "": there is none.
+std::string WhyPassedBy(const std::string& name) {
+  std::vector<Volume> volumes;
+  const bool ofTheSystem = !name.empty() && (name[0] == '@' || name[0] == '#') && name.size() > 1;
+  if (!ofTheSystem || name.find('/') != std::string::npos || !ReadVolumes(&volumes)) return "";
+  for (const Volume& volume : volumes) {
+    if (!volume.root.Valid() || Look(volume, name) != Found::kShare) continue;
+    const std::string path = VolumePath(volume.number) + "/" + name;
+    return path + " is passed by, because systems begin the names of their own subvolumes with " +
+           name[0] + "; make it a share in " + kSharesFile + ", as [" + name.substr(1) +
+           "] with path = " + path;
+  }
+  return "";
+}
+
+int FailUnknown(const std::string& name, const Configured& configured, bool volumes) {
   for (const PassedBy& passed : configured.passedBy) {
     if (passed.name != name) continue;
     return FailSaying(PLATFORM_HERE, PLATC_ERR_NO_SUCH_SHARE,
                       "share " + name + " of " + passed.place + " is passed by: " + passed.why);
   }
+  const std::string why = volumes ? WhyPassedBy(name) : "";
+  if (!why.empty()) return FailSaying(PLATFORM_HERE, PLATC_ERR_NO_SUCH_SHARE, why);
   return Fail(PLATFORM_HERE, PLATC_ERR_NO_SUCH_SHARE);
 }
 
@@ -223,10 +247,11 @@ int FailUnknown(const std::string& name, const Configured& configured) {
 // with the error record set.
 int AddFromVolumes(const std::string& name, std::vector<Candidate>* candidates) {
   Candidate found;
-  const unsigned int failure = FindOnVolumes(name, &found.share);
+  std::string why;
+  const unsigned int failure = FindOnVolumes(name, &found.share, &why);
   if (failure == PLATC_ERR_NO_SUCH_SHARE || (failure != 0 && !candidates->empty())) return 0;
   struct stat st;
-  if (failure != 0) return Fail(PLATFORM_HERE, failure);
+  if (failure != 0) return FailSaying(PLATFORM_HERE, failure, why);
   if (lstat(found.share->path.c_str(), &st) != 0) return Fail(PLATFORM_HERE, PLATC_ERR_SYSTEM_CALL);
   found.subvolume = st.st_dev;
   candidates->push_back(std::move(found));
@@ -248,7 +273,8 @@ int FindShare(const std::string& name, ZORVSHARE** share) {
   }
   const bool alone = !named.empty() && named.front().source == ZORV_SHARE_SOURCE_FILE;
   if (switches.volumes && !alone && AddFromVolumes(name, &candidates) < 0) return -1;
-  return candidates.empty() ? FailUnknown(name, configured) : Unite(name, &candidates, share);
+  return candidates.empty() ? FailUnknown(name, configured, switches.volumes)
+                            : Unite(name, &candidates, share);
 }
 
 int EnumShares(PLATSZLIST* list) {
@@ -262,6 +288,63 @@ int EnumShares(PLATSZLIST* list) {
   }
   if (AppendAll(PLATFORM_HERE, list, {names.begin(), names.end()}) < 0) return -1;
   return static_cast<int>(names.size());
+}
+
+// ---- Surveyed ----------------------------------------------------------------------------------
+
+struct Survey {
+  std::map<std::string, std::string> paths;  // of the volumes' shares, by their names
+  std::vector<std::string> missing;
+  std::vector<std::string> hidden;
+};
+
+bool IsOneSubvolume(const std::string& a, const std::string& b) {
+  struct stat ofA, ofB;
+  return lstat(a.c_str(), &ofA) == 0 && lstat(b.c_str(), &ofB) == 0 && ofA.st_dev == ofB.st_dev;
+}
+
+// Whether somebody has written down which one the name stands for, or given this one another name.
+bool IsSettled(const std::string& name, const std::string& path, const Configured& configured) {
+  for (const ConfiguredShare& share : configured.shares) {
+    if (share.source == ZORV_SHARE_SOURCE_FILE && (share.name == name || share.path == path))
+      return true;
+  }
+  return false;
+}
+
+void SurveyVolume(const Volume& volume, const Configured& configured, Survey* survey) {
+  std::set<std::string> names;
+  if (!AddSharesOf(volume, &names)) {
+    survey->missing.push_back(WhyOutOfReach(volume, errno));
+    return;
+  }
+  for (const std::string& name : names) {
+    const std::string path = VolumePath(volume.number) + "/" + name;
+    const std::string& first = survey->paths.emplace(name, path).first->second;
+    if (first == path || IsOneSubvolume(first, path) || IsSettled(name, path, configured)) continue;
+    survey->hidden.push_back(path + " is hidden by " + first +
+                             ", which has the same name; give it another one in " + kSharesFile +
+                             ": a share with path = " + path);
+  }
+}
+
+int SurveyShares(PLATSZLIST* list, PLATSZLIST* missing, PLATSZLIST* hidden) {
+  Configured configured;
+  SourceSwitches switches;
+  std::vector<Volume> volumes;
+  Survey survey;
+  if (ReadSources(&configured, &switches) < 0) return -1;
+  if (switches.volumes && !ReadVolumes(&volumes)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);
+  for (const Volume& volume : volumes) SurveyVolume(volume, configured, &survey);
+  std::set<std::string> names;
+  for (const auto& share : survey.paths) names.insert(share.first);
+  for (const ConfiguredShare& share : configured.shares) {
+    if (!IsPassedBy(share)) names.insert(share.name);
+  }
+  const bool added = AppendAll(PLATFORM_HERE, list, {names.begin(), names.end()}) == 0 &&
+                     AppendAll(PLATFORM_HERE, missing, survey.missing) == 0 &&
+                     AppendAll(PLATFORM_HERE, hidden, survey.hidden) == 0;
+  return added ? static_cast<int>(names.size()) : -1;
 }
 
 }  // namespace
@@ -286,6 +369,13 @@ int ZORVShareEnum(PLATSZLIST** names, int flags) {
     return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
   }
   return NoThrow(PLATFORM_HERE, -1, [&] { return EnumShares(*names); });
+}
+
+int ZORVShareSurvey(PLATSZLIST** names, PLATSZLIST** missing, PLATSZLIST** hidden) {
+  for (PLATSZLIST** list : {names, missing, hidden}) {
+    if (list == nullptr || *list == nullptr) return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
+  }
+  return NoThrow(PLATFORM_HERE, -1, [&] { return SurveyShares(*names, *missing, *hidden); });
 }
 
 int ZORVShareInfoGet(const struct _tag_ZORVSHARE* share, ZORVSHAREINFO* info) {

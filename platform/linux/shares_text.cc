@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "platform/linux/lines.h"
+#include "platform/linux/name_format.h"
 #include "zorvplatform/share.h"
 
 namespace ZorvPlatform {
@@ -118,6 +119,10 @@ class Reading {
     if (share_.path.empty()) return RefuseAt(shareLine_, "begins a share without a path");
     if (share_.layout == Layout::kSnapper && !share_.format.empty())
       return RefuseAt(shareLine_, "begins a share of layout snapper, which has no format");
+    if (!share_.format.empty() && !TellsADay(share_.format, share_.localTime))
+      return RefuseAt(formatLine_, "format " + share_.format +
+                                       " is none that strptime(3) can read a day by; write it as "
+                                       "photos-%Y%m%d-%H%M");
     if (share_.snapDir.empty()) share_.snapDir = ".snapshots";
     if (!share_.format.empty()) share_.layout = Layout::kFormat;
     configured_->shares.push_back(std::move(share_));
@@ -151,6 +156,7 @@ class Reading {
       share_.snapDir = value;
     } else if (key == "format") {
       share_.format = value;
+      formatLine_ = line_;
     } else if (key == "time") {
       if (value != "local" && value != "utc") return Refuse("time is to be local or utc");
       share_.localTime = value == "local";
@@ -167,6 +173,7 @@ class Reading {
   SourceSwitches* switches_;
   ConfiguredShare share_;  // the one that is being read; without a name: none
   int shareLine_ = 0;
+  int formatLine_ = 0;
   std::set<std::string> names_;  // of the shares that have begun
   std::set<std::string> keys_;   // of the part that is being read
   int line_ = 0;

@@ -151,6 +151,27 @@ bool AddOfSnapper(const Share&, DIR* dir, const DirEntry& entry, const std::stri
   return true;
 }
 
+// Hands the share's directory of snapshots, each entry that may be a folder, and the directory's
+// path to `visit`, until that is false: errno says why.  0, or -1 with the error record set.
+template <typename Visit>
+int ForEachFolder(const Share& share, const Visit& visit) {
+  UniqueFd fd;
+  const int there = OpenSnapDir(share, &fd);
+  if (there <= 0) return there;
+  const std::string path = RealPathOf(fd.Get());
+  const Dir dir(fdopendir(fd.Get()));
+  if (dir == nullptr) return FailSystemCall();
+  (void)fd.Release();
+  std::vector<DirEntry> entries;
+  if (!ReadDir(dir.get(), &entries)) return FailSystemCall();
+
+  for (const DirEntry& entry : entries) {
+    if (entry.type != DT_DIR && entry.type != DT_UNKNOWN) continue;
+    if (!visit(dir.get(), entry, path)) return FailSystemCall();
+  }
+  return 0;
+}
+
 using Add = bool (*)(const Share&, DIR*, const DirEntry&, const std::string&,
                      std::vector<Snapshot>*);
 
@@ -173,23 +194,25 @@ int OpenSnapDir(const Share& share, UniqueFd* directory) {
                                                   : OpenConfiguredSnapDir(share, directory);
 }
 
-int ReadSnapshots(const Share& share, std::vector<Snapshot>* snapshots) {
-  UniqueFd fd;
-  const int there = OpenSnapDir(share, &fd);
-  if (there <= 0) return there;
-  const std::string path = RealPathOf(fd.Get());
-  const Dir dir(fdopendir(fd.Get()));
-  if (dir == nullptr) return FailSystemCall();
-  (void)fd.Release();
-  std::vector<DirEntry> entries;
-  if (!ReadDir(dir.get(), &entries)) return FailSystemCall();
+int CountUnfit(const Share& share) {
+  int unfit = 0;
+  if (share.layout != Layout::kFormat) return 0;
+  const int told = ForEachFolder(share, [&](DIR* dir, const DirEntry& entry, const std::string&) {
+    time_t time = 0;
+    if (ReadFormattedName(entry.name, share.format, share.localTime, &time)) return true;
+    UniqueFd subvolume;
+    const int found = OpenSubvolume(dirfd(dir), entry.name.c_str(), &subvolume);
+    unfit += found == 1 ? 1 : 0;
+    return found >= 0;
+  });
+  return told < 0 ? -1 : unfit;
+}
 
+int ReadSnapshots(const Share& share, std::vector<Snapshot>* snapshots) {
   const Add add = AdderOf(share.layout);
-  for (const DirEntry& entry : entries) {
-    if (entry.type != DT_DIR && entry.type != DT_UNKNOWN) continue;
-    if (!add(share, dir.get(), entry, path, snapshots)) return FailSystemCall();
-  }
-  return 0;
+  return ForEachFolder(share, [&](DIR* dir, const DirEntry& entry, const std::string& path) {
+    return add(share, dir, entry, path, snapshots);
+  });
 }
 
 }  // namespace ZorvPlatform

@@ -23,6 +23,9 @@ struct Snapshot {
 // directory others could have put there.
 int OpenSnapDir(const Share& share, UniqueFd* directory);
 
+// How many subvolumes of the directory do not fit the share's format.  -1 with the error record set.
+int CountUnfit(const Share& share);
+
 // Adds all snapshots, in no order.  0, or -1 with the error record set.
 int ReadSnapshots(const Share& share, std::vector<Snapshot>* snapshots);
 

@@ -107,6 +107,18 @@ int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* di
   });
 }
 
+int ZORVShareSnapUnfit(const struct _tag_ZORVSHARE* share, const char** format) {
+  if (share == nullptr || format == nullptr) {
+    return Fail(PLATFORM_HERE, PLATC_ERR_INVALID_ARGUMENT);
+  }
+  return NoThrow(PLATFORM_HERE, -1, [&] {
+    const Share& known = ShareOf(share);
+    const int unfit = CountUnfit(known);
+    if (unfit >= 0) *format = known.layout == Layout::kFormat ? known.format.c_str() : "";
+    return unfit;
+  });
+}
+
 int ZORVShareSnapTimeGet(const char* snapName, time_t* time) {
   SnapName name;
   if (snapName == nullptr || time == nullptr || !ReadSnapName(snapName, &name)) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/linux/lines.h"
+#include "platform/linux/name_format.h"
 #include "platform/linux/samba_files.h"
 #include "zorvplatform/share.h"
 
@@ -129,6 +130,9 @@ std::string WhyNot(const Service& service) {
   if (path[0] != '/') return "it has no absolute path";
   if (!CanBeConfigured(service.Name())) return "its name has characters that no share can have";
   if (service.Is("shadow:sscanf")) return "shadow:sscanf is not understood";
+  const std::string format = service.Value("shadow:format");
+  if (!format.empty() && !TellsADay(format, service.Is("shadow:localtime")))
+    return "its shadow:format is none that a day can be read by";
   if (!service.Value("shadow:snapprefix").empty()) return "shadow:snapprefix is not understood";
   if (!service.Value("shadow:snapsharepath").empty())
     return "its snapshots are those of a directory above it (shadow:snapsharepath)";

@@ -208,6 +208,13 @@ std::string VolumePath(int number) {
   return std::string("/") + kVolumeName + std::to_string(number);
 }
 
+std::string WhyOutOfReach(const Volume& volume, int error) {
+  const std::string path = VolumePath(volume.number);
+  if (volume.root.Valid()) return path + " cannot be read: " + strerror(error);
+  if (error == EAGAIN) return path + " is not there: /etc/fstab names its mount, which is not made";
+  return path + " is not there: " + strerror(error);
+}
+
 bool ReadVolumes(std::vector<Volume>* volumes) {
   std::vector<std::string> mountPoints;
   std::set<int> numbers;

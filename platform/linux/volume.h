@@ -20,6 +20,10 @@ struct Volume {
   int error = 0;          // errno value that belongs to an invalid `root`
 };
 
+// "/volume3 is not there: ...", for a volume whose root is invalid, and the errno value that says
+// why.
+std::string WhyOutOfReach(const Volume& volume, int error);
+
 // All volumes that stand at /volumeN or that fstab names there, by ascending number; those that are
 // not there are in the list as such.  False: it cannot be told which there are; errno says why.
 bool ReadVolumes(std::vector<Volume>* volumes);

@@ -14,6 +14,7 @@ int Selected(const char*, const char*) { return 1; }
 struct Given {
   PLATSZLIST* list = PLATCSzListAlloc(4);
   PLATSZLIST* noList = nullptr;
+  const char* format = nullptr;
   PLATSZHASH* hash = PLATCSzHashAlloc(4);
   PLATSZHASH* noHash = nullptr;
   ZORVSHARE* share = nullptr;
@@ -82,6 +83,18 @@ const Row kRows[] = {
     {"ZORVShareGet share", [](Given&) { return ZORVShareGet("photos", nullptr) < 0; }},
     {"ZORVShareEnum names", [](Given&) { return ZORVShareEnum(nullptr, 0x301) < 0; }},
     {"ZORVShareEnum names behind", [](Given& g) { return ZORVShareEnum(&g.noList, 0x301) < 0; }},
+    {"ZORVShareSurvey names",
+     [](Given& g) { return ZORVShareSurvey(nullptr, &g.list, &g.list) < 0; }},
+    {"ZORVShareSurvey missing",
+     [](Given& g) { return ZORVShareSurvey(&g.list, nullptr, &g.list) < 0; }},
+    {"ZORVShareSurvey hidden",
+     [](Given& g) { return ZORVShareSurvey(&g.list, &g.list, nullptr) < 0; }},
+    {"ZORVShareSurvey list behind",
+     [](Given& g) { return ZORVShareSurvey(&g.list, &g.noList, &g.list) < 0; }},
+    {"ZORVShareSnapUnfit share",
+     [](Given& g) { return ZORVShareSnapUnfit(nullptr, &g.format) < 0; }},
+    {"ZORVShareSnapUnfit format",
+     [](Given&) { return ZORVShareSnapUnfit(SomeShare(), nullptr) < 0; }},
     {"ZORVShareInfoGet share",
      [](Given&) {
        ZORVSHAREINFO info;

@@ -82,6 +82,80 @@ TEST_F(ZORVShareEnum, SharesOfTwoVolumes) {
   EXPECT_EQ("/volume2/music/.snapshots", Find("music"));
 }
 
+struct ZORVShareSurvey : Shared {
+  // The shares, then what is missing, then what is hidden.
+  static std::vector<Names> Surveyed() {
+    std::vector<Names> told;
+    PLATSZLIST* lists[] = {PLATCSzListAlloc(4), PLATCSzListAlloc(4), PLATCSzListAlloc(4)};
+    EXPECT_LE(0, ::ZORVShareSurvey(&lists[0], &lists[1], &lists[2]));
+    for (PLATSZLIST* list : lists) {
+      told.push_back(Texts(list));
+      PLATCSzListFree(list);
+    }
+    return told;
+  }
+};
+
+// One disk that was absent kept all other shares from being listed.
+TEST_F(ZORVShareSurvey, AVolumeThatIsNotThereHidesNoOther) {
+  const BtrfsVolume one("/volume1");
+  one.Subvolume("photos");
+  EXPECT_EQ((std::vector<Names>{{"photos"}, {}, {}}), Surveyed());
+  WriteFile("/etc/fstab", "UUID=aaaa /volume3 btrfs nofail 0 0\n");
+  fs::create_directory("/volume3");
+  fs::create_symlink("/nowhere", "/volume4");
+  EXPECT_EQ(
+      (std::vector<Names>{{"photos"},
+                          {"/volume3 is not there: /etc/fstab names its mount, which is not made",
+                           "/volume4 is not there: No such file or directory"},
+                          {}}),
+      Surveyed());
+  EXPECT_EQ(Names{"failed"}, Shares()) << "who deletes what is missing gets no shorter list";
+  EXPECT_STREQ("/volume3 is not there: /etc/fstab names its mount, which is not made",
+               PLATCErrorGetText());
+  fs::remove("/volume3");
+  EXPECT_EQ("", Find("mail", 0x0400));
+  EXPECT_STREQ("/volume4 is not there: No such file or directory", PLATCErrorGetText());
+}
+
+TEST_F(ZORVShareSurvey, ASecondShareOfAName) {
+  const BtrfsVolume one("/volume1");
+  const BtrfsVolume two("/volume2");
+  one.Subvolume("mail");
+  two.Subvolume("mail");
+  EXPECT_EQ(
+      (std::vector<Names>{
+          {"mail"},
+          {},
+          {"/volume2/mail is hidden by /volume1/mail, which has the same name; give it another "
+           "one in /etc/zorv-snapusage.conf: a share with path = /volume2/mail"}}),
+      Surveyed());
+  WriteFile("/etc/zorv-snapusage.conf", "[post]\npath = /volume2/mail\n");
+  EXPECT_EQ((std::vector<Names>{{"mail", "post"}, {}, {}}), Surveyed());
+  WriteFile("/etc/zorv-snapusage.conf", "[mail]\npath = /volume2/mail\n");
+  EXPECT_EQ((std::vector<Names>{{"mail"}, {}, {}}), Surveyed());
+  fs::remove("/etc/zorv-snapusage.conf");
+}
+
+TEST_F(ZORVShareSurvey, OneShareByTwoVolumesHidesNone) {
+  const BtrfsVolume one("/volume1");
+  one.Subvolume("mail");
+  fs::create_symlink("/volume1", "/volume4");
+  EXPECT_EQ((std::vector<Names>{{"mail"}, {}, {}}), Surveyed());
+}
+
+TEST_F(ZORVShareEnum, ASubvolumeOfTheSystemIsPassedByInWords) {
+  const BtrfsVolume one("/volume1");
+  one.Subvolume("@home");
+  EXPECT_EQ("", Find("@home"));
+  EXPECT_STREQ(
+      "/volume1/@home is passed by, because systems begin the names of their own subvolumes with "
+      "@; make it a share in /etc/zorv-snapusage.conf, as [home] with path = /volume1/@home",
+      PLATCErrorGetText());
+  EXPECT_EQ("", Find("@none"));
+  EXPECT_STREQ("", PLATCErrorGetText());
+}
+
 TEST_F(ZORVShareEnum, WithoutVolumesThereAreNone) { EXPECT_EQ(Names{}, Shares()); }
 
 TEST_F(ZORVShareEnum, WhatIsNoShare) {

@@ -55,6 +55,20 @@ TEST_F(SharesFile, FormatAndZone) {
   tzset();
 }
 
+// A format that fits nothing was told apart from a share without snapshots by nobody.
+TEST_F(SharesFile, SubvolumesThatDoNotFitAreCounted) {
+  volume.Subvolume("photos");
+  for (const char* name : {"photos-20240305", "photos.20240306", "other"})
+    volume.Snapshot("photos", std::string("photos/.snapshots/") + name);
+  fs::create_directory("/volume1/photos/.snapshots/folder");
+  const char* format = nullptr;
+  EXPECT_EQ(0, ZORVShareSnapUnfit(Find("photos").get(), &format));
+  WriteFile(kSharesFile, "[photos]\npath = /volume1/photos\nformat = photos-%Y%m%d\n");
+  const SharePtr share = Find("photos");
+  EXPECT_EQ(2, ZORVShareSnapUnfit(share.get(), &format));
+  EXPECT_STREQ("photos-%Y%m%d", format);
+}
+
 TEST_F(SharesFile, LayoutOfSnapper) {
   volume.Subvolume("photos");
   fs::create_directories("/volume1/photos/.snapshots/12");

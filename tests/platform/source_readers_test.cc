@@ -142,14 +142,14 @@ TEST(ParseTestparm, AShareWithItsOwnAndGlobalParameters) {
   const Told told = Read(
       "# Global parameters\n[global]\n\tshadow:snapdir = /snaps\n\tshadow: format = g\n"
       "\tvfs objects = shadow_copy2\n\n\n[a share]\n\tpath = /srv/a b\n"
-      "\tshadow : Format = s = %Y\n\n[without]\n\tpath = /x\n\tvfs objects = \n");
+      "\tshadow : Format = s = %F\n\n[without]\n\tpath = /x\n\tvfs objects = \n");
   EXPECT_EQ("", told.why);
   ASSERT_EQ(1u, told.configured.shares.size());
   const ConfiguredShare& share = told.configured.shares[0];
   EXPECT_EQ("a share", share.name);
   EXPECT_EQ("/srv/a b", share.path);
   EXPECT_EQ("/snaps", share.snapDir);
-  EXPECT_EQ("s = %Y", share.format);
+  EXPECT_EQ("s = %F", share.format);
   EXPECT_FALSE(share.localTime);
   EXPECT_EQ(Layout::kFormat, share.layout);
   EXPECT_TRUE(share.onlyIfSubvolume);
@@ -214,6 +214,11 @@ TEST(ParseShares, ErrorsNameTheirLine) {
       {"layout", share + "layout = x\n", "3: layout is to be names or snapper"},
       {"layout and format", share + "layout = snapper\nformat = %Y\n",
        "1: begins a share of layout snapper, which has no format"},
+      {"no conversion", share + "format = %Q\n",
+       "3: format %Q is none that strptime(3) can read a day by; write it as photos-%Y%m%d-%H%M"},
+      {"no day", share + "format = a-%Y-%m\ntime = utc\n",
+       "3: format a-%Y-%m is none that strptime(3) can read a day by; write it as "
+       "photos-%Y%m%d-%H%M"},
       {"no share", "[a/b]\npath = /a\n", "1: names what can be no share"},
       {"nameless", "[]\npath = /a\n", "1: names what can be no share"},
       {"parent", "[..]\npath = /a\n", "1: names what can be no share"},
@@ -234,7 +239,7 @@ TEST(ParseShares, EveryKey) {
   std::string why;
   const std::string name(49, 'n');
   ASSERT_TRUE(ParseShares("volumes = off\nsamba=off\nsnapper : off\n; a comment\r\n[" + name +
-                              "]\n\tpath = /a b\t\n snapshots = s\r\nformat = %Y=%m ; rest\n"
+                              "]\n\tpath = /a b\t\n snapshots = s\r\nformat = %F=%H ; rest\n"
                               "time = utc\n[b]\npath = /b\nlayout = snapper",
                           &configured, &switches, &why))
       << why;
@@ -247,7 +252,7 @@ TEST(ParseShares, EveryKey) {
   EXPECT_EQ("/etc/zorv-snapusage.conf:5", first.place);
   EXPECT_EQ("/a b", first.path);
   EXPECT_EQ("s", first.snapDir);
-  EXPECT_EQ("%Y=%m", first.format);
+  EXPECT_EQ("%F=%H", first.format);
   EXPECT_FALSE(first.localTime);
   EXPECT_EQ(Layout::kFormat, first.layout);
   EXPECT_FALSE(first.onlyIfSubvolume);
@@ -261,6 +266,16 @@ TEST(ParseShares, NothingIsNoShare) {
 }
 
 // ---- Names -------------------------------------------------------------------------------------
+
+TEST(TellsADay, WhatNamesCanFit) {
+  for (const bool local : {false, true}) {
+    for (const char* format :
+         {"a-%Y%m%d", "%s", "a.%Y%m%dT%H%M%z", "%F_%T", "%Y-%j", "%y.%b.%e-%k", "%%s-%d.%m.%Y"})
+      EXPECT_TRUE(TellsADay(format, local)) << format;
+    for (const char* format : {"", "a", "%Q", "%Y", "%Y-%m", "%H%M", "%", "%%s"})
+      EXPECT_FALSE(TellsADay(format, local)) << format;
+  }
+}
 
 TEST(ReadFormattedName, TheWholeNameAndADateThatExists) {
   time_t time = 7;

@@ -81,6 +81,7 @@ HOOKABLE(PLATCStrTrimSpace)
 HOOKABLE(ZORVShareGet)
 HOOKABLE(ZORVShareFree)
 HOOKABLE(ZORVShareEnum)
+HOOKABLE(ZORVShareSurvey)
 HOOKABLE(ZORVShareInfoGet)
 HOOKABLE(VolumePathParseEx)
 HOOKABLE(ZORVMountVolInfoGet)
@@ -90,6 +91,7 @@ HOOKABLE(ZORVShareSnapList)
 HOOKABLE(ZORVShareSnapGetOrCreateSnapDir)
 HOOKABLE(ZORVShareSnapTimeGet)
 HOOKABLE(ZORVShareSnapInfoGet)
+HOOKABLE(ZORVShareSnapUnfit)
 HOOKABLE(ZORVFileCopy)
 HOOKABLE(sleep)
 HOOKABLE(time)
@@ -150,6 +152,10 @@ int ZORVShareGet(const char* name, struct _tag_ZORVSHARE** share) {
 }
 void ZORVShareFree(struct _tag_ZORVSHARE* share) { HOOK(ZORVShareFree)(share); }
 int ZORVShareEnum(PLATSZLIST** names, int flags) { return HOOK(ZORVShareEnum)(names, flags); }
+int ZORVShareSurvey(PLATSZLIST** names, PLATSZLIST** missing, PLATSZLIST** hidden) {
+  return HOOK(ZORVShareSurvey)(names, missing, hidden);
+}
+
 int ZORVShareInfoGet(const struct _tag_ZORVSHARE* share, ZORVSHAREINFO* info) {
   return HOOK(ZORVShareInfoGet)(share, info);
 }
@@ -174,6 +180,10 @@ int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* di
                                     int flags) {
   return HOOK(ZORVShareSnapGetOrCreateSnapDir)(share, dir, size, flags);
 }
+int ZORVShareSnapUnfit(const struct _tag_ZORVSHARE* share, const char** format) {
+  return HOOK(ZORVShareSnapUnfit)(share, format);
+}
+
 int ZORVShareSnapInfoGet(const struct _tag_ZORVSHARE* share, const char* snapName,
                          ZORVSHARESNAPINFO** info) {
   return HOOK(ZORVShareSnapInfoGet)(share, snapName, info);

@@ -99,6 +99,17 @@ PLATC_EXPORT void ZORVShareFree(struct _tag_ZORVSHARE* share);
  * on it, or when /volumeN is a link that leads nowhere. */
 PLATC_EXPORT int ZORVShareEnum(PLATSZLIST** names, int flags);
 
+/* As ZORVShareEnum with ZORV_SHARE_ENUM_ALL, for people: where volumes are not there or cannot be
+ * read, the shares of the others are told, and `missing` gets a line for each of those volumes,
+ * which says which and why.  Who deletes what is missing from a list asks ZORVShareEnum.  `hidden`
+ * gets a line for each subvolume that is no share because a volume of lower number has one of its
+ * name, and that /etc/zorv-snapusage.conf does not speak of.  The lines are without a period at the
+ * end, and names in them may hold any bytes.  How many shares, or negative, with lists that may
+ * have grown: PLATC_ERR_INVALID_ARGUMENT  null argument PLATC_ERR_RETRY             it cannot be
+ * told which volumes there are; or as for ZORVShareEnum others                      as for
+ * ZORVShareEnum */
+PLATC_EXPORT int ZORVShareSurvey(PLATSZLIST** names, PLATSZLIST** missing, PLATSZLIST** hidden);
+
 /* Where a share comes from and where it lies. */
 typedef struct _tag_ZORVSHAREINFO {
   int source;             /* ZORV_SHARE_SOURCE_* */
@@ -175,6 +186,12 @@ PLATC_EXPORT int ZORVShareSnapList(const struct _tag_ZORVSHARE* share, PLATSZLIS
  */
 PLATC_EXPORT int ZORVShareSnapGetOrCreateSnapDir(const struct _tag_ZORVSHARE* share, char* dir,
                                                  int size, int flags);
+
+/* How many subvolumes in the share's directory of snapshots are none of it because their names do
+ * not fit its format, which `format` is then; it belongs to `share`, and is "" for a share that
+ * takes names as they are, where there are none of these.  Negative: null argument, or as for
+ * ZORVShareSnapList. */
+PLATC_EXPORT int ZORVShareSnapUnfit(const struct _tag_ZORVSHARE* share, const char** format);
 
 /* The time that a snapshot's name carries.  0, or negative: null argument, or a name without a time
  * (invalid argument). */
