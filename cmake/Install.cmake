@@ -21,6 +21,9 @@ foreach(unit zorv-snapusage@.service zorv-snapusage@.timer)
   configure_file(packaging/systemd/${unit}.in ${PROJECT_BINARY_DIR}/systemd/${unit} @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/systemd/${unit} DESTINATION lib/systemd/system)
 endforeach()
+# What the manual pages and the messages lead to.
+install(FILES docs/concepts.md docs/sources.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/zorv-snapusage)
 install(FILES completion/zorv-snapusage.bash RENAME zorv-snapusage
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 install(FILES completion/_zorv-snapusage

@@ -49,6 +49,8 @@ if(NOT CMAKE_CROSSCOMPILING)
 endif()
 zorv_page(zorv-snapusage 8 docs/man/zorv-snapusage.8.md docs/zorv-snapusage.md ${options}
   docs/man/zorv-snapusage.8.end.md)
+zorv_page(zorv-snapusage.conf 5 docs/man/zorv-snapusage.conf.5.md docs/sources.md
+  docs/man/zorv-snapusage.conf.5.end.md)
 zorv_page(btrfs-subvolume-size 8 docs/man/btrfs-subvolume-size.8.md)
 zorv_page(zorvbtrfssnapusage 5 docs/man/zorvbtrfssnapusage.5.md docs/file-formats.md
   docs/man/zorvbtrfssnapusage.5.end.md)

@@ -4,11 +4,14 @@
 local pages = {
   ['file-formats.md'] = 'zorvbtrfssnapusage(5)',
   ['zorv-snapusage.md'] = 'zorv-snapusage(8)',
+  ['sources.md'] = 'zorv-snapusage.conf(5)',
+  ['concepts.md'] = '/usr/share/doc/zorv-snapusage/concepts.md',
 }
 
 -- Terminals have no typewriter face: code is bold, as man-pages(7) has it for what is typed.
 function Code(code)
-  return pandoc.Strong(code.text)
+  -- A bar in a table's code has a backslash before it, which is the table's and not the code's.
+  return pandoc.Strong((code.text:gsub('\\|', '|')))
 end
 
 -- The same for blocks of it, which stay as they are. A block may name a file that it shows.

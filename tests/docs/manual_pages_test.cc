@@ -24,8 +24,8 @@ const char* const kClasses[] = {
     "TaskResult", "TaskStatus",        "SnapUsageCalculator", "Utils"};
 
 std::vector<std::string> Pages() {
-  std::vector<std::string> pages = {"zorv-snapusage.8", "btrfs-subvolume-size.8",
-                                    "zorvbtrfssnapusage.5", "zorvbtrfssnapusage.3"};
+  std::vector<std::string> pages = {"zorv-snapusage.8", "zorv-snapusage.conf.5",
+                                    "btrfs-subvolume-size.8", "zorvbtrfssnapusage.5", "zorvbtrfssnapusage.3"};
   for (const char* name : kClasses) pages.push_back(std::string(name) + ".3");
   return pages;
 }
@@ -195,6 +195,19 @@ TEST(ManualPages, ProgramHasTheCommandsAndOptionsOfItsHelp) {
   const std::string page = PageText("zorv-snapusage.8");
   for (const auto& [name, options] : commands)
     EXPECT_THAT(page, testing::HasSubstr("\nzorv-snapusage " + name + " ")) << "an example";
+}
+
+// A bar within code in a table came with the backslash that the table needs.
+TEST(ManualPages, NoPageHasTheMarksOfItsSource) {
+  for (const std::string& page : Pages())
+    EXPECT_THAT(PageText(page), testing::Not(testing::HasSubstr(R"(\[rs]|)"))) << page;
+}
+
+TEST(ManualPages, FileOfSharesHasItsKeysAndIsReferredTo) {
+  const std::string page = PageText("zorv-snapusage.conf.5");
+  for (const char* key : {"path", "snapshots", "format", "time", "layout"})
+    EXPECT_THAT(page, testing::HasSubstr("\n" + std::string(key) + "\n"));
+  EXPECT_THAT(PageText("zorv-snapusage.8"), testing::HasSubstr("zorv-snapusage.conf"));
 }
 
 TEST(ManualPages, ProgramHasTheExitStatusesOfItsHelp) {
