@@ -58,11 +58,37 @@ _zorv_snapusage_offer_list() { # names...
   _zorv_snapusage_offer "${@/#/$before}"
 }
 
+# Offers the files of a share by their paths from its root, and any file by its absolute path.
+_zorv_snapusage_offer_files() { # share
+  local directory name typed found=()
+  typed=$(_zorv_snapusage_meaning "$cur")
+  if [[ $typed == /* ]]; then
+    _filedir
+    return
+  fi
+  for directory in /volume[1-9]*/"$1"; do
+    [ -n "$1" ] && [ -d "$directory" ] || continue
+    for name in "$directory/$typed"*; do
+      [ -e "$name" ] || continue
+      [ ! -d "$name" ] || name+=/
+      found+=("${name#"$directory/"}")
+    done
+    break
+  done
+  compopt -o nospace 2>/dev/null
+  _zorv_snapusage_offer "${found[@]}"
+}
+
+# The columns to sort by, from the answer to one that there is not.
+_zorv_snapusage_columns() { # command
+  zorv-snapusage "$1" x --sort=? 2>&1 | sed -n 's/.*there are \([a-z_, ]*\);.*/\1/p' | tr -d ,
+}
+
 _zorv_snapusage() {
   local cur prev words cword split names=() help usage valued share='' position=0 i
   _init_completion -s -n : || return
   if [ "$cword" = 1 ]; then
-    _zorv_snapusage_offer $(_zorv_snapusage_commands) --help --version
+    _zorv_snapusage_offer $(_zorv_snapusage_commands) --help --version --exit-statuses
     return
   fi
 
@@ -81,6 +107,7 @@ _zorv_snapusage() {
   if [[ $valued == *" $prev "* ]]; then
     case $prev in
       --format) _zorv_snapusage_offer table json ;;
+      --sort) _zorv_snapusage_offer $(_zorv_snapusage_columns "${words[1]}") ;;
       --snapshot | --keep) _zorv_snapusage_names "$share" && _zorv_snapusage_offer "${names[@]}" ;;
       --delete) _zorv_snapusage_names "$share" && _zorv_snapusage_offer_list "${names[@]}" ;;
     esac
@@ -91,7 +118,7 @@ _zorv_snapusage() {
   elif [[ $usage == *SHARE...* || ($position == 0 && $usage == *SHARE*) ]]; then
     _zorv_snapusage_names && _zorv_snapusage_offer "${names[@]}"
   elif [[ $usage == *PATH* ]]; then
-    _filedir
+    _zorv_snapusage_offer_files "$share"
   elif [[ $usage == *SETTING* ]]; then
     _zorv_snapusage_offer on off
   fi
