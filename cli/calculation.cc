@@ -18,6 +18,7 @@
 #include "cli/share_map.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -94,7 +95,7 @@ void RequireSafeTask(const std::string& share, const std::string& taskID) {
     throw Failure(kUnsafeRoots,
                   fmt::format("the record of share {} names a task {}, which is none",
                               Quoted(share), Quoted(taskID)),
-                  fmt::format("remove the record with: zorv-snapusage clean {}", ShellWord(share)));
+                  fmt::format("remove the record with: zorv-snapusage clean {}", ShareWord(share)));
   RequirePlainFilesOfTask(taskID);
 }
 
@@ -147,7 +148,7 @@ std::string RequireRecordedTask(const std::string& share) {
   RequireMap();
   throw Failure(kNothingRecorded,
                 fmt::format("no calculation of share {} is recorded", Quoted(share)),
-                fmt::format("start one with: zorv-snapusage run {}", ShellWord(share)));
+                fmt::format("start one with: zorv-snapusage run {}", ShareWord(share)));
 }
 
 std::string RequireTask(const std::string& share) {
@@ -165,7 +166,7 @@ std::optional<Calculation> ReadCalculation(const std::string& share, const std::
                   Quoted(share), Quoted(calculation->stateWord)),
       fmt::format("use the version that wrote it, or remove the record with: "
                   "zorv-snapusage clean {}",
-                  ShellWord(share)));
+                  ShareWord(share)));
 }
 
 std::optional<Calculation> ReadAnyCalculation(const std::string& share, const std::string& taskID) {
@@ -199,7 +200,7 @@ Calculation RequireCalculation(const std::string& share, const std::string& task
   if (std::optional<Calculation> calculation = ReadCalculation(share, taskID)) return *calculation;
   throw Failure(
       kNothingRecorded, fmt::format("the record of share {} has no state", Quoted(share)),
-      fmt::format("remove the rest of it with: zorv-snapusage clean {}", ShellWord(share)));
+      fmt::format("remove the rest of it with: zorv-snapusage clean {}", ShareWord(share)));
 }
 
 std::optional<time_t> ClaimAheadOfClock(const std::string& share) {

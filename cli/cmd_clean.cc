@@ -23,6 +23,7 @@
 #include "cli/share_map.h"
 #include "cli/table_cache.h"
 #include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -40,7 +41,7 @@ bool IsRecorded(const std::string& share) {
 
 std::string ResultText(const std::optional<Result>& result) {
   if (!result) return "no result";
-  return fmt::format("the result of {} snapshots", result->subvolumeIDs.size());
+  return "the result of " + CountOf(result->subvolumeIDs.size(), "snapshot");
 }
 
 void PrintDropped(const std::string& share) {
@@ -110,7 +111,7 @@ bool CleanShare(const std::string& share, const std::string& recordedTask,
 [[noreturn]] void RefuseUnderWay(const std::string& share) {
   throw Failure(kShareBusy,
                 fmt::format("share {} was kept: a calculation of it is under way", Quoted(share)),
-                fmt::format("end it first with: zorv-snapusage stop {}", ShellWord(share)));
+                fmt::format("end it first with: zorv-snapusage stop {}", ShareWord(share)));
 }
 
 // A name that no share can have, but a path may: the library would remove the files that it leads

@@ -11,13 +11,14 @@
 #include "cli/failure.h"
 #include "cli/interrupt.h"
 #include "cli/json_output.h"
-#include "cli/nearest.h"
 #include "cli/options.h"
 #include "cli/share.h"
+#include "cli/snapshot_choice.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
 #include "cli/unsorted.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -53,16 +54,12 @@ const Columns& FolderColumns() {
   return columns;
 }
 
-Snapshot FindSnapshot(const std::string& share, const std::string& name) {
-  std::vector<std::string> names;
-  for (const Snapshot& snapshot : SnapshotsOf(share)) {
-    if (snapshot.name == name) return snapshot;
-    names.push_back(snapshot.name);
-  }
-  throw Failure(
-      kUnknownSnapshot, fmt::format("share {} has no snapshot {}", Quoted(share), Quoted(name)),
-      DidYouMean(name, names,
-                 fmt::format("its snapshots are in {}", Quoted(SnapshotDirectoryOf(share)))));
+// Of both tables: which one is printed is known when the whole command line is.
+Columns AllColumns() {
+  Columns columns = FileColumns();
+  for (const Column& column : FolderColumns())
+    if (FindColumn(columns, column.key) == nullptr) columns.push_back(column);
+  return columns;
 }
 
 Table FilesTable(const Explanation& found) {
@@ -87,20 +84,16 @@ OutputFormat FolderFormat(const OutputFormat& format) {
   return has ? format : Unsorted(format);
 }
 
-std::string FilesText(unsigned long long files) {
-  return files == 1 ? "1 file" : fmt::format("{} files", files);
-}
-
 std::string Sum(const Explanation& found, const OutputFormat& format) {
   const auto bytes = [&](unsigned long long count) {
     return BytesText(count, format.ShownUnits());
   };
   std::string text = fmt::format(
       "{} of data in {}, {} of metadata: {} held by this snapshot alone\n", bytes(found.data),
-      FilesText(found.all.files), bytes(found.metadata), bytes(found.data + found.metadata));
+      CountOf(found.all.files, "file"), bytes(found.metadata), bytes(found.data + found.metadata));
   if (found.unlinked.files > 0)
     text += fmt::format("{} of the data in {} without a name, deleted while still open\n",
-                        bytes(found.unlinked.data), FilesText(found.unlinked.files));
+                        bytes(found.unlinked.data), CountOf(found.unlinked.files, "file"));
   return text;
 }
 
@@ -141,10 +134,12 @@ void PrintForPrograms(const ExplainOptions& options, const Explained& explained)
 }
 
 int Explain(const ExplainOptions& options) {
+  RequireColumn(options.format, options.foldersOnly ? FolderColumns() : FileColumns());
   const Interrupt interrupt;
   BeginWorkOn(options.share);
   RequireShare(options.share);
-  const Snapshot snapshot = FindSnapshot(options.share, options.snapshot);
+  const std::vector<Snapshot> snapshots = SnapshotsOf(options.share);
+  const Snapshot& snapshot = snapshots[RequireSnapshot(options.share, snapshots, options.snapshot)];
   const Explanation found = AskForFiles(snapshot.path, snapshot.subvolumeID, options.size);
   const Explained explained = {snapshot, found, time(nullptr)};
   if (options.format.json)
@@ -171,7 +166,7 @@ void AddExplain(CLI::App& program, Action& action) {
       ->type_name("N")
       ->check(CLI::Range(0u, 1000u).description(""));
   command->add_flag("--folders", options->foldersOnly, "Folders only");
-  AddOutputFormat(*command, options->format, FileColumns());
+  AddOutputFormat(*command, options->format, AllColumns());
   command->footer(
       "Data: what comes free with the file when this snapshot alone is deleted.\n"
       "Shared: what other files of the snapshot have, too; the first has it here.\n"

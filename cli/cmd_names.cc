@@ -1,6 +1,4 @@
 // zorv-snapusage names: the names of shares or snapshots, for scripts and for completion.
-#include <zorvplatform/share.h>
-
 #include <CLI/CLI.hpp>
 #include <memory>
 
@@ -9,7 +7,6 @@
 #include "cli/failure.h"
 #include "cli/share.h"
 #include "cli/standard_streams.h"
-#include "cli/string_list.h"
 #include "cli/text.h"
 
 namespace ZorvSnapUsage {
@@ -20,14 +17,12 @@ struct NamesOptions {
   bool zero = false;
 };
 
-std::vector<std::string> ShareNames() {
-  StringList names;
-  if (ZORVShareEnum(names.Ref(), ZORV_SHARE_ENUM_ALL) < 0)
-    throw PlatformFailure("the shares cannot be listed");
-  return names.Strings();
+void Print(const std::vector<std::string>& names, bool zero) {
+  for (const std::string& name : names) ToStandardOutput(zero ? name + '\0' : Escaped(name) + "\n");
 }
 
 std::vector<std::string> SnapshotNames(const std::string& share) {
+  BeginWorkOn(share);
   RequireShare(share);
   std::vector<std::string> names;
   for (const Snapshot& snapshot : SnapshotsOf(share)) names.push_back(snapshot.name);
@@ -35,14 +30,14 @@ std::vector<std::string> SnapshotNames(const std::string& share) {
 }
 
 int Names(const NamesOptions& options) {
-  if (options.share.empty())
-    BeginWork();
-  else
-    BeginWorkOn(options.share);
-  for (const std::string& name :
-       options.share.empty() ? ShareNames() : SnapshotNames(options.share))
-    ToStandardOutput(options.zero ? name + '\0' : Escaped(name) + "\n");
-  return kOk;
+  if (!options.share.empty()) {
+    Print(SnapshotNames(options.share), options.zero);
+    return kOk;
+  }
+  BeginWork();
+  const ShareNames shares = AllShares();
+  Print(shares.names, options.zero);
+  return shares.status;
 }
 
 }  // namespace

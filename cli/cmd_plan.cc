@@ -17,6 +17,7 @@
 #include "cli/plan_request.h"
 #include "cli/table_source.h"
 #include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -31,7 +32,7 @@ std::vector<Snapshot> RequireSnapshots(const std::string& share) {
   std::vector<Snapshot> snapshots = SnapshotsOf(share);
   if (!snapshots.empty()) return snapshots;
   throw Failure(kNoSnapshots, fmt::format("share {} has no snapshots", Quoted(share)),
-                "there is nothing to delete");
+                NextWithoutSnapshots(share));
 }
 
 // What comes free in an order that the table has no answer for; the plan is then for the state of
@@ -65,12 +66,13 @@ Plan MakePlan(const PlanRequest& request, const std::vector<uint32_t>& places,
 
 void RequireReached(const PlanRequest& request, const Plan& plan, size_t candidates) {
   if (plan.reached) return;
-  throw Failure(
-      kTargetOutOfReach,
-      fmt::format("all {} snapshots of share {} that may go free {} together, not {}", candidates,
-                  Quoted(request.share), BytesText(plan.most.Total(), Units::kIec),
-                  BytesText(request.target, Units::kIec)),
-      "ask for less, or keep fewer");
+  const bool one = candidates == 1;
+  throw Failure(kTargetOutOfReach,
+                fmt::format("{} of share {} that may go {} {}{}, not {}",
+                            AllOf(candidates, "snapshot"), Quoted(request.share),
+                            one ? "frees" : "free", BytesText(plan.most.Total(), Units::kIec),
+                            one ? "" : " together", BytesText(request.target, Units::kIec)),
+                "ask for less, or keep fewer");
 }
 
 int PlanDeletions(const PlanOptions& options) {

@@ -79,21 +79,21 @@ Report RunShareTo(ShareEnd& end, const RunOptions& options) {
 
 int Run(const RunOptions& options) {
   const Interrupt interrupt;
-  const std::vector<std::string> shares = SharesToCalculate(options.shares, options.selection);
+  const SharesChosen chosen = SharesToCalculate(options.shares, options.selection);
   std::vector<ShareEnd> ends;
-  for (const std::string& share : shares) ends.push_back({share, ""});
+  for (const std::string& share : chosen.shares) ends.push_back({share, ""});
   ReportPrinter printer(options.format, options.shares.Several());
   auto end = ends.begin();
   try {
-    const int status = ForEachShare(options.shares, shares, [&](const std::string&) {
+    const int status = ForEachShare(options.shares, chosen.shares, [&](const std::string&) {
       const Report report = RunShareTo(*end++, options);
       printer.Print(report);
       RequireComplete(report);
     });
-    printer.Finish(ends);
-    return status;
+    printer.Finish(ends, chosen.status == kOk);
+    return chosen.After(status);
   } catch (const Failure&) {
-    printer.Finish(ends);
+    printer.Finish(ends, chosen.status == kOk);
     throw;
   }
 }

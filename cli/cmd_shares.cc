@@ -101,10 +101,11 @@ std::vector<Cell> LineOf(const std::string& share, const Facts& facts, time_t no
 
 int Shares(const OutputFormat& format) {
   BeginWork();
-  int status = kOk;
+  const ShareNames shares = AllShares();
+  int status = shares.status;
   const time_t now = time(nullptr);
   Table table(kColumns);
-  for (const std::string& share : AllShares())
+  for (const std::string& share : shares.names)
     table.Add(LineOf(share, FactsOf(share, status), now));
   if (format.json) {
     Json::Value document = NewDocument(kJsonVersion);

@@ -16,6 +16,7 @@
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/watch.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -48,7 +49,7 @@ std::optional<Calculation> LatestCalculation(const std::string& share) {
       fmt::format(
           "there is no result of share {}{}", Quoted(share),
           latest ? fmt::format(", its last calculation is in state {}", latest->stateWord) : ""),
-      fmt::format("calculate it with: zorv-snapusage run {}", ShellWord(share)));
+      fmt::format("calculate it with: zorv-snapusage run {}", ShareWord(share)));
 }
 
 void Note(const std::string& text) {
@@ -62,8 +63,9 @@ void PrintNotes(const Report& report, const std::optional<Calculation>& latest) 
   if (report.calculated > time(nullptr))
     Note("the clock was set back since this result was calculated");
   if (!report.notMeasured.empty())
-    Note(
-        fmt::format("{} snapshots of the share are not in this result", report.notMeasured.size()));
+    Note(fmt::format("{} of the share {} not in this result",
+                     CountOf(report.notMeasured.size(), "snapshot"),
+                     report.notMeasured.size() == 1 ? "is" : "are"));
 }
 
 // The share's snapshots; none when it has been deleted. Gives up when they cannot be listed.

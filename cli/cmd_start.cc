@@ -17,6 +17,7 @@
 #include "cli/options.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -37,8 +38,9 @@ std::string TryLaunch(const Selection& selection) {
         launched.leftOut.empty()
             ? ""
             : fmt::format(", without {} whose names are not UTF-8", launched.leftOut.size());
-    return OutcomeText(kOk, fmt::format("started the calculation of {} snapshots of share {}{}",
-                                        launched.asked.size(), Quoted(selection.share), without));
+    return OutcomeText(kOk, fmt::format("started the calculation of {} of share {}{}",
+                                        CountOf(launched.asked.size(), "snapshot"),
+                                        Quoted(selection.share), without));
   } catch (const Failure& failure) {
     return OutcomeText(failure.Status(), failure.what());
   }
@@ -131,10 +133,10 @@ struct StartOptions {
 };
 
 int Start(const StartOptions& options) {
-  const std::vector<std::string> shares = SharesToCalculate(options.shares, options.selection);
-  return ForEachShare(options.shares, shares, [&options](const std::string& share) {
-    StartShare(SelectionOf(share, options.selection));
-  });
+  const SharesChosen chosen = SharesToCalculate(options.shares, options.selection);
+  return chosen.After(ForEachShare(
+      options.shares, chosen.shares,
+      [&options](const std::string& share) { StartShare(SelectionOf(share, options.selection)); }));
 }
 
 }  // namespace

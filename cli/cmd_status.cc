@@ -21,6 +21,7 @@
 #include "cli/text.h"
 #include "cli/time_text.h"
 #include "cli/units.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -106,7 +107,7 @@ void PrintActivity(const std::string& share, const Facts& facts) {
       break;
     case Activity::kDied:
       PrintLine("process", "gone without a result; remove the record with: zorv-snapusage clean " +
-                               ShellWord(share));
+                               ShareWord(share));
       break;
     default:
       break;

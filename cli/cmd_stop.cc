@@ -12,6 +12,7 @@
 #include "cli/options.h"
 #include "cli/text.h"
 #include "cli/watch.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -29,7 +30,7 @@ Calculation StopAndWait(const std::string& share, const std::string& taskID) {
                     fmt::format("the calculation of share {} did not stop within {} seconds, "
                                 "its state is {}",
                                 Quoted(share), kTimeToStop.count(), watch.Now().stateWord),
-                    fmt::format("look again with: zorv-snapusage status {}", ShellWord(share)));
+                    fmt::format("look again with: zorv-snapusage status {}", ShareWord(share)));
     request.Repeat(watch.Process());
     watch.Pause();
   }

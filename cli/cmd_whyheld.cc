@@ -21,6 +21,7 @@
 #include "cli/text.h"
 #include "cli/time_text.h"
 #include "cli/unsorted.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -183,8 +184,8 @@ void PrintForPrograms(const WhyheldOptions& options, const Kept& kept) {
     directories.push_back(at->path);
   const std::string nearest = NearestPath(kept.path, directories);
   throw Failure(kUnknownPath,
-                fmt::format("there is no {} in share {}, nor in any of its {} snapshots",
-                            Quoted(kept.path), Quoted(share), kept.snapshots.size()),
+                fmt::format("there is no {} in share {}, nor in any of its {}", Quoted(kept.path),
+                            Quoted(share), CountOf(kept.snapshots.size(), "snapshot")),
                 nearest.empty() ? "give its path from the root of the share"
                                 : fmt::format("did you mean {}?", Quoted(nearest)));
 }

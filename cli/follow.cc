@@ -10,6 +10,7 @@
 #include "cli/share.h"
 #include "cli/text.h"
 #include "cli/watch.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 
@@ -33,7 +34,7 @@ constexpr std::chrono::seconds kTimeToCopy{60};
 
 [[noreturn]] void Leave(const std::string& share) {
   throw Failure(kLeftAtOnce, fmt::format("the calculation of share {} goes on", Quoted(share)),
-                fmt::format("end it with: zorv-snapusage stop {}", ShellWord(share)));
+                fmt::format("end it with: zorv-snapusage stop {}", ShareWord(share)));
 }
 
 // What the engine says about why it cannot work, as the rest of a sentence.
@@ -68,7 +69,7 @@ void FailDied(const std::string& share) {
                             "gone (killed, or out of memory)",
                             Quoted(share)),
                 fmt::format("remove its record with: zorv-snapusage clean {}, and run it again",
-                            ShellWord(share)));
+                            ShareWord(share)));
 }
 
 void RequireDone(const std::string& share, const Calculation& calculation) {
@@ -76,7 +77,7 @@ void RequireDone(const std::string& share, const Calculation& calculation) {
   if (calculation.state == CAL_TASK_STATUS_STOP)
     throw Failure(
         kCalculationStopped, fmt::format("the calculation of share {} was stopped", Quoted(share)),
-        fmt::format("earlier results are kept: zorv-snapusage show {}", ShellWord(share)));
+        fmt::format("earlier results are kept: zorv-snapusage show {}", ShareWord(share)));
   const int code = calculation.errorCode.value_or(RESULT_FAILURE);
   throw Failure(kCalculationFailed,
                 fmt::format("the calculation of share {} failed (code {}: {}){}", Quoted(share),

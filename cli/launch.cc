@@ -20,12 +20,13 @@
 #include "cli/leftovers.h"
 #include "cli/lock_wait.h"
 #include "cli/names.h"
-#include "cli/nearest.h"
 #include "cli/share_map.h"
+#include "cli/snapshot_choice.h"
 #include "cli/standard_streams.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -81,27 +82,19 @@ std::vector<Snapshot> Within(const std::vector<Snapshot>& snapshots, const TimeR
 
 // The named snapshots, each once, in the order of the share.
 std::vector<Snapshot> Named(const std::vector<Snapshot>& snapshots, const Selection& selection) {
-  std::set<std::string> names(selection.names.begin(), selection.names.end());
+  std::set<size_t> places;
+  for (const std::string& name : selection.names)
+    places.insert(RequireSnapshot(selection.share, snapshots, name));
   std::vector<Snapshot> selected;
-  for (const Snapshot& snapshot : snapshots)
-    if (names.erase(snapshot.name) == 1) selected.push_back(snapshot);
-  if (names.empty()) return selected;
-  std::vector<std::string> known;
-  for (const Snapshot& snapshot : snapshots) known.push_back(snapshot.name);
-  throw Failure(
-      kUnknownSnapshot,
-      fmt::format("share {} has no snapshot {}", Quoted(selection.share), Quoted(*names.begin())),
-      DidYouMean(
-          *names.begin(), known,
-          fmt::format("its snapshots are in {}", Quoted(SnapshotDirectoryOf(selection.share)))));
+  for (const size_t place : places) selected.push_back(snapshots[place]);
+  return selected;
 }
 
 std::vector<Snapshot> Selected(const Selection& selection, const std::optional<TimeRange>& range) {
   const std::vector<Snapshot> all = SnapshotsOf(selection.share);
   if (all.empty())
     throw Failure(kNoSnapshots, fmt::format("share {} has no snapshots", Quoted(selection.share)),
-                  fmt::format("make read-only snapshots of it in {}",
-                              Quoted(SnapshotDirectoryOf(selection.share))));
+                  NextWithoutSnapshots(selection.share));
   if (!selection.names.empty()) return Named(all, selection);
   if (!range) return all;
   std::vector<Snapshot> selected = Within(all, *range);
@@ -145,13 +138,13 @@ void RequireRecordable(const std::string& share, const std::vector<Snapshot>& as
     if (!IsRecordable(snapshot))
       throw Failure(kSystemFailure,
                     fmt::format("the name of snapshot {} is not UTF-8", Quoted(snapshot.name)),
-                    "rename it, or name the snapshots to calculate");
+                    "rename it");
 }
 
 [[noreturn]] void RefuseBusy(const std::string& share) {
   throw Failure(
       kShareBusy, fmt::format("share {} is busy: a calculation of it is under way", Quoted(share)),
-      fmt::format("wait for it, or end it with: zorv-snapusage stop {}", ShellWord(share)));
+      fmt::format("wait for it, or end it with: zorv-snapusage stop {}", ShareWord(share)));
 }
 
 // Why the library does not let a share be claimed although nothing is at work on it.
@@ -165,7 +158,7 @@ void RequireRecordable(const std::string& share, const std::vector<Snapshot>& as
               : fmt::format("the last calculation of share {} {}, and holds the share for two "
                             "minutes from its start",
                             Quoted(share), why),
-      fmt::format("wait, or remove its record with: zorv-snapusage clean {}", ShellWord(share)));
+      fmt::format("wait, or remove its record with: zorv-snapusage clean {}", ShareWord(share)));
 }
 
 // The library lets a share be taken over after two minutes, however long its calculation is still

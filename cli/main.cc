@@ -1,9 +1,12 @@
 // zorv-snapusage: how much space the snapshots of a share take.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -45,10 +48,22 @@ void AddCommands(CLI::App& program, Action& action) {
   AddReminder(program, action);
 }
 
+// What to do about output that cannot be written, as the stream itself shows it.
+const char* NextForOutput() {
+  // HoldStandardStreams has put a descriptor that only reads in the place of a closed one.
+  const int flags = fcntl(STDOUT_FILENO, F_GETFL);
+  if (flags >= 0 && (flags & O_ACCMODE) == O_RDONLY)
+    return "standard output is closed: let it lead somewhere";
+  pollfd stream = {STDOUT_FILENO, POLLOUT, 0};
+  if (poll(&stream, 1, 0) == 1 && (stream.revents & POLLERR) != 0)
+    return "whoever read it has gone: let it be read to its end";
+  return "see to the space on its disk";
+}
+
 // Output that could not be written whole, on a full disk for one, is no success.
 int FlushOutput(int status) {
   if (fflush(stdout) == 0 && ferror(stdout) == 0) return status;
-  Say("the output could not be written; see to the space on its disk");
+  Say(std::string("the output could not be written; ") + NextForOutput());
   return status == kOk ? static_cast<int>(kSystemFailure) : status;
 }
 

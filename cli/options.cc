@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "cli/failure.h"
 #include "cli/nearest.h"
 #include "cli/terminal.h"
 #include "cli/text.h"
@@ -23,17 +24,21 @@ CLI::Option* AddUnits(CLI::App& command, OutputFormat& format, const char* name,
       name, [&format, units] { format.units = units; }, help);
 }
 
+// "there is no column 'x', did you mean 'y'?"
+std::string NoColumn(const std::string& key, const Columns& columns) {
+  std::vector<std::string> keys;
+  for (const Column& column : columns) keys.push_back(column.key);
+  return fmt::format(
+      "there is no column {}, {}", Quoted(key),
+      DidYouMean(key, keys, "there are " + fmt::format("{}", fmt::join(keys, ", "))));
+}
+
 SortOrder ParseSort(const std::string& text, const Columns& columns) {
   SortOrder order;
   order.descending = text[0] == '-';
   order.key = text.substr(text[0] == '-' || text[0] == '+' ? 1 : 0);
   if (FindColumn(columns, order.key) != nullptr) return order;
-  std::vector<std::string> keys;
-  for (const Column& column : columns) keys.push_back(column.key);
-  throw CLI::ValidationError(
-      "--sort", fmt::format("there is no column {}, {}", Quoted(order.key),
-                            DidYouMean(order.key, keys,
-                                       "there are " + fmt::format("{}", fmt::join(keys, ", ")))));
+  throw CLI::ValidationError("--sort", NoColumn(order.key, columns));
 }
 
 }  // namespace
@@ -83,6 +88,11 @@ void AddOutputFormat(CLI::App& command, OutputFormat& format, const Columns& col
           [&format, columns](const std::string& text) { format.sort = ParseSort(text, columns); },
           "Sort by this column; - before it: backwards")
       ->type_name("[-]COLUMN");
+}
+
+void RequireColumn(const OutputFormat& format, const Columns& columns) {
+  if (!format.sort || FindColumn(columns, format.sort->key) != nullptr) return;
+  throw Failure(kWrongUsage, "--sort: " + NoColumn(format.sort->key, columns), "name one of those");
 }
 
 }  // namespace ZorvSnapUsage

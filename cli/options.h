@@ -28,6 +28,10 @@ void AddSelection(CLI::App& command, Selection& selection);
 // a table of these columns. Sets `format.color` as well, by what standard output is.
 void AddOutputFormat(CLI::App& command, OutputFormat& format, const Columns& columns);
 
+// Gives up when the table that is printed has no such column as is sorted by, for a command that
+// prints one of several.
+void RequireColumn(const OutputFormat& format, const Columns& columns);
+
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_OPTIONS_H_

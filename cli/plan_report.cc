@@ -2,41 +2,53 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "cli/json_output.h"
+#include "cli/snapshot_choice.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
 
 constexpr int kJsonVersion = 1;
 
-Table TableOf(const PlanReport& report) {
-  Table table(PlanColumns());
-  FreedBytes soFar;
-  for (size_t i = 0; i < report.plan.order.size(); ++i) {
-    const Snapshot& snapshot = report.snapshots[report.plan.order[i]];
-    const FreedBytes& step = report.plan.steps[i];
-    soFar += step;
-    table.Add({Cell::Number(i + 1), Cell::Bytes(step.Total()), Cell::Bytes(step.metadata),
-               Cell::Bytes(soFar.Total()), Cell::Number(snapshot.subvolumeID),
-               Cell::Time(snapshot.time), Cell::Text(snapshot.name)});
-  }
-  return table;
+// Where the snapshot itself is; a view has a link to it.
+std::string RealPathOf(const Snapshot& snapshot) {
+  std::error_code error;
+  const std::filesystem::path path = std::filesystem::canonical(snapshot.path, error);
+  return error ? snapshot.path : path.string();
 }
 
-std::string HowMany(size_t count) {
-  return count == 1 ? "1 snapshot" : fmt::format("{} snapshots", count);
+// People are told the names by which the share's source deletes them, where these are others.
+Table TableOf(const PlanReport& report, const OutputFormat& format) {
+  Table table(PlanColumns());
+  const std::vector<std::string> ofSource = SourceNames(report.request.share, report.snapshots);
+  FreedBytes soFar;
+  for (size_t i = 0; i < report.plan.order.size(); ++i) {
+    const uint32_t place = report.plan.order[i];
+    const Snapshot& snapshot = report.snapshots[place];
+    const FreedBytes& step = report.plan.steps[i];
+    soFar += step;
+    table.Add(
+        {Cell::Number(i + 1), Cell::Bytes(step.Total()), Cell::Bytes(step.metadata),
+         Cell::Bytes(soFar.Total()), Cell::Number(snapshot.subvolumeID), Cell::Time(snapshot.time),
+         Cell::Text(RealPathOf(snapshot)),
+         Cell::Text(snapshot.name, Tone::kPlain, format.plain ? "" : Escaped(ofSource[place]))});
+  }
+  return table;
 }
 
 // What is proved about the number of a plan with the fewest.
 std::string ProofText(const Plan& plan) {
   if (*plan.atLeast == plan.order.size())
-    return fmt::format("no fewer than {} will do", HowMany(plan.order.size()));
-  return fmt::format("at most {} are needed, {} at least", HowMany(plan.order.size()),
+    return fmt::format("no fewer than {} will do", CountOf(plan.order.size(), "snapshot"));
+  return fmt::format("at most {} are needed, {} at least", CountOf(plan.order.size(), "snapshot"),
                      *plan.atLeast);
 }
 
@@ -46,10 +58,11 @@ void PrintForPeople(const PlanReport& report, const OutputFormat& format) {
   ToStandardOutput(fmt::format("share {}, plan for the state of {} (generation {})\n\n",
                                Escaped(report.request.share), TimeForPeople(report.table.taken),
                                report.table.table.generation));
-  ToStandardOutput(TableOf(report).Text(format));
+  ToStandardOutput(TableOf(report, format).Text(format));
   ToStandardOutput(fmt::format("\ntogether {} from {} of {}, of it {} metadata\n",
                                text(together.Total()), report.plan.order.size(),
-                               HowMany(report.snapshots.size()), text(together.metadata)));
+                               CountOf(report.snapshots.size(), "snapshot"),
+                               text(together.metadata)));
   if (report.plan.atLeast) ToStandardOutput(ProofText(report.plan) + "\n");
   ToStandardOutput("this is a plan: nothing has been deleted\n");
 }
@@ -67,7 +80,7 @@ void PrintForPrograms(const PlanReport& report, const OutputFormat& format) {
   document["share"] = ValidUtf8(report.request.share);
   SetTime(document, "taken", report.table.taken);
   document["generation"] = Json::UInt64{report.table.table.generation};
-  document["steps"] = TableOf(report).Rows(format);
+  document["steps"] = TableOf(report, format).Rows(format);
   document["together"] = BytesJson(plan.Together());
   if (report.request.target > 0) {
     document["target"] = Json::UInt64{report.request.target};
@@ -87,7 +100,7 @@ const Columns& PlanColumns() {
   static const Columns columns = {
       {"step", "STEP"},     {"frees", "FREES"},     {"metadata", "OF IT METADATA"},
       {"so_far", "SO FAR"}, {"subvolume_id", "ID"}, {"time", "TIME"},
-      {"name", "SNAPSHOT"}};
+      {"path", ""},         {"name", "SNAPSHOT"}};
   return columns;
 }
 
@@ -95,7 +108,7 @@ void Print(const PlanReport& report, const OutputFormat& format) {
   if (format.json)
     PrintForPrograms(report, format);
   else if (format.plain)
-    ToStandardOutput(TableOf(report).Text(format));
+    ToStandardOutput(TableOf(report, format).Text(format));
   else
     PrintForPeople(report, format);
 }

@@ -7,9 +7,10 @@
 
 #include "cli/byte_count.h"
 #include "cli/failure.h"
-#include "cli/nearest.h"
+#include "cli/snapshot_choice.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -76,27 +77,15 @@ class Names {
   Names(const std::string& share, const std::vector<Snapshot>& snapshots)
       : share_(share), snapshots_(snapshots) {}
 
-  bool Has(const std::string& name) const { return Find(name) < snapshots_.size(); }
+  bool Has(const std::string& name) const {
+    return FindSnapshot(share_, snapshots_, name).has_value();
+  }
 
   uint32_t Require(const std::string& name) const {
-    const uint32_t place = Find(name);
-    if (place < snapshots_.size()) return place;
-    std::vector<std::string> names;
-    for (const Snapshot& snapshot : snapshots_) names.push_back(snapshot.name);
-    throw Failure(
-        kUnknownSnapshot, fmt::format("share {} has no snapshot {}", Quoted(share_), Quoted(name)),
-        DidYouMean(name, names,
-                   fmt::format("its snapshots are in {}", Quoted(SnapshotDirectoryOf(share_)))));
+    return static_cast<uint32_t>(RequireSnapshot(share_, snapshots_, name));
   }
 
  private:
-  uint32_t Find(const std::string& name) const {
-    const auto found =
-        std::find_if(snapshots_.begin(), snapshots_.end(),
-                     [&](const Snapshot& snapshot) { return snapshot.name == name; });
-    return static_cast<uint32_t>(found - snapshots_.begin());
-  }
-
   const std::string& share_;
   const std::vector<Snapshot>& snapshots_;
 };
@@ -115,7 +104,7 @@ uint32_t EndOfRange(const std::string& name, const Names& names,
   const uint32_t place = names.Require(name);
   if (snapshots[place].time) return place;
   throw WrongUsage(fmt::format("snapshot {} has no time, and is in no range", Quoted(name)),
-                   "name it by itself: --delete " + ShellWord(name));
+                   "name it by itself: " + OptionWords("--delete", name));
 }
 
 // A%B: both ends and what lies between them in time.

@@ -15,6 +15,7 @@
 #include "cli/string_list.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -116,10 +117,12 @@ std::string StateText(const Report& report) {
 void PrintTotals(const ReportTable& table, Units units) {
   const FreedBytes& all = table.totals.all;
   const FreedBytes& several = table.totals.heldBySeveral;
+  const bool one = table.snapshots == 1;
   ToStandardOutput(fmt::format(
       "\nmetadata, with older, new: as of {} (generation {})\n"
-      "all {} snapshots then free {} together: {} exclusive, {} held only by two or more of them\n",
-      TimeForPeople(table.taken), table.generation, table.snapshots, BytesText(all.Total(), units),
+      "{} then {} {}{}: {} exclusive, {} held only by two or more of them\n",
+      TimeForPeople(table.taken), table.generation, AllOf(table.snapshots, "snapshot"),
+      one ? "frees" : "free", BytesText(all.Total(), units), one ? "" : " together",
       BytesText(all.Total() - several.Total(), units), BytesText(several.Total(), units)));
 }
 
@@ -249,12 +252,12 @@ void ReportPrinter::Print(const Report& report) {
   printed_.push_back(report);
 }
 
-void ReportPrinter::Finish(const std::vector<ShareEnd>& ends) {
+void ReportPrinter::Finish(const std::vector<ShareEnd>& ends, bool all) {
   if (!several_ || !format_.json) return;
   Json::Value document = NewDocument(kJsonVersion);
   document["results"] = Json::Value(Json::arrayValue);
   std::set<std::string> shown;
-  bool complete = true;
+  bool complete = all;
   for (const Report& report : printed_) {
     Json::Value result(Json::objectValue);
     AddTo(result, report, format_);
@@ -280,7 +283,7 @@ void RequireComplete(const Report& report) {
       fmt::format("the result of share {} is short: {} of {} snapshots are not in it ({})",
                   Quoted(report.share), report.missing.size(),
                   report.missing.size() + report.rows.size(), Listed(report.missing)),
-      fmt::format("run it again with: zorv-snapusage run {}", ShellWord(report.share)));
+      fmt::format("run it again with: zorv-snapusage run {}", ShareWord(report.share)));
 }
 
 }  // namespace ZorvSnapUsage

@@ -81,8 +81,9 @@ class ReportPrinter {
 
   void Print(const Report& report);
 
-  // After the last one, or where the user has ended the row.
-  void Finish(const std::vector<ShareEnd>& ends);
+  // After the last one, or where the user has ended the row; `all`: these are all that were asked
+  // for.
+  void Finish(const std::vector<ShareEnd>& ends, bool all);
 
  private:
   const OutputFormat format_;

@@ -12,7 +12,7 @@
 #include "cli/standard_streams.h"
 #include "cli/table_cache.h"
 #include "cli/table_source.h"
-#include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -21,7 +21,7 @@ void SayNotRead(const std::string& share, const Failure& failure) {
   Say(
       fmt::format("note: metadata, with older and new could not be read: {}; get them with: "
                   "zorv-snapusage run {}",
-                  Interrupt::Asked() ? "interrupted" : failure.what(), ShellWord(share)));
+                  Interrupt::Asked() ? "interrupted" : failure.what(), ShareWord(share)));
 }
 
 // The newest of the file system that the share lies on now: subvolumes of another one may have the

@@ -13,8 +13,10 @@
 #include "base/unique_fd.h"
 #include "cli/failure.h"
 #include "cli/nearest.h"
+#include "cli/standard_streams.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -37,11 +39,17 @@ ShareRecord FindShare(const std::string& share) {
 // What the platform says of its last failure, on one line; empty when it has no words for it.
 std::string PlatformWords() { return Escaped(PLATCErrorGetText()); }
 
-// Nothing: the platform's error record says why.
-std::optional<std::vector<std::string>> KnownShares() {
-  StringList names;
-  if (ZORVShareEnum(names.Ref(), ZORV_SHARE_ENUM_ALL) < 0) return std::nullopt;
-  return names.Strings();
+// The shares as far as they can be told, and what has to be said of them.
+struct Survey {
+  StringList names, missing, hidden;
+
+  // False: the platform's error record says why.
+  bool Make() { return ZORVShareSurvey(names.Ref(), missing.Ref(), hidden.Ref()) >= 0; }
+};
+
+std::vector<std::string> KnownShares() {
+  Survey survey;
+  return survey.Make() ? survey.names.Strings() : std::vector<std::string>();
 }
 
 const char* WordOfSource(int source) {
@@ -90,7 +98,7 @@ Failure PlatformFailure(const std::string& what) {
 
 void RefuseUnknownShare(const std::string& share) {
   throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)),
-                DidYouMean(share, KnownShares().value_or(std::vector<std::string>()),
+                DidYouMean(share, KnownShares(),
                            "a share is a subvolume directly below /volume1, /volume2, ..."));
 }
 
@@ -121,12 +129,18 @@ std::optional<ShareOrigin> FindPlace(const std::string& share) {
   return ShareOrigin{info.volumePath, info.path, WordOfSource(info.source), info.place};
 }
 
-std::vector<std::string> AllShares() {
-  if (const std::optional<std::vector<std::string>> shares = KnownShares()) return *shares;
-  if (PLATCErrGet() == PLATC_ERR_RETRY)
-    throw Failure(kShareOutOfReach, "the shares cannot be listed, a volume is not there",
-                  "mount it, or try again");
-  throw PlatformFailure("the shares cannot be listed");
+ShareNames AllShares() {
+  Survey survey;
+  if (!survey.Make()) {
+    if (PLATCErrGet() == PLATC_ERR_RETRY)
+      throw Failure(kShareOutOfReach, "the shares cannot be listed for the moment",
+                    PlatformWords().empty() ? "try again" : PlatformWords());
+    throw PlatformFailure("the shares cannot be listed");
+  }
+  const std::vector<std::string> missing = survey.missing.Strings();
+  for (const std::string& line : missing) Say("note: shares may be missing, " + Escaped(line));
+  for (const std::string& line : survey.hidden.Strings()) Say("note: " + Escaped(line));
+  return {survey.names.Strings(), missing.empty() ? kOk : kShareOutOfReach};
 }
 
 bool ShareIsThere(const std::string& share) { return FindShare(share) != nullptr; }
@@ -156,6 +170,19 @@ std::optional<time_t> TimeInName(const std::string& snapshotName) {
   time_t time = 0;
   if (ZORVShareSnapTimeGet(snapshotName.c_str(), &time) < 0) return std::nullopt;
   return time;
+}
+
+std::string NextWithoutSnapshots(const std::string& share) {
+  const std::string directory = Quoted(SnapshotDirectoryOf(share));
+  const ShareRecord record = FindShare(share);
+  ZORVSHAREINFO info;
+  const char* format = "";
+  const int unfit = record ? ZORVShareSnapUnfit(record.get(), &format) : 0;
+  if (unfit <= 0 || ZORVShareInfoGet(record.get(), &info) != 0)
+    return "make read-only snapshots of it in " + directory;
+  return fmt::format("{} in {} {} not fit its format {} ({})",
+                     CountOf(static_cast<unsigned>(unfit), "subvolume"), directory,
+                     unfit == 1 ? "does" : "do", Quoted(format), Escaped(info.place));
 }
 
 std::string SnapshotDirectoryOf(const std::string& share) {

@@ -40,8 +40,15 @@ struct ShareOrigin {
 // Nothing when the share does not exist or cannot be reached.
 std::optional<ShareOrigin> FindPlace(const std::string& share);
 
-// The names of all shares, sorted. Gives up when they cannot be listed.
-std::vector<std::string> AllShares();
+// The names of all shares, sorted.
+struct ShareNames {
+  std::vector<std::string> names;
+  ExitStatus status = kOk;  // kShareOutOfReach: those of a volume that is not there are missing
+};
+
+// Says which volumes are not there, and which shares others hide. Gives up when the shares cannot
+// be listed.
+ShareNames AllShares();
 
 // Whether the share exists and can be reached.
 bool ShareIsThere(const std::string& share);
@@ -55,6 +62,9 @@ std::vector<Snapshot> SnapshotsOf(const std::string& share);
 
 // The time that a snapshot's name carries.
 std::optional<time_t> TimeInName(const std::string& snapshotName);
+
+// What to do about a share without snapshots.
+std::string NextWithoutSnapshots(const std::string& share);
 
 // The directory where the share's snapshots are made, for messages; empty when it cannot be told.
 std::string SnapshotDirectoryOf(const std::string& share);

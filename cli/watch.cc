@@ -8,6 +8,7 @@
 #include "cli/follow.h"
 #include "cli/results.h"
 #include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -40,7 +41,7 @@ bool Watch::Poll() {
     throw Failure(
         kCalculationFailed,
         fmt::format("another calculation of share {} took the place of this one", Quoted(share_)),
-        fmt::format("follow it with: zorv-snapusage status {}", ShellWord(share_)));
+        fmt::format("follow it with: zorv-snapusage status {}", ShareWord(share_)));
   now_ = *read;
   if (now_.pid) process_.Attach(*now_.pid);
   if (!now_.Finished()) CheckCanStillEnd();

@@ -35,7 +35,7 @@ TEST_F(CmdClean, AllShares) {
   SecondShare();
   MustRun(Argv({"run", "photos", "--quiet"}));
   EXPECT_EQ(
-      "removed share 'mail': state done, the result of 1 snapshots, and its tables\n"
+      "removed share 'mail': state done, the result of 1 snapshot, and its tables\n"
       "removed share 'photos': state done, the result of 3 snapshots, and its tables\n",
       MustRun(Argv({"clean", "--all"})));
   EXPECT_EQ("nothing to remove\n", MustRun(Argv({"clean", "--all"})));
@@ -118,7 +118,7 @@ TEST_F(CmdClean, ShareWithACalculationUnderWayIsKept) {
       one.err);
   const CommandResult all = Tool({"clean", "--all"});
   EXPECT_EQ(4, all.status);
-  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots, and its tables\n",
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshot, and its tables\n",
             all.out);
   Release();
   ASSERT_TRUE(Settled());
@@ -129,7 +129,7 @@ TEST_F(CmdClean, ShareThatNoLongerExists) {
   SecondShare();
   volume_->DeleteSubvolume("mail/.snapshots/one");
   volume_->DeleteSubvolume("mail");
-  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots, and its tables\n",
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshot, and its tables\n",
             MustRun(Argv({"clean", "mail"})));
 }
 
@@ -141,7 +141,7 @@ TEST_F(CmdClean, SharesDroppedOnTheWayAreNamed) {
   volume_->DeleteSubvolume("zoo/.snapshots/one");
   volume_->DeleteSubvolume("zoo");
   EXPECT_EQ(
-      "removed share 'mail': state done, the result of 1 snapshots, and its tables\n"
+      "removed share 'mail': state done, the result of 1 snapshot, and its tables\n"
       "removed share 'zoo': it no longer exists\n"
       "removed share 'zoo': its tables\n",
       MustRun(Argv({"clean", "--all"})));

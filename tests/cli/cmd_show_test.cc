@@ -218,7 +218,7 @@ TEST_F(CmdShow, NewSnapshotIsNoted) {
   volume_->Snapshot("photos", "photos/.snapshots/new");
   const CommandResult result = Tool({"show", "photos"});
   EXPECT_EQ(0, result.status);
-  EXPECT_EQ("zorv-snapusage: note: 1 snapshots of the share are not in this result\n", result.err);
+  EXPECT_EQ("zorv-snapusage: note: 1 snapshot of the share is not in this result\n", result.err);
   EXPECT_EQ("new", Shown()["not_measured"][0].asString());
   EXPECT_TRUE(Shown()["complete"].asBool());
 }
@@ -274,7 +274,7 @@ TEST_F(CmdShow, SnapshotsThatCannotBeListedAreNobodyElses) {
   EXPECT_EQ(0, Tool({"status", "photos"}).status);
   EXPECT_EQ(0, Tool({"run", "mail"}).status);
   EXPECT_EQ(0, Tool({"show", "mail"}).status);
-  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots, and its tables\n",
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshot, and its tables\n",
             Tool({"clean", "mail"}).out);
   EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots, and its tables\n",
             Tool({"clean", "--all"}).out);

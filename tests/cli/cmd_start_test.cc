@@ -64,7 +64,7 @@ TEST_F(CmdStart, CallerWithoutStandardStreams) {
 }
 
 TEST_F(CmdStart, TakesTheSameSelectionAsRun) {
-  EXPECT_EQ("started the calculation of 1 snapshots of share 'photos'\n",
+  EXPECT_EQ("started the calculation of 1 snapshot of share 'photos'\n",
             MustRun(Argv({"start", "photos", "--until", "2024-03-01"})));
   ASSERT_TRUE(Settled());
   EXPECT_EQ(kFirst, Shown()["snapshots"][0]["name"].asString());

@@ -77,8 +77,17 @@ TEST_F(ShareNames, OneThatLooksLikeAnOption) {
   EXPECT_EQ(2, Tool({"run", "-x"}).status);
   EXPECT_EQ(0, Tool({"run", "--", "-x"}).status);
   EXPECT_EQ(0, Tool({"show", "--", "-x"}).status);
-  EXPECT_EQ("removed share '-x': state done, the result of 1 snapshots, and its tables\n",
+  EXPECT_EQ("removed share '-x': state done, the result of 1 snapshot, and its tables\n",
             MustRun(Argv({"clean", "--", "-x"})));
+}
+
+// Commands that are to be typed failed as they stood.
+TEST_F(ShareNames, CommandsForOneThatLooksLikeAnOptionCanBeTyped) {
+  MakeShare("-x");
+  EXPECT_THAT(Tool({"show", "--", "-x"}).err,
+              HasSubstr("calculate it with: zorv-snapusage run -- -x\n"));
+  EXPECT_THAT(Tool({"wait", "--", "-x"}).err,
+              HasSubstr("start one with: zorv-snapusage run -- -x\n"));
 }
 
 TEST_F(ShareNames, OneWithControlCharactersStaysOnItsLine) {
@@ -87,7 +96,7 @@ TEST_F(ShareNames, OneWithControlCharactersStaysOnItsLine) {
   EXPECT_THAT(MustRun(Argv({"status", "a\nb\x1B[31m"})),
               HasSubstr("share:           a\\nb\\x1B[31m\n"));
   EXPECT_EQ(
-      "removed share 'a\\nb\\x1B[31m': state done, the result of 1 snapshots, and its tables\n",
+      "removed share 'a\\nb\\x1B[31m': state done, the result of 1 snapshot, and its tables\n",
       MustRun(Argv({"clean", "--all"})));
 }
 

@@ -27,7 +27,10 @@ TEST_F(SeveralShares, RunAllLeavesOutThoseWithoutSnapshotsAndSaysSo) {
   volume_->Subvolume("empty");
   const CommandResult result = Tool({"run", "--all", "-H", "--quiet"});
   EXPECT_EQ(0, result.status);
-  EXPECT_EQ("zorv-snapusage: note: share 'empty' is left out, it has no snapshots\n", result.err);
+  EXPECT_EQ(
+      "zorv-snapusage: note: share 'empty' is left out, it has no snapshots; make read-only "
+      "snapshots of it in '/volume1/empty/.snapshots'\n",
+      result.err);
   EXPECT_THAT(result.out,
               ContainsRegex("^mail\t[^\n]*\tone\nphotos\t[^\n]*\t" + std::string(kFirst) +
                             "\nphotos\t[^\n]*\nphotos\t[^\n]*\tby hand\n$"));
@@ -120,7 +123,7 @@ TEST_F(SeveralShares, SnapshotsAreChosenOfOneShareOnly) {
 
 TEST_F(SeveralShares, StartBeginsEachAndWaitWaitsForAll) {
   EXPECT_EQ(
-      "started the calculation of 1 snapshots of share 'mail'\n"
+      "started the calculation of 1 snapshot of share 'mail'\n"
       "started the calculation of 3 snapshots of share 'photos'\n",
       MustRun(Argv({"start", "--all"})));
   EXPECT_EQ(0, Tool({"wait", "--all"}).status);

@@ -151,4 +151,101 @@ TEST_F(CmdRunSources, WhatIsWrongWithTheConfigurationIsSaid) {
       names.err);
 }
 
+// Names as other programs write them were refused, and the error led to the folder that has them.
+TEST_F(CmdRunSources, SnapshotsAreKnownByTheNamesOfTheirFolders) {
+  fs::create_directory("/volume1/kept");
+  for (const char* day : {"1", "2"}) {
+    WriteRandom(volume_->Path("photos/file"), 300000, 1);
+    volume_->Snapshot("photos", std::string("kept/photos.2026110") + day + "T0300");
+  }
+  WriteFile(kSharesFile,
+            "[photos]\npath = /volume1/photos\nsnapshots = /volume1/kept\n"
+            "format = photos.%Y%m%dT%H%M\ntime = utc\n");
+  const CommandResult plan = Tool({"plan", "photos", "--delete", "photos.20261101T0300"});
+  EXPECT_EQ(0, plan.status) << plan.err;
+  EXPECT_THAT(plan.out, ContainsRegex("  GMT-2026.11.01-03.00.00-[0-9]* .photos.20261101T0300.\n"));
+  const Json::Value document = ParseJson(
+      MustRun(Argv({"plan", "photos", "--delete", "photos.20261102T0300", "--format", "json"})));
+  EXPECT_EQ("/volume1/kept/photos.20261102T0300", document["steps"][0]["path"].asString());
+  EXPECT_EQ(0, Tool({"explain", "photos", "photos.20261101T0300"}).status);
+  EXPECT_EQ(0, Tool({"run", "photos", "--snapshot", "photos.20261101T0300"}).status);
+  const CommandResult none = Tool({"explain", "photos", "photos.20261103T0300"});
+  EXPECT_EQ(8, none.status);
+  EXPECT_THAT(none.err, HasSubstr("did you mean 'photos.20261101T0300'?"));
+}
+
+TEST_F(CmdRunSources, AFormatThatFitsNothingIsSaid) {
+  WriteFile(kSharesFile, "[photos]\npath = /volume1/photos\nformat = p-%Y%m%d\n");
+  for (const char* command : {"run", "plan"}) {
+    std::vector<std::string> words = {command, "photos"};
+    if (words[0] == "plan") words.push_back("--keep-last=1");
+    const CommandResult result = Tool(words);
+    EXPECT_EQ(9, result.status);
+    EXPECT_EQ(
+        "zorv-snapusage: share 'photos' has no snapshots; 3 subvolumes in "
+        "'/volume1/photos/.snapshots' do not fit its format 'p-%Y%m%d' "
+        "(/etc/zorv-snapusage.conf:1)\n",
+        result.err);
+  }
+}
+
+// One disk that was absent kept all shares from being calculated.
+TEST_F(CmdRunSources, AllSharesThatAreThere) {
+  WriteFile("/etc/fstab", "/dev/sdz /volume3 btrfs nofail 0 0\n");
+  const CommandResult run = Tool({"run", "--all", "--quiet"});
+  const CommandResult json = Tool({"run", "--all", "--quiet", "--format", "json"});
+  const CommandResult unknown = Tool({"show", "mail"});
+  WriteFile("/etc/fstab", "");
+  EXPECT_EQ(15, run.status);
+  EXPECT_THAT(run.err, HasSubstr("note: shares may be missing, /volume3 is not there: "));
+  EXPECT_THAT(run.out, HasSubstr(kFirst));
+  EXPECT_FALSE(ParseJson(json.out)["complete"].asBool());
+  EXPECT_EQ(15, unknown.status);
+  EXPECT_THAT(unknown.err, HasSubstr("/volume3 is not there"));
+}
+
+TEST_F(CmdRunSources, AShareThatAnotherHidesIsSaid) {
+  const BtrfsVolume second("/volume2");
+  second.Subvolume("photos");
+  const CommandResult shares = Tool({"shares"});
+  EXPECT_EQ(0, shares.status);
+  EXPECT_THAT(shares.err, HasSubstr("note: /volume2/photos is hidden by /volume1/photos"));
+}
+
+TEST_F(CmdRunSources, ASubvolumeOfTheSystemIsToldHowItBecomesAShare) {
+  volume_->Subvolume("@home");
+  const CommandResult run = Tool({"run", "@home"});
+  EXPECT_EQ(5, run.status);
+  EXPECT_THAT(run.err, HasSubstr("there is no share '@home'; /volume1/@home is passed by"));
+  EXPECT_THAT(run.err, HasSubstr("as [home] with path = /volume1/@home"));
+}
+
+TEST_F(CmdRunSources, EachTableOfExplainHasItsOwnColumns) {
+  for (const char* sort : {"--sort=-files", "--sort=+data"})
+    EXPECT_EQ(0, Tool({"explain", "photos", kFirst, "--folders", sort}).status) << sort;
+  for (const char* sort : {"--sort=-inode", "--sort=names"}) {
+    const CommandResult result = Tool({"explain", "photos", kFirst, "--folders", sort});
+    EXPECT_EQ(2, result.status) << sort;
+    EXPECT_THAT(result.err, HasSubstr("there is no column '"));
+  }
+  EXPECT_EQ(2, Tool({"explain", "photos", kFirst, "--sort=files"}).status);
+}
+
+// Under the service testparm could not open the registry, and no share at all was measured.
+TEST_F(CmdRunSources, SambasRegistryUnderTheServicesFileSystems) {
+  WriteFile(kSmbConf, "[global]\ninclude = registry\n");
+  ASSERT_EQ(0, Tool({"names"}).status);
+  // /var as ProtectSystem=strict has it, but for what the service may write to.
+  const CommandResult run = ZorvTest::Run(
+      {"unshare", "--mount", "bash", "-ec",
+       "mount --bind /var /var\n"
+       "for path in $(sed -n 's/^ReadWritePaths=//p' \"$1\"); do\n"
+       "  path=${path#-}; [[ $path != /var/* ]] || mount --bind \"$path\" \"$path\"\n"
+       "done\n"
+       "mount -o remount,bind,ro /var\n! touch /var/x 2>/dev/null\nexec \"$2\" names",
+       "bash", ZORV_SOURCE_DIR "/packaging/systemd/zorv-snapusage@.service.in", ZORV_CLI_PATH});
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_EQ("photos\n", run.out);
+}
+
 }  // namespace
