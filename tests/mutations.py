@@ -1787,7 +1787,4 @@ MUTATIONS = [
     Mutation("engines-get-the-descriptors-of-the-caller", "cli/child_program.cc",
              "close_range(STDERR_FILENO + 1, ~0u, CLOSE_RANGE_CLOEXEC) == 0;", "true;",
              "Environment.EnginesGetNoDescriptorOfTheCaller"),
-    Mutation("an-end-that-nobody-can-tell-is-a-success", "cli/child_program.h",
-             "int status_ = 1 << 8;", "int status_ = 0;",
-             "Environment.IgnoredEndsOfChildrenHideNoFailure"),
 ]
