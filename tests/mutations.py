@@ -1528,6 +1528,11 @@ MUTATIONS = [
              "  (void)RemoveShareFromTaskMap(shareName);\n"
              "  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, /*removeDir=*/true))\n",
              "KillAnywhere.ToolClean"),
+    Mutation("the-map-forgets-each-share-before-its-results-go", SHARE,
+             "  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, /*removeDir=*/true))\n",
+             "  (void)RemoveShareFromTaskMap(shareName);\n"
+             "  if (!ShareSnapUsageCal::CleanTaskResultFile(shareName, /*removeDir=*/true))\n",
+             "KillAnywhere.ToolCleanAll"),
     Mutation("a-killed-front-leaves-its-worker", "engine/worker.cc",
              "  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);\n", "",
              "KillAnywhere.EngineFront"),

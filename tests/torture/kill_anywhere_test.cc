@@ -701,7 +701,9 @@ TEST_F(KillAnywhere, ToolCleanAll) {
 
 TEST_F(KillAnywhere, ToolCleanInterrupted) {
   Road road = {Role::kCaller, ToolBody({"clean", "--interrupted"})};
+  // Results of one calculation, and the records of one that was killed.
   road.prepare = [] {
+    MustTool({"run", kShare, "--quiet"});
     fs::rename(kEngine, "/sbin/engine");
     WriteScript(kEngine,
                 "[ \"$3\" = --version ] && echo zorv btrfs engine && exit\n"
