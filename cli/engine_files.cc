@@ -79,7 +79,7 @@ Explanation AskForFiles(const std::string& directory, unsigned long long subvolu
       AskEngine({{"--files", std::to_string(size.most), "--depth", std::to_string(size.depth)},
                  directory,
                  {subvolumeID},
-                 kMostOutput + 2 * size.most * kMostOutputPerFile});
+                 kMostOutput + 2 * size_t{size.most} * kMostOutputPerFile});
   return Understood([&] { return ReadFilesDocument(document, subvolumeID); });
 }
 
