@@ -1,8 +1,6 @@
 #include "cli/report.h"
 
 #include <fmt/format.h>
-#include <syslog.h>
-#include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 
 #include <algorithm>
 #include <map>
@@ -11,8 +9,8 @@
 #include "cli/calculation.h"
 #include "cli/failure.h"
 #include "cli/json_output.h"
+#include "cli/recorded_snapshots.h"
 #include "cli/standard_streams.h"
-#include "cli/string_list.h"
 #include "cli/text.h"
 #include "cli/time_text.h"
 #include "cli/wording.h"
@@ -20,29 +18,21 @@
 namespace ZorvSnapUsage {
 namespace {
 
-using ZorvBtrfsUsage::ShareSnapUsageCal;
-
 constexpr int kJsonVersion = 1;
 
-// The name under which the latest calculation measured a subvolume; empty when it did not. Asked
-// without a line in the system log: that a name is not known is an answer here, not an error.
-std::string RecordedName(const std::string& share, unsigned long long subvolumeID) {
-  StringList names;
-  const int mask = setlogmask(LOG_UPTO(LOG_CRIT));
-  const int code = ShareSnapUsageCal::FindSnapNameBySubvolID(share, {subvolumeID}, names.Ref());
-  (void)setlogmask(mask);
-  return code == 0 ? names.Strings().at(0) : "";
-}
-
-ReportRow RowOf(const std::string& share, unsigned long long subvolumeID,
-                const std::map<unsigned long long, const Snapshot*>& present) {
+ReportRow RowOf(unsigned long long subvolumeID,
+                const std::map<unsigned long long, const Snapshot*>& present,
+                const std::map<unsigned long long, std::string>& recorded) {
   ReportRow row;
   row.subvolumeID = subvolumeID;
   const auto found = present.find(subvolumeID);
-  const bool there = found != present.end();
-  row.present = there;
-  row.name = there ? found->second->name : RecordedName(share, subvolumeID);
-  row.time = there ? found->second->time : TimeInName(row.name);
+  const auto name = recorded.find(subvolumeID);
+  row.present = found != present.end();
+  if (*row.present)
+    row.name = found->second->name;
+  else if (name != recorded.end())
+    row.name = name->second;
+  row.time = *row.present ? found->second->time : TimeInName(row.name);
   return row;
 }
 
@@ -188,10 +178,11 @@ Report MakeReport(const std::string& share, const Result& result,
   report.calculated = result.stored;
   std::map<unsigned long long, const Snapshot*> byID;
   for (const Snapshot& snapshot : present) byID.emplace(snapshot.subvolumeID, &snapshot);
+  const std::map<unsigned long long, std::string> recorded = RecordedSnapshots(share);
   std::set<unsigned long long> known;
   unsigned long long runningTotal = 0;
   for (size_t i = 0; i < result.subvolumeIDs.size(); ++i) {
-    ReportRow row = RowOf(share, result.subvolumeIDs[i], byID);
+    ReportRow row = RowOf(result.subvolumeIDs[i], byID, recorded);
     row.exclusiveBytes = result.exclusiveBytes[i];
     row.runningTotalBytes = runningTotal += row.exclusiveBytes;
     known.insert(row.subvolumeID);
@@ -214,8 +205,9 @@ std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
                                const std::vector<Snapshot>& present) {
   std::vector<Snapshot> asked;
   if (RecordedTask(share) != result.taskID) return asked;
+  const std::map<unsigned long long, std::string> recorded = RecordedSnapshots(share);
   for (const Snapshot& snapshot : present)
-    if (!RecordedName(share, snapshot.subvolumeID).empty()) asked.push_back(snapshot);
+    if (recorded.count(snapshot.subvolumeID) != 0) asked.push_back(snapshot);
   return asked;
 }
 

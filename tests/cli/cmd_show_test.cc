@@ -331,6 +331,28 @@ TEST_F(CmdShow, EmptyResultIsATableWithoutLines) {
   EXPECT_EQ(0u, Shown()["snapshots"].size());
 }
 
+// Each snapshot was asked for by itself, and each time all names were read.
+TEST_F(CmdShow, ManySnapshotsAreLookedUpAtOnce) {
+  RunOnce();
+  constexpr uint64_t kMany = 4000;
+  std::string ids(reinterpret_cast<const char*>(&kMany), 8);
+  Json::Value names(Json::objectValue);
+  for (uint64_t id = 1; id <= kMany; ++id) {
+    ids.append(reinterpret_cast<const char*>(&id), 8);
+    names["snapshot " + std::to_string(id)] = std::to_string(id);
+  }
+  for (const char* suffix : {".result", ".subvol_id"}) WriteFile(ResultFile(suffix), ids);
+  EditJson(kMap, {"photos", "snap_list"}, names);
+  const auto used = [] {
+    rusage children = {};
+    getrusage(RUSAGE_CHILDREN, &children);
+    return children.ru_utime.tv_sec * 1000 + children.ru_utime.tv_usec / 1000;
+  };
+  const auto before = used();
+  EXPECT_THAT(MustRun(Argv({"show", "photos"})), HasSubstr("snapshot 4000 (deleted)\n"));
+  EXPECT_LT(used() - before, 2000) << "milliseconds";
+}
+
 TEST_F(CmdShow, NameThatIsNotUtf8) {
   RunOnce();
   volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
