@@ -21,6 +21,7 @@
 #include "cli/results.h"
 #include "cli/share.h"
 #include "cli/share_map.h"
+#include "cli/standard_streams.h"
 #include "cli/table_cache.h"
 #include "cli/text.h"
 #include "cli/wording.h"
@@ -48,13 +49,28 @@ void PrintDropped(const std::string& share) {
   fmt::print("removed share {}: it no longer exists\n", Quoted(share));
 }
 
+// The other recorded shares that are not found because their volume is not there. The library would
+// take them for shares that no longer exist.
+std::vector<std::string> OthersOutOfReach(const std::string& share) {
+  std::vector<std::string> others;
+  for (const std::string& other : RecordedShares())
+    if (other != share && CanBeShareName(other) && MissingVolumeOf(other) && !ShareIsThere(other))
+      others.push_back(other);
+  return others;
+}
+
 // In an order that lets the next clean finish one that was killed. The entry in the map, by which
 // the rest is found, goes last, and the share's state first: without it nothing looks under way. A
 // task that failed or was stopped keeps its own record until somebody removes it.
 void RemoveRecords(const std::string& share, const std::string& taskID) {
   (void)ShareTaskStatus::CleanShareStatus(share);
   if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();
-  ShareSnapUsageCal::CleanAll(share);
+  if (OthersOutOfReach(share).empty()) {
+    ShareSnapUsageCal::CleanAll(share);
+  } else {
+    (void)ShareSnapUsageCal::CleanTaskResultFile(share, /*removeDir=*/true);
+    RemoveFromMap(share);
+  }
 }
 
 // Keeps other programs from claiming a share: the library's own lock, under which it does so. One
@@ -173,6 +189,11 @@ int CleanOneShare(const std::string& share) {
   const std::string task =
       IsRecorded(share) ? RecordedTask(share).value_or("") : RequireRecordedTask(share);
   if (!CleanShare(share, task)) RefuseUnderWay(share);
+  for (const std::string& other : OthersOutOfReach(share))
+    ToStandardError(
+        fmt::format("zorv-snapusage: note: the record of share {} is kept, its volume {} is "
+                    "not there\n",
+                    Quoted(other), MissingVolumeOf(other).value_or("")));
   return kOk;
 }
 

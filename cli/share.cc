@@ -13,6 +13,7 @@
 #include "base/unique_fd.h"
 #include "cli/failure.h"
 #include "cli/nearest.h"
+#include "cli/share_map.h"
 #include "cli/standard_streams.h"
 #include "cli/string_list.h"
 #include "cli/text.h"
@@ -87,6 +88,18 @@ Failure CannotBeListed(const std::string& share) {
       fmt::format("see what is mounted there with: findmnt -T {}", ShellWord(directory)));
 }
 
+// Gives up when a share that is not there has been calculated on a volume that is not there either.
+void RequireVolumeOf(const std::string& share) {
+  if (const std::optional<std::string> volume = MissingVolumeOf(share))
+    throw Failure(kShareOutOfReach,
+                  fmt::format("share {} cannot be reached for the moment: {}, where it was, is not "
+                              "there",
+                              Quoted(share), *volume),
+                  fmt::format("mount its volume; if the share is gone for good, remove its record "
+                              "with: zorv-snapusage clean {}",
+                              ShellWord(share)));
+}
+
 }  // namespace
 
 Failure PlatformFailure(const std::string& what) {
@@ -107,6 +120,7 @@ void RequireShare(const std::string& share) {
   const std::string words = PlatformWords();
   switch (PLATCErrGet()) {
     case PLATC_ERR_NO_SUCH_SHARE:
+      RequireVolumeOf(share);
       if (words.empty()) RefuseUnknownShare(share);
       throw Failure(kUnknownShare, fmt::format("there is no share {}", Quoted(share)), words);
     case PLATC_ERR_RETRY:
@@ -146,7 +160,8 @@ ShareNames AllShares() {
 bool ShareIsThere(const std::string& share) { return FindShare(share) != nullptr; }
 
 bool ShareMayExist(const std::string& share) {
-  return ShareIsThere(share) || PLATCErrGet() != PLATC_ERR_NO_SUCH_SHARE;
+  return ShareIsThere(share) || PLATCErrGet() != PLATC_ERR_NO_SUCH_SHARE ||
+         MissingVolumeOf(share).has_value();
 }
 
 std::vector<Snapshot> SnapshotsOf(const std::string& share) {

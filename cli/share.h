@@ -53,7 +53,7 @@ ShareNames AllShares();
 // Whether the share exists and can be reached.
 bool ShareIsThere(const std::string& share);
 
-// As ShareIsThere, or it cannot be told.
+// As ShareIsThere, or it cannot be told: its volume, for example, is not there.
 bool ShareMayExist(const std::string& share);
 
 // The share's snapshots, in the order of their times, those without a time last. A snapshot that is

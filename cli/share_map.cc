@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <zorvbtrfssnapusage/utils.h>
+#include <zorvplatform/share.h>
 
 #include "base/paths.h"
 #include "cli/failure.h"
@@ -31,6 +32,14 @@ MapState StateOfMap() {
                 fmt::format("look at what is in it, and remove it: rm {}", kShareMap));
 }
 
+// Read without its lock: the file is replaced whole.
+int VolumeNumberOf(const std::string& share) {
+  const Json::Value map = Utils::GetJsonAttrByPath(kShareMap);
+  if (!map.isObject() || !map[share].isObject()) return 0;
+  const Json::Value& number = map[share]["volume_id"];
+  return number.isInt() ? number.asInt() : 0;
+}
+
 }  // namespace
 
 void RequireMap() {
@@ -57,6 +66,27 @@ void RequireWritableMap() {
     case MapState::kWhole:
       return;
   }
+}
+
+std::optional<std::string> MissingVolumeOf(const std::string& share) {
+  const int number = VolumeNumberOf(share);
+  const std::string path = fmt::format("/volume{}", number);
+  char volume[64];
+  if (number <= 0 || VolumePathParseEx(path.c_str(), volume, sizeof volume) >= 0)
+    return std::nullopt;
+  return path;
+}
+
+void RemoveFromMap(const std::string& share) {
+  int fd = -1;
+  if (Utils::GeneralFileLock(ZorvBtrfsUsage::kShareMapLock, /*exclusive=*/true, fd)) {
+    Json::Value map = Utils::GetJsonAttrByPath(kShareMap);
+    if (map.isObject() && map.isMember(share)) {
+      map.removeMember(share);
+      (void)Utils::SetJsonAttrByPath(kShareMap, map);
+    }
+  }
+  (void)Utils::GeneralFileUnlock(fd);
 }
 
 }  // namespace ZorvSnapUsage

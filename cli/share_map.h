@@ -1,6 +1,10 @@
-// Whether the record that names each share's calculation can be read.
+// The record that names each share's calculation: whether it can be read, what it says of volumes,
+// and one entry taken out of it.
 #ifndef CLI_SHARE_MAP_H_
 #define CLI_SHARE_MAP_H_
+
+#include <optional>
+#include <string>
 
 namespace ZorvSnapUsage {
 
@@ -11,6 +15,15 @@ void RequireMap();
 // Before the library writes to the map. Gives up when it would refuse; says, on standard error,
 // that the map is damaged: what could be read of it is written back, and nothing else.
 void RequireWritableMap();
+
+// The volume of the share's latest calculation, "/volume1", when it is not there now: then the
+// share may be there again when it is mounted. Nothing when it is there, or when nothing is
+// recorded.
+std::optional<std::string> MissingVolumeOf(const std::string& share);
+
+// Takes the share's entry out and leaves all others as they are: the library also takes out those
+// of shares that it does not find.
+void RemoveFromMap(const std::string& share);
 
 }  // namespace ZorvSnapUsage
 

@@ -133,6 +133,30 @@ TEST_F(CmdClean, ShareThatNoLongerExists) {
             MustRun(Argv({"clean", "mail"})));
 }
 
+// Their results were lost to a volume that was mounted again a moment later.
+TEST_F(CmdClean, SharesWhoseVolumeIsNotThereAreKept) {
+  const BtrfsVolume other("/volume2");
+  (void)other.Subvolume("mail");
+  (void)other.Snapshot("mail", "mail/.snapshots/one");
+  MustRun(Argv({"run", "--all", "--quiet"}));
+  volume_->Unmount();
+  const CommandResult result = Tool({"clean", "mail"});
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots, and its tables\n",
+            result.out);
+  EXPECT_EQ(
+      "zorv-snapusage: note: the record of share 'photos' is kept, its volume /volume1 is not "
+      "there\n",
+      result.err);
+  EXPECT_EQ(10, Tool({"status", "mail"}).status);
+  EXPECT_FALSE(fs::exists("/usr/local/zorvbtrfssnapusage/share_task_result/mail"));
+  EXPECT_EQ(0, Tool({"status", "photos"}).status);
+  EXPECT_EQ(3u, Shown()["snapshots"].size());
+  EXPECT_EQ("removed share 'photos': state done, the result of 3 snapshots, and its tables\n",
+            MustRun(Argv({"clean", "photos"})))
+      << "it is named";
+  volume_->Mount();
+}
+
 TEST_F(CmdClean, SharesDroppedOnTheWayAreNamed) {
   SecondShare();
   volume_->Subvolume("zoo");

@@ -353,6 +353,24 @@ TEST_F(CmdShow, ManySnapshotsAreLookedUpAtOnce) {
   EXPECT_LT(used() - before, 2000) << "milliseconds";
 }
 
+// Its snapshots were all said to be deleted.
+TEST_F(CmdShow, VolumeThatIsNotMounted) {
+  RunOnce();
+  volume_->Unmount();
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, Not(HasSubstr("deleted")));
+  EXPECT_EQ(
+      "zorv-snapusage: note: which snapshots are still there cannot be told: share 'photos' cannot "
+      "be reached for the moment: /volume1, where it was, is not there; mount its volume; if the "
+      "share is gone for good, remove its record with: zorv-snapusage clean photos\n",
+      result.err);
+  EXPECT_TRUE(Shown()["snapshots"][0]["present"].isNull());
+  EXPECT_EQ(15, Tool({"run", "photos"}).status);
+  volume_->Mount();
+  EXPECT_TRUE(Shown()["snapshots"][0]["present"].asBool());
+}
+
 TEST_F(CmdShow, NameThatIsNotUtf8) {
   RunOnce();
   volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
