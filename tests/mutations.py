@@ -552,8 +552,8 @@ MUTATIONS = [
              "volumes->insert(volumes->begin(), OpenVolume(number, mountPoints));",
              "VolumePathParseEx.* ZORVMountVolInfoGet.*"),
     Mutation("a-missing-volume-shortens-the-list", "platform/linux/share.cc",
-             "if (!AddSharesOf(volume, names)) return Fail(PLATFORM_HERE, PLATC_ERR_RETRY);",
-             "(void)AddSharesOf(volume, names);",
+             "    return FailSaying(PLATFORM_HERE, PLATC_ERR_RETRY, WhyOutOfReach(volume, errno));\n  }\n  return 0;",
+             "  }\n  return 0;",
              "ZORVShareEnum.*"),
     Mutation("a-closed-mount-is-opened", "platform/linux/share.cc",
              "O_PATH | O_DIRECTORY", "O_RDONLY | O_DIRECTORY",
@@ -1080,8 +1080,8 @@ MUTATIONS = [
              "IsRecorded(name) || ShareMayExist(name)", "IsRecorded(name)",
              "Leftovers.StatusOfAShareWithSuchANameStays"),
     Mutation("a-share-out-of-reach-does-not-exist", "cli/share.cc",
-             "return ShareIsThere(share) || PLATCErrGet() != PLATC_ERR_NO_SUCH_SHARE;",
-             "return ShareIsThere(share);",
+             "return ShareIsThere(share) || PLATCErrGet() != PLATC_ERR_NO_SUCH_SHARE ||",
+             "return ShareIsThere(share) ||",
              "Leftovers.StatusOfAShareThatMayBeOutOfReachStays"),
     Mutation("copies-of-living-processes-go", "cli/leftovers.cc",
              "if (copier && IsGone(*copier)) directory", "if (copier) directory",
@@ -1257,7 +1257,7 @@ MUTATIONS = [
 
     # ---- tests/torture/permissions: the commands, and the cache ------------------------------------
     Mutation("names-looks-at-no-roots", "cli/cmd_names.cc",
-             "  if (options.share.empty())\n    BeginWork();\n  else\n    BeginWorkOn(options.share);\n", "",
+             "  BeginWork();\n", "",
              "Permissions.WhateverIsPlanted"),
     Mutation("the-reminder-looks-at-no-roots", "cli/cmd_reminder.cc",
              "  BeginWork();\n", "",
@@ -1518,8 +1518,9 @@ MUTATIONS = [
              "fcntl(fd_.Get(), F_SETLK, &whole)", "fcntl(fd_.Get(), F_OFD_SETLK, &whole)",
              "KillAnywhere.ToolStart"),
     Mutation("clean-forgets-the-task-of-a-killed-clean", "cli/cmd_clean.cc",
-             "  if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();\n"
-             "  ShareSnapUsageCal::CleanAll(share);\n",
+             "  (void)ShareTaskStatus::CleanShareStatus(share);\n"
+             "  if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();\n",
+             "  (void)ShareTaskStatus::CleanShareStatus(share);\n"
              "  ShareSnapUsageCal::CleanAll(share);\n"
              "  if (!taskID.empty()) SnapUsageCalculator(taskID).CleanAll();\n",
              "CmdClean.OneThatWasKilledIsFinishedByTheNext"),
