@@ -141,7 +141,7 @@ TEST_F(CmdClean, SharesWhoseVolumeIsNotThereAreKept) {
   MustRun(Argv({"run", "--all", "--quiet"}));
   volume_->Unmount();
   const CommandResult result = Tool({"clean", "mail"});
-  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshots, and its tables\n",
+  EXPECT_EQ("removed share 'mail': state done, the result of 1 snapshot, and its tables\n",
             result.out);
   EXPECT_EQ(
       "zorv-snapusage: note: the record of share 'photos' is kept, its volume /volume1 is not "
