@@ -13,10 +13,15 @@ class Style : public CLI::Formatter {
  public:
   Style() { column_width(kDescriptionColumn); }
 
-  // Right below the usage, so that the longest help and a prompt fit a screen of 24 lines.
+  // What comes first stands right below the usage, so that the longest help and a prompt fit a
+  // screen of 24 lines.
   std::string make_positionals(const CLI::App* app) const override {
     const std::string text = CLI::Formatter::make_positionals(app);
     return text.substr(text.find_first_not_of('\n') == 1 ? 1 : 0);
+  }
+  std::string make_usage(const CLI::App* app, std::string name) const override {
+    const std::string text = CLI::Formatter::make_usage(app, name);
+    return make_positionals(app).empty() ? text.substr(0, text.size() - 1) : text;
   }
 
   std::string make_option_opts(const CLI::Option* option) const override {

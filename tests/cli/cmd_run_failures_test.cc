@@ -80,8 +80,10 @@ TEST_F(CmdRunFailures, VolumeThatIsNotMountedYetIsWaitedFor) {
     EXPECT_TRUE(
         run.HasSaid("zorv-snapusage: waiting for the volume of share 'late' to be mounted\n"))
         << run.Err();
-    volume_->Subvolume("late");
-    volume_->Snapshot("late", "late/.snapshots/one");
+    // At once with its snapshot, as it comes with a mount.
+    volume_->Subvolume("early");
+    volume_->Snapshot("early", "early/.snapshots/one");
+    std::filesystem::rename(volume_->Path("early"), volume_->Path("late"));
     EXPECT_EQ(0, run.Wait().status) << run.Err();
     EXPECT_TRUE(Settled("late"));
     std::filesystem::remove("/etc/fstab");
