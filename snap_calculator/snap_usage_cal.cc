@@ -356,8 +356,8 @@ constexpr size_t kMostSubvolumes = 1 << 20;
 class KeyedHash {
  public:
   size_t operator()(unsigned long long id) const {
-    id =
-        (id ^ key_) * 0x9E3779B97F4A7C15ULL;  // 2^64 by the golden ratio: every bit reaches the top
+    // 2^64 by the golden ratio: every bit reaches the top.
+    id = (id ^ key_) * 0x9E3779B97F4A7C15ULL;
     return static_cast<size_t>((id ^ id >> 32) * 0x9E3779B97F4A7C15ULL >> 16);
   }
 
@@ -367,6 +367,7 @@ class KeyedHash {
     // Without waiting: soon after the boot, or where the call is forbidden, there may be none. Then
     // the bytes that the kernel has given the process at its start are as hard to guess.
     if (getrandom(&key, sizeof key, GRND_NONBLOCK) != sizeof key)
+      // getauxval(3) gives addresses as numbers. NOLINTNEXTLINE(performance-no-int-to-ptr)
       memcpy(&key, reinterpret_cast<const void*>(getauxval(AT_RANDOM)), sizeof key);
     return key;
   }
