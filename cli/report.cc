@@ -116,13 +116,26 @@ void PrintTotals(const ReportTable& table, Units units) {
       BytesText(all.Total() - several.Total(), units), BytesText(several.Total(), units)));
 }
 
+// What a deleted snapshot shared with one other is that one's alone now.
+void PrintDeletions(const Report& report) {
+  const bool deleted = std::any_of(report.rows.begin(), report.rows.end(),
+                                   [](const ReportRow& row) { return row.present == false; });
+  if (!deleted) return;
+  ToStandardOutput(
+      fmt::format("\nsnapshots were deleted after the calculation: others may free more now than "
+                  "shown\nget their numbers with: zorv-snapusage run {}\n",
+                  ShareWord(report.share)));
+}
+
 void PrintForPeople(const Report& report, const OutputFormat& format) {
   if (!format.plain)
     ToStandardOutput(fmt::format("share {}, calculated {}{}, {}\n\n", Escaped(report.share),
                                  TimeForPeople(report.calculated), StateText(report),
                                  Completeness(report)));
   ToStandardOutput(TableOf(report, format).Text(format));
-  if (!format.plain && report.table) PrintTotals(*report.table, format.ShownUnits());
+  if (format.plain) return;
+  if (report.table) PrintTotals(*report.table, format.ShownUnits());
+  PrintDeletions(report);
 }
 
 Json::Value TableJson(const ReportTable& table) {

@@ -197,9 +197,14 @@ TEST_F(CmdShow, ResultOutlivesAReboot) {
 
 TEST_F(CmdShow, DeletedSnapshotKeepsItsNameAndSaysSo) {
   RunOnce();
+  const std::string others =
+      "others may free more now than shown\nget their numbers with: "
+      "zorv-snapusage run photos\n";
+  EXPECT_THAT(Tool({"show", "photos"}).out, Not(HasSubstr(others)));
   volume_->DeleteSubvolume(std::string("photos/.snapshots/") + kFirst);
   const CommandResult result = Tool({"show", "photos"});
   EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr(others));
   EXPECT_THAT(result.out,
               HasSubstr(std::string("2024-03-01 09:04:09  ") + kFirst + " (deleted)\n"));
   EXPECT_FALSE(Shown()["snapshots"][0]["present"].asBool());
