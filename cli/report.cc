@@ -99,7 +99,7 @@ std::string Completeness(const Report& report) {
                      report.missing.size() + report.rows.size());
 }
 
-std::string StateText(const Report& report) {
+std::string GenerationText(const Report& report) {
   return report.generation ? fmt::format(", generation {}", *report.generation) : "";
 }
 
@@ -130,7 +130,7 @@ void PrintDeletions(const Report& report) {
 void PrintForPeople(const Report& report, const OutputFormat& format) {
   if (!format.plain)
     ToStandardOutput(fmt::format("share {}, calculated {}{}, {}\n\n", Escaped(report.share),
-                                 TimeForPeople(report.calculated), StateText(report),
+                                 TimeForPeople(report.calculated), GenerationText(report),
                                  Completeness(report)));
   ToStandardOutput(TableOf(report, format).Text(format));
   if (format.plain) return;
