@@ -13,6 +13,7 @@
 
 #include <algorithm>
 
+#include "cli/engine_places.h"
 #include "cli/failure.h"
 
 namespace ZorvSnapUsage {
@@ -59,8 +60,7 @@ int WaitForProgram(int failure) {
 [[noreturn]] void RefuseToStart(const char* program, int error) {
   const std::string what = fmt::format("{} cannot be started ({})", program, strerror(error));
   for (const int own : {EACCES, ELOOP, ENOENT, ENOEXEC, ENOTDIR, ETXTBSY, ELIBBAD})
-    if (error == own)
-      throw Failure(kNotAnEngine, what, "install zorv-btrfs-command, or the engine as /sbin/btrfs");
+    if (error == own) throw Failure(kNotAnEngine, what, HowToGetEngine(program));
   throw SystemFailure(what, "see to the limits of this process (ulimit -a), and try again");
 }
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <string>
 
+#include "cli/engine_places.h"
 #include "cli/failure.h"
 #include "cli/patience.h"
 #include "cli/program_run.h"
@@ -13,37 +14,53 @@
 namespace ZorvSnapUsage {
 namespace {
 
-constexpr char kCommand[] = "/sbin/btrfs";
 constexpr char kAnswer[] = "zorv btrfs engine";
-constexpr char kNext[] = "install zorv-btrfs-command, or the engine as /sbin/btrfs";
 constexpr size_t kMostText = 256;
 constexpr std::chrono::seconds kTimeToAnswer{30};
 
-[[noreturn]] void Refuse(const char* why) {
-  throw Failure(kNotAnEngine, fmt::format("{} {}", kCommand, why), kNext);
+[[noreturn]] void Refuse(ExitStatus status, const char* place, const char* why) {
+  throw Failure(status, fmt::format("{} {}", place, why), HowToGetEngine(place));
 }
 
 // What the command prints about its version; any other btrfs complains about a command that it does
 // not know.
-std::string VersionText() {
-  Patience patience("asking /sbin/btrfs for its version");
+std::string VersionText(const char* place) {
+  Patience patience(fmt::format("asking {} for its version", place));
   const auto end = std::chrono::steady_clock::now() + kTimeToAnswer;
-  return RunProgram({kCommand, "subvolume", "size", "--version"},
+  return RunProgram({place, "subvolume", "size", "--version"},
                     {kMostText, [](const std::string&) {},
                      [&] {
                        patience.Tick();
-                       if (std::chrono::steady_clock::now() > end) Refuse("does not answer");
+                       if (std::chrono::steady_clock::now() > end)
+                         Refuse(kNotAnEngine, place, "does not answer");
                      }})
       .output;
 }
 
+void RequireEngineAt(const char* place) {
+  if (PLATCFileExist(place) != 1) Refuse(kCommandMissing, place, "is missing");
+  if (VersionText(place).rfind(kAnswer, 0) != 0)
+    Refuse(kNotAnEngine, place, "is not an engine that calculates exclusive sizes");
+}
+
+// Whether the failure says of a place that no engine is there: not a signal, nor lack of memory.
+bool SaysNoEngine(const Failure& failure) {
+  return failure.Status() == kCommandMissing || failure.Status() == kNotAnEngine;
+}
+
 }  // namespace
 
-void RequireEngine() {
-  if (PLATCFileExist(kCommand) != 1)
-    throw Failure(kCommandMissing, fmt::format("{} is missing", kCommand), kNext);
-  if (VersionText().rfind(kAnswer, 0) != 0)
-    Refuse("is not an engine that calculates exclusive sizes");
+void RequireEngine() { RequireEngineAt(kBtrfsProgram); }
+
+const char* FindEngine() {
+  try {
+    RequireEngineAt(kBtrfsProgram);
+    return kBtrfsProgram;
+  } catch (const Failure& failure) {
+    if (!SaysNoEngine(failure) || PLATCFileExist(kOwnEngine) != 1) throw;
+  }
+  RequireEngineAt(kOwnEngine);
+  return kOwnEngine;
 }
 
 }  // namespace ZorvSnapUsage

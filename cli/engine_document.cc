@@ -33,8 +33,8 @@ std::string ReasonOf(const ProgramEnd& end) {
 }  // namespace
 
 std::string AskEngine(const DocumentQuestion& question) {
-  RequireEngine();
-  std::vector<std::string> argv = {ZorvBtrfsUsage::kBtrfsProgram, "subvolume", "size"};
+  const char* engine = FindEngine();
+  std::vector<std::string> argv = {engine, "subvolume", "size"};
   argv.insert(argv.end(), question.options.begin(), question.options.end());
   for (const char* word : {"--format", "json", "-r"}) argv.emplace_back(word);
   argv.push_back(question.directory);
@@ -42,7 +42,7 @@ std::string AskEngine(const DocumentQuestion& question) {
   Patience patience("reading the file system", question.quiet);
   ProgramEnd end = RunProgram(argv, {question.mostOutput, PassOn, [&] { patience.Tick(); }});
   if (end.waitStatus != 0 || BeginsWith(end.output, kFailureMark))
-    throw EngineFailure("reading the file system", ReasonOf(end), question.directory);
+    throw EngineFailure("reading the file system", ReasonOf(end), engine, question.directory);
   return std::move(end.output);
 }
 

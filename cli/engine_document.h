@@ -7,7 +7,6 @@
 #include <string>
 #include <vector>
 
-#include "base/paths.h"
 #include "cli/failure.h"
 #include "cli/json_reader.h"
 #include "cli/text.h"
@@ -34,8 +33,7 @@ auto Understood(const Read& read) {
     return read();
   } catch (const JsonError& error) {
     throw Failure(kNotAnEngine,
-                  fmt::format("the answer of {} cannot be read ({})", ZorvBtrfsUsage::kBtrfsProgram,
-                              Escaped(error.what())),
+                  fmt::format("the engine's answer cannot be read ({})", Escaped(error.what())),
                   "install the engine that belongs to this program");
   }
 }

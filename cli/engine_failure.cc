@@ -35,13 +35,13 @@ constexpr Row kRows[] = {
 
 }  // namespace
 
-Failure EngineFailure(const std::string& what, const std::string& reason,
+Failure EngineFailure(const std::string& what, const std::string& reason, const char* place,
                       const std::string& directory) {
   const std::string failed = fmt::format("{} failed: {}", what, Escaped(reason));
   for (const Row& row : kRows)
     if (reason.find(row.says) != std::string::npos) return Failure(row.status, failed, row.next);
   return Failure(kCalculationFailed, failed,
-                 fmt::format("see what is in the way with: btrfs subvolume size --check -r {}",
+                 fmt::format("see what is in the way with: {} subvolume size --check -r {}", place,
                              ShellWord(directory)));
 }
 

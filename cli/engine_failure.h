@@ -8,9 +8,9 @@
 
 namespace ZorvSnapUsage {
 
-// The failure of `what`, such as "the plan", for the reason that the engine gave; `directory` lies
-// on the file system that it was asked about.
-Failure EngineFailure(const std::string& what, const std::string& reason,
+// The failure of `what`, such as "the plan", for the reason that the engine at `place` gave;
+// `directory` lies on the file system that it was asked about.
+Failure EngineFailure(const std::string& what, const std::string& reason, const char* place,
                       const std::string& directory);
 
 }  // namespace ZorvSnapUsage

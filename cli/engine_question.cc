@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "cli/engine_places.h"
 #include "cli/failure.h"
 
 namespace ZorvSnapUsage {
@@ -16,7 +17,6 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr char kCommand[] = "/sbin/btrfs";
 constexpr size_t kMostText = 1 << 20;
 constexpr std::chrono::seconds kTimeToCheck{30};
 
@@ -28,7 +28,7 @@ EngineQuestion::EngineQuestion(const char* option, const std::string& directory)
     const UniqueFd null(open("/dev/null", O_WRONLY | O_CLOEXEC));
     // Ctrl-C is the caller's; what it asks ends with it.
     program_ = std::make_unique<ChildProgram>(
-        std::vector<std::string>{kCommand, "subvolume", "size", option, "-r", directory},
+        std::vector<std::string>{kBtrfsProgram, "subvolume", "size", option, "-r", directory},
         out.write.Get(), null.Get(), CtrlC::kDoesNotReachIt);
     out_ = std::move(out.read);
     // The other end waits when it is full.

@@ -7,6 +7,7 @@
 #include "tests/cli/plan_world.h"
 
 using namespace ZorvTest;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -241,7 +242,7 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
       {"tree block 5 (level 0, generation 7) cannot be used: its checksum is wrong",
        "look for damage with: btrfs scrub start", 11},
       {"this needs root", "run it with sudo", 3},
-      {"something new", "see what is in the way with: btrfs subvolume size --check -r /volume1",
+      {"something new", "see what is in the way with: /sbin/btrfs subvolume size --check -r /volume1",
        11},
   };
   for (const auto& c : kCases) {
@@ -272,7 +273,7 @@ TEST_F(CmdPlan, AnswerThatCannotBeRead) {
     const CommandResult result = Tool({"plan", "photos", "--keep-last", "1"});
     EXPECT_EQ(7, result.status);
     EXPECT_EQ("", result.out);
-    EXPECT_THAT(result.err, HasSubstr("the answer of /sbin/btrfs cannot be read ("));
+    EXPECT_THAT(result.err, HasSubstr("the engine's answer cannot be read ("));
     EXPECT_THAT(result.err, HasSubstr("); install the engine that belongs to this program\n"));
   }
 }
@@ -282,6 +283,77 @@ TEST_F(CmdPlan, NoEngine) {
   EXPECT_EQ(6, Tool({"plan", "photos", "--keep-last", "1"}).status);
   WriteScript("/sbin/btrfs", "echo 'btrfs-progs'\n");
   EXPECT_EQ(7, Tool({"plan", "photos", "--keep-last", "1"}).status);
+}
+
+// The engine stands where the program's package has it, and nowhere else.
+class CmdPlanOwnEngine : public CmdPlan {
+ protected:
+  CmdPlanOwnEngine() {
+    fs::create_directories(fs::path(kOwn).parent_path());
+    fs::rename(kCommand, kOwn);
+  }
+  ~CmdPlanOwnEngine() override { fs::remove_all(fs::path(kOwn).parent_path()); }
+
+  // By a table that is read anew.
+  static CommandResult Plan() {
+    fs::remove_all(kCache);
+    return Tool({"plan", "photos", "--keep-last", "1"});
+  }
+
+  static constexpr char kCommand[] = "/sbin/btrfs";
+  static constexpr char kOwn[] = "/usr/libexec/zorv-snapusage/btrfs";
+};
+
+// These ended with 6 and 7, though the program had brought an engine with it.
+TEST_F(CmdPlanOwnEngine, IsAskedWhereTheCommandIsNone) {
+  EXPECT_EQ(0, Plan().status) << "nothing is there";
+  fs::copy_file(kStockBtrfs, kCommand);
+  EXPECT_EQ(0, Plan().status) << "the stock command is there";
+  fs::permissions(kCommand, fs::perms(0644));
+  const CommandResult result = Plan();
+  EXPECT_EQ(0, result.status) << "what is there cannot be started";
+  EXPECT_EQ("", result.err);
+  EXPECT_EQ(3u, Asked());
+}
+
+TEST_F(CmdPlanOwnEngine, IsNotAskedWhereTheCommandIsOne) {
+  fs::rename(kOwn, kCommand);
+  WriteScript(kOwn, "touch /tmp/own.asked; exit 1\n");
+  EXPECT_EQ(0, Plan().status);
+  EXPECT_FALSE(fs::exists("/tmp/own.asked"));
+}
+
+TEST_F(CmdPlanOwnEngine, IsNoneEither) {
+  WriteScript(kOwn, "echo btrfs-progs\n");
+  ExpectWrong({"--keep-last", "1"}, 7,
+              std::string(kOwn) +
+                  " is not an engine that calculates exclusive sizes; install the package "
+                  "zorv-snapusage again");
+  fs::permissions(kOwn, fs::perms(0644));
+  ExpectWrong({"--keep-last", "1"}, 7,
+              std::string(kOwn) +
+                  " cannot be started (Permission denied); install the package zorv-snapusage "
+                  "again");
+}
+
+TEST_F(CmdPlanOwnEngine, FailureSaysHowToAskIt) {
+  FakeEngine("echo 'ERROR: something new' >&2; exit 1\n");
+  fs::rename(kCommand, kOwn);
+  ExpectWrong({"--keep-last", "1"}, 11,
+              "reading the file system failed: something new; see what is in the way with: " +
+                  std::string(kOwn) + " subvolume size --check -r /volume1/photos/.snapshots/" +
+                  Day(1));
+}
+
+TEST_F(CmdPlanOwnEngine, CalculationsNeedTheCommand) {
+  for (const char* command : {"run", "start"}) {
+    const CommandResult result = Tool({command, "photos"});
+    EXPECT_EQ(6, result.status) << command;
+    EXPECT_EQ(
+        "zorv-snapusage: /sbin/btrfs is missing; install zorv-btrfs-command, or the engine as "
+        "/sbin/btrfs\n",
+        result.err);
+  }
 }
 
 // Sets that are summed up say nothing of another order: then the engine is asked for the plan

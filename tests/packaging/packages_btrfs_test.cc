@@ -315,6 +315,24 @@ TEST_F(Packages, PurgeOfTheToolAloneKeepsTheLibrarysRecords) {
   EXPECT_FALSE(fs::exists("/run/zorv-btrfs-engine"));
 }
 
+// Nothing of the system is another's then, and what needs no calculation is answered.
+TEST_F(Packages, PlansNeedNoLink) {
+  MustRun(Dpkg({"--purge"}, {"zorv-btrfs-command"}));
+  ASSERT_FALSE(fs::exists(fs::symlink_status(kLink)));
+  const std::string first = "GMT-2024.03.01-09.04.09";
+  Json::Value plan;
+  std::istringstream(
+      MustRun({"zorv-snapusage", "plan", "photos", "--delete", first, "--format", "json"})) >>
+      plan;
+  EXPECT_EQ(Kernels()[SubvolumeID(volume_.Path("photos/.snapshots/" + first))],
+            plan["together"]["frees"].asUInt64());
+  EXPECT_THAT(MustRun({"zorv-snapusage", "explain", "photos", first}), HasSubstr("  replaced\n"));
+  EXPECT_THAT(MustRun({"zorv-snapusage", "whyheld", "photos", "replaced"}), HasSubstr(first));
+  const CommandResult run = ZorvTest::Run({"zorv-snapusage", "run", "photos"});
+  EXPECT_EQ(6, run.status);
+  EXPECT_THAT(run.err, HasSubstr("; install zorv-btrfs-command, or the engine as /sbin/btrfs\n"));
+}
+
 TEST_F(Packages, CommandIsNotPutOverAnotherPackages) {
   const std::string command = FileOf("zorv-btrfs-command", ZORV_PACKAGES);
   // dpkg itself sees the second only.
