@@ -1,4 +1,6 @@
 // zorv-snapusage names: the names of shares or snapshots, for scripts and for completion.
+#include <fmt/format.h>
+
 #include <CLI/CLI.hpp>
 #include <memory>
 
@@ -26,6 +28,10 @@ std::vector<std::string> SnapshotNames(const std::string& share) {
   RequireShare(share);
   std::vector<std::string> names;
   for (const Snapshot& snapshot : SnapshotsOf(share)) names.push_back(snapshot.name);
+  // An empty list looks the same whether there are none or the share's format fits none.
+  if (names.empty())
+    Say(fmt::format("note: share {} has no snapshots; {}", Quoted(share),
+                    NextWithoutSnapshots(share)));
   return names;
 }
 
@@ -46,7 +52,8 @@ void AddNames(CLI::App& program, Action& action) {
   CLI::App* const command =
       program.add_subcommand("names", "Print the names of all shares, or of a share's snapshots");
   const auto options = std::make_shared<NamesOptions>();
-  command->add_option("SHARE", options->share, "Name of the share (default: names of shares)");
+  command->add_option("SHARE", options->share, "Name of the share (default: names of shares)")
+      ->type_name("");
   command->add_flag("-0,--null", options->zero, "Names as they are, with a NUL behind each");
   command->footer(
       "For scripts and completion; shares by name, snapshots by time.\n"

@@ -195,7 +195,7 @@ std::string NextWithoutSnapshots(const std::string& share) {
   const int unfit = record ? ZORVShareSnapUnfit(record.get(), &format) : 0;
   if (unfit <= 0 || ZORVShareInfoGet(record.get(), &info) != 0)
     return "make read-only snapshots of it in " + directory;
-  return fmt::format("{} in {} {} not fit its format {} ({})",
+  return fmt::format("{} in {} {} not fit its format {}; correct that in {}",
                      CountOf(static_cast<unsigned>(unfit), "subvolume"), directory,
                      unfit == 1 ? "does" : "do", Quoted(format), Escaped(info.place));
 }

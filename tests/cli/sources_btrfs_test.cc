@@ -183,10 +183,19 @@ TEST_F(CmdRunSources, AFormatThatFitsNothingIsSaid) {
     EXPECT_EQ(9, result.status);
     EXPECT_EQ(
         "zorv-snapusage: share 'photos' has no snapshots; 3 subvolumes in "
-        "'/volume1/photos/.snapshots' do not fit its format 'p-%Y%m%d' "
-        "(/etc/zorv-snapusage.conf:1)\n",
+        "'/volume1/photos/.snapshots' do not fit its format 'p-%Y%m%d'; "
+        "correct that in /etc/zorv-snapusage.conf:1\n",
         result.err);
   }
+  // It printed nothing at all.
+  const CommandResult names = Tool({"names", "photos"});
+  EXPECT_EQ(0, names.status);
+  EXPECT_EQ("", names.out);
+  EXPECT_EQ(
+      "zorv-snapusage: note: share 'photos' has no snapshots; 3 subvolumes in "
+      "'/volume1/photos/.snapshots' do not fit its format 'p-%Y%m%d'; correct that in "
+      "/etc/zorv-snapusage.conf:1\n",
+      names.err);
 }
 
 // One disk that was absent kept all shares from being calculated.
