@@ -158,7 +158,9 @@ void AddExplain(CLI::App& program, Action& action) {
       program.add_subcommand("explain", "Name the files behind what a snapshot alone holds");
   const auto options = std::make_shared<ExplainOptions>();
   AddShareArgument(*command, options->share);
-  command->add_option("SNAPSHOT", options->snapshot, "Name of the snapshot")->required();
+  command->add_option("SNAPSHOT", options->snapshot, "Name of the snapshot")
+      ->type_name("")
+      ->required();
   command->add_option("--top", options->size.most, "As many files, and folders (default: 20)")
       ->type_name("N")
       ->check(CLI::Range(1u, 10000u).description(""));

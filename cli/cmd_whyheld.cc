@@ -218,6 +218,7 @@ void AddWhyheld(CLI::App& program, Action& action) {
   const auto options = std::make_shared<WhyheldOptions>();
   AddShareArgument(*command, options->share);
   command->add_option("PATH", options->path, "File or folder of the share, also one that is gone")
+      ->type_name("")
       ->required();
   AddOutputFormat(*command, options->format, GroupColumns());
   command->footer(

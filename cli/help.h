@@ -9,7 +9,8 @@ class App;
 namespace ZorvSnapUsage {
 
 // For the program and all commands that are added to it from then on. A help text is to fit a
-// screen of 24 lines of 80 columns; descriptions of options have 56 columns.
+// screen of 24 lines of 80 columns; descriptions of options have 56 columns, and go on below where
+// they are longer.
 void SetHelpStyle(CLI::App& program);
 
 }  // namespace ZorvSnapUsage

@@ -24,13 +24,21 @@ CLI::Option* AddUnits(CLI::App& command, OutputFormat& format, const char* name,
       name, [&format, units] { format.units = units; }, help);
 }
 
-// "there is no column 'x', did you mean 'y'?"
-std::string NoColumn(const std::string& key, const Columns& columns) {
+std::vector<std::string> KeysOf(const Columns& columns) {
   std::vector<std::string> keys;
   for (const Column& column : columns) keys.push_back(column.key);
-  return fmt::format(
-      "there is no column {}, {}", Quoted(key),
-      DidYouMean(key, keys, "there are " + fmt::format("{}", fmt::join(keys, ", "))));
+  return keys;
+}
+
+// "data, files, path"
+std::string ListOf(const Columns& columns) {
+  return fmt::format("{}", fmt::join(KeysOf(columns), ", "));
+}
+
+// "there is no column 'x', did you mean 'y'?"
+std::string NoColumn(const std::string& key, const Columns& columns) {
+  return fmt::format("there is no column {}, {}", Quoted(key),
+                     DidYouMean(key, KeysOf(columns), "there are " + ListOf(columns)));
 }
 
 SortOrder ParseSort(const std::string& text, const Columns& columns) {
@@ -86,7 +94,7 @@ void AddOutputFormat(CLI::App& command, OutputFormat& format, const Columns& col
       .add_option_function<std::string>(
           "--sort",
           [&format, columns](const std::string& text) { format.sort = ParseSort(text, columns); },
-          "Sort by this column; - before it: backwards")
+          "Sort (-: backwards) by " + ListOf(columns))
       ->type_name("[-]COLUMN");
 }
 

@@ -42,9 +42,39 @@ TEST(MainHelp, EveryCommandFitsAScreenAndHasAnExample) {
     const CommandResult result = Tool({command, "--help"});
     EXPECT_EQ(0, result.status);
     EXPECT_THAT(result.out, HasSubstr("Example: zorv-snapusage " + command));
+    EXPECT_THAT(result.out, Not(HasSubstr("TEXT"))) << "says nothing";
     ExpectFitsAScreen(result.out);
   }
   ExpectFitsAScreen(Tool({"--help"}).out);
+}
+
+// The words of an option's description, from the lines that it has.
+std::string DescriptionOf(const std::string& option, const std::string& help) {
+  std::istringstream lines(help);
+  std::string found;
+  for (std::string line; std::getline(lines, line);) {
+    const bool goesOn = !found.empty() && line.starts_with("      ");
+    if (!goesOn && !found.empty()) break;
+    if (goesOn || line.starts_with("  " + option + " ")) found += line.substr(23);
+  }
+  return found;
+}
+
+// They were told only to those who had named a wrong one.
+TEST(MainHelp, ColumnsToSortByAreNamed) {
+  size_t withColumns = 0;
+  for (const std::string& command : Commands()) {
+    SCOPED_TRACE(command);
+    const std::string sort = DescriptionOf("--sort", Tool({command, "--help"}).out);
+    if (sort.empty()) continue;
+    ++withColumns;
+    const std::string refused = Tool({command, "photos", "x", "--sort=?"}).err;
+    const size_t at = refused.find("there are ");
+    ASSERT_NE(std::string::npos, at) << refused;
+    const std::string columns = refused.substr(at + 10, refused.find(';', at) - at - 10);
+    EXPECT_EQ(" Sort (-: backwards) by " + columns, sort);
+  }
+  EXPECT_EQ(7u, withColumns);
 }
 
 TEST(MainHelp, ExitStatusesAreTheSameInProgramAndManual) {
