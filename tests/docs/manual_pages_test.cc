@@ -25,7 +25,8 @@ const char* const kClasses[] = {
 
 std::vector<std::string> Pages() {
   std::vector<std::string> pages = {"zorv-snapusage.8", "zorv-snapusage.conf.5",
-                                    "btrfs-subvolume-size.8", "zorvbtrfssnapusage.5", "zorvbtrfssnapusage.3"};
+                                    "btrfs-subvolume-size.8", "zorvbtrfssnapusage.5",
+                                    "zorvbtrfssnapusage.3"};
   for (const char* name : kClasses) pages.push_back(std::string(name) + ".3");
   return pages;
 }
@@ -222,6 +223,68 @@ TEST(ManualPages, ProgramHasTheExitStatusesOfItsHelp) {
     inPage[status] = meaning;
   EXPECT_EQ(inHelp, inPage);
   EXPECT_LT(17u, inPage.size());
+}
+
+// The tool's manual, which is the body of its page.
+std::string ToolsManual() { return ReadFile(ZORV_SOURCE_DIR "/docs/zorv-snapusage.md"); }
+
+// Begins a row of a table with the text, which has one or two words in the place of each "{}".
+std::regex RowOf(std::string text) {
+  if (text.ends_with("\\n")) text.resize(text.size() - 2);
+  text = std::regex_replace(text, std::regex(R"([.()])"), R"(\$&)");
+  text = std::regex_replace(text, std::regex(R"(\{\})"), R"(\w+( \w+)?)");
+  return std::regex("^\\| " + text + ".*");
+}
+
+// The texts of the notes that the tool's sources have.
+std::set<std::string> NotesOfTheTool() {
+  static const std::regex split(R"re("\s*\n\s*")re");
+  static const std::regex note(R"re((?:"note: |: note: |Note\((?:fmt::format\()?\s*")([^"]+)")re");
+  std::set<std::string> notes;
+  for (const auto& source : fs::directory_iterator(ZORV_SOURCE_DIR "/cli")) {
+    const std::string text = std::regex_replace(ReadFile(source.path()), split, "");
+    for (std::sregex_iterator at(text.begin(), text.end(), note), end; at != end; ++at)
+      if (!(*at)[1].str().starts_with("{}\\n")) notes.insert((*at)[1]);
+  }
+  return notes;
+}
+
+TEST(ManualPages, NotesAreThoseOfTheProgram) {
+  const std::string manual = ToolsManual();
+  const size_t begin = manual.find("\n## Notes\n");
+  ASSERT_NE(std::string::npos, begin);
+  const std::string chapter = manual.substr(begin, manual.find("\n## ", begin + 1) - begin);
+  std::vector<std::string> rows;
+  std::istringstream lines(chapter);
+  for (std::string line; std::getline(lines, line);)
+    if (line.starts_with("| ")) rows.push_back(line);
+  const std::set<std::string> notes = NotesOfTheTool();
+  for (const std::string& note : notes)
+    EXPECT_EQ(1, std::count_if(
+                     rows.begin(), rows.end(),
+                     [row = RowOf(note)](const auto& line) { return std::regex_match(line, row); }))
+        << note;
+  // The table's head, and what the platform has to say.
+  EXPECT_EQ(notes.size() + 2, rows.size());
+}
+
+// Members of some documents were in their schemas alone.
+TEST(ManualPages, MembersOfEveryDocumentAreTold) {
+  const std::string manual = ToolsManual();
+  const std::regex member(R"re("(\w+)": \{)re");
+  // Words of schemas themselves, and of their definitions.
+  const Texts ofSchemas = {"properties", "items", "dependentRequired", "bytes"};
+  Texts members;
+  for (const auto& schema : fs::directory_iterator(ZORV_SOURCE_DIR "/docs/schema")) {
+    const std::string text = ReadFile(schema.path());
+    for (std::sregex_iterator at(text.begin(), text.end(), member), end; at != end; ++at)
+      if (!ofSchemas.contains((*at)[1])) members.insert((*at)[1]);
+  }
+  EXPECT_LT(50u, members.size());
+  for (const std::string& name : members)
+    EXPECT_TRUE(manual.find("`" + name + "`") != std::string::npos ||
+                manual.find("\"" + name + "\"") != std::string::npos)
+        << name;
 }
 
 TEST(ManualPages, EachExportedClassHasAPageWithAllOfItsMembers) {
