@@ -53,7 +53,7 @@ Report RunShare(const Selection& selection, bool quiet) {
   std::vector<Snapshot> asked = launched.asked;
   asked.insert(asked.end(), launched.leftOut.begin(), launched.leftOut.end());
   const std::vector<Snapshot> present = SnapshotsOf(share);
-  Report report = MakeReport(share, *result, present, asked);
+  Report report = MakeReport(share, *result, {present, {}}, asked);
   AddTableOfNow(present, quiet ? Silence::kQuiet : Silence::kSpeak, report);
   report.generation = GenerationOf(share, *result);
   return report;
@@ -88,6 +88,7 @@ int Run(const RunOptions& options) {
     const int status = ForEachShare(options.shares, chosen.shares, [&](const std::string&) {
       const Report report = RunShareTo(*end++, options);
       printer.Print(report);
+      NoteRowsOfOtherState(report);
       RequireComplete(report);
     });
     printer.Finish(ends, chosen.status == kOk);

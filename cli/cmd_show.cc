@@ -11,6 +11,7 @@
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/options.h"
+#include "cli/present_snapshots.h"
 #include "cli/report_table.h"
 #include "cli/result_generation.h"
 #include "cli/standard_streams.h"
@@ -66,10 +67,17 @@ void PrintNotes(const Report& report, const std::optional<Calculation>& latest) 
     Note(fmt::format("{} of the share {} not in this result",
                      CountOf(report.notMeasured.size(), "snapshot"),
                      report.notMeasured.size() == 1 ? "is" : "are"));
+  if (report.otherFileSystem)
+    Note(
+        fmt::format("the share lies on another file system than at the time of this result, or the "
+                    "clock was set back since: its snapshots are not those of the result; "
+                    "calculate them with: zorv-snapusage run {}",
+                    ShareWord(report.share)));
+  NoteRowsOfOtherState(report);
 }
 
 // The share's snapshots; none when it has been deleted. Gives up when they cannot be listed.
-std::vector<Snapshot> PresentSnapshots(const std::string& share) {
+std::vector<Snapshot> SnapshotsThere(const std::string& share) {
   if (!ShareMayExist(share)) return {};
   RequireShare(share);
   return SnapshotsOf(share);
@@ -77,13 +85,19 @@ std::vector<Snapshot> PresentSnapshots(const std::string& share) {
 
 // Results outlive their share, and are there when its snapshots cannot be listed for the moment.
 Report ReportOf(const std::string& share, const Result& result) {
+  const TablesOfShare tables = SortedTables(share);
+  PresentSnapshots present;
+  Report report;
   try {
-    const std::vector<Snapshot> present = PresentSnapshots(share);
-    return MakeReport(share, result, present, AskedFor(share, result, present));
+    present = SeenBy(result, SnapshotsThere(share), tables);
+    report = MakeReport(share, result, present, AskedFor(share, result, present));
   } catch (const Failure& failure) {
     Note(fmt::format("which snapshots are still there cannot be told: {}", failure.what()));
-    return MakeReportAlone(share, result);
+    report = MakeReportAlone(share, result);
   }
+  AddBestTable(tables.here, present, report);
+  report.generation = GenerationOf(share, result);
+  return report;
 }
 
 int Show(const ShowOptions& options) {
@@ -92,9 +106,7 @@ int Show(const ShowOptions& options) {
   const std::optional<Calculation> latest = LatestCalculation(share);
   const std::optional<Result> result = NewestResult(share);
   if (!result) RefuseWithoutResult(share, latest);
-  Report report = ReportOf(share, *result);
-  AddNewestTable(report);
-  report.generation = GenerationOf(share, *result);
+  const Report report = ReportOf(share, *result);
   Print(report, options.format);
   PrintNotes(report, latest);
   RequireComplete(report);

@@ -37,4 +37,13 @@ std::optional<FileSystemState> StateOfFileSystem(const std::string& path) {
   return FileSystemState{IdText(info.fsid), info.generation};
 }
 
+std::optional<time_t> CreationTime(const std::string& path) {
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  btrfs_ioctl_get_subvol_info_args info{};
+  // It may succeed with 1, too.
+  if (!fd.Valid() || ioctl(fd.Get(), BTRFS_IOC_GET_SUBVOL_INFO, &info) < 0 || info.otime.sec == 0)
+    return std::nullopt;
+  return static_cast<time_t>(info.otime.sec);
+}
+
 }  // namespace ZorvSnapUsage

@@ -2,6 +2,8 @@
 #ifndef CLI_FILE_SYSTEM_H_
 #define CLI_FILE_SYSTEM_H_
 
+#include <time.h>
+
 #include <optional>
 #include <string>
 
@@ -17,6 +19,9 @@ struct FileSystemState {
 // Nothing when the path is not there or not on btrfs, or when the kernel does not say it (before
 // Linux 5.10).
 std::optional<FileSystemState> StateOfFileSystem(const std::string& path);
+
+// When the subvolume at the path was made, as its file system says; nothing when it does not.
+std::optional<time_t> CreationTime(const std::string& path);
 
 }  // namespace ZorvSnapUsage
 

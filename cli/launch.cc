@@ -105,8 +105,6 @@ std::vector<Snapshot> Selected(const Selection& selection, const std::optional<T
       "widen the range; snapshots whose names carry no time are in none");
 }
 
-bool IsRecordable(const Snapshot& snapshot) { return ValidUtf8(snapshot.name) == snapshot.name; }
-
 // Takes out what cannot be recorded and was not asked for by its name, and says so: whoever can
 // write in the share can make such a one, and would keep it from being calculated. All are left in
 // when there are no others.

@@ -44,8 +44,9 @@ struct TableCells {
 TableCells CellsOfTable(const ReportRow& row) {
   if (!row.shares) return {};
   const SnapshotShares& shares = *row.shares;
-  TableCells cells = {Cell::Bytes(shares.alone.metadata), Cell::Bytes(shares.withAllOlder.Total()),
-                      Cell()};
+  TableCells cells = {Cell::Bytes(shares.alone.metadata), Cell(), Cell()};
+  if (!row.time) return cells;  // nobody knows which ones are older
+  cells.withOlder = Cell::Bytes(shares.withAllOlder.Total());
   if (shares.newSinceOlder) cells.newSinceOlder = Cell::Bytes(shares.newSinceOlder->Total());
   return cells;
 }
@@ -94,9 +95,12 @@ Table TableWithShare(const Report& report, const OutputFormat& format) {
 }
 
 std::string Completeness(const Report& report) {
-  if (report.missing.empty()) return "complete";
-  return fmt::format("{} of {} snapshots are missing", report.missing.size(),
-                     report.missing.size() + report.rows.size());
+  if (!report.missing.empty())
+    return fmt::format("{} of {} snapshots are missing", report.missing.size(),
+                       report.missing.size() + report.rows.size());
+  if (report.notMeasured.empty()) return "complete";
+  const size_t there = report.rows.size() - report.deletedSince.value_or(0);
+  return fmt::format("{} of {} snapshots calculated", there, there + report.notMeasured.size());
 }
 
 std::string GenerationText(const Report& report) {
@@ -104,23 +108,26 @@ std::string GenerationText(const Report& report) {
 }
 
 // So that the sum is explained: what several hold is in no exclusive number.
-void PrintTotals(const ReportTable& table, Units units) {
-  const FreedBytes& all = table.totals.all;
-  const FreedBytes& several = table.totals.heldBySeveral;
+std::string TotalsText(const ReportTable& table, const TableTotals& totals, Units units) {
+  const unsigned long long all = totals.all.Total();
+  const unsigned long long several = totals.heldBySeveral.Total();
   const bool one = table.snapshots == 1;
-  ToStandardOutput(fmt::format(
-      "\nmetadata, with older, new: as of {} (generation {})\n"
-      "{} then {} {}{}: {} exclusive, {} held only by two or more of them\n",
-      TimeForPeople(table.taken), table.generation, AllOf(table.snapshots, "snapshot"),
-      one ? "frees" : "free", BytesText(all.Total(), units), one ? "" : " together",
-      BytesText(all.Total() - several.Total(), units), BytesText(several.Total(), units)));
+  return fmt::format("{} then {} {}{}: {} exclusive, {} held only by two or more of them\n",
+                     AllOf(table.snapshots, "snapshot"), one ? "frees" : "free",
+                     BytesText(all, units), one ? "" : " together", BytesText(all - several, units),
+                     BytesText(several, units));
+}
+
+void PrintTable(const ReportTable& table, Units units) {
+  ToStandardOutput(fmt::format("\nmetadata, with older, new: as of {} (generation {})\n",
+                               TimeForPeople(table.taken), table.generation));
+  if (table.totals) ToStandardOutput(TotalsText(table, *table.totals, units));
 }
 
 // What a deleted snapshot shared with one other is that one's alone now.
 void PrintDeletions(const Report& report) {
-  const bool deleted = std::any_of(report.rows.begin(), report.rows.end(),
-                                   [](const ReportRow& row) { return row.present == false; });
-  if (!deleted) return;
+  const size_t deleted = report.deletedSince.value_or(0);
+  if (deleted == 0 || deleted == report.rows.size() || report.otherFileSystem) return;
   ToStandardOutput(
       fmt::format("\nsnapshots were deleted after the calculation: others may free more now than "
                   "shown\nget their numbers with: zorv-snapusage run {}\n",
@@ -134,7 +141,7 @@ void PrintForPeople(const Report& report, const OutputFormat& format) {
                                  Completeness(report)));
   ToStandardOutput(TableOf(report, format).Text(format));
   if (format.plain) return;
-  if (report.table) PrintTotals(*report.table, format.ShownUnits());
+  if (report.table) PrintTable(*report.table, format.ShownUnits());
   PrintDeletions(report);
 }
 
@@ -143,8 +150,10 @@ Json::Value TableJson(const ReportTable& table) {
   SetTime(value, "taken", table.taken);
   value["generation"] = Json::UInt64{table.generation};
   value["snapshots"] = Json::UInt64{table.snapshots};
-  value["all"] = Json::UInt64{table.totals.all.Total()};
-  value["held_by_several"] = Json::UInt64{table.totals.heldBySeveral.Total()};
+  value["all"] = value["held_by_several"] = Json::Value();
+  if (!table.totals) return value;
+  value["all"] = Json::UInt64{table.totals->all.Total()};
+  value["held_by_several"] = Json::UInt64{table.totals->heldBySeveral.Total()};
   return value;
 }
 
@@ -156,6 +165,8 @@ void AddTo(Json::Value& document, const Report& report, const OutputFormat& form
   document["complete"] = report.missing.empty();
   document["missing"] = NamesJson(report.missing);
   document["not_measured"] = NamesJson(report.notMeasured);
+  document["deleted_since"] = NumberJson(report.deletedSince);
+  document["other_file_system"] = report.otherFileSystem;
   document["snapshots"] = TableOf(report, format).Rows(format);
   document["table"] = report.table ? TableJson(*report.table) : Json::Value();
 }
@@ -183,44 +194,62 @@ std::string Listed(const std::vector<std::string>& names) {
 
 }  // namespace
 
-Report MakeReport(const std::string& share, const Result& result,
-                  const std::vector<Snapshot>& present, const std::vector<Snapshot>& asked) {
+Report MakeReport(const std::string& share, const Result& result, const PresentSnapshots& present,
+                  const std::vector<Snapshot>& asked) {
   Report report;
   report.share = share;
   report.taskID = result.taskID;
   report.calculated = result.stored;
   std::map<unsigned long long, const Snapshot*> byID;
-  for (const Snapshot& snapshot : present) byID.emplace(snapshot.subvolumeID, &snapshot);
+  for (const Snapshot& snapshot : present.known) byID.emplace(snapshot.subvolumeID, &snapshot);
   const std::map<unsigned long long, std::string> recorded = RecordedSnapshots(share);
   std::set<unsigned long long> known;
+  size_t deleted = 0;
   unsigned long long runningTotal = 0;
   for (size_t i = 0; i < result.subvolumeIDs.size(); ++i) {
     ReportRow row = RowOf(result.subvolumeIDs[i], byID, recorded);
     row.exclusiveBytes = result.exclusiveBytes[i];
     row.runningTotalBytes = runningTotal += row.exclusiveBytes;
+    deleted += row.present == false;
     known.insert(row.subvolumeID);
     report.rows.push_back(row);
   }
+  report.deletedSince = deleted;
   for (const Snapshot& snapshot : asked)
     if (known.insert(snapshot.subvolumeID).second) report.missing.push_back(snapshot.name);
-  for (const Snapshot& snapshot : present)
+  for (const Snapshot& snapshot : present.known)
     if (known.insert(snapshot.subvolumeID).second) report.notMeasured.push_back(snapshot.name);
+  // A file system gives no ID twice.
+  for (const Snapshot& snapshot : present.other) {
+    report.otherFileSystem |= known.count(snapshot.subvolumeID) != 0;
+    report.notMeasured.push_back(snapshot.name);
+  }
   return report;
 }
 
 Report MakeReportAlone(const std::string& share, const Result& result) {
   Report report = MakeReport(share, result, {}, {});
   for (ReportRow& row : report.rows) row.present.reset();
+  report.deletedSince.reset();
   return report;
 }
 
 std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
-                               const std::vector<Snapshot>& present) {
+                               const PresentSnapshots& present) {
   std::vector<Snapshot> asked;
   if (RecordedTask(share) != result.taskID) return asked;
   const std::map<unsigned long long, std::string> recorded = RecordedSnapshots(share);
-  for (const Snapshot& snapshot : present)
-    if (recorded.count(snapshot.subvolumeID) != 0) asked.push_back(snapshot);
+  std::vector<Snapshot> cannotBeRecorded;
+  bool all = true;
+  for (const Snapshot& snapshot : present.known) {
+    if (recorded.count(snapshot.subvolumeID) != 0)
+      asked.push_back(snapshot);
+    else if (!IsRecordable(snapshot))
+      cannotBeRecorded.push_back(snapshot);
+    else
+      all = false;
+  }
+  if (all) asked.insert(asked.end(), cannotBeRecorded.begin(), cannotBeRecorded.end());
   return asked;
 }
 

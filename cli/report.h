@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cli/output_format.h"
+#include "cli/present_snapshots.h"
 #include "cli/results.h"
 #include "cli/share.h"
 #include "cli/size_table.h"
@@ -27,12 +28,12 @@ struct ReportRow {
   std::optional<SnapshotShares> shares;      // what a table says of it
 };
 
-// The table that the rows have their shares from: a state of its own.
+// The table that the rows have their shares from.
 struct ReportTable {
   time_t taken;
   unsigned long long generation;
   size_t snapshots;
-  TableTotals totals;
+  std::optional<TableTotals> totals;  // nothing when it is of another state than some row
 };
 
 struct Report {
@@ -43,21 +44,25 @@ struct Report {
   std::vector<ReportRow> rows;                   // in the order of the calculation
   std::vector<std::string> missing;              // asked for, but not in the result
   std::vector<std::string> notMeasured;          // there now, not asked for
+  std::optional<size_t> deletedSince;            // of the rows; nothing: it cannot be told
+  bool otherFileSystem = false;                  // than the one that the result is of
   std::optional<ReportTable> table;
+  size_t rowsOfOtherState = 0;  // than the best of the tables that there are
 };
 
 // Joins a result with the snapshots that there are now. `asked` are those that the calculation was
 // to measure.
-Report MakeReport(const std::string& share, const Result& result,
-                  const std::vector<Snapshot>& present, const std::vector<Snapshot>& asked);
+Report MakeReport(const std::string& share, const Result& result, const PresentSnapshots& present,
+                  const std::vector<Snapshot>& asked);
 
 // A result while nobody can tell which snapshots there are: names are those that are recorded.
 Report MakeReportAlone(const std::string& share, const Result& result);
 
 // Those of the present snapshots that the share's latest calculation was to measure, as far as it
-// is the one that the result is of; else none.
+// is the one that the result is of; else none. Those that cannot be recorded were when all others
+// were.
 std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
-                               const std::vector<Snapshot>& present);
+                               const PresentSnapshots& present);
 
 // The columns of a printed report.
 const Columns& ReportColumns();

@@ -1,16 +1,15 @@
 #include "cli/report_table.h"
 
 #include <fmt/format.h>
+#include <stdlib.h>
 
 #include <map>
 #include <optional>
+#include <utility>
 
 #include "cli/failure.h"
-#include "cli/file_system.h"
 #include "cli/interrupt.h"
-#include "cli/share.h"
 #include "cli/standard_streams.h"
-#include "cli/table_cache.h"
 #include "cli/table_source.h"
 #include "cli/wording.h"
 
@@ -24,41 +23,88 @@ void SayNotRead(const std::string& share, const Failure& failure) {
                   Interrupt::Asked() ? "interrupted" : failure.what(), ShareWord(share)));
 }
 
-// The newest of the file system that the share lies on now: subvolumes of another one may have the
-// same numbers.
-std::optional<KeptTable> KeptOf(const std::string& share) {
-  const std::optional<ShareOrigin> place = FindPlace(share);
-  const std::optional<FileSystemState> state =
-      place ? StateOfFileSystem(place->path) : std::nullopt;
-  return NewestTable(share, state ? std::optional(state->id) : std::nullopt);
+// Where the table has its subvolumes, by their IDs.
+using Places = std::map<unsigned long long, size_t>;
+
+Places PlacesOf(const SizeTable& table) {
+  Places places;
+  for (size_t place = 0; place < table.subvolumeIDs.size(); ++place)
+    places.emplace(table.subvolumeIDs[place], place);
+  return places;
+}
+
+// Whether the table has each row, and beyond them nothing but what is there and was not asked for.
+bool HasTheSnapshotsOf(const Report& report, const PresentSnapshots& present, Places places) {
+  for (const ReportRow& row : report.rows)
+    if (places.erase(row.subvolumeID) == 0) return false;
+  for (const Snapshot& snapshot : present.known) places.erase(snapshot.subvolumeID);
+  return places.empty();
+}
+
+// A table beside the rows of a report.
+struct Match {
+  const KeptTable* kept = nullptr;
+  std::vector<SnapshotShares> shares;  // of the rows of its state: the first ones
+  time_t distance = 0;                 // between the table and the result
+
+  bool IsBetterThan(const Match& other) const {
+    return shares.size() != other.shares.size() ? shares.size() > other.shares.size()
+                                                : distance < other.distance;
+  }
+};
+
+Match MatchOf(const KeptTable& kept, const PresentSnapshots& present, const Report& report) {
+  Match match{&kept, {}, std::abs(kept.taken - report.calculated)};
+  const Places places = PlacesOf(kept.table);
+  if (!HasTheSnapshotsOf(report, present, places)) return match;
+  const std::vector<SnapshotShares> shares = SharesOf(kept.table);
+  for (const ReportRow& row : report.rows) {
+    const SnapshotShares& ofRow = shares[places.at(row.subvolumeID)];
+    if (ofRow.alone.Total() != row.exclusiveBytes) break;
+    match.shares.push_back(ofRow);
+  }
+  return match;
+}
+
+void Add(const Match& match, Report& report) {
+  for (size_t i = 0; i < match.shares.size(); ++i) report.rows[i].shares = match.shares[i];
+  const SizeTable& table = match.kept->table;
+  report.table = {match.kept->taken, table.generation, table.subvolumeIDs.size(), std::nullopt};
+  if (match.shares.size() == report.rows.size()) report.table->totals = TotalsOf(table);
 }
 
 }  // namespace
 
-void AddTable(const KeptTable& kept, Report& report) {
-  const std::vector<SnapshotShares> shares = SharesOf(kept.table);
-  std::map<unsigned long long, size_t> places;
-  for (size_t place = 0; place < shares.size(); ++place)
-    places.emplace(kept.table.subvolumeIDs[place], place);
-  for (ReportRow& row : report.rows)
-    if (const auto place = places.find(row.subvolumeID); place != places.end())
-      row.shares = shares[place->second];
-  report.table = {kept.taken, kept.table.generation, shares.size(), TotalsOf(kept.table)};
-}
-
-void AddNewestTable(Report& report) {
-  if (const std::optional<KeptTable> kept = KeptOf(report.share)) AddTable(*kept, report);
+void AddBestTable(const std::vector<KeptTable>& tables, const PresentSnapshots& present,
+                  Report& report) {
+  Match best;
+  for (const KeptTable& kept : tables)
+    if (Match match = MatchOf(kept, present, report); match.IsBetterThan(best))
+      best = std::move(match);
+  if (!best.shares.empty()) Add(best, report);
+  if (!tables.empty()) report.rowsOfOtherState = report.rows.size() - best.shares.size();
 }
 
 void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report) {
-  std::optional<KeptTable> table;
+  std::vector<KeptTable> tables;
+  bool read = true;
   try {
-    table = KeptOf(report.share);
-    if (!snapshots.empty()) table = TableOfNow(report.share, snapshots, silence);
+    tables = SortedTables(report.share).here;
+    if (!snapshots.empty()) tables.push_back(TableOfNow(report.share, snapshots, silence));
   } catch (const Failure& failure) {
     SayNotRead(report.share, failure);
+    read = false;
   }
-  if (table) AddTable(*table, report);
+  AddBestTable(tables, {snapshots, {}}, report);
+  if (!read) report.rowsOfOtherState = 0;  // why has been said
+}
+
+void NoteRowsOfOtherState(const Report& report) {
+  if (report.rowsOfOtherState == 0 || !report.missing.empty()) return;  // that is said, too
+  Say(fmt::format(
+      "note: metadata, with older and new of {} of {} are left out: no table is of the "
+      "state that was calculated; get them with: zorv-snapusage run {}",
+      report.rowsOfOtherState, CountOf(report.rows.size(), "snapshot"), ShareWord(report.share)));
 }
 
 }  // namespace ZorvSnapUsage

@@ -5,23 +5,26 @@
 #include <vector>
 
 #include "cli/engine_table.h"
+#include "cli/present_snapshots.h"
 #include "cli/report.h"
 #include "cli/share.h"
 #include "cli/table_file.h"
 
 namespace ZorvSnapUsage {
 
-// Puts what the table says of its snapshots beside their rows.
-void AddTable(const KeptTable& kept, Report& report);
+// Puts what a table says of its snapshots beside their rows, and in row order as far as it has the
+// result's own numbers: from the first other one on it is of another state than the rows. A table
+// with a snapshot more or less than there were is of another state from the start. Takes the one of
+// `tables`, all of the share's file system, that goes furthest.
+void AddBestTable(const std::vector<KeptTable>& tables, const PresentSnapshots& present,
+                  Report& report);
 
-// The same with the newest table that is kept of the share as it is on its file system, if there is
-// one.
-void AddNewestTable(Report& report);
-
-// The same with the table of now, of all these snapshots of the share. One that cannot be had, or
-// that the user does not wait for, is said on standard error; the newest that is kept then has to
-// do.
+// The same with those that are kept and the table of now, of all these snapshots of the share. One
+// that cannot be had, or that the user does not wait for, is said on standard error.
 void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report);
+
+// Says which rows have no table of their state, where there are tables.
+void NoteRowsOfOtherState(const Report& report);
 
 }  // namespace ZorvSnapUsage
 

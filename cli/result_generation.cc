@@ -4,11 +4,26 @@
 #include <vector>
 
 #include "cli/failure.h"
-#include "cli/size_table.h"
 #include "cli/table_cache.h"
 
 namespace ZorvSnapUsage {
 namespace {
+
+// Whether it is of a later state; of several file systems the clock has to tell.
+bool IsNewer(const KeptTable& kept, const KeptTable& other) {
+  return kept.fileSystemID == other.fileSystemID ? kept.table.generation > other.table.generation
+                                                 : kept.taken > other.taken;
+}
+
+std::optional<unsigned long long> NewestOf(const std::vector<KeptTable>& tables,
+                                           const Result& result) {
+  const KeptTable* newest = nullptr;
+  for (const KeptTable& kept : tables)
+    if (HasNumbersOf(kept.table, result) && (!newest || IsNewer(kept, *newest))) newest = &kept;
+  return newest ? std::optional(newest->table.generation) : std::nullopt;
+}
+
+}  // namespace
 
 bool HasNumbersOf(const SizeTable& table, const Result& result) {
   const std::vector<SnapshotShares> shares = SharesOf(table);
@@ -22,18 +37,13 @@ bool HasNumbersOf(const SizeTable& table, const Result& result) {
   return !result.subvolumeIDs.empty();
 }
 
-}  // namespace
-
 std::optional<unsigned long long> GenerationOf(const std::string& share, const Result& result) {
   try {
-    const std::optional<KeptTable> kept =
-        NewestTable(share, /*fileSystemID=*/std::nullopt,
-                    [&](const KeptTable& table) { return HasNumbersOf(table.table, result); });
-    if (kept) return kept->table.generation;
+    return NewestOf(AllTables(share), result);
   } catch (const Failure&) {
     // Whoever needs the tables themselves says what is wrong with them.
+    return std::nullopt;
   }
-  return std::nullopt;
 }
 
 }  // namespace ZorvSnapUsage

@@ -6,8 +6,12 @@
 #include <string>
 
 #include "cli/results.h"
+#include "cli/size_table.h"
 
 namespace ZorvSnapUsage {
+
+// Whether the table has the same number for each snapshot of the result, which has some.
+bool HasNumbersOf(const SizeTable& table, const Result& result);
 
 // Results do not say it. A table that is kept of the share does, and where it has the same number
 // for each snapshot of the result, these are the numbers of its state, too. Nothing where there is

@@ -12,6 +12,7 @@
 
 #include "base/unique_fd.h"
 #include "cli/failure.h"
+#include "cli/file_system.h"
 #include "cli/nearest.h"
 #include "cli/share_map.h"
 #include "cli/standard_streams.h"
@@ -176,10 +177,12 @@ std::vector<Snapshot> SnapshotsOf(const std::string& share) {
       throw SystemFailure(
           fmt::format("snapshot {} of share {} cannot be looked at", Quoted(name), Quoted(share)));
     }
-    snapshots.push_back({name, path, subvolumeID, TimeInName(name)});
+    snapshots.push_back({name, path, subvolumeID, TimeInName(name), CreationTime(path)});
   }
   return snapshots;
 }
+
+bool IsRecordable(const Snapshot& snapshot) { return ValidUtf8(snapshot.name) == snapshot.name; }
 
 std::optional<time_t> TimeInName(const std::string& snapshotName) {
   time_t time = 0;

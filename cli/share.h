@@ -17,7 +17,8 @@ struct Snapshot {
   std::string name;
   std::string path;
   unsigned long long subvolumeID;
-  std::optional<time_t> time;  // when the name carries one
+  std::optional<time_t> time;     // when the name carries one
+  std::optional<time_t> created;  // as its file system says
 };
 
 // The failure of the platform's last call, in its own words where it has some.
@@ -59,6 +60,9 @@ bool ShareMayExist(const std::string& share);
 // The share's snapshots, in the order of their times, those without a time last. A snapshot that is
 // deleted while it is looked at is left out. Gives up when they cannot be listed.
 std::vector<Snapshot> SnapshotsOf(const std::string& share);
+
+// Whether its name is UTF-8: the library's records can carry no other.
+bool IsRecordable(const Snapshot& snapshot);
 
 // The time that a snapshot's name carries.
 std::optional<time_t> TimeInName(const std::string& snapshotName);

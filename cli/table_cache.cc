@@ -153,21 +153,12 @@ std::optional<KeptTable> FindTable(const std::string& share, const std::string& 
   return kept;
 }
 
-std::optional<KeptTable> NewestTable(const std::string& share,
-                                     const std::optional<std::string>& fileSystemID,
-                                     const std::function<bool(const KeptTable&)>& fits) {
+std::vector<KeptTable> AllTables(const std::string& share) {
   RequireSafeTables(share);
-  std::optional<KeptTable> newest;
-  for (const std::string& name : NamesOf(share, /*unfinished=*/false)) {
-    std::optional<KeptTable> kept = ReadTable(share, name);
-    if (!kept || (fileSystemID && kept->fileSystemID != *fileSystemID)) continue;
-    if (fits && !fits(*kept)) continue;
-    const bool newer = !newest || (kept->fileSystemID == newest->fileSystemID
-                                       ? kept->table.generation > newest->table.generation
-                                       : kept->taken > newest->taken);
-    if (newer) newest = std::move(kept);
-  }
-  return newest;
+  std::vector<KeptTable> tables;
+  for (const std::string& name : NamesOf(share, /*unfinished=*/false))
+    if (std::optional<KeptTable> kept = ReadTable(share, name)) tables.push_back(std::move(*kept));
+  return tables;
 }
 
 void KeepTable(const std::string& share, const KeptTable& kept) {

@@ -5,7 +5,6 @@
 #ifndef CLI_TABLE_CACHE_H_
 #define CLI_TABLE_CACHE_H_
 
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,11 +21,8 @@ std::optional<KeptTable> FindTable(const std::string& share, const std::string& 
                                    unsigned long long generation,
                                    const std::vector<unsigned long long>& subvolumeIDs);
 
-// The share's table of the latest state that one is kept of: of this file system, or of any when
-// it is not known on which the share lies. Of those that fit, where that is asked.
-std::optional<KeptTable> NewestTable(const std::string& share,
-                                     const std::optional<std::string>& fileSystemID,
-                                     const std::function<bool(const KeptTable&)>& fits = nullptr);
+// All tables that are kept of the share.
+std::vector<KeptTable> AllTables(const std::string& share);
 
 // Keeps a table, in place of the oldest one when there are too many. One that cannot be kept, for
 // want of room for example, is not: the system log says why.

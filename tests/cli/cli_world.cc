@@ -109,7 +109,7 @@ CliWorld::CliWorld() : volume_(std::make_unique<BtrfsVolume>("/volume1")) {
   for (const char* snapshot : {kFirst, kSecond, kNoTime})
     volume_->Snapshot("photos", std::string("photos/.snapshots/") + snapshot);
   estimate_ = check_ = "false";
-  table_ = kEmptyTable;
+  table_ = kTable;
   FakeEngine(kAnswer);
 }
 

@@ -89,10 +89,13 @@ class CliWorld : public testing::Test {
   // on. Without one for --table, its body does that as well.
   static std::string estimate_, check_, table_;
 
-  // A table in which no snapshot holds anything, with the subvolume IDs as the script has them.
-  static constexpr char kEmptyTable[] =
-      "shift 9; IFS=,; printf '{\"format\":\"zorv-subvolume-size\",\"version\":1,"
-      "\"generation\":7,\"subvolumes\":[%s],\"exclusive\":[],\"sets\":[],\"complete\":true}' \"$*\"";
+  // The table that goes with kAnswer: each snapshot holds ten times its ID alone, and nothing with
+  // others. The script has the subvolume IDs as its arguments.
+  static constexpr char kTable[] =
+      "shift 9; sets=; for id; do sets=\"$sets${sets:+,}{\\\"subvolumes\\\":[$id],"
+      "\\\"data\\\":${id}0,\\\"metadata\\\":0,\\\"profiles\\\":{}}\"; done; IFS=,; "
+      "printf '{\"format\":\"zorv-subvolume-size\",\"version\":1,\"generation\":7,"
+      "\"subvolumes\":[%s],\"exclusive\":[],\"sets\":[%s],\"complete\":true}' \"$*\" \"$sets\"";
 
   // Prints for each ID ten times the ID.
   static constexpr char kAnswer[] =

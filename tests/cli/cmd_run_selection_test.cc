@@ -82,41 +82,48 @@ TEST_F(CmdRunSelection, ShareCalledLikeACommand) {
 }
 
 TEST_F(CmdRunSelection, TableForPeople) {
+  table_ =
+      "shift 9; printf '{\"format\":\"zorv-subvolume-size\",\"version\":1,\"generation\":7,"
+      "\"subvolumes\":[%s,%s,%s],\"exclusive\":[],\"sets\":["
+      "{\"subvolumes\":[%s],\"data\":1280,\"metadata\":0},"
+      "{\"subvolumes\":[%s],\"data\":1073741824,\"metadata\":0}],\"complete\":true}' "
+      "$1 $2 $3 $1 $3";
   FakeEngine(
       "echo \"subvol($1) 1280 bytes\"; echo \"subvol($2) 0 bytes\"\n"
       "echo \"subvol($3) 1073741824 bytes\"\n");
   const CommandResult result = Tool({"run", "photos", "--quiet"});
   EXPECT_EQ(0, result.status);
   EXPECT_EQ("", result.err);
-  EXPECT_THAT(result.out, testing::MatchesRegex(
-                              "share photos, calculated ....-..-.. ..:..:.., complete\n\n.*"));
+  EXPECT_THAT(result.out,
+              testing::MatchesRegex(
+                  "share photos, calculated ....-..-.. ..:..:.., generation 7, complete\n\n.*"));
   EXPECT_EQ(
-      "EXCLUSIVE  RUNNING TOTAL  METADATA  WITH OLDER  NEW   ID                 TIME  SNAPSHOT\n"
-      " 1.25 KiB       1.25 KiB       0 B         0 B  0 B  257  2024-03-01 09:04:09  "
+      "EXCLUSIVE  RUNNING TOTAL  METADATA  WITH OLDER       NEW   ID                 TIME  SNAPSHOT\n"
+      " 1.25 KiB       1.25 KiB       0 B    1.25 KiB  1.25 KiB  257  2024-03-01 09:04:09  "
       "GMT-2024.03.01-09.04.09\n"
-      "      0 B       1.25 KiB       0 B         0 B  0 B  258  2024-03-02 09:04:09  "
+      "      0 B       1.25 KiB       0 B    1.25 KiB       0 B  258  2024-03-02 09:04:09  "
       "GMT-2024.03.02-09.04.09\n"
-      " 1.00 GiB       1.00 GiB       0 B         0 B  0 B  259                    -  by hand\n",
+      " 1.00 GiB       1.00 GiB       0 B           -         -  259                    -  by hand\n",
       LinesOf(result.out));
 }
 
 TEST_F(CmdRunSelection, RawBytes) {
   const CommandResult result = Tool({"run", "photos", "--raw", "--quiet"});
   EXPECT_EQ(
-      "EXCLUSIVE  RUNNING TOTAL  METADATA  WITH OLDER  NEW   ID                 TIME  SNAPSHOT\n"
-      "     2570           2570         0           0    0  257  2024-03-01 09:04:09  "
+      "EXCLUSIVE  RUNNING TOTAL  METADATA  WITH OLDER   NEW   ID                 TIME  SNAPSHOT\n"
+      "     2570           2570         0        2570  2570  257  2024-03-01 09:04:09  "
       "GMT-2024.03.01-09.04.09\n"
-      "     2580           5150         0           0    0  258  2024-03-02 09:04:09  "
+      "     2580           5150         0        5150  2580  258  2024-03-02 09:04:09  "
       "GMT-2024.03.02-09.04.09\n"
-      "     2590           7740         0           0    0  259                    -  by hand\n",
+      "     2590           7740         0           -     -  259                    -  by hand\n",
       LinesOf(result.out));
 }
 
 TEST_F(CmdRunSelection, TableForScripts) {
   EXPECT_EQ(
-      "2570\t2570\t0\t0\t0\t257\t2024-03-01T09:04:09+00:00\tGMT-2024.03.01-09.04.09\n"
-      "2580\t5150\t0\t0\t0\t258\t2024-03-02T09:04:09+00:00\tGMT-2024.03.02-09.04.09\n"
-      "2590\t7740\t0\t0\t0\t259\t-\tby hand\n",
+      "2570\t2570\t0\t2570\t2570\t257\t2024-03-01T09:04:09+00:00\tGMT-2024.03.01-09.04.09\n"
+      "2580\t5150\t0\t5150\t2580\t258\t2024-03-02T09:04:09+00:00\tGMT-2024.03.02-09.04.09\n"
+      "2590\t7740\t0\t-\t-\t259\t-\tby hand\n",
       MustRun(Argv({"run", "photos", "-H", "--quiet"})));
 }
 

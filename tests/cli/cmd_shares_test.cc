@@ -28,7 +28,7 @@ TEST_F(CmdShares, ListsAllWithWhatIsKnown) {
       ContainsRegex(
           "^VOLUME    SNAPSHOTS  MEASURED           CALCULATED  AGE  GENERATION  STATE  SHARE\n"
           "/volume1          0         -                    -    -           -  -      mail\n"
-          "/volume1          3         3  ....-..-.. ..:..:..  . s           -  done   photos\n$"));
+          "/volume1          3         3  ....-..-.. ..:..:..  . s           7  done   photos\n$"));
 }
 
 TEST_F(CmdShares, JsonHasPlaceSourceAndState) {

@@ -1,7 +1,9 @@
 // `show`: the last good result of a share, whatever came after it.
 #include <sys/resource.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "tests/cli/cli_world.h"
 #include "tests/platform/closed_mount.h"
@@ -20,6 +22,23 @@ class CmdShow : public CliWorld {
     for (const auto& entry : fs::directory_iterator(kResultsOfPhotos))
       if (entry.path().extension() == suffix) return entry.path();
     throw std::runtime_error("no " + suffix);
+  }
+
+  // As if the result had been stored that much later.
+  static void StoreResultAgain(std::chrono::seconds later) {
+    for (const char* suffix : {".result", ".subvol_id"})
+      fs::last_write_time(ResultFile(suffix), fs::file_time_type::clock::now() + later);
+  }
+
+  // Another file system takes the place of the volume. Its two snapshots have IDs of the old ones.
+  void MakeVolumeAnew() {
+    const unsigned long long id = ID(kFirst);
+    volume_.reset();
+    volume_ = std::make_unique<BtrfsVolume>("/volume1");
+    volume_->Subvolume("photos");
+    for (const char* snapshot : {"one", "two"})
+      volume_->Snapshot("photos", std::string("photos/.snapshots/") + snapshot);
+    if (ID("one") != id) throw std::logic_error("other subvolume IDs than before");
   }
 };
 
@@ -208,6 +227,65 @@ TEST_F(CmdShow, DeletedSnapshotKeepsItsNameAndSaysSo) {
   EXPECT_THAT(result.out,
               HasSubstr(std::string("2024-03-01 09:04:09  ") + kFirst + " (deleted)\n"));
   EXPECT_FALSE(Shown()["snapshots"][0]["present"].asBool());
+  EXPECT_EQ(1u, Shown()["deleted_since"].asUInt64());
+}
+
+// Its snapshots had the IDs of those that had been calculated, and got their numbers.
+TEST_F(CmdShow, SnapshotsOfAnotherFileSystemAreNotInTheResult) {
+  RunOnce();
+  fs::remove_all("/var/cache/zorv-snapusage/photos");  // what a caller of the library leaves
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // times are whole seconds
+  MakeVolumeAnew();
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr(", 0 of 2 snapshots calculated\n"));
+  EXPECT_THAT(result.out, HasSubstr(std::string(kFirst) + " (deleted)\n"));
+  EXPECT_THAT(result.out, Not(HasSubstr("others may free more")));
+  EXPECT_THAT(result.err, HasSubstr("note: the share lies on another file system than "));
+  const Json::Value shown = Shown();
+  EXPECT_TRUE(shown["other_file_system"].asBool());
+  EXPECT_EQ("one", shown["not_measured"][0].asString());
+}
+
+// They are older than the result, as on a disk that takes turns with another one.
+TEST_F(CmdShow, SnapshotsOfAnExchangedVolumeAreNotInTheResult) {
+  RunOnce();
+  StoreResultAgain(std::chrono::hours(1));
+  EXPECT_FALSE(Shown()["other_file_system"].asBool());
+  MakeVolumeAnew();
+  const Json::Value shown = Shown();
+  EXPECT_TRUE(shown["other_file_system"].asBool());
+  EXPECT_FALSE(shown["snapshots"][0]["present"].asBool());
+  EXPECT_EQ(2u, shown["not_measured"].size());
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  EXPECT_FALSE(Shown()["other_file_system"].asBool());
+}
+
+// The snapshots seem to have been made after the result.
+TEST_F(CmdShow, ClockThatWasSetBackMakesNoOtherFileSystem) {
+  RunOnce();
+  StoreResultAgain(-std::chrono::hours(1));
+  const Json::Value shown = Shown();
+  EXPECT_FALSE(shown["other_file_system"].asBool()) << "a table of this file system proves it";
+  EXPECT_TRUE(shown["snapshots"][0]["present"].asBool());
+  fs::remove_all("/var/cache/zorv-snapusage/photos");
+  EXPECT_TRUE(Shown()["other_file_system"].asBool());
+}
+
+// It was called complete.
+TEST_F(CmdShow, ResultOfAPartSaysSo) {
+  MustRun(Argv({"run", "photos", "--quiet", "--snapshot", kSecond}));
+  EXPECT_THAT(MustRun(Argv({"show", "photos"})), HasSubstr(", 1 of 3 snapshots calculated\n"));
+}
+
+// `run` ended with 13, and `show` called it complete.
+TEST_F(CmdShow, SnapshotThatCannotBeRecordedIsMissing) {
+  volume_->Snapshot("photos", "photos/.snapshots/a\xFFz");
+  EXPECT_EQ(13, Tool({"run", "photos", "--quiet"}).status);
+  EXPECT_EQ(13, Tool({"show", "photos"}).status);
+  EXPECT_EQ("a\xEF\xBF\xBDz", Shown()["missing"][0].asString());
+  MustRun(Argv({"run", "photos", "--quiet", "--snapshot", kSecond}));
+  EXPECT_EQ(0, Tool({"show", "photos"}).status) << "it was not asked for";
 }
 
 TEST_F(CmdShow, DeletedSnapshotThatNobodyRemembers) {
@@ -266,6 +344,7 @@ TEST_F(CmdShow, SnapshotsThatCannotBeListedDoNotHideTheResult) {
           "with: findmnt -T " + directory + "\n",
       result.err);
   EXPECT_TRUE(Shown()["snapshots"][0]["present"].isNull());
+  EXPECT_TRUE(Shown()["deleted_since"].isNull());
 }
 
 TEST_F(CmdShow, SnapshotsThatCannotBeListedAreNobodyElses) {

@@ -44,7 +44,8 @@ TEST_F(CmdStatus, Done) {
                                       "started:         [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}\n"
                                       "ended:           [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8}\n"
                                       "read:            4.00 KiB\n"
-                                      "exclusive:       2.00 KiB\n$"));
+                                      "exclusive:       2.00 KiB\n"
+                                      "generation:      7\n$"));
 }
 
 TEST_F(CmdStatus, FailedWithItsCommand) {

@@ -111,7 +111,7 @@ TEST_F(Environment, RootInAUserNamespaceOfItsOwn) {
 // An engine that fails after it has printed a table, for a caller who does not want to hear of the
 // end of his children: that would leave the program without it, too.
 TEST_F(Environment, IgnoredEndsOfChildrenHideNoFailure) {
-  table_ = std::string("(") + kEmptyTable + "); kill -KILL $$";
+  table_ = std::string("(") + kTable + "); kill -KILL $$";
   FakeEngine("");
   const std::vector<std::string> plan = Argv({"plan", "photos", "--keep-last", "1"});
   const CommandResult result = ZorvTest::Run(plan, [] { (void)signal(SIGCHLD, SIG_IGN); });

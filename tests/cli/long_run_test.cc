@@ -15,10 +15,11 @@ class LongRun : public CliWorld {
     WaitingEngine();
     MustRun(Argv({"start", "photos"}));
     ASSERT_TRUE(EngineWaits());
-    // The calculation's first progress names its process there, just before or after the engine
-    // waits.
+    // The calculation's first progress names its process in the share's record, just before or
+    // after the engine waits; until then the process before it may stand there.
+    const std::string pid = std::to_string(CalculatorPid());
     ASSERT_TRUE(
-        WaitUntil([] { return ReadFile(kStatusOfPhotos).find("\"pid\"") != std::string::npos; }));
+        WaitUntil([&] { return ParseJson(ReadFile(kStatusOfPhotos))["pid"].asString() == pid; }));
     EditJson(kMap, {"photos", "time"}, 1);
   }
 

@@ -137,7 +137,7 @@ TEST_F(SeveralShares, StatusOfAllIsATable) {
   EXPECT_THAT(
       text,
       ContainsRegex("^STATE +STARTED +ENDED +READ +EXCLUSIVE  GENERATION  SHARE\ndone .*  mail\n"
-                    "done .*  4.00 KiB   2.00 KiB           -  photos\n$"));
+                    "done .*  4.00 KiB   2.00 KiB           7  photos\n$"));
   const Json::Value document = ParseJson(MustRun(Argv({"status", "--format", "json"})));
   EXPECT_TRUE(document["complete"].asBool());
   EXPECT_TRUE(document["timestamp"].isIntegral());

@@ -1,0 +1,37 @@
+// The snapshots that a share has now, as a result of earlier sees them.
+#ifndef CLI_PRESENT_SNAPSHOTS_H_
+#define CLI_PRESENT_SNAPSHOTS_H_
+
+#include <string>
+#include <vector>
+
+#include "cli/results.h"
+#include "cli/share.h"
+#include "cli/table_file.h"
+
+namespace ZorvSnapUsage {
+
+struct PresentSnapshots {
+  std::vector<Snapshot> known;  // may be in the result
+  std::vector<Snapshot> other;  // cannot be in it, although their subvolume IDs may be
+};
+
+// The tables that are kept of a share.
+struct TablesOfShare {
+  std::vector<KeptTable> here;  // of the file system that it lies on now, as far as that is known
+  std::vector<KeptTable> elsewhere;
+};
+
+TablesOfShare SortedTables(const std::string& share);
+
+// Results name snapshots by their subvolume IDs, which are unique on one file system, and a volume
+// may be made anew or exchanged. A snapshot is none of a result's when its file system made it
+// after the result was stored, unless a table of that file system has the result's number for it,
+// which then is the snapshot's, too: the clock was set back. None of them is when a table of
+// another file system has all of the result's numbers, and none of this one.
+PresentSnapshots SeenBy(const Result& result, const std::vector<Snapshot>& snapshots,
+                        const TablesOfShare& tables);
+
+}  // namespace ZorvSnapUsage
+
+#endif  // CLI_PRESENT_SNAPSHOTS_H_
