@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <string.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/cli/cli_world.h"
@@ -19,6 +20,12 @@ namespace {
 constexpr char kTasks[] = "/run/zorvbtrfssnapusage/task_status/";
 
 constexpr char kOutput[] = "/tmp/tool.out";
+
+// Whether it is gone; reaps it where the stepper has made this process the one that has to.
+bool HasEnded(pid_t pid) {
+  (void)waitpid(pid, nullptr, WNOHANG);
+  return kill(pid, 0) != 0 && errno == ESRCH;
+}
 
 class CalculatorProcess : public CliWorld {
  protected:
@@ -179,6 +186,7 @@ TEST_F(CalculatorProcess, OneThatEndsWhileItIsLookedAtDidNotDie) {
     WaitingEngine();
     MustRun(Argv({"start", "photos"}));
     EXPECT_TRUE(EngineWaits());
+    const pid_t pid = CalculatorPid();
     bool ended = false;
     const int status = SyscallStepper(std::vector<WatchedCall>{{SYS_pidfd_open}})
                            .Run(Program(Argv(c.words), kOutput), [&](const Step&) {
@@ -186,6 +194,7 @@ TEST_F(CalculatorProcess, OneThatEndsWhileItIsLookedAtDidNotDie) {
                              ended = true;
                              Release();
                              EXPECT_TRUE(Settled());
+                             EXPECT_TRUE(WaitUntil([&] { return HasEnded(pid); }));
                              return Action::GoOn();
                            });
     EXPECT_TRUE(ended);

@@ -1,0 +1,96 @@
+// Deleted subvolumes that the file system is still taking apart: what they share is nobody else's
+// alone, and every number says that there are some.
+#include <fcntl.h>
+
+#include "base/unique_fd.h"
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+class Deletions : public CliWorld {
+ protected:
+  // A snapshot that is deleted, and stays for as long as a file of it is open.
+  Deletions() {
+    RealEngine();
+    WriteRandom(volume_->Path("photos/film"), 300000, 1);
+    for (const char* snapshot : {"GMT-2024.03.05-09.04.09", "GMT-2024.03.06-09.04.09"})
+      volume_->Snapshot("photos", std::string("photos/.snapshots/") + snapshot);
+    WriteRandom(volume_->Path("photos/film"), 300000, 2);
+    const std::string deleted = "photos/.snapshots/GMT-2024.03.05-09.04.09";
+    open_ = UniqueFd(open(volume_->Path(deleted + "/film").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!open_.Valid()) throw std::runtime_error("the film of the snapshot cannot be opened");
+    volume_->DeleteSubvolume(deleted);
+    MustRun({"sync", "-f", "/volume1"});
+  }
+
+  void EndDeletion() {
+    open_.Reset();
+    MustRun({kStockBtrfs, "filesystem", "sync", "/volume1"});
+    MustRun({kStockBtrfs, "subvolume", "sync", "/volume1"});
+    MustRun({"sync", "-f", "/volume1"});
+  }
+
+  static constexpr char kNote[] =
+      "zorv-snapusage: note: 1 deleted subvolume is still being removed, and until then what it "
+      "shares with snapshots is not theirs alone; wait for that with: btrfs subvolume sync "
+      "/volume1\n";
+
+  UniqueFd open_;
+};
+
+// What the later snapshot holds alone, by its own row.
+unsigned long long LastExclusive(const Json::Value& document) {
+  for (const Json::Value& row : document["snapshots"])
+    if (row["name"].asString() == "GMT-2024.03.06-09.04.09") return row["exclusive"].asUInt64();
+  throw std::runtime_error("the snapshot is not in the result");
+}
+
+TEST_F(Deletions, RunSaysThatTheyGoOn) {
+  const CommandResult during = Tool({"run", "photos", "--quiet", "--format", "json"});
+  EXPECT_EQ(0, during.status);
+  EXPECT_THAT(during.err, HasSubstr(kNote));
+  EXPECT_EQ(1u, ParseJson(during.out)["being_deleted"].asUInt64());
+  EXPECT_LT(LastExclusive(ParseJson(during.out)), 300000u) << "the deleted one holds the film too";
+  EndDeletion();
+  const CommandResult after = Tool({"run", "photos", "--quiet", "--format", "json"});
+  EXPECT_EQ("", after.err);
+  EXPECT_EQ(Json::Value(0), ParseJson(after.out)["being_deleted"]);
+  EXPECT_GT(LastExclusive(ParseJson(after.out)), 300000u);
+  EXPECT_TRUE(Shown()["being_deleted"].isNull()) << "nobody wrote it down";
+}
+
+TEST_F(Deletions, StartSaysThatTheyGoOn) {
+  const CommandResult start = Tool({"start", "photos"});
+  EXPECT_EQ(0, start.status);
+  EXPECT_EQ(kNote, start.err);
+  ASSERT_TRUE(Settled());
+}
+
+// Also where its table is kept, so that nobody reads.
+TEST_F(Deletions, PlanSaysThatTheyGoOn) {
+  for (const char* table : {"read", "kept"}) {
+    SCOPED_TRACE(table);
+    const CommandResult plan = Tool({"plan", "photos", "--keep-last", "1", "--format", "json"});
+    EXPECT_EQ(0, plan.status);
+    EXPECT_EQ(kNote, plan.err);
+    EXPECT_EQ(1u, ParseJson(plan.out)["being_deleted"].asUInt64());
+  }
+  EndDeletion();
+  const CommandResult after = Tool({"plan", "photos", "--keep-last", "1", "--format", "json"});
+  EXPECT_EQ("", after.err);
+  EXPECT_EQ(Json::Value(0), ParseJson(after.out)["being_deleted"]);
+}
+
+TEST_F(Deletions, ExplainAndWhyheldSayThatTheyGoOn) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"explain", "photos", "GMT-2024.03.06-09.04.09"},
+        std::vector<std::string>{"whyheld", "photos", "film"}}) {
+    const CommandResult result = Tool(words);
+    EXPECT_EQ(0, result.status);
+    EXPECT_EQ(kNote, result.err);
+  }
+}
+
+}  // namespace
