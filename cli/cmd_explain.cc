@@ -7,6 +7,7 @@
 
 #include "cli/begin_work.h"
 #include "cli/commands.h"
+#include "cli/deletions.h"
 #include "cli/engine_files.h"
 #include "cli/failure.h"
 #include "cli/interrupt.h"
@@ -140,6 +141,7 @@ int Explain(const ExplainOptions& options) {
   RequireShare(options.share);
   const std::vector<Snapshot> snapshots = SnapshotsOf(options.share);
   const Snapshot& snapshot = snapshots[RequireSnapshot(options.share, snapshots, options.snapshot)];
+  (void)TellOfDeletions(options.share);
   const Explanation found = AskForFiles(snapshot.path, snapshot.subvolumeID, options.size);
   const Explained explained = {snapshot, found, time(nullptr)};
   if (options.format.json)

@@ -8,6 +8,7 @@
 
 #include "cli/begin_work.h"
 #include "cli/commands.h"
+#include "cli/deletions.h"
 #include "cli/failure.h"
 #include "cli/interrupt.h"
 #include "cli/options.h"
@@ -81,9 +82,11 @@ int PlanDeletions(const PlanOptions& options) {
   BeginWorkOn(request.share);
   const std::vector<Snapshot> snapshots = RequireSnapshots(request.share);
   const std::vector<uint32_t> places = SelectForPlan(request, snapshots);
+  const std::optional<unsigned long long> beingDeleted = TellOfDeletions(request.share);
   KeptTable table = TableOfNow(request.share, snapshots);
   const Plan plan = MakePlan(request, places, table.table, AskTheEngine(snapshots, table));
-  if (options.format.json || plan.reached) Print({request, plan, table, snapshots}, options.format);
+  if (options.format.json || plan.reached)
+    Print({request, plan, table, snapshots, beingDeleted}, options.format);
   RequireReached(request, plan, places.size());
   return kOk;
 }

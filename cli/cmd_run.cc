@@ -55,6 +55,7 @@ Report RunShare(const Selection& selection, bool quiet) {
   const std::vector<Snapshot> present = SnapshotsOf(share);
   Report report = MakeReport(share, *result, {present, {}}, asked);
   AddTableOfNow(present, quiet ? Silence::kQuiet : Silence::kSpeak, report);
+  report.beingDeleted = launched.beingDeleted;
   report.generation = GenerationOf(share, *result);
   return report;
 }

@@ -9,6 +9,7 @@
 
 #include "cli/begin_work.h"
 #include "cli/commands.h"
+#include "cli/deletions.h"
 #include "cli/engine_holders.h"
 #include "cli/failure.h"
 #include "cli/interrupt.h"
@@ -200,6 +201,7 @@ int Whyheld(const WhyheldOptions& options) {
   std::vector<unsigned long long> ids;
   for (const Snapshot& snapshot : kept.snapshots) ids.push_back(snapshot.subvolumeID);
   ids.push_back(place.subvolumeID);
+  (void)TellOfDeletions(options.share);
   kept.found = AskForHolders(place.path, kept.path, ids);
   kept.read = time(nullptr);
   if (kept.found.versions.empty()) RefuseUnknownPath(options.share, kept, place.path);

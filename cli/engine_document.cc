@@ -10,15 +10,21 @@ namespace ZorvSnapUsage {
 namespace {
 
 constexpr char kErrorMark[] = "ERROR: ";
+constexpr char kNoteMark[] = "NOTE: ";
+constexpr char kDeletionMark[] = "NOTE: a subvolume is being deleted";  // told by whoever asks
 constexpr char kFailureMark[] = "exclusive sizes unavailable: ";
 
 bool BeginsWith(const std::string& text, const char* beginning) {
   return text.rfind(beginning, 0) == 0;
 }
 
-// Everything but the reason of a failure, which becomes one of this program.
+// Everything but the reason of a failure, which becomes one of this program, as its notes do.
 void PassOn(const std::string& line) {
-  if (!BeginsWith(line, kErrorMark)) ToStandardError(Escaped(line) + "\n");
+  if (BeginsWith(line, kErrorMark) || BeginsWith(line, kDeletionMark)) return;
+  if (BeginsWith(line, kNoteMark))
+    Say("note: " + Escaped(line.substr(sizeof kNoteMark - 1)));
+  else
+    ToStandardError(Escaped(line) + "\n");
 }
 
 // The engine's own words about its failure; they stand in the output as well, without numbers.

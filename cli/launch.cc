@@ -13,6 +13,7 @@
 
 #include "cli/begin_work.h"
 #include "cli/calculation.h"
+#include "cli/deletions.h"
 #include "cli/engine.h"
 #include "cli/failure.h"
 #include "cli/interrupt.h"
@@ -229,6 +230,7 @@ Launched Launch(const Selection& selection) {
   RequireIdle(share);
   RequireWritableMap();
   RequireNotInterrupted();
+  const std::optional<unsigned long long> beingDeleted = TellOfDeletions(share);
   // A share that is claimed and not launched would stay busy for two minutes.
   const HeldSignals whole;
   ShareSnapUsageCal calculation;
@@ -240,7 +242,7 @@ Launched Launch(const Selection& selection) {
   try {
     const std::string taskID = RequireTask(share);
     LaunchOrFail(calculation, share, asked, leftOut.empty(), range);
-    return {taskID, asked, leftOut};
+    return {taskID, asked, leftOut, beingDeleted};
   } catch (...) {
     GiveBack(share);
     throw;

@@ -80,6 +80,7 @@ void PrintForPrograms(const PlanReport& report, const OutputFormat& format) {
   document["share"] = ValidUtf8(report.request.share);
   SetTime(document, "taken", report.table.taken);
   document["generation"] = Json::UInt64{report.table.table.generation};
+  document["being_deleted"] = NumberJson(report.beingDeleted);
   document["steps"] = TableOf(report, format).Rows(format);
   document["together"] = BytesJson(plan.Together());
   if (report.request.target > 0) {

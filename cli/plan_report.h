@@ -2,6 +2,7 @@
 #ifndef CLI_PLAN_REPORT_H_
 #define CLI_PLAN_REPORT_H_
 
+#include <optional>
 #include <vector>
 
 #include "cli/output_format.h"
@@ -17,7 +18,8 @@ struct PlanReport {
   const PlanRequest& request;
   const Plan& plan;
   const KeptTable& table;
-  const std::vector<Snapshot>& snapshots;  // in the order of the table
+  const std::vector<Snapshot>& snapshots;          // in the order of the table
+  std::optional<unsigned long long> beingDeleted;  // other subvolumes; nothing: it is not known
 };
 
 // The columns of a printed plan.

@@ -167,6 +167,7 @@ void AddTo(Json::Value& document, const Report& report, const OutputFormat& form
   document["not_measured"] = NamesJson(report.notMeasured);
   document["deleted_since"] = NumberJson(report.deletedSince);
   document["other_file_system"] = report.otherFileSystem;
+  document["being_deleted"] = NumberJson(report.beingDeleted);
   document["snapshots"] = TableOf(report, format).Rows(format);
   document["table"] = report.table ? TableJson(*report.table) : Json::Value();
 }

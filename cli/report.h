@@ -40,12 +40,13 @@ struct Report {
   std::string share;
   std::string taskID;
   time_t calculated = 0;
-  std::optional<unsigned long long> generation;  // that the numbers are of, as far as it is known
-  std::vector<ReportRow> rows;                   // in the order of the calculation
-  std::vector<std::string> missing;              // asked for, but not in the result
-  std::vector<std::string> notMeasured;          // there now, not asked for
-  std::optional<size_t> deletedSince;            // of the rows; nothing: it cannot be told
-  bool otherFileSystem = false;                  // than the one that the result is of
+  std::optional<unsigned long long> generation;    // that the numbers are of, as far as it is known
+  std::vector<ReportRow> rows;                     // in the order of the calculation
+  std::vector<std::string> missing;                // asked for, but not in the result
+  std::vector<std::string> notMeasured;            // there now, not asked for
+  std::optional<size_t> deletedSince;              // of the rows; nothing: it cannot be told
+  bool otherFileSystem = false;                    // than the one that the result is of
+  std::optional<unsigned long long> beingDeleted;  // other subvolumes, when the calculation began
   std::optional<ReportTable> table;
   size_t rowsOfOtherState = 0;  // than the best of the tables that there are
 };

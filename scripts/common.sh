@@ -2,7 +2,7 @@
 
 PROJECT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 PACKAGES="g++ cmake ninja-build pkg-config libjsoncpp-dev libcli11-dev libfmt-dev liburing-dev
-          libinih-dev libexpat1-dev samba-common-bin snapper
+          libbtrfsutil-dev          libinih-dev libexpat1-dev samba-common-bin snapper
           libgtest-dev libgmock-dev btrfs-progs uuid-runtime python3 python3-jsonschema binutils mount
           util-linux procps e2fsprogs pandoc man-db mandoc jq dpkg-dev debhelper lintian pkgconf systemd
           bash-completion zsh"

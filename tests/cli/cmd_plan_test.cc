@@ -242,8 +242,8 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
       {"tree block 5 (level 0, generation 7) cannot be used: its checksum is wrong",
        "look for damage with: btrfs scrub start", 11},
       {"this needs root", "run it with sudo", 3},
-      {"something new", "see what is in the way with: /sbin/btrfs subvolume size --check -r /volume1",
-       11},
+      {"something new",
+       "see what is in the way with: /sbin/btrfs subvolume size --check -r /volume1", 11},
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.reason);
@@ -253,9 +253,10 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
     EXPECT_EQ(c.status, result.status);
     EXPECT_EQ("", result.out);
     EXPECT_THAT(result.err,
-                testing::StartsWith(std::string("NOTE: a note\nzorv-snapusage: reading the file "
-                                                "system failed: ") +
-                                    c.reason + "; " + c.next));
+                testing::StartsWith(
+                    std::string("zorv-snapusage: note: a note\nzorv-snapusage: reading the file "
+                                "system failed: ") +
+                    c.reason + "; " + c.next));
   }
   FakeEngine("echo 'exclusive sizes unavailable: no words'; exit 1\n");
   EXPECT_THAT(Tool({"plan", "photos", "--keep-last", "1"}).err, HasSubstr("failed: no words; "));
