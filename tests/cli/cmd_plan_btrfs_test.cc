@@ -163,7 +163,8 @@ TEST_F(CmdPlanBtrfs, SeveralFreeWhatTheKernelCallsExclusiveOfAGroup) {
 TEST_F(CmdPlanBtrfs, SaysThatItWaitsForOtherRunsAndCanBeEnded) {
   const HeldRow held(RowOf("/volume1"));
   Background plan(Argv({"plan", "photos", "--keep-last", "1"}), Background::Terminal{100});
-  EXPECT_TRUE(plan.HasSaid("NOTE: waiting for other runs on this file system: 1 ahead"));
+  EXPECT_TRUE(
+      plan.HasSaid("zorv-snapusage: note: waiting for other runs on this file system: 1 ahead"));
   plan.Type('\x03');
   EXPECT_EQ(130, plan.Wait().status);
   EXPECT_EQ(std::vector<pid_t>{held.Holder()}, RunsInRow(RowOf("/volume1")));
