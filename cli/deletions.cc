@@ -28,11 +28,11 @@ std::optional<unsigned long long> TellOfDeletions(const std::string& share) {
   if (!place) return std::nullopt;
   const std::optional<unsigned long long> count = DeletionsOn(place->volume);
   if (count.value_or(0) > 0)
-    Say(fmt::format(
-        "note: {} still being removed, and until then what {} with snapshots is not "
-        "theirs alone; wait for that with: btrfs subvolume sync {}",
-        *count == 1 ? "1 deleted subvolume is" : fmt::format("{} deleted subvolumes are", *count),
-        *count == 1 ? "it shares" : "they share", ShellWord(place->volume)));
+    Say(
+        fmt::format("note: the deletion of {} is still going on: until it has ended no snapshot "
+                    "holds alone what it shares with what was deleted; wait for that with: btrfs "
+                    "subvolume sync {}",
+                    CountOf(*count, "subvolume"), ShellWord(place->volume)));
   return count;
 }
 

@@ -33,9 +33,9 @@ class Deletions : public CliWorld {
   }
 
   static constexpr char kNote[] =
-      "zorv-snapusage: note: 1 deleted subvolume is still being removed, and until then what it "
-      "shares with snapshots is not theirs alone; wait for that with: btrfs subvolume sync "
-      "/volume1\n";
+      "zorv-snapusage: note: the deletion of 1 subvolume is still going on: until it has ended no "
+      "snapshot holds alone what it shares with what was deleted; wait for that with: btrfs "
+      "subvolume sync /volume1\n";
 
   UniqueFd open_;
 };

@@ -239,7 +239,7 @@ std::regex RowOf(std::string text) {
 // The texts of the notes that the tool's sources have.
 std::set<std::string> NotesOfTheTool() {
   static const std::regex split(R"re("\s*\n\s*")re");
-  static const std::regex note(R"re((?:"note: |: note: |Note\((?:fmt::format\()?\s*")([^"]+)")re");
+  static const std::regex note(R"re((?:"note: |: note: |Note\(\s*(?:fmt::format\()?\s*")([^"]+)")re");
   std::set<std::string> notes;
   for (const auto& source : fs::directory_iterator(ZORV_SOURCE_DIR "/cli")) {
     const std::string text = std::regex_replace(ReadFile(source.path()), split, "");
