@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <utility>
 
 #include "base/unique_fd.h"
 #include "cli/json_reader.h"
@@ -102,18 +103,17 @@ void RemoveUnfinished(const std::string& share) {
   }
 }
 
-// Removes the oldest, whatever the clock says of `newest`.
+// Removes the oldest, whatever the clock says of `newest`. The times are read once: others may
+// remove tables meanwhile.
 void RemoveOld(const std::string& share, const std::string& newest) {
-  std::vector<std::string> names = NamesOf(share, /*unfinished=*/false);
-  const auto written = [&](const std::string& name) {
+  std::vector<std::pair<fs::file_time_type, std::string>> others;
+  for (const std::string& name : NamesOf(share, /*unfinished=*/false)) {
     std::error_code error;
-    return fs::last_write_time(DirectoryOf(share) + "/" + name, error);
-  };
-  std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
-    if (a == newest || b == newest) return a == newest && b != newest;
-    return written(a) > written(b);
-  });
-  for (size_t i = kMostTables; i < names.size(); ++i) Remove(share, names[i]);
+    if (name != newest)
+      others.emplace_back(fs::last_write_time(DirectoryOf(share) + "/" + name, error), name);
+  }
+  std::sort(others.rbegin(), others.rend());
+  for (size_t i = kMostTables - 1; i < others.size(); ++i) Remove(share, others[i].second);
 }
 
 // Whether all of the text is in the file, which is new and root's alone.

@@ -112,6 +112,26 @@ TEST_F(TableCache, FourAreKept) {
   EXPECT_EQ(0u, Asked()) << "the newest stays";
 }
 
+// One that was killed between the new table and the oldest leaves one too many.
+TEST_F(TableCache, FourAreLeftOfMore) {
+  std::string first;
+  for (int n = 0; n < 5; ++n) {
+    Change(std::to_string(n));
+    ASSERT_EQ(0, PlanAll().status);
+    if (n == 0) {
+      first = Kept().at(0);
+      fs::copy_file(first, "/var/cache/first");
+    }
+  }
+  fs::rename("/var/cache/first", first);
+  ASSERT_EQ(5u, Kept().size());
+  ASSERT_EQ(0, PlanAll().status) << "by a table that is kept";
+  EXPECT_EQ(5u, Kept().size());
+  Change("more");
+  ASSERT_EQ(0, PlanAll().status);
+  EXPECT_EQ(4u, Kept().size());
+}
+
 // What a disk, another program or another state may leave in a table's place.
 std::vector<std::string> DamagedOf(const std::string& text) {
   const auto with = [&](const std::string& part, const std::string& other) {
