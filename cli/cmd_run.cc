@@ -15,6 +15,7 @@
 #include "cli/report_table.h"
 #include "cli/result_generation.h"
 #include "cli/text.h"
+#include "cli/wording.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -36,6 +37,10 @@ Launched LaunchAndFollow(const Selection& selection, bool quiet) {
     if (!stop) {
       progress.Say("asked the calculation to stop, waiting for it (Ctrl-C again leaves at once)");
       stop.emplace(share);
+      Interrupt::SetLastWords(fmt::format(
+          "left at once; the calculation of share {} goes on stopping by itself: zorv-snapusage "
+          "status {}",
+          Quoted(share), ShareWord(share)));
     }
     stop->Repeat(process);
   };

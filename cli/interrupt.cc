@@ -10,6 +10,10 @@ namespace {
 
 volatile sig_atomic_t gAsked = 0;
 
+// What the handler writes: it may do no more. The size is set last.
+char gLastWords[1024];
+volatile sig_atomic_t gLastWordsSize = 0;
+
 void Note(int) {
   if (gAsked == 0) {
     gAsked = 1;
@@ -17,6 +21,7 @@ void Note(int) {
   }
   // Ends a progress line that stands unfinished on a terminal.
   (void)!write(STDERR_FILENO, "\n", 1);
+  (void)!write(STDERR_FILENO, gLastWords, static_cast<size_t>(gLastWordsSize));
   _exit(kLeftAtOnce);
 }
 
@@ -24,6 +29,7 @@ void Note(int) {
 
 Interrupt::Interrupt() {
   gAsked = 0;
+  gLastWordsSize = 0;
   struct sigaction action {};
   action.sa_handler = Note;
   sigemptyset(&action.sa_mask);
@@ -39,6 +45,14 @@ Interrupt::~Interrupt() {
 }
 
 bool Interrupt::Asked() { return gAsked != 0; }
+
+void Interrupt::SetLastWords(const std::string& line) {
+  const std::string text = "zorv-snapusage: " + line + "\n";
+  gLastWordsSize = 0;
+  if (text.size() > sizeof gLastWords) return;
+  text.copy(gLastWords, text.size());
+  gLastWordsSize = static_cast<sig_atomic_t>(text.size());
+}
 
 void Interrupt::RequireNone() {
   if (Asked()) throw Failure(kLeftAtOnce, "interrupted", "nothing was changed");

@@ -4,6 +4,8 @@
 
 #include <signal.h>
 
+#include <string>
+
 namespace ZorvSnapUsage {
 
 // While it stands, a first SIGINT or SIGTERM is only noted; a second one ends the program at once
@@ -17,6 +19,9 @@ class Interrupt {
 
   // Whether the first one has come.
   static bool Asked();
+
+  // What a second one says on a line of its own; one that is too long for that is not said.
+  static void SetLastWords(const std::string& line);
 
   // Gives up with kLeftAtOnce when it has come; for work that changes nothing.
   static void RequireNone();

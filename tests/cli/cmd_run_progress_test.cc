@@ -1,6 +1,9 @@
 // Progress of `run`: redrawn in a terminal, plain lines elsewhere; Ctrl-C.
 #include <signal.h>
 
+#include <algorithm>
+#include <set>
+
 #include "tests/cli/cli_world.h"
 
 using namespace ZorvTest;
@@ -83,6 +86,31 @@ TEST_F(CmdRunEstimate, NeverSaysItIsDone) {
   ASSERT_TRUE(run.HasSaid("99 % [")) << run.Out();
   Release();
   EXPECT_THAT(run.Wait().out, Not(HasSubstr("100 %")));
+}
+
+// An engine that reads more and more, beyond what it has estimated, each time a little later.
+TEST_F(CmdRunEstimate, PercentRisesAndIsNeverAHundred) {
+  estimate_ = "echo 'total 40960 bytes'";
+  WaitingEngine(
+      "for n in 1 2 3 4 5 6 7 8 9 10 11 12; do echo \"processed $((n * 4096)) bytes\"; "
+      "sleep 0.4; done");
+  Background run(Argv({"run", "photos"}), kWide);
+  ASSERT_TRUE(EngineWaits());
+  ASSERT_TRUE(run.HasSaid("99 % [")) << run.Out();
+  Release();
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(0, result.status);
+  std::vector<int> percents;
+  for (size_t at = 0; (at = result.out.find(kRedraw, at)) != std::string::npos;) {
+    int percent = 0, length = 0;
+    at += sizeof kRedraw - 1;
+    if (sscanf(result.out.c_str() + at, "%d %% [%n", &percent, &length) == 1 && length > 0)
+      percents.push_back(percent);
+  }
+  EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end())) << testing::PrintToString(percents);
+  EXPECT_LT(4u, std::set<int>(percents.begin(), percents.end()).size())
+      << testing::PrintToString(percents);
+  EXPECT_EQ(99, percents.back());
 }
 
 TEST_F(CmdRunEstimate, PlainLineHasPercentToo) {
@@ -219,7 +247,12 @@ TEST_F(CmdRunInterrupt, SecondOneLeavesAtOnce) {
   ASSERT_TRUE(run.HasSaid(kAsked)) << run.Out();
   ASSERT_TRUE(StopArrives());
   run.Type('\x03');
-  EXPECT_EQ(130, run.Wait().status);
+  const CommandResult left = run.Wait();
+  EXPECT_EQ(130, left.status);
+  EXPECT_THAT(left.out,
+              testing::EndsWith("\nzorv-snapusage: left at once; the calculation of share "
+                                "'photos' goes on stopping by itself: zorv-snapusage "
+                                "status photos\r\n"));
   EXPECT_NE(-1, CalculatorPid()) << "the calculation is still stopping";
   Release();
   EXPECT_TRUE(Settled());
