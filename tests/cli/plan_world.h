@@ -65,10 +65,11 @@ class PlanWorld : public CliWorld {
   }
 
   // The engine's document about these sets.
-  std::string Document(const std::vector<Set>& sets) const {
+  std::string Document(const std::vector<Set>& sets,
+                       const std::vector<unsigned>& days = {1, 2, 3, 4, 5, 0}) const {
     std::vector<std::string> texts;
     for (const Set& set : sets) texts.push_back(SetText(IdsOf(set.days), set.data, set.metadata));
-    return DocumentOf(IdsOf({1, 2, 3, 4, 5, 0}), texts);
+    return DocumentOf(IdsOf(days), texts);
   }
 
   // An engine that prints a text when it is asked for a table or a plan, and counts how often.

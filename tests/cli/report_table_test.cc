@@ -100,6 +100,17 @@ TEST_F(ReportTable, OneOfOtherSnapshotsIsNotUsed) {
   EXPECT_TRUE(Shown()["table"].isNull());
 }
 
+// What they free together was more than they do.
+TEST_F(ReportTable, OneWithASnapshotMoreIsNotUsed) {
+  volume_->Snapshot("photos", "photos/.snapshots/" + Day(6));
+  AnsweringEngine(Document(Sets(), {1, 2, 3, 4, 5, 6, 0}));
+  MustRun(Argv({"plan", "photos", "--keep-last", "1"}));
+  volume_->DeleteSubvolume("photos/.snapshots/" + Day(6));
+  EngineWithTable("false");
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  EXPECT_TRUE(Shown()["table"].isNull());
+}
+
 TEST_F(ReportTable, RowsFromTheFirstDifferenceOnAreOfAnotherState) {
   TakeTable();
   table_ = "false";
