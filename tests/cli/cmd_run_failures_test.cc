@@ -507,6 +507,24 @@ TEST_F(CmdRunFailures, OutputThatLeadsNowhere) {
       gone.err);
 }
 
+// More than a pipe holds, whose reader has gone after the first byte.
+TEST_F(CmdRunFailures, ReaderThatGoesInTheMiddle) {
+  for (unsigned number = 1000; number < 1400; ++number)
+    volume_->Snapshot("photos",
+                      "photos/.snapshots/" + std::to_string(number) + std::string(240, 'x'));
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  const std::string show = std::string(ZORV_CLI_PATH) + " show photos -H";
+  ASSERT_LT(size_t{100} << 10, MustRun({"bash", "-c", show}).size());
+  const std::string head = "; echo $? >&2; } | head -c 1 > /dev/null";
+  EXPECT_EQ("141\n", ZorvTest::Run({"bash", "-c", "{ " + show + head}).err)
+      << "by SIGPIPE, without a word, as programs do";
+  EXPECT_EQ(
+      "zorv-snapusage: the output could not be written; whoever read it has gone: let it be read "
+      "to its end\n1\n",
+      ZorvTest::Run({"bash", "-c", "trap '' PIPE; { " + show + head}).err);
+  EXPECT_EQ(0, Tool({"show", "photos"}).status) << "nothing has become of the result";
+}
+
 TEST_F(CmdRunFailures, EmptyTimeIsNotNoTime) {
   for (const char* option : {"--since", "--until"})
     for (const char* command : {"run", "start"}) {
