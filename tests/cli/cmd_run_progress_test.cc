@@ -161,7 +161,7 @@ TEST_F(CmdRunEstimate, OneThatNeverComesIsNotWaitedFor) {
 
 TEST_F(CmdRunEstimate, GarbageIsNone) {
   for (const char* answer : {"echo total", "echo 'total x bytes'", "head -c 3000000 /dev/zero",
-                             "echo 'total 0 bytes'"}) {
+                             "echo 'total 0 bytes'", "echo 'total 8000 blocks'"}) {
     SCOPED_TRACE(answer);
     EstimateOf(answer);
     Background run(Argv({"run", "photos"}), kWide);

@@ -6,6 +6,7 @@
 #include "tests/cli/cli_world.h"
 
 using namespace ZorvTest;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -48,6 +49,15 @@ TEST_F(CmdShares, JsonHasPlaceSourceAndState) {
   EXPECT_LT(after["age"].asInt64(), 60);
 }
 
+TEST_F(CmdShares, ResultOfALaterClockHasNoAge) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  const auto toCome = fs::file_time_type::clock::now() + std::chrono::hours(1);
+  for (const auto& entry : fs::directory_iterator(kResultsOfPhotos))
+    fs::last_write_time(entry.path(), toCome);
+  EXPECT_TRUE(Share("photos")["calculated_timestamp"].isIntegral());
+  EXPECT_TRUE(Share("photos")["age"].isNull());
+}
+
 TEST_F(CmdShares, RunningOneKeepsItsLastResult) {
   MustRun(Argv({"run", "photos", "--quiet"}));
   WaitingEngine();
@@ -72,8 +82,8 @@ TEST_F(CmdShares, KilledOneSaysSo) {
 TEST_F(CmdShares, RecordThatCannotBeReadHidesNoOther) {
   volume_->Subvolume("mail");
   MustRun(Argv({"run", "photos", "--quiet"}));
-  std::filesystem::remove(kStatusOfPhotos);
-  std::filesystem::create_symlink("/etc/passwd", kStatusOfPhotos);
+  fs::remove(kStatusOfPhotos);
+  fs::create_symlink("/etc/passwd", kStatusOfPhotos);
   const CommandResult result = Tool({"shares", "--format", "json"});
   EXPECT_EQ(16, result.status);
   EXPECT_THAT(result.err, HasSubstr("is a symbolic link"));
@@ -86,7 +96,7 @@ TEST_F(CmdShares, RecordThatCannotBeReadHidesNoOther) {
 TEST_F(CmdShares, VolumeThatIsNotThere) {
   WriteFile("/etc/fstab", "/dev/sdz /volume2 btrfs defaults 0 0\n");
   const CommandResult result = Tool({"shares"});
-  std::filesystem::remove("/etc/fstab");
+  fs::remove("/etc/fstab");
   EXPECT_EQ(15, result.status);
   EXPECT_THAT(result.err, HasSubstr("note: shares may be missing, /volume2 is not there: "));
   EXPECT_THAT(result.out, HasSubstr("  photos\n")) << "one disk hid all others";

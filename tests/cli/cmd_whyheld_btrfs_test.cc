@@ -85,6 +85,14 @@ TEST_F(CmdWhyheld, SaysWhatStays) {
   CloneRange({volume_->Path("photos/kept")}, volume_->Path("other/clone"));
   CommitAndClean("/volume1");
   EXPECT_TRUE(Held("./kept")["held"][0]["outside"].asBool());
+
+  MustRun({"rm", "/volume1/photos/kept"});
+  CommitAndClean("/volume1");
+  const Json::Value left = Held("kept")["held"];
+  ASSERT_EQ(1u, left.size());
+  EXPECT_FALSE(left[0]["in_share"].asBool());
+  EXPECT_TRUE(left[0]["outside"].asBool());
+  EXPECT_FALSE(left[0]["comes_free"].asBool()) << "the clone still has it";
 }
 
 TEST_F(CmdWhyheld, AddsUpFolders) {

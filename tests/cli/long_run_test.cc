@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "tests/cli/cli_world.h"
+#include "tests/support/waits_for_lock.h"
 
 using namespace ZorvTest;
 
@@ -118,4 +119,16 @@ TEST_F(LongRun, CleanWaitsForThoseWhoClaimAShare) {
     FakeEngine(kAnswer);
     MustRun(Argv({"run", "photos", "--quiet"}));
   }
+}
+
+// It was done when it was looked at, and is claimed anew by the time that the share's lock is free.
+TEST_F(LongRun, CleanJudgesUnderTheLockOfTheShare) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  auto held = std::make_unique<HeldLock>("/run/lock/zorvbtrfssnapusage/share_task/photos.lock");
+  Background clean(Argv({"clean", "--all"}));
+  ASSERT_TRUE(WaitUntil([&] { return WaitsForLock(clean.Pid()); }));
+  EditJson(kStatusOfPhotos, {"status"}, "process");
+  held.reset();
+  EXPECT_EQ(4, clean.Wait().status);
+  EXPECT_TRUE(std::filesystem::exists(kStatusOfPhotos));
 }

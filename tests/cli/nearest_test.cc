@@ -43,12 +43,14 @@ TEST(Nearest, OneThatCanHaveBeenMeant) {
       {"hotos", "photos"}, {"phtos2", "photos2"},   {"PHOTOS", "photos"}, {"mial", "mail"},
       {"nail", "mail"},    {"project", "projects"}, {"music", nullptr},   {"x", nullptr},
       {"", nullptr},       {"photos1", "photos"},  // the first of two at one distance
+      {"mmaill", "mail"},                          // two of six
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.word);
     EXPECT_EQ(c.nearest == nullptr ? "" : c.nearest, Nearest(c.word, shares).value_or(""));
   }
   EXPECT_FALSE(Nearest("photos", {}));
+  EXPECT_EQ("tv", Nearest("tw", {"tv"})) << "one of two";
 }
 
 TEST(DidYouMean, NamesItOrSaysTheOtherThing) {

@@ -338,6 +338,36 @@ TEST_F(ResultGeneration, IsUnknownWhereNoTableHasItsNumbers) {
   EXPECT_THAT(MustRun(Argv({"status", "photos"})), Not(HasSubstr("generation")));
 }
 
+TEST_F(ResultGeneration, IsTheNewestWithItsNumbers) {
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  const Json::Value before = Shown();
+  volume_->Subvolume("mail");
+  MustRun({"sync", "-f", "/volume1"});
+  const Json::Value plan = Planned({"--keep-last", "1"});
+  EXPECT_GT(plan["generation"].asUInt64(), before["generation"].asUInt64());
+  EXPECT_EQ(plan["generation"], Shown()["generation"]);
+}
+
+TEST_F(ResultGeneration, IsUnknownWhereNoTableHasAllItsSnapshots) {
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(Settled());
+  volume_->DeleteSubvolume("photos/.snapshots/" + Day(3));
+  MustRun({kStockBtrfs, "subvolume", "sync", "/volume1"});
+  EXPECT_EQ(4u, Planned({"--keep-last", "1"})["steps"].size()) << "which keeps its table";
+  EXPECT_TRUE(Shown()["generation"].isNull());
+}
+
+TEST_F(ResultGeneration, OfNoSnapshotsHasNone) {
+  MustRun(Argv({"plan", "photos", "--keep-last", "1"}));
+  FakeEngine("true\n");
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(Settled());
+  const Json::Value shown = ParseJson(Tool({"show", "photos", "--format", "json"}).out);
+  ASSERT_FALSE(std::filesystem::is_empty(kCacheOfPhotos));
+  EXPECT_EQ(0u, shown["snapshots"].size());
+  EXPECT_TRUE(shown["generation"].isNull());
+}
+
 TEST_F(ResultGeneration, TableInSomebodyElsesHandsSaysNothing) {
   MustRun(Argv({"run", "photos", "--quiet"}));
   MustRun({"chown", "4711", kCacheOfPhotos});

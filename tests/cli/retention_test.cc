@@ -100,6 +100,27 @@ TEST_F(Retention, KeepsTheNewestOfEachPeriod) {
   EXPECT_EQ((Texts{times[3], times[4], times[6]}), Kept("3h", times));
 }
 
+TEST_F(Retention, PeriodsEndWithTheirLastSecond) {
+  const struct {
+    const char *policy, *first, *last, *next;
+  } kCases[] = {
+      {"2h", "2024-03-04 09:00:00", "2024-03-04 09:59:59", "2024-03-04 10:00:00"},
+      {"2d", "2024-03-04 00:00:00", "2024-03-04 23:59:59", "2024-03-05 00:00:00"},
+      {"2w", "2024-12-30 00:00:00", "2025-01-05 23:59:59", "2025-01-06 00:00:00"},
+      {"2m", "2024-02-01 00:00:00", "2024-02-29 23:59:59", "2024-03-01 00:00:00"},
+      {"2y", "2023-01-01 00:00:00", "2023-12-31 23:59:59", "2024-01-01 00:00:00"},
+  };
+  for (const auto& c : kCases)
+    EXPECT_EQ((Texts{c.last, c.next}), Kept(c.policy, {c.first, c.last, c.next})) << c.policy;
+}
+
+TEST_F(Retention, PeriodsOfOneNameAreNotOne) {
+  const Texts hours = {"2024-03-04 10:00:00", "2024-03-05 10:00:00"};
+  EXPECT_EQ(hours, Kept("2h", hours));
+  const Texts months = {"2023-03-04 10:00:00", "2024-03-04 10:00:00"};
+  EXPECT_EQ(months, Kept("2m", months));
+}
+
 TEST_F(Retention, PeriodsWithoutASnapshotDoNotCount) {
   const Texts times = {"2020-01-01 00:00:00", "2021-05-05 00:00:00", "2024-03-01 00:00:00"};
   EXPECT_EQ((Texts{times[1], times[2]}), Kept("2h", times));

@@ -68,7 +68,9 @@ TEST_F(SeveralShares, InterruptEndsTheRow) {
   kill(run.Pid(), SIGINT);
   ASSERT_TRUE(StopArrives());
   Release();
-  EXPECT_EQ(12, run.Wait().status);
+  const CommandResult result = run.Wait();
+  EXPECT_EQ(12, result.status);
+  EXPECT_THAT(result.err, Not(HasSubstr("interrupted"))) << "of others there is nothing to say";
   EXPECT_EQ(10, Tool({"status", "mail"}).status) << "never begun";
 }
 
@@ -165,6 +167,18 @@ TEST_F(CmdWait, ExitStatusIsTheEndOfTheCalculation) {
   Tool({"run", "photos"});
   EXPECT_EQ(11, Tool({"wait", "photos"}).status);
   EXPECT_EQ(0, Tool({"wait", "--all"}).status) << "nothing is under way";
+}
+
+TEST_F(CmdWait, OneThatWasKilledIsGone) {
+  WaitingEngine();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(EngineWaits());
+  ASSERT_EQ(0, kill(CalculatorPid(), SIGKILL));
+  ASSERT_TRUE(Settled());
+  const CommandResult result = Tool({"wait", "photos"});
+  EXPECT_EQ(11, result.status);
+  EXPECT_THAT(result.err, HasSubstr("ended without a result: its process is gone"));
+  Release();
 }
 
 TEST_F(CmdWait, LeavingDoesNotStopIt) {

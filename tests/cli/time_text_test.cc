@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <limits>
+
 using namespace ZorvSnapUsage;
 
 namespace {
@@ -98,6 +100,10 @@ TEST_F(ParseTimeTest, ShiftsOfHalfAnHourAreMetToo) {
 using TimeForPeopleTest = TimeText;
 
 TEST_F(TimeForPeopleTest, IsLocal) { EXPECT_EQ("2024-03-05 18:04:09", TimeForPeople(kFive)); }
+
+TEST_F(TimeForPeopleTest, BeyondTheCalendarThereIsNone) {
+  EXPECT_EQ("-", TimeForPeople(std::numeric_limits<time_t>::max()));
+}
 
 using TimeForProgramsTest = TimeText;
 

@@ -12,7 +12,6 @@
 #include <zorvplatform/platc.h>
 
 #include <filesystem>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -24,6 +23,7 @@
 #include "tests/support/platform_hook.h"
 #include "tests/support/platform_values.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/waits_for_lock.h"
 
 namespace ZorvTest {
 
@@ -117,16 +117,6 @@ inline struct flock LockSeenByOthers(const std::string& path, short wanted = F_W
   struct flock seen = {};
   if (read(in.Get(), &seen, sizeof seen) != sizeof seen) throw std::runtime_error("read");
   return seen;
-}
-
-// Whether the kernel lists `pid` as waiting for a record lock (proc(5), /proc/locks, "->").
-inline bool WaitsForLock(pid_t pid) {
-  std::istringstream locks(MustRun({"cat", "/proc/locks"}));
-  for (std::string line; std::getline(locks, line);)
-    if (line.find("->") != std::string::npos &&
-        line.find(" " + std::to_string(pid) + " ") != std::string::npos)
-      return true;
-  return false;
 }
 
 // Empties the library's directories and the work directory, and clears the error record.

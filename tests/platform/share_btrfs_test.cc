@@ -132,8 +132,10 @@ TEST_F(ZORVShareSurvey, ASecondShareOfAName) {
       Surveyed());
   WriteFile("/etc/zorv-snapusage.conf", "[post]\npath = /volume2/mail\n");
   EXPECT_EQ((std::vector<Names>{{"mail", "post"}, {}, {}}), Surveyed());
-  WriteFile("/etc/zorv-snapusage.conf", "[mail]\npath = /volume2/mail\n");
-  EXPECT_EQ((std::vector<Names>{{"mail"}, {}, {}}), Surveyed());
+  for (const char* path : {"/volume1/mail", "/volume2/mail"}) {
+    WriteFile("/etc/zorv-snapusage.conf", std::string("[mail]\npath = ") + path + "\n");
+    EXPECT_EQ((std::vector<Names>{{"mail"}, {}, {}}), Surveyed()) << path;
+  }
   fs::remove("/etc/zorv-snapusage.conf");
 }
 

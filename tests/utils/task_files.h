@@ -14,7 +14,6 @@
 #include <zorvplatform/platc.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -23,6 +22,7 @@
 #include "base/unique_fd.h"
 #include "tests/support/command.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/waits_for_lock.h"
 #include "zorvbtrfssnapusage/share_task_status.h"
 #include "zorvbtrfssnapusage/task_status.h"
 
@@ -139,15 +139,7 @@ class Background {
     return status;
   }
 
-  // Whether the kernel lists the process as waiting for a record lock (see proc(5), /proc/locks).
-  bool WaitsForLock() const {
-    std::ifstream locks("/proc/locks");
-    for (std::string line; std::getline(locks, line);)
-      if (line.find("->") != std::string::npos &&
-          line.find(" " + std::to_string(pid_) + " ") != std::string::npos)
-        return true;
-    return false;
-  }
+  bool WaitsForLock() const { return ZorvTest::WaitsForLock(pid_); }
 
  private:
   pid_t pid_;
