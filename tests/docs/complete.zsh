@@ -1,5 +1,6 @@
 # What a line becomes when TAB is typed behind it, in a real shell with a terminal of its own:
 #   zsh -f complete.zsh bash|zsh COMPLETION_FOLDER LINE...
+# An empty folder stands for what is installed, where the shells find it by themselves.
 # Each LINE follows the word zorv-snapusage. Prints, a line for each, the words that the program
 # would have got; of what does not become one command within a minute, "no command".
 zmodload zsh/zpty
@@ -12,11 +13,11 @@ show='zorv-snapusage() { case "$1 ${@: -1}" in names*|*--help) command zorv-snap
 case $shell in
   bash)
     command=(bash --norc --noprofile -i)
-    setup="PS1=; . /usr/share/bash-completion/bash_completion; . $folder/zorv-snapusage.bash; $show"
+    setup="PS1=; . /usr/share/bash-completion/bash_completion; ${folder:+. $folder/zorv-snapusage.bash;} $show"
     ;;
   zsh)
     command=(zsh -f -i)
-    setup="PS1=; fpath=($folder \$fpath); autoload -Uz compinit; compinit -u -D; $show"
+    setup="PS1=; ${folder:+fpath=($folder \$fpath);} autoload -Uz compinit; compinit -u -D; $show"
     ;;
 esac
 

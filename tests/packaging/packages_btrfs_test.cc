@@ -191,6 +191,12 @@ Sizes ParseSizes(const std::string& text) {
   return sizes;
 }
 
+// What lines become when TAB is typed behind them; the shells look for the files by themselves.
+std::string CompletedBy(const std::string& shell) {
+  return MustRun({"zsh", "-f", ZORV_SOURCE_DIR "/tests/docs/complete.zsh", shell, "", "statu",
+                  "explain photos GMT-2024.03.04"});
+}
+
 }  // namespace
 
 TEST_F(Packages, AreAllThereWithTheVersionOfTheSources) {
@@ -357,6 +363,12 @@ TEST_F(Packages, CommandIsNotPutOverWhatNobodyOwns) {
   EXPECT_THAT(install.err, HasSubstr("belongs to no package; move it away first"));
   EXPECT_EQ("by hand\n", MustRun({kLink}));
   fs::remove(kLink);
+}
+
+TEST_F(Packages, ShellsFindTheCompletion) {
+  for (const char* shell : {"bash", "zsh"})
+    EXPECT_EQ("<status>\n<explain><photos><GMT-2024.03.04-09.04.09>\n", CompletedBy(shell))
+        << shell;
 }
 
 TEST_F(Packages, UnitsAreInOrder) {
