@@ -1649,6 +1649,23 @@ MUTATIONS = [
              'document["without"] = NamesJson(NamesOf(kept, kept.found.without));',
              'document["without"] = NamesJson({});',
              "CmdWhyheld.*"),
+    Mutation("show-json-is-always-complete", "cli/report.cc",
+             '  document["complete"] = report.missing.empty();\n',
+             '  document["complete"] = true;\n',
+             "CmdShow.ShortResultSaysSo"),
+    Mutation("run-json-is-complete-without-those-that-failed", "cli/report.cc",
+             'document["complete"] = complete && failed.empty();',
+             'document["complete"] = complete;',
+             "SeveralShares.FailureOfOneKeepsNoOther"),
+    Mutation("ctrl-c-loses-what-was-done", "cli/cmd_run.cc",
+             "    printer.Finish(ends, chosen.status == kOk);\n"
+             "    throw;\n",
+             "    throw;\n",
+             "SeveralShares.InterruptedRowIsAWholeDocument"),
+    Mutation("a-stop-is-no-end", "cli/cmd_run.cc",
+             'if (failure.Status() == kCalculationStopped) return "stop";',
+             'if (failure.Status() == kCalculationStopped) return "";',
+             "SeveralShares.InterruptedRowIsAWholeDocument"),
 
     # ---- Output for people ---------------------------------------------------------------------------
     Mutation("the-running-total-is-called-frees", "cli/report.cc",
@@ -1759,6 +1776,10 @@ MUTATIONS = [
              "  if (activity == Activity::kDied) return",
              "  if (activity == Activity::kRunning) return",
              "CmdShares.KilledOneSaysSo"),
+    Mutation("the-running-total-does-not-run", "cli/report.cc",
+             "row.runningTotalBytes = runningTotal += row.exclusiveBytes;",
+             "row.runningTotalBytes = row.exclusiveBytes;",
+             "CmdShow.JsonHasNumbersAsNumbers"),
 
     # ---- Shares, and those that are out of reach -------------------------------------------------
     Mutation("a-generation-is-that-of-any-numbers", "cli/result_generation.cc",
