@@ -16,7 +16,7 @@ constexpr time_t kNow = 1709629449;
 std::vector<uint32_t> Chosen(const PlanWords& words, const std::vector<time_t>& times) {
   std::vector<Snapshot> snapshots;
   for (const time_t time : times)
-    snapshots.push_back({std::to_string(time), "", 256 + snapshots.size(), time});
+    snapshots.push_back({std::to_string(time), "", 256 + snapshots.size(), time, std::nullopt});
   return SelectForPlan(ReadPlanWords(words, kNow), snapshots);
 }
 
