@@ -8,6 +8,7 @@
 #include <zorvbtrfssnapusage/utils.h>
 #include <zorvplatform/share.h>
 
+#include <map>
 #include <memory>
 
 #include "base/unique_fd.h"
@@ -87,6 +88,30 @@ Failure CannotBeListed(const std::string& share) {
       kSystemFailure,
       fmt::format("{}, {} cannot be opened ({})", what, Quoted(directory), strerror(errno)),
       fmt::format("see what is mounted there with: findmnt -T {}", ShellWord(directory)));
+}
+
+// The file system that the path lies on; empty when the kernel does not say.
+std::string FileSystemOf(const std::string& path) {
+  const std::optional<FileSystemState> state = StateOfFileSystem(path);
+  return state ? state->id : "";
+}
+
+// Takes out what is mounted among the snapshots, and says so: subvolumes of another file system,
+// whose IDs mean others here, and those that are there twice.
+void LeaveOutMounted(const std::string& share, std::vector<Snapshot>& snapshots) {
+  const std::optional<ShareOrigin> place = FindPlace(share);
+  if (!place) return;
+  const std::string home = FileSystemOf(place->path);
+  std::map<unsigned long long, std::string> names;
+  std::erase_if(snapshots, [&](const Snapshot& snapshot) {
+    const std::string its = FileSystemOf(snapshot.path);
+    const bool elsewhere = !its.empty() && !home.empty() && its != home;
+    if (!elsewhere && names.emplace(snapshot.subvolumeID, snapshot.name).second) return false;
+    Say(fmt::format("note: snapshot {} is left out, it is {}", Quoted(snapshot.name),
+                    elsewhere ? "on another file system than its share"
+                              : "the same as " + Quoted(names[snapshot.subvolumeID])));
+    return true;
+  });
 }
 
 // Gives up when a share that is not there has been calculated on a volume that is not there either.
@@ -179,6 +204,7 @@ std::vector<Snapshot> SnapshotsOf(const std::string& share) {
     }
     snapshots.push_back({name, path, subvolumeID, TimeInName(name), CreationTime(path)});
   }
+  LeaveOutMounted(share, snapshots);
   return snapshots;
 }
 

@@ -58,7 +58,8 @@ bool ShareIsThere(const std::string& share);
 bool ShareMayExist(const std::string& share);
 
 // The share's snapshots, in the order of their times, those without a time last. A snapshot that is
-// deleted while it is looked at is left out. Gives up when they cannot be listed.
+// deleted while it is looked at is left out; what is mounted among them, too, which is said. Gives
+// up when they cannot be listed.
 std::vector<Snapshot> SnapshotsOf(const std::string& share);
 
 // Whether its name is UTF-8: the library's records can carry no other.

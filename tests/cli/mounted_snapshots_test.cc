@@ -1,0 +1,52 @@
+// What is mounted among the snapshots of a share is none of them: IDs of another file system mean
+// others here, and a subvolume that is there twice is one.
+#include "tests/cli/cli_world.h"
+
+using namespace ZorvTest;
+
+namespace {
+
+class MountedSnapshots : public CliWorld {
+ protected:
+  MountedSnapshots() { RealEngine(); }
+
+  // A directory among the snapshots that something is mounted on.
+  std::string Mounted(const std::string& from) const {
+    const std::string place = volume_->Path("photos/.snapshots/GMT-2024.03.09-09.04.09");
+    MustRun({"mkdir", place});
+    MustRun({"mount", "--bind", from, place});
+    return place;
+  }
+
+  static void ExpectLeftOut(const std::string& why) {
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"plan", "photos", "--keep-last", "1"},
+          {"run", "photos", "--quiet"},
+          {"show", "photos"}}) {
+      SCOPED_TRACE(words[0]);
+      const CommandResult result = Tool(words);
+      EXPECT_EQ(0, result.status) << result.err;
+      EXPECT_THAT(result.err, HasSubstr("zorv-snapusage: note: snapshot 'GMT-2024.03.09-09.04.09' "
+                                        "is left out, it is " +
+                                        why + "\n"));
+      EXPECT_THAT(result.out, Not(HasSubstr("GMT-2024.03.09-09.04.09")));
+    }
+    EXPECT_EQ(8, Tool({"explain", "photos", "GMT-2024.03.09-09.04.09"}).status);
+  }
+};
+
+TEST_F(MountedSnapshots, OfAnotherFileSystemAreLeftOut) {
+  const BtrfsVolume other("/volume2");
+  other.Subvolume("elsewhere");
+  const std::string place = Mounted("/volume2/elsewhere");
+  ExpectLeftOut("on another file system than its share");
+  MustRun({"umount", place});
+}
+
+TEST_F(MountedSnapshots, ThatAreThereTwiceAreLeftOut) {
+  const std::string place = Mounted(volume_->Path(std::string("photos/.snapshots/") + kSecond));
+  ExpectLeftOut("the same as '" + std::string(kSecond) + "'");
+  MustRun({"umount", place});
+}
+
+}  // namespace
