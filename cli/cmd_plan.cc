@@ -86,7 +86,8 @@ int PlanDeletions(const PlanOptions& options) {
   KeptTable table = TableOfNow(request.share, snapshots);
   const Plan plan = MakePlan(request, places, table.table, AskTheEngine(snapshots, table));
   if (options.format.json || plan.reached)
-    Print({request, plan, table, snapshots, beingDeleted}, options.format);
+    Print({request, plan, table, snapshots, LookAgainForDeletions(request.share, beingDeleted)},
+          options.format);
   RequireReached(request, plan, places.size());
   return kOk;
 }

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "cli/commands.h"
+#include "cli/deletions.h"
 #include "cli/failure.h"
 #include "cli/follow.h"
 #include "cli/interrupt.h"
@@ -60,7 +61,7 @@ Report RunShare(const Selection& selection, bool quiet) {
   const std::vector<Snapshot> present = SnapshotsOf(share);
   Report report = MakeReport(share, *result, {present, {}}, asked);
   AddTableOfNow(present, quiet ? Silence::kQuiet : Silence::kSpeak, report);
-  report.beingDeleted = launched.beingDeleted;
+  report.beingDeleted = LookAgainForDeletions(share, launched.beingDeleted);
   report.generation = GenerationOf(share, *result);
   return report;
 }

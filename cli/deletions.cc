@@ -4,6 +4,8 @@
 #include <fmt/format.h>
 #include <stdlib.h>
 
+#include <algorithm>
+
 #include "cli/share.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
@@ -11,6 +13,8 @@
 
 namespace ZorvSnapUsage {
 namespace {
+
+bool told = false;
 
 std::optional<unsigned long long> DeletionsOn(const std::string& volume) {
   uint64_t* ids = nullptr;
@@ -27,13 +31,22 @@ std::optional<unsigned long long> TellOfDeletions(const std::string& share) {
   const std::optional<ShareOrigin> place = FindPlace(share);
   if (!place) return std::nullopt;
   const std::optional<unsigned long long> count = DeletionsOn(place->volume);
-  if (count.value_or(0) > 0)
-    Say(
-        fmt::format("note: the deletion of {} is still going on: until it has ended no snapshot "
-                    "holds alone what it shares with what was deleted; wait for that with: btrfs "
-                    "subvolume sync {}",
-                    CountOf(*count, "subvolume"), ShellWord(place->volume)));
+  if (count.value_or(0) == 0) return count;
+  told = true;
+  Say(
+      fmt::format("note: the deletion of {} is still going on: until it has ended no snapshot "
+                  "holds alone what it shares with what was deleted; wait for that with: btrfs "
+                  "subvolume sync {}",
+                  CountOf(*count, "subvolume"), ShellWord(place->volume)));
   return count;
 }
+
+std::optional<unsigned long long> LookAgainForDeletions(const std::string& share,
+                                                        std::optional<unsigned long long> before) {
+  const std::optional<ShareOrigin> place = FindPlace(share);
+  return std::max(before, place ? DeletionsOn(place->volume) : std::nullopt);
+}
+
+bool DeletionsAreTold() { return told; }
 
 }  // namespace ZorvSnapUsage

@@ -12,6 +12,13 @@ namespace ZorvSnapUsage {
 // error when there are some, and how to wait.
 std::optional<unsigned long long> TellOfDeletions(const std::string& share);
 
+// As many, when one may have begun since the first look; the engine notes it then.
+std::optional<unsigned long long> LookAgainForDeletions(const std::string& share,
+                                                        std::optional<unsigned long long> before);
+
+// Whether TellOfDeletions has said that there are some.
+bool DeletionsAreTold();
+
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_DELETIONS_H_

@@ -1,5 +1,6 @@
 #include "cli/engine_document.h"
 
+#include "cli/deletions.h"
 #include "cli/engine.h"
 #include "cli/engine_failure.h"
 #include "cli/patience.h"
@@ -11,7 +12,7 @@ namespace {
 
 constexpr char kErrorMark[] = "ERROR: ";
 constexpr char kNoteMark[] = "NOTE: ";
-constexpr char kDeletionMark[] = "NOTE: a subvolume is being deleted";  // told by whoever asks
+constexpr char kDeletionMark[] = "NOTE: a subvolume is being deleted";
 constexpr char kFailureMark[] = "exclusive sizes unavailable: ";
 
 bool BeginsWith(const std::string& text, const char* beginning) {
@@ -20,7 +21,8 @@ bool BeginsWith(const std::string& text, const char* beginning) {
 
 // Everything but the reason of a failure, which becomes one of this program, as its notes do.
 void PassOn(const std::string& line) {
-  if (BeginsWith(line, kErrorMark) || BeginsWith(line, kDeletionMark)) return;
+  if (BeginsWith(line, kErrorMark)) return;
+  if (BeginsWith(line, kDeletionMark) && DeletionsAreTold()) return;
   if (BeginsWith(line, kNoteMark))
     Say("note: " + Escaped(line.substr(sizeof kNoteMark - 1)));
   else
