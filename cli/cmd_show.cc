@@ -89,7 +89,7 @@ Report ReportOf(const std::string& share, const Result& result) {
   PresentSnapshots present;
   Report report;
   try {
-    present = SeenBy(result, SnapshotsThere(share), tables);
+    present = SeenBy(share, result, SnapshotsThere(share), tables);
     report = MakeReport(share, result, present, AskedFor(share, result, present));
   } catch (const Failure& failure) {
     Note(fmt::format("which snapshots are still there cannot be told: {}", failure.what()));

@@ -18,8 +18,8 @@ struct PresentSnapshots {
 
 // The tables that are kept of a share.
 struct TablesOfShare {
-  std::vector<KeptTable> here;  // of the file system that it lies on now, as far as that is known
-  std::vector<KeptTable> elsewhere;
+  std::vector<KeptTable> here;       // of the file system that it lies on now
+  std::vector<KeptTable> elsewhere;  // all of them while that is not known
 };
 
 TablesOfShare SortedTables(const std::string& share);
@@ -27,10 +27,12 @@ TablesOfShare SortedTables(const std::string& share);
 // Results name snapshots by their subvolume IDs, which are unique on one file system, and a volume
 // may be made anew or exchanged. A snapshot is none of a result's when its file system made it
 // after the result was stored, unless a table of that file system has the result's number for it,
-// which then is the snapshot's, too: the clock was set back. None of them is when a table of
-// another file system has all of the result's numbers, and none of this one.
-PresentSnapshots SeenBy(const Result& result, const std::vector<Snapshot>& snapshots,
-                        const TablesOfShare& tables);
+// which then is the snapshot's, too: the clock was set back. None of them is when the share was
+// calculated on another volume than it lies on, or when the tables that were read since then say
+// that it was another file system: more of the result's numbers are in one of that than in any of
+// this one.
+PresentSnapshots SeenBy(const std::string& share, const Result& result,
+                        const std::vector<Snapshot>& snapshots, const TablesOfShare& tables);
 
 }  // namespace ZorvSnapUsage
 

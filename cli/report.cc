@@ -36,6 +36,13 @@ ReportRow RowOf(unsigned long long subvolumeID,
   return row;
 }
 
+// The names under which the snapshots of the result were measured, if the share's record is still
+// about that: it is of the latest calculation, which may be of another file system.
+std::map<unsigned long long, std::string> NamesIn(const std::string& share, const Result& result) {
+  if (RecordedTask(share) != result.taskID) return {};
+  return RecordedSnapshots(share);
+}
+
 // The cells of a line that a table fills.
 struct TableCells {
   Cell metadata, withOlder, newSinceOlder;
@@ -203,7 +210,7 @@ Report MakeReport(const std::string& share, const Result& result, const PresentS
   report.calculated = result.stored;
   std::map<unsigned long long, const Snapshot*> byID;
   for (const Snapshot& snapshot : present.known) byID.emplace(snapshot.subvolumeID, &snapshot);
-  const std::map<unsigned long long, std::string> recorded = RecordedSnapshots(share);
+  const std::map<unsigned long long, std::string> recorded = NamesIn(share, result);
   std::set<unsigned long long> known;
   size_t deleted = 0;
   unsigned long long runningTotal = 0;
@@ -230,16 +237,21 @@ Report MakeReport(const std::string& share, const Result& result, const PresentS
 
 Report MakeReportAlone(const std::string& share, const Result& result) {
   Report report = MakeReport(share, result, {}, {});
-  for (ReportRow& row : report.rows) row.present.reset();
   report.deletedSince.reset();
+  std::map<unsigned long long, std::string> missing = NamesIn(share, result);
+  for (ReportRow& row : report.rows) {
+    row.present.reset();
+    missing.erase(row.subvolumeID);
+  }
+  for (const auto& [id, name] : missing) report.missing.push_back(name);
   return report;
 }
 
 std::vector<Snapshot> AskedFor(const std::string& share, const Result& result,
                                const PresentSnapshots& present) {
   std::vector<Snapshot> asked;
-  if (RecordedTask(share) != result.taskID) return asked;
-  const std::map<unsigned long long, std::string> recorded = RecordedSnapshots(share);
+  const std::map<unsigned long long, std::string> recorded = NamesIn(share, result);
+  if (recorded.empty()) return asked;
   std::vector<Snapshot> cannotBeRecorded;
   bool all = true;
   for (const Snapshot& snapshot : present.known) {

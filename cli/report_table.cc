@@ -1,8 +1,8 @@
 #include "cli/report_table.h"
 
 #include <fmt/format.h>
-#include <stdlib.h>
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <utility>
@@ -45,18 +45,36 @@ bool HasTheSnapshotsOf(const Report& report, const PresentSnapshots& present, Pl
 struct Match {
   const KeptTable* kept = nullptr;
   std::vector<SnapshotShares> shares;  // of the rows of its state: the first ones
-  time_t distance = 0;                 // between the table and the result
 
+  // With more rows, else with fewer other snapshots, else of a later state.
   bool IsBetterThan(const Match& other) const {
-    return shares.size() != other.shares.size() ? shares.size() > other.shares.size()
-                                                : distance < other.distance;
+    if (!other.kept || shares.size() != other.shares.size())
+      return shares.size() > other.shares.size();
+    const SizeTable &own = kept->table, &others = other.kept->table;
+    if (own.subvolumeIDs.size() != others.subvolumeIDs.size())
+      return own.subvolumeIDs.size() < others.subvolumeIDs.size();
+    return own.generation > others.generation;
   }
 };
 
+bool IsBefore(const ReportRow& row, const ReportRow& next) {
+  return row.time ? !next.time || *row.time <= *next.time : !next.time;
+}
+
+// Whether the rows, which are in the order of the calculation, are in that of their names, too:
+// where snapshots were renamed since, others are the older ones now.
+bool AreByTime(const std::vector<ReportRow>& rows) {
+  return std::adjacent_find(rows.begin(), rows.end(), [](const auto& row, const auto& next) {
+           return !IsBefore(row, next);
+         }) == rows.end();
+}
+
 Match MatchOf(const KeptTable& kept, const PresentSnapshots& present, const Report& report) {
-  Match match{&kept, {}, std::abs(kept.taken - report.calculated)};
+  Match match{&kept, {}};
   const Places places = PlacesOf(kept.table);
-  if (!HasTheSnapshotsOf(report, present, places)) return match;
+  if (kept.taken < report.calculated || !AreByTime(report.rows) ||
+      !HasTheSnapshotsOf(report, present, places))
+    return match;
   const std::vector<SnapshotShares> shares = SharesOf(kept.table);
   for (const ReportRow& row : report.rows) {
     const SnapshotShares& ofRow = shares[places.at(row.subvolumeID)];
@@ -86,17 +104,14 @@ void AddBestTable(const std::vector<KeptTable>& tables, const PresentSnapshots& 
 }
 
 void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report) {
-  std::vector<KeptTable> tables;
-  bool read = true;
+  if (snapshots.empty()) return;
   try {
-    tables = SortedTables(report.share).here;
-    if (!snapshots.empty()) tables.push_back(TableOfNow(report.share, snapshots, silence));
+    KeptTable now = TableOfNow(report.share, snapshots, silence);
+    if (now.taken < report.calculated) KeepAsOfNow(report.share, now);
+    AddBestTable({now}, {snapshots, {}}, report);
   } catch (const Failure& failure) {
     SayNotRead(report.share, failure);
-    read = false;
   }
-  AddBestTable(tables, {snapshots, {}}, report);
-  if (!read) report.rowsOfOtherState = 0;  // why has been said
 }
 
 void NoteRowsOfOtherState(const Report& report) {

@@ -14,13 +14,14 @@ namespace ZorvSnapUsage {
 
 // Puts what a table says of its snapshots beside their rows, and in row order as far as it has the
 // result's own numbers: from the first other one on it is of another state than the rows. A table
-// with a snapshot more or less than there were is of another state from the start. Takes the one of
-// `tables`, all of the share's file system, that goes furthest.
+// that was read before the result was stored, or has a snapshot more or less than there were, is of
+// another state from the start. Takes the one of `tables`, all of the share's file system, that
+// goes furthest.
 void AddBestTable(const std::vector<KeptTable>& tables, const PresentSnapshots& present,
                   Report& report);
 
-// The same with those that are kept and the table of now, of all these snapshots of the share. One
-// that cannot be had, or that the user does not wait for, is said on standard error.
+// The same with the table of now, of all these snapshots of the share. One that cannot be had, or
+// that the user does not wait for, is said on standard error.
 void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report);
 
 // Says which rows have no table of their state, where there are tables.

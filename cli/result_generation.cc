@@ -4,42 +4,50 @@
 #include <vector>
 
 #include "cli/failure.h"
-#include "cli/table_cache.h"
+#include "cli/present_snapshots.h"
 
 namespace ZorvSnapUsage {
 namespace {
 
-// Whether it is of a later state; of several file systems the clock has to tell.
-bool IsNewer(const KeptTable& kept, const KeptTable& other) {
-  return kept.fileSystemID == other.fileSystemID ? kept.table.generation > other.table.generation
-                                                 : kept.taken > other.taken;
-}
-
-std::optional<unsigned long long> NewestOf(const std::vector<KeptTable>& tables,
-                                           const Result& result) {
-  const KeptTable* newest = nullptr;
-  for (const KeptTable& kept : tables)
-    if (HasNumbersOf(kept.table, result) && (!newest || IsNewer(kept, *newest))) newest = &kept;
-  return newest ? std::optional(newest->table.generation) : std::nullopt;
-}
-
-}  // namespace
-
-bool HasNumbersOf(const SizeTable& table, const Result& result) {
+// Each subvolume's bytes that it alone holds, by its ID.
+std::map<unsigned long long, unsigned long long> AloneIn(const SizeTable& table) {
   const std::vector<SnapshotShares> shares = SharesOf(table);
   std::map<unsigned long long, unsigned long long> alone;
   for (size_t place = 0; place < shares.size(); ++place)
     alone.emplace(table.subvolumeIDs[place], shares[place].alone.Total());
+  return alone;
+}
+
+bool HasNumbersOf(const SizeTable& table, const Result& result) {
+  return !result.subvolumeIDs.empty() &&
+         CountNumbersOf(table, result) == result.subvolumeIDs.size();
+}
+
+std::optional<unsigned long long> NewestOf(const std::vector<KeptTable>& tables,
+                                           const Result& result) {
+  std::optional<unsigned long long> newest;
+  for (const KeptTable& kept : tables)
+    if (kept.taken >= result.stored && kept.table.generation > newest.value_or(0) &&
+        HasNumbersOf(kept.table, result))
+      newest = kept.table.generation;
+  return newest;
+}
+
+}  // namespace
+
+size_t CountNumbersOf(const SizeTable& table, const Result& result) {
+  const std::map<unsigned long long, unsigned long long> alone = AloneIn(table);
+  size_t count = 0;
   for (size_t i = 0; i < result.subvolumeIDs.size(); ++i) {
     const auto found = alone.find(result.subvolumeIDs[i]);
-    if (found == alone.end() || found->second != result.exclusiveBytes[i]) return false;
+    count += found != alone.end() && found->second == result.exclusiveBytes[i];
   }
-  return !result.subvolumeIDs.empty();
+  return count;
 }
 
 std::optional<unsigned long long> GenerationOf(const std::string& share, const Result& result) {
   try {
-    return NewestOf(AllTables(share), result);
+    return NewestOf(SortedTables(share).here, result);
   } catch (const Failure&) {
     // Whoever needs the tables themselves says what is wrong with them.
     return std::nullopt;

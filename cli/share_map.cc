@@ -32,14 +32,6 @@ MapState StateOfMap() {
                 fmt::format("look at what is in it, and remove it: rm {}", kShareMap));
 }
 
-// Read without its lock: the file is replaced whole.
-int VolumeNumberOf(const std::string& share) {
-  const Json::Value map = Utils::GetJsonAttrByPath(kShareMap);
-  if (!map.isObject() || !map[share].isObject()) return 0;
-  const Json::Value& number = map[share]["volume_id"];
-  return number.isInt() ? number.asInt() : 0;
-}
-
 }  // namespace
 
 void RequireMap() {
@@ -68,12 +60,19 @@ void RequireWritableMap() {
   }
 }
 
+// Read without its lock: the file is replaced whole.
+std::optional<std::string> RecordedVolumeOf(const std::string& share) {
+  const Json::Value map = Utils::GetJsonAttrByPath(kShareMap);
+  if (!map.isObject() || !map[share].isObject()) return std::nullopt;
+  const Json::Value& number = map[share]["volume_id"];
+  if (!number.isInt() || number.asInt() <= 0) return std::nullopt;
+  return fmt::format("/volume{}", number.asInt());
+}
+
 std::optional<std::string> MissingVolumeOf(const std::string& share) {
-  const int number = VolumeNumberOf(share);
-  const std::string path = fmt::format("/volume{}", number);
+  std::optional<std::string> path = RecordedVolumeOf(share);
   char volume[64];
-  if (number <= 0 || VolumePathParseEx(path.c_str(), volume, sizeof volume) >= 0)
-    return std::nullopt;
+  if (path && VolumePathParseEx(path->c_str(), volume, sizeof volume) >= 0) path.reset();
   return path;
 }
 

@@ -21,6 +21,9 @@ void RequireWritableMap();
 // recorded.
 std::optional<std::string> MissingVolumeOf(const std::string& share);
 
+// The volume of the share's latest calculation, "/volume1"; nothing when none is recorded.
+std::optional<std::string> RecordedVolumeOf(const std::string& share);
+
 // Takes the share's entry out and leaves all others as they are: the library also takes out those
 // of shares that it does not find.
 void RemoveFromMap(const std::string& share);

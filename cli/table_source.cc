@@ -25,4 +25,9 @@ KeptTable TableOfNow(const std::string& share, const std::vector<Snapshot>& snap
   return read;
 }
 
+void KeepAsOfNow(const std::string& share, KeptTable& kept) {
+  kept.taken = time(nullptr);
+  KeepTable(share, kept);
+}
+
 }  // namespace ZorvSnapUsage

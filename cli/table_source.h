@@ -16,6 +16,9 @@ namespace ZorvSnapUsage {
 KeptTable TableOfNow(const std::string& share, const std::vector<Snapshot>& snapshots,
                      Silence silence = Silence::kSpeak);
 
+// Keeps a table of before as one of now: nothing has changed on its file system in between.
+void KeepAsOfNow(const std::string& share, KeptTable& kept);
+
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_TABLE_SOURCE_H_

@@ -30,6 +30,15 @@ class CmdShow : public CliWorld {
       fs::last_write_time(ResultFile(suffix), fs::file_time_type::clock::now() + later);
   }
 
+  // A volume at /volume2 with a share photos whose two snapshots have IDs of those at /volume1.
+  std::unique_ptr<BtrfsVolume> OtherVolume() {
+    auto other = std::make_unique<BtrfsVolume>("/volume2");
+    other->Subvolume("photos");
+    for (const char* snapshot : {"one", "two"})
+      other->Snapshot("photos", std::string("photos/.snapshots/") + snapshot);
+    return other;
+  }
+
   // Another file system takes the place of the volume. Its two snapshots have IDs of the old ones.
   void MakeVolumeAnew() {
     const unsigned long long id = ID(kFirst);
@@ -247,18 +256,57 @@ TEST_F(CmdShow, SnapshotsOfAnotherFileSystemAreNotInTheResult) {
   EXPECT_EQ("one", shown["not_measured"][0].asString());
 }
 
-// They are older than the result, as on a disk that takes turns with another one.
+// Disks that take turns: the snapshots of the other one are older than the result, and have its
+// IDs.
 TEST_F(CmdShow, SnapshotsOfAnExchangedVolumeAreNotInTheResult) {
+  const auto other = OtherVolume();
   RunOnce();
-  StoreResultAgain(std::chrono::hours(1));
   EXPECT_FALSE(Shown()["other_file_system"].asBool());
-  MakeVolumeAnew();
+  volume_->Unmount();
+  MustRun({"mount", "--bind", "/volume2", "/volume1"});
   const Json::Value shown = Shown();
   EXPECT_TRUE(shown["other_file_system"].asBool());
   EXPECT_FALSE(shown["snapshots"][0]["present"].asBool());
   EXPECT_EQ(2u, shown["not_measured"].size());
+  EXPECT_TRUE(shown["generation"].isNull()) << "it is one of the other disk";
+  const Json::Value shares = ParseJson(MustRun(Argv({"shares", "--format", "json"})));
+  EXPECT_TRUE(shares["shares"][0]["generation"].isNull());
   MustRun(Argv({"run", "photos", "--quiet"}));
   EXPECT_FALSE(Shown()["other_file_system"].asBool());
+  MustRun({"umount", "/volume1"});
+  volume_->Mount();
+}
+
+// A caller of the library has calculated, so that there is no table.
+TEST_F(CmdShow, SnapshotsOfAShareOnAnotherVolumeAreNotInTheResult) {
+  const auto other = OtherVolume();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(Settled());
+  volume_->Unmount();
+  const Json::Value shown = Shown();
+  EXPECT_TRUE(shown["other_file_system"].asBool());
+  EXPECT_FALSE(shown["snapshots"][0]["present"].asBool());
+  volume_->Mount();
+  EXPECT_FALSE(Shown()["other_file_system"].asBool());
+}
+
+// The record has names of the calculation that came after, which gave no result.
+TEST_F(CmdShow, NamesOfALaterCalculationAreNotThoseOfTheResult) {
+  RunOnce();
+  volume_->DeleteSubvolume(std::string("photos/.snapshots/") + kFirst);
+  EXPECT_EQ(kFirst, Shown()["snapshots"][0]["name"].asString());
+  FakeEngine("exit 1\n");
+  EXPECT_NE(0, Tool({"run", "photos", "--quiet"}).status);
+  EXPECT_TRUE(Shown()["snapshots"][0]["name"].isNull());
+}
+
+// It was called complete as soon as nobody could list the snapshots.
+TEST_F(CmdShow, ShortResultOfAVolumeThatIsNotMounted) {
+  FakeEngine("echo \"subvol($1) 10 bytes\"\n");
+  EXPECT_EQ(13, Tool({"run", "photos", "--quiet"}).status);
+  volume_->Unmount();
+  EXPECT_EQ(13, Tool({"show", "photos"}).status);
+  volume_->Mount();
 }
 
 // The snapshots seem to have been made after the result.

@@ -2,6 +2,9 @@
 // sum.
 #include <signal.h>
 
+#include <chrono>
+#include <thread>
+
 #include "tests/cli/plan_world.h"
 
 using namespace ZorvTest;
@@ -131,6 +134,39 @@ TEST_F(ReportTable, RowsFromTheFirstDifferenceOnAreOfAnotherState) {
   EXPECT_TRUE(shown["table"]["all"].isNull());
 }
 
+// It was of another state with the same numbers: what all held was held by some of them still.
+TEST_F(ReportTable, OneFromBeforeTheResultIsNotUsed) {
+  WriteFile("/tmp/document", Document(Sets()));
+  EngineWithTable("cat /tmp/document");
+  MustRun(Argv({"plan", "photos", "--keep-last", "1"}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // times are whole seconds
+  EngineWithTable("false");
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  EXPECT_TRUE(Shown()["table"].isNull());
+  EXPECT_TRUE(Shown()["generation"].isNull());
+}
+
+// Nothing has changed since, so that it is of now as well.
+TEST_F(ReportTable, OneFromBeforeTheResultIsUsedWhereNothingHasChanged) {
+  RealEngine();
+  MustRun({"sync", "-f", "/volume1"});
+  MustRun(Argv({"plan", "photos", "--keep-last", "1"}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  const std::string out = MustRun(Argv({"run", "photos", "--quiet"}));
+  EXPECT_THAT(out, HasSubstr(" then free "));
+  EXPECT_EQ(out, MustRun(Argv({"show", "photos"})));
+}
+
+// Others are the older ones now.
+TEST_F(ReportTable, RenamedSnapshotsHaveOtherOlderOnes) {
+  TakeTable();
+  const std::string folder = volume_->Path("photos/.snapshots/");
+  std::filesystem::rename(folder + Day(1), folder + Day(9));
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_THAT(result.out, Not(HasSubstr("WITH OLDER")));
+  EXPECT_EQ(LeftOut("6 of 6"), result.err);
+}
+
 // A plan that comes later has a table of a later state, which is the newest.
 TEST_F(ReportTable, TheOneOfTheResultIsUsedNotTheNewest) {
   TakeTable();
@@ -240,13 +276,13 @@ TEST_F(CmdRunTable, OneThatCannotBeReadIsSaidAndNoFailure) {
   EXPECT_THAT(run.out, HasSubstr("  1.02 MiB       1.02 MiB  257  "));
 }
 
-TEST_F(CmdRunTable, EarlierOneIsShownWhereNoneCanBeRead) {
+TEST_F(CmdRunTable, EarlierOneIsNotShownWhereNoneCanBeRead) {
   TakeTable();
   EngineWithTable("echo garbage");
   const CommandResult run = RunPhotos();
   EXPECT_EQ(0, run.status);
   EXPECT_THAT(run.err, testing::StartsWith(kNotRead + std::string("the engine's answer")));
-  EXPECT_THAT(run.out, HasSubstr("\nall 6 snapshots then free 138.05 MiB together: "));
+  EXPECT_THAT(run.out, Not(HasSubstr(" then free "))) << "it may be of another state";
 }
 
 TEST_F(CmdRunTable, OneInSomebodyElsesHandsIsNotUsed) {
