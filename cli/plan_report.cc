@@ -26,7 +26,7 @@ std::string RealPathOf(const Snapshot& snapshot) {
 }
 
 // People are told the names by which the share's source deletes them, where these are others.
-Table TableOf(const PlanReport& report, const OutputFormat& format) {
+Table TableOf(const PlanReport& report) {
   Table table(PlanColumns());
   const std::vector<std::string> ofSource = SourceNames(report.request.share, report.snapshots);
   FreedBytes soFar;
@@ -35,11 +35,10 @@ Table TableOf(const PlanReport& report, const OutputFormat& format) {
     const Snapshot& snapshot = report.snapshots[place];
     const FreedBytes& step = report.plan.steps[i];
     soFar += step;
-    table.Add(
-        {Cell::Number(i + 1), Cell::Bytes(step.Total()), Cell::Bytes(step.metadata),
-         Cell::Bytes(soFar.Total()), Cell::Number(snapshot.subvolumeID), Cell::Time(snapshot.time),
-         Cell::Text(RealPathOf(snapshot)),
-         Cell::Text(snapshot.name, Tone::kPlain, format.plain ? "" : Escaped(ofSource[place]))});
+    table.Add({Cell::Number(i + 1), Cell::Bytes(step.Total()), Cell::Bytes(step.metadata),
+               Cell::Bytes(soFar.Total()), Cell::Number(snapshot.subvolumeID),
+               Cell::Time(snapshot.time), Cell::Text(RealPathOf(snapshot)),
+               Cell::Text(snapshot.name, Tone::kPlain, Escaped(ofSource[place]))});
   }
   return table;
 }
@@ -58,7 +57,7 @@ void PrintForPeople(const PlanReport& report, const OutputFormat& format) {
   ToStandardOutput(fmt::format("share {}, plan for the state of {} (generation {})\n\n",
                                Escaped(report.request.share), TimeForPeople(report.table.taken),
                                report.table.table.generation));
-  ToStandardOutput(TableOf(report, format).Text(format));
+  ToStandardOutput(TableOf(report).Text(format));
   ToStandardOutput(fmt::format("\ntogether {} from {} of {}, of it {} metadata\n",
                                text(together.Total()), report.plan.order.size(),
                                CountOf(report.snapshots.size(), "snapshot"),
@@ -81,7 +80,7 @@ void PrintForPrograms(const PlanReport& report, const OutputFormat& format) {
   SetTime(document, "taken", report.table.taken);
   document["generation"] = Json::UInt64{report.table.table.generation};
   document["being_deleted"] = NumberJson(report.beingDeleted);
-  document["steps"] = TableOf(report, format).Rows(format);
+  document["steps"] = TableOf(report).Rows(format);
   document["together"] = BytesJson(plan.Together());
   if (report.request.target > 0) {
     document["target"] = Json::UInt64{report.request.target};
@@ -109,7 +108,7 @@ void Print(const PlanReport& report, const OutputFormat& format) {
   if (format.json)
     PrintForPrograms(report, format);
   else if (format.plain)
-    ToStandardOutput(TableOf(report, format).Text(format));
+    ToStandardOutput(TableOf(report).Text(format));
   else
     PrintForPeople(report, format);
 }

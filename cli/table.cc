@@ -109,7 +109,7 @@ Cell Cell::Text(std::string text, Tone tone, std::string note) {
 }
 
 std::string Cell::ValueShown(const OutputFormat& format) const {
-  if (!value_) return note_.empty() ? kUnknown : "";
+  if (!value_) return kUnknown;
   switch (kind_) {
     case Kind::kBytes:
       return BytesText(AsNumber(), format.ShownUnits());
@@ -127,9 +127,9 @@ std::string Cell::ValueShown(const OutputFormat& format) const {
 }
 
 std::string Cell::Shown(const OutputFormat& format) const {
-  const std::string value = ValueShown(format);
-  if (note_.empty()) return value;
-  return fmt::format("{}{}({})", value, value.empty() ? "" : " ", note_);
+  if (note_.empty()) return ValueShown(format);
+  const std::string note = fmt::format("({})", note_);
+  return value_ ? ValueShown(format) + " " + note : note;
 }
 
 void Cell::AddTo(Json::Value& row, const std::string& key) const {
@@ -188,8 +188,13 @@ std::string Table::Text(const OutputFormat& format) const {
   if (!format.plain) lines.push_back(header);
   for (const Line* line : Sorted(format)) {
     lines.emplace_back();
-    for (const size_t i : shown)
-      lines.back().push_back({(*line)[i].Shown(format), (*line)[i].tone_});
+    for (const size_t i : shown) {
+      const Cell& cell = (*line)[i];
+      // Scripts would take what stands behind a name for a part of it.
+      const bool nameAlone = format.plain && i == shown.back();
+      lines.back().push_back(
+          {nameAlone ? cell.ValueShown(format) : cell.Shown(format), cell.tone_});
+    }
   }
   return format.plain ? Tabbed(lines) : Aligned(lines, sides, format.color);
 }

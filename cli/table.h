@@ -39,7 +39,7 @@ class Cell {
   static Cell Flag(std::optional<bool> flag);
 
   // A word or a name; escaped where it is printed. `note`, such as "deleted", stands behind it in
-  // brackets, in tables only. An empty text is an unknown one.
+  // brackets, in tables only, and not behind names for scripts. An empty text is an unknown one.
   static Cell Text(std::string text, Tone tone = Tone::kPlain, std::string note = "");
 
  private:

@@ -56,12 +56,23 @@ TEST_F(TableTest, ForScripts) {
   format.plain = format.color = true;
   EXPECT_EQ(
       "1280\tdone\t2024-03-05T17:04:09+08:00\t93\ttwo\\tlines\\n\n"
-      "9223372036854775808\tprocess\t-\t-\tFotos für 写真 (deleted)\n"
-      "-\t-\t1970-01-01T08:00:00+08:00\t100000\t(deleted)\n",
-      table_.Text(format));
+      "9223372036854775808\tprocess\t-\t-\tFotos für 写真\n"
+      "-\t-\t1970-01-01T08:00:00+08:00\t100000\t-\n",
+      table_.Text(format))
+      << "a name is nothing but a name";
   format.units = Units::kSi;
   EXPECT_EQ(0u, table_.Text(format).find("1.28 kB\t"))
       << "units that are asked for count there too";
+}
+
+// Only names stand alone for scripts; elsewhere a note says what no other column does.
+TEST_F(TableTest, NoteOfAMiddleColumnIsForScriptsToo) {
+  Table table({{"state", "STATE"}, {"name", "NAME"}, {"path", ""}});
+  table.Add({Cell::Text("process", Tone::kBad, "gone"), Cell::Text("a", Tone::kPlain, "deleted"),
+             Cell::Text("/a")});
+  OutputFormat format;
+  format.plain = true;
+  EXPECT_EQ("process (gone)\ta\n", table.Text(format));
 }
 
 TEST_F(TableTest, WideCharactersOfAMiddleColumnCount) {
