@@ -7,16 +7,21 @@
 namespace ZorvSnapUsage {
 namespace {
 
-// What a reason says, somewhere, and what helps then. The first row that fits counts.
+// What a reason says, somewhere, and what helps then, with the directory at its end where the
+// command wants one. The first row that fits counts.
 struct Row {
   const char* says;
   ExitStatus status;
   const char* next;
+  bool wantsDirectory = false;
 };
+
+// What the engine itself advises about a deletion: without a directory, for it knows none.
+constexpr char kAdviceToWait[] = "; wait with btrfs subvolume sync";
 
 constexpr Row kRows[] = {
     {"this needs root", kNotRoot, "run it with sudo"},
-    {"is being deleted", kCalculationFailed, "wait for it with: btrfs subvolume sync"},
+    {"is being deleted", kCalculationFailed, "wait for that with: btrfs subvolume sync", true},
     {"was deleted meanwhile", kCalculationFailed, "a snapshot has gone since; try again"},
     {"there is no subvolume", kCalculationFailed, "a snapshot has gone since; try again"},
     {"is missing", kCalculationFailed, "attach the device, or replace it with: btrfs replace"},
@@ -33,13 +38,24 @@ constexpr Row kRows[] = {
     {"out of memory", kCalculationFailed, "try again when there is more"},
 };
 
+std::string WithoutAdvice(std::string reason) {
+  const size_t at = reason.find(kAdviceToWait);
+  if (at != std::string::npos) reason.erase(at, sizeof kAdviceToWait - 1);
+  return reason;
+}
+
+std::string NextOf(const Row& row, const std::string& directory) {
+  return row.wantsDirectory ? fmt::format("{} {}", row.next, ShellWord(directory)) : row.next;
+}
+
 }  // namespace
 
 Failure EngineFailure(const std::string& what, const std::string& reason, const char* place,
                       const std::string& directory) {
-  const std::string failed = fmt::format("{} failed: {}", what, Escaped(reason));
+  const std::string failed = fmt::format("{} failed: {}", what, Escaped(WithoutAdvice(reason)));
   for (const Row& row : kRows)
-    if (reason.find(row.says) != std::string::npos) return Failure(row.status, failed, row.next);
+    if (reason.find(row.says) != std::string::npos)
+      return Failure(row.status, failed, NextOf(row, directory));
   return Failure(kCalculationFailed, failed,
                  fmt::format("see what is in the way with: {} subvolume size --check -r {}", place,
                              ShellWord(directory)));

@@ -1576,6 +1576,14 @@ MUTATIONS = [
              "  return kOk;\n",
              "  return kOk;\n",
              "CmdPlan.TargetThatCannotBeReached"),
+    Mutation("advice-about-a-deletion-has-no-path", "cli/engine_failure.cc",
+             '"wait for that with: btrfs subvolume sync", true}',
+             '"wait for that with: btrfs subvolume sync", false}',
+             "CmdPlan.WaitForADeletionIsAdvisedOnceWithItsPath"),
+    Mutation("advice-about-a-deletion-comes-twice", "cli/engine_failure.cc",
+             "  if (at != std::string::npos) reason.erase(at, sizeof kAdviceToWait - 1);\n",
+             "  (void)at;\n",
+             "CmdPlan.WaitForADeletionIsAdvisedOnceWithItsPath"),
     Mutation("a-set-comes-free-with-its-first", "cli/size_table.cc",
              "  return last;\n"
              "}\n"

@@ -231,7 +231,7 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
     const char *reason, *next;
     int status;
   } kCases[] = {
-      {"subvolume 300 is being deleted", "wait for it with: btrfs subvolume sync", 11},
+      {"subvolume 300 is being deleted", "wait for that with: btrfs subvolume sync /volume1", 11},
       {"there is no subvolume 300", "a snapshot has gone since; try again", 11},
       {"device 2 is missing and tree block 5 lies nowhere else",
        "attach the device, or replace it with: btrfs replace", 11},
@@ -263,6 +263,16 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
   FakeEngine("kill -KILL $$\n");
   EXPECT_THAT(Tool({"plan", "photos", "--keep-last", "1"}).err,
               HasSubstr("failed: it ended without a result; "));
+}
+
+// The engine's own advice came first, and both were without the path that the command needs.
+TEST_F(CmdPlan, WaitForADeletionIsAdvisedOnceWithItsPath) {
+  FakeEngine(
+      "echo 'ERROR: subvolume 300 is being deleted; wait with btrfs subvolume sync' >&2; exit 1\n");
+  ExpectWrong({"--keep-last", "1"}, 11,
+              "reading the file system failed: subvolume 300 is being deleted; wait for that with: "
+              "btrfs subvolume sync /volume1/photos/.snapshots/" +
+                  Day(1));
 }
 
 TEST_F(CmdPlan, AnswerThatCannotBeRead) {
