@@ -2,6 +2,7 @@
 #include <fmt/format.h>
 
 #include <CLI/CLI.hpp>
+#include <iterator>
 #include <memory>
 #include <optional>
 
@@ -84,6 +85,14 @@ Report RunShareTo(ShareEnd& end, const RunOptions& options) {
   }
 }
 
+// Ctrl-C that came before the calculation of a share was begun, but not before all of them.
+Failure InterruptedBefore(const std::string& share) {
+  return Failure(
+      kLeftAtOnce,
+      fmt::format("interrupted before the calculation of share {} was started", Quoted(share)),
+      "results that were stored before are kept");
+}
+
 int Run(const RunOptions& options) {
   const Interrupt interrupt;
   const SharesChosen chosen = SharesToCalculate(options.shares, options.selection);
@@ -100,8 +109,10 @@ int Run(const RunOptions& options) {
     });
     printer.Finish(ends, chosen.status == kOk);
     return chosen.After(status);
-  } catch (const Failure&) {
+  } catch (const Failure& failure) {
     printer.Finish(ends, chosen.status == kOk);
+    if (failure.Status() == kLeftAtOnce && end - ends.begin() > 1)
+      throw InterruptedBefore(std::prev(end)->share);
     throw;
   }
 }

@@ -1695,14 +1695,17 @@ MUTATIONS = [
              'document["complete"] = complete;',
              "SeveralShares.FailureOfOneKeepsNoOther"),
     Mutation("ctrl-c-loses-what-was-done", "cli/cmd_run.cc",
-             "    printer.Finish(ends, chosen.status == kOk);\n"
-             "    throw;\n",
-             "    throw;\n",
+             "  } catch (const Failure& failure) {\n    printer.Finish(ends, chosen.status == kOk);\n",
+             "  } catch (const Failure& failure) {\n",
              "SeveralShares.InterruptedRowIsAWholeDocument"),
     Mutation("a-stop-is-no-end", "cli/cmd_run.cc",
              'if (failure.Status() == kCalculationStopped) return "stop";',
              'if (failure.Status() == kCalculationStopped) return "";',
              "SeveralShares.InterruptedRowIsAWholeDocument"),
+    Mutation("ctrl-c-between-two-shares-has-changed-nothing", "cli/cmd_run.cc",
+             "if (failure.Status() == kLeftAtOnce && end - ends.begin() > 1)",
+             "if (failure.Status() == kLeftAtOnce && end == ends.begin())",
+             "SeveralShares.InterruptBetweenTwoSharesKeepsWhatWasDone"),
 
     # ---- Output for people ---------------------------------------------------------------------------
     Mutation("the-running-total-is-called-frees", "cli/report.cc",

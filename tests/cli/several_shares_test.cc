@@ -1,6 +1,8 @@
 // Commands that take several shares, or all.
 #include <signal.h>
 
+#include <filesystem>
+
 #include "tests/cli/cli_world.h"
 
 using namespace ZorvTest;
@@ -97,6 +99,24 @@ TEST_F(SeveralShares, InterruptedRowIsAWholeDocument) {
   EXPECT_EQ("stop", document["shares"][1]["state"].asString());
   EXPECT_EQ("music", document["shares"][2]["name"].asString());
   EXPECT_TRUE(document["shares"][2]["state"].isNull()) << "never begun";
+}
+
+// It said that nothing was changed, though the share before had been calculated.
+TEST_F(SeveralShares, InterruptBetweenTwoSharesKeepsWhatWasDone) {
+  const std::string begun = "/tmp/table.begun";
+  table_ = "touch " + begun + "; exec sleep 1000";
+  FakeEngine(kAnswer);
+  Background run(Argv({"run", "photos", "mail", "--quiet"}));
+  ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(begun); }));
+  kill(run.Pid(), SIGINT);
+  const CommandResult result = run.Wait();
+  std::filesystem::remove(begun);
+  EXPECT_EQ(130, result.status);
+  EXPECT_THAT(result.err,
+              HasSubstr("\nzorv-snapusage: interrupted before the calculation of share 'mail' was "
+                        "started; results that were stored before are kept\n"));
+  EXPECT_EQ(0, Tool({"show", "photos"}).status);
+  EXPECT_EQ(10, Tool({"status", "mail"}).status) << "never begun";
 }
 
 TEST_F(SeveralShares, SnapshotsAreChosenOfOneShareOnly) {
