@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <memory>
+#include <utility>
 
 #include "cli/begin_work.h"
 #include "cli/commands.h"
@@ -36,16 +37,15 @@ std::vector<Snapshot> RequireSnapshots(const std::string& share) {
                 NextWithoutSnapshots(share));
 }
 
-// What comes free in an order that the table has no answer for; the plan is then for the state of
-// that answer.
-AskInOrder AskTheEngine(const std::vector<Snapshot>& snapshots, KeptTable& table) {
+// How often a plan is made before it is given up, because each was overtaken by a later state.
+constexpr int kMostPlans = 3;
+
+// What comes free in an order that the table has no answer for.
+AskInOrder AskTheEngine(const std::vector<Snapshot>& snapshots) {
   return [&](const std::vector<uint32_t>& order) {
     std::vector<unsigned long long> ids;
     for (const uint32_t place : order) ids.push_back(snapshots[place].subvolumeID);
-    const Forecast forecast = AskForForecast(snapshots.front().path, ids);
-    table.table.generation = forecast.generation;
-    table.taken = time(nullptr);
-    return forecast.steps;
+    return AskForForecast(snapshots.front().path, ids);
   };
 }
 
@@ -58,11 +58,36 @@ std::function<void()> SearchTick() {
   };
 }
 
-Plan MakePlan(const PlanRequest& request, const std::vector<uint32_t>& places,
-              const SizeTable& table, const AskInOrder& ask) {
+Plan PlanBy(const SizeTable& table, const PlanRequest& request, const std::vector<uint32_t>& places,
+            const AskInOrder& ask) {
   if (request.target == 0) return PlanDeletion(table, places, ask);
   return request.fewest ? PlanFewest(table, places, request.target, ask, SearchTick())
                         : PlanInOrder(table, places, request.target, ask);
+}
+
+// A plan, and the table that it is by, with the state of the plan.
+struct MadePlan {
+  KeptTable table;
+  Plan plan;
+};
+
+MadePlan MakePlan(const PlanRequest& request, const std::vector<Snapshot>& snapshots,
+                  const std::vector<uint32_t>& places) {
+  for (int made = 0; made < kMostPlans; ++made) {
+    KeptTable table = TableOfNow(request.share, snapshots);
+    Plan plan = PlanBy(table.table, request, places, AskTheEngine(snapshots));
+    if (plan.overtaken) continue;
+    if (plan.generation != table.table.generation) {
+      table.table.generation = plan.generation;
+      table.taken = time(nullptr);
+    }
+    return {std::move(table), std::move(plan)};
+  }
+  throw Failure(kCalculationFailed,
+                fmt::format("what the snapshots of share {} hold has changed each time that a plan "
+                            "was made",
+                            Quoted(request.share)),
+                "try again when the file system is quieter");
 }
 
 void RequireReached(const PlanRequest& request, const Plan& plan, size_t candidates) {
@@ -83,8 +108,7 @@ int PlanDeletions(const PlanOptions& options) {
   const std::vector<Snapshot> snapshots = RequireSnapshots(request.share);
   const std::vector<uint32_t> places = SelectForPlan(request, snapshots);
   const std::optional<unsigned long long> beingDeleted = TellOfDeletions(request.share);
-  KeptTable table = TableOfNow(request.share, snapshots);
-  const Plan plan = MakePlan(request, places, table.table, AskTheEngine(snapshots, table));
+  const auto [table, plan] = MakePlan(request, snapshots, places);
   if (options.format.json || plan.reached)
     Print({request, plan, table, snapshots, LookAgainForDeletions(request.share, beingDeleted)},
           options.format);

@@ -1,5 +1,7 @@
 #include "cli/plan.h"
 
+#include <utility>
+
 #include "cli/fewest.h"
 
 namespace ZorvSnapUsage {
@@ -35,13 +37,32 @@ std::optional<size_t> StepsUntil(const std::vector<FreedBytes>& steps, unsigned 
   return std::nullopt;
 }
 
+// All candidates, those before the others whose places among them are chosen.
+Places ChosenFirst(const Places& candidates, const Places& chosen) {
+  Places order, others;
+  auto next = chosen.begin();
+  for (uint32_t i = 0; i < candidates.size(); ++i) {
+    const bool isChosen = next != chosen.end() && *next == i;
+    (isChosen ? order : others).push_back(candidates[i]);
+    if (isChosen) ++next;
+  }
+  order.insert(order.end(), others.begin(), others.end());
+  return order;
+}
+
 }  // namespace
 
 Plan PlanDeletion(const SizeTable& table, const Places& order, const AskInOrder& ask) {
   Plan plan;
   plan.order = order;
-  const std::optional<std::vector<FreedBytes>> steps = FreedInOrder(table, order);
-  plan.steps = steps ? *steps : ask(order);
+  if (std::optional<std::vector<FreedBytes>> steps = FreedInOrder(table, order)) {
+    plan.generation = table.generation;
+    plan.steps = std::move(*steps);
+  } else {
+    Forecast forecast = ask(order);
+    plan.generation = forecast.generation;
+    plan.steps = std::move(forecast.steps);
+  }
   plan.most = plan.Together();
   return plan;
 }
@@ -60,18 +81,17 @@ Plan PlanFewest(const SizeTable& table, const Places& candidates, unsigned long 
                 const AskInOrder& ask, const std::function<void()>& tick) {
   const FewestChoice choice =
       ChooseFewest(candidates.size(), SetsOfCandidates(table, candidates), target, {}, tick);
-  // What is summed up comes on top of the sets: their choice is enough, and may not be the best.
   Plan inOrder = PlanInOrder(table, candidates, target, ask);
-  if (!choice.Reached()) {
-    if (inOrder.reached) inOrder.atLeast = 1;
-    return inOrder;
-  }
-  Places chosen;
-  for (const uint32_t i : choice.chosen) chosen.push_back(candidates[i]);
-  Plan plan = PlanDeletion(table, chosen, ask);
-  plan.most = inOrder.most;
-  plan.atLeast = table.Complete() ? choice.atLeast : 1;
-  return plan;
+  // What is summed up comes on top of the sets: their choice is enough, and may not be the best.
+  const size_t atLeast = table.Complete() ? choice.atLeast : 1;
+  if (inOrder.reached) inOrder.atLeast = atLeast;
+  if (!choice.Reached()) return inOrder;
+  // The others behind it say what all free together, in the same state.
+  Plan plan = PlanInOrder(table, ChosenFirst(candidates, choice.chosen), target, ask);
+  plan.atLeast = atLeast;
+  plan.overtaken = !plan.reached || plan.order.size() > choice.chosen.size();
+  const bool worse = inOrder.reached && inOrder.order.size() < plan.order.size();
+  return worse && !plan.overtaken ? inOrder : plan;
 }
 
 }  // namespace ZorvSnapUsage

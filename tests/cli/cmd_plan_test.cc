@@ -2,6 +2,7 @@
 // says.
 #include <signal.h>
 
+#include <map>
 #include <random>
 
 #include "tests/cli/plan_world.h"
@@ -371,29 +372,58 @@ TEST_F(CmdPlanOwnEngine, CalculationsNeedTheCommand) {
 // itself.
 class CmdPlanIncomplete : public CmdPlan {
  protected:
-  // In each plan a subvolume frees a million times its ID.
   CmdPlanIncomplete() {
-    std::string document = ReadFile("/tmp/document");
-    const std::string complete = "\"complete\":true";
-    document.replace(document.find(complete), complete.size(),
-                     "\"complete\":false,\"note\":\"x\",\"summed_sets\":[{\"last\":" + IdOf(5) +
-                         "," + Bytes(7, 0) + "]");
-    WriteFile("/tmp/document", document);
+    SumUp(5, 7);
+    Forecasts({});
     WriteScript(
         "/sbin/btrfs",
         "case \"$3\" in\n"
         "--version) echo 'zorv btrfs engine 0.0.0';;\n"
-        "--table) cat /tmp/document;;\n"
-        "--forecast)\n"
-        "  printf '{\"format\":\"zorv-subvolume-size\",\"version\":1,\"generation\":8,'\n"
-        "  printf '\"subvolumes\":[%s],\"forecast\":{\"steps\":[' \"$4\"\n"
-        "  IFS=,; between=\n"
-        "  for id in $4; do\n"
-        "    printf '%s{\"subvolume\":%s,\"data\":%s000000,\"metadata\":0}' \"$between\" $id $id\n"
-        "    between=,\n"
-        "  done\n"
-        "  echo ']}}'\n"
-        "esac\n");
+        "--table) echo >> " +
+            std::string(kAsked) +
+            "; cat /tmp/document;;\n"
+            "--forecast)\n"
+            "  . /tmp/forecast\n"
+            "  printf '{\"format\":\"zorv-subvolume-size\",\"version\":1,\"generation\":8,'\n"
+            "  printf '\"subvolumes\":[%s],\"forecast\":{\"steps\":[' \"$4\"\n"
+            "  IFS=,; between=\n"
+            "  for id in $4; do\n"
+            "    eval data=\\${frees$id:-${id}000000}\n"
+            "    printf '%s{\"subvolume\":%s,\"data\":%s,\"metadata\":0}' \"$between\" $id $data\n"
+            "    between=,\n"
+            "  done\n"
+            "  echo ']}}'\n"
+            "esac\n");
+  }
+  ~CmdPlanIncomplete() override { fs::remove("/tmp/forecast"); }
+
+  // The table has these bytes besides, summed up at a day.
+  void SumUp(unsigned day, unsigned long long bytes) const {
+    Replace("\"complete\":true", "\"complete\":false,\"note\":\"x\",\"summed_sets\":[{\"last\":" +
+                                     IdOf(day) + "," + Bytes(bytes, 0) + "]");
+  }
+
+  static void Replace(const std::string& old, const std::string& text) {
+    std::string document = ReadFile("/tmp/document");
+    document.replace(document.find(old), old.size(), text);
+    WriteFile("/tmp/document", document);
+  }
+
+  // Day N alone holds N MiB, and no two hold anything that the table knows of.
+  void TableOfDays() const {
+    std::vector<Set> sets;
+    for (unsigned day = 1; day <= 5; ++day) sets.push_back({{day}, day << 20});
+    WriteFile("/tmp/document", Document(sets));
+  }
+
+  // What a day frees in a plan, in MiB: a million times its ID where it is not said. The engine
+  // then does `more`.
+  void Forecasts(const std::map<unsigned, unsigned>& mebibytes,
+                 const std::string& more = "") const {
+    std::string script = more + "\n";
+    for (const auto& [day, bytes] : mebibytes)
+      script += "frees" + IdOf(day) + "=" + std::to_string(bytes << 20) + "\n";
+    WriteFile("/tmp/forecast", script);
   }
 };
 
@@ -414,14 +444,64 @@ TEST_F(CmdPlanIncomplete, OrderOfTheTableNeedsNoQuestion) {
 }
 
 TEST_F(CmdPlanIncomplete, FewestIsNotProved) {
+  Forecasts({{2, 2}, {3, 3}, {4, 4}, {5, 25}});
   const Json::Value plan = Planned({"--free", "30M", "--fewest", "--keep", Day(1)});
   EXPECT_EQ((Names{Day(3), Day(4), Day(5)}), NamesOf(plan)) << "by the sets that are known";
-  EXPECT_EQ((ID(Day(3)) + ID(Day(4)) + ID(Day(5))) * 1000000, plan["together"]["frees"].asUInt64());
+  EXPECT_EQ(8u, plan["generation"].asUInt64()) << "the state of the numbers";
+  EXPECT_EQ(32u << 20, plan["together"]["frees"].asUInt64());
+  EXPECT_EQ(34u << 20, plan["most"]["frees"].asUInt64());
   EXPECT_EQ(1u, plan["at_least"].asUInt());
   EXPECT_FALSE(plan["proved"].asBool());
+  Forecasts({});
   EXPECT_THAT(MustRun(Argv({"plan", "photos", "--free", "400M", "--fewest", "--keep", Day(1)})),
               HasSubstr("\nat most 2 snapshots are needed, 1 at least\n"))
       << "the oldest, where the sets are not enough";
+}
+
+// Three were to go, where the oldest two are enough.
+TEST_F(CmdPlanIncomplete, FewestAreNeverMoreThanTheOldestThatAreEnough) {
+  TableOfDays();
+  SumUp(2, 10 << 20);
+  Forecasts({{1, 1}, {2, 12}, {3, 3}, {4, 4}, {5, 5}});
+  const Json::Value plan = Planned({"--free", "12M", "--fewest"});
+  EXPECT_EQ((Names{Day(1), Day(2)}), NamesOf(plan));
+  EXPECT_EQ(7u, plan["generation"].asUInt64()) << "these the table itself can say";
+  EXPECT_EQ(13u << 20, plan["together"]["frees"].asUInt64());
+  EXPECT_FALSE(plan["proved"].asBool());
+}
+
+TEST_F(CmdPlanIncomplete, FewestEndWhereItIsEnough) {
+  TableOfDays();
+  SumUp(4, 20 << 20);
+  Forecasts({{1, 1}, {2, 2}, {3, 3}, {4, 24}, {5, 5}});
+  EXPECT_EQ((Names{Day(3), Day(4)}), NamesOf(Planned({"--free", "12M", "--fewest"})))
+      << "the sets alone need a third one";
+}
+
+// It was printed as one that frees as much as was asked for.
+TEST_F(CmdPlanIncomplete, ChoiceThatALaterStateHasOvertakenIsMadeAgain) {
+  WriteFile("/tmp/later", Document({{{2}, 2 << 20}, {{4}, 4 << 20}, {{2, 4}, 25 << 20}}));
+  Forecasts({{2, 27}, {3, 3}, {4, 4}, {5, 5}}, "cp /tmp/later /tmp/document");
+  const Json::Value plan = Planned({"--free", "30M", "--fewest", "--keep", Day(1)});
+  EXPECT_EQ((Names{Day(2), Day(4)}), NamesOf(plan));
+  EXPECT_EQ(31u << 20, plan["together"]["frees"].asUInt64());
+  EXPECT_TRUE(plan["reached"].asBool());
+  EXPECT_TRUE(plan["proved"].asBool());
+}
+
+TEST_F(CmdPlanIncomplete, ChoiceThatIsOvertakenEachTimeIsGivenUp) {
+  Forecasts({{2, 2}, {3, 3}, {4, 4}, {5, 5}});
+  for (const char* format : {"--raw", "--format=json"}) {
+    const CommandResult result =
+        Tool({"plan", "photos", "--free", "30M", "--fewest", "--keep", Day(1), format});
+    EXPECT_EQ(11, result.status);
+    EXPECT_EQ("", result.out);
+    EXPECT_EQ(
+        "zorv-snapusage: what the snapshots of share 'photos' hold has changed each time that a "
+        "plan was made; try again when the file system is quieter\n",
+        result.err);
+  }
+  EXPECT_EQ(6u, Asked()) << "three tables each time";
 }
 
 // An engine that would take very long, and does not end when its output is closed.
