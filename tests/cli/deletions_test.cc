@@ -2,6 +2,8 @@
 // alone, and every number says that there are some.
 #include <fcntl.h>
 
+#include <filesystem>
+
 #include "base/unique_fd.h"
 #include "tests/cli/cli_world.h"
 
@@ -81,6 +83,27 @@ TEST_F(Deletions, PlanSaysThatTheyGoOn) {
   const CommandResult after = Tool({"plan", "photos", "--keep-last", "1", "--format", "json"});
   EXPECT_EQ("", after.err);
   EXPECT_EQ(Json::Value(0), ParseJson(after.out)["being_deleted"]);
+}
+
+// The engine's note was hushed, and the document said that there was none.
+TEST_F(Deletions, OneThatBeginsAfterTheFirstLookIsSaid) {
+  EndDeletion();
+  const std::string next = volume_->Path("photos/.snapshots/GMT-2024.03.07-09.04.09");
+  volume_->Snapshot("photos", "photos/.snapshots/GMT-2024.03.07-09.04.09");
+  const std::string strange = volume_->Path("strange");
+  MustRun({kStockBtrfs, "subvolume", "snapshot", next, strange});
+  open_ = UniqueFd(open((strange + "/film").c_str(), O_RDONLY | O_CLOEXEC));
+  ASSERT_TRUE(open_.Valid());
+  std::filesystem::rename("/sbin/btrfs", "/opt/engine");
+  WriteFile("/sbin/btrfs", "#!/bin/bash\ncase \"$*\" in *--table*) " + std::string(kStockBtrfs) +
+                               " subvolume delete " + strange +
+                               " >&2; sync -f /volume1 ;; esac\nexec /opt/engine \"$@\"\n");
+  MustRun({"chmod", "755", "/sbin/btrfs"});
+  const CommandResult plan = Tool({"plan", "photos", "--keep-last", "1", "--format", "json"});
+  EXPECT_EQ(0, plan.status) << plan.err;
+  EXPECT_THAT(plan.err, Not(HasSubstr(kNote)));
+  EXPECT_THAT(plan.err, HasSubstr("zorv-snapusage: note: a subvolume is being deleted; "));
+  EXPECT_EQ(1u, ParseJson(plan.out)["being_deleted"].asUInt64());
 }
 
 TEST_F(Deletions, ExplainAndWhyheldSayThatTheyGoOn) {
