@@ -46,14 +46,11 @@ struct Match {
   const KeptTable* kept = nullptr;
   std::vector<SnapshotShares> shares;  // of the rows of its state: the first ones
 
-  // With more rows, else with fewer other snapshots, else of a later state.
+  // With more rows, else of a later state.
   bool IsBetterThan(const Match& other) const {
     if (!other.kept || shares.size() != other.shares.size())
       return shares.size() > other.shares.size();
-    const SizeTable &own = kept->table, &others = other.kept->table;
-    if (own.subvolumeIDs.size() != others.subvolumeIDs.size())
-      return own.subvolumeIDs.size() < others.subvolumeIDs.size();
-    return own.generation > others.generation;
+    return kept->table.generation > other.kept->table.generation;
   }
 };
 
