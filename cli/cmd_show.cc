@@ -10,10 +10,12 @@
 #include "cli/calculation.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
+#include "cli/file_system.h"
 #include "cli/options.h"
 #include "cli/present_snapshots.h"
 #include "cli/report_table.h"
 #include "cli/result_generation.h"
+#include "cli/share_map.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
 #include "cli/watch.h"
@@ -76,9 +78,24 @@ void PrintNotes(const Report& report, const std::optional<Calculation>& latest) 
   NoteRowsOfOtherState(report);
 }
 
+// Gives up when a share that is gone may have another name now: its volume still has one of the
+// result's subvolumes.
+void RequireDeleted(const std::string& share, const Result& result) {
+  const std::optional<std::string> volume = RecordedVolumeOf(share);
+  for (const unsigned long long id : result.subvolumeIDs)
+    if (volume && HasSubvolume(*volume, id))
+      throw Failure(kUnknownShare,
+                    fmt::format("share {} is gone, but {} still has a subvolume with the ID {}",
+                                Quoted(share), *volume, id),
+                    "see whether the share has another name now: zorv-snapusage shares");
+}
+
 // The share's snapshots; none when it has been deleted. Gives up when they cannot be listed.
-std::vector<Snapshot> SnapshotsThere(const std::string& share) {
-  if (!ShareMayExist(share)) return {};
+std::vector<Snapshot> SnapshotsThere(const std::string& share, const Result& result) {
+  if (!ShareMayExist(share)) {
+    RequireDeleted(share, result);
+    return {};
+  }
   RequireShare(share);
   return SnapshotsOf(share);
 }
@@ -89,7 +106,7 @@ Report ReportOf(const std::string& share, const Result& result) {
   PresentSnapshots present;
   Report report;
   try {
-    present = SeenBy(share, result, SnapshotsThere(share), tables);
+    present = SeenBy(share, result, SnapshotsThere(share, result), tables);
     report = MakeReport(share, result, present, AskedFor(share, result, present));
   } catch (const Failure& failure) {
     Note(fmt::format("which snapshots are still there cannot be told: {}", failure.what()));

@@ -1,5 +1,6 @@
 #include "cli/file_system.h"
 
+#include <btrfsutil.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/btrfs.h>
@@ -35,6 +36,12 @@ std::optional<FileSystemState> StateOfFileSystem(const std::string& path) {
       (info.flags & BTRFS_FS_INFO_FLAG_GENERATION) == 0)
     return std::nullopt;
   return FileSystemState{IdText(info.fsid), info.generation};
+}
+
+bool HasSubvolume(const std::string& path, unsigned long long subvolumeID) {
+  struct btrfs_util_subvolume_info info {};
+  return btrfs_util_subvolume_info(path.c_str(), subvolumeID, &info) == BTRFS_UTIL_OK &&
+         info.parent_id != 0;  // one that is deleted has no place any more
 }
 
 std::optional<time_t> CreationTime(const std::string& path) {

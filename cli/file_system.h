@@ -20,6 +20,10 @@ struct FileSystemState {
 // Linux 5.10).
 std::optional<FileSystemState> StateOfFileSystem(const std::string& path);
 
+// Whether the file system that the path lies on has a subvolume of this ID that is not deleted;
+// false when it does not say.
+bool HasSubvolume(const std::string& path, unsigned long long subvolumeID);
+
 // When the subvolume at the path was made, as its file system says; nothing when it does not.
 std::optional<time_t> CreationTime(const std::string& path);
 

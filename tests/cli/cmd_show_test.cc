@@ -381,6 +381,23 @@ TEST_F(CmdShow, ResultOfADeletedShare) {
   EXPECT_THAT(result.out, HasSubstr("by hand (deleted)\n"));
 }
 
+// All were said to be deleted.
+TEST_F(CmdShow, SnapshotsOfARenamedShareAreNotSaidToBeDeleted) {
+  RunOnce();
+  const unsigned long long first = ID(kFirst);
+  fs::rename(volume_->Path("photos"), volume_->Path("pictures"));
+  const CommandResult result = Tool({"show", "photos"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, Not(HasSubstr("deleted")));
+  EXPECT_EQ(
+      "zorv-snapusage: note: which snapshots are still there cannot be told: share 'photos' is "
+      "gone, but /volume1 still has a subvolume with the ID " +
+          std::to_string(first) +
+          "; see whether the share has another name now: zorv-snapusage shares\n",
+      result.err);
+  EXPECT_TRUE(Shown()["snapshots"][0]["present"].isNull());
+}
+
 // The result was there, and was not shown.
 TEST_F(CmdShow, SnapshotsThatCannotBeListedDoNotHideTheResult) {
   RunOnce();
