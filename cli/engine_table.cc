@@ -10,7 +10,7 @@ using Ids = std::vector<unsigned long long>;
 // MiB for sets: that many take one bit for each subvolume and 64 bytes, so that the document, with
 // some digits for each member, has at most 48 times as much.
 constexpr char kTableMemory[] = "4";
-constexpr size_t kMostOutput = size_t{4 * 48} << 20;
+constexpr size_t kMostOutput = (size_t{4} * 48) << 20;
 
 std::string Joined(const Ids& ids) {
   std::string text;
