@@ -53,17 +53,14 @@ Launched LaunchAndFollow(const Selection& selection, bool quiet) {
 Report RunShare(const Selection& selection, bool quiet) {
   const std::string& share = selection.share;
   const Launched launched = LaunchAndFollow(selection, quiet);
-  const std::optional<Result> result = ResultOfTask(share, launched.taskID);
-  if (!result)
-    throw SystemFailure(fmt::format(
-        "the calculation of share {} is done, but its results could not be stored", Quoted(share)));
+  const Result result = RequireResultOfTask(share, launched.taskID);
   std::vector<Snapshot> asked = launched.asked;
   asked.insert(asked.end(), launched.leftOut.begin(), launched.leftOut.end());
   const std::vector<Snapshot> present = SnapshotsOf(share);
-  Report report = MakeReport(share, *result, {present, {}}, asked);
+  Report report = MakeReport(share, result, {present, {}}, asked);
   AddTableOfNow(present, quiet ? Silence::kQuiet : Silence::kSpeak, report);
   report.beingDeleted = LookAgainForDeletions(share, launched.beingDeleted);
-  report.generation = GenerationOf(share, *result);
+  report.generation = GenerationOf(share, result);
   return report;
 }
 

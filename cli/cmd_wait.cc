@@ -8,6 +8,8 @@
 #include "cli/follow.h"
 #include "cli/interrupt.h"
 #include "cli/options.h"
+#include "cli/report.h"
+#include "cli/results.h"
 #include "cli/share_choice.h"
 
 namespace ZorvSnapUsage {
@@ -25,6 +27,7 @@ void WaitForShare(const std::string& share, bool quiet) {
   if (ActivityOf(share, calculation) == Activity::kDied) FailDied(share);
   if (IsUnderWay(share, calculation)) calculation = FollowToEnd(share, taskID, quiet);
   RequireDone(share, calculation);
+  RequireComplete(MakeReportAlone(share, RequireResultOfTask(share, taskID)));
 }
 
 int Wait(const WaitOptions& options) {

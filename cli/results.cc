@@ -1,13 +1,17 @@
 #include "cli/results.h"
 
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 #include <zorvbtrfssnapusage/task_result.h>
 #include <zorvplatform/platc.h>
 
 #include <fstream>
+#include <utility>
 
+#include "cli/failure.h"
 #include "cli/string_list.h"
+#include "cli/text.h"
 
 namespace ZorvSnapUsage {
 namespace {
@@ -48,6 +52,14 @@ std::optional<Result> ResultOfTask(const std::string& share, const std::string& 
   result.taskID = taskID;
   result.stored = std::max(sizes.st_mtime, ids.st_mtime);
   return result;
+}
+
+Result RequireResultOfTask(const std::string& share, const std::string& taskID) {
+  std::optional<Result> result = ResultOfTask(share, taskID);
+  if (!result)
+    throw SystemFailure(fmt::format(
+        "the calculation of share {} is done, but its results could not be stored", Quoted(share)));
+  return std::move(*result);
 }
 
 std::optional<Result> NewestResult(const std::string& share) {

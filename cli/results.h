@@ -22,6 +22,9 @@ struct Result {
 // or not complete.
 std::optional<Result> ResultOfTask(const std::string& share, const std::string& taskID);
 
+// As ResultOfTask, of a calculation that is done; gives up when there is none.
+Result RequireResultOfTask(const std::string& share, const std::string& taskID);
+
 // The newest complete result of the share, whichever calculation it is of: one that is running, or
 // that failed, does not hide it.
 std::optional<Result> NewestResult(const std::string& share);

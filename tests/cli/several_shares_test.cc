@@ -6,6 +6,7 @@
 #include "tests/cli/cli_world.h"
 
 using namespace ZorvTest;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -187,6 +188,21 @@ TEST_F(CmdWait, ExitStatusIsTheEndOfTheCalculation) {
   Tool({"run", "photos"});
   EXPECT_EQ(11, Tool({"wait", "photos"}).status);
   EXPECT_EQ(0, Tool({"wait", "--all"}).status) << "nothing is under way";
+}
+
+// It ended with 0, and there was nothing to show.
+TEST_F(CmdWait, ShortResultIsNoSuccess) {
+  FakeEngine("true\n");
+  Tool({"run", "photos"});
+  const CommandResult result = Tool({"wait", "photos"});
+  EXPECT_EQ(13, result.status);
+  EXPECT_THAT(result.err, HasSubstr("is short: 3 of 3 snapshots are not in it"));
+}
+
+TEST_F(CmdWait, ResultThatIsNotThereIsNoSuccess) {
+  Tool({"run", "photos"});
+  fs::remove_all(kResultsOfPhotos);
+  EXPECT_EQ(1, Tool({"wait", "photos"}).status);
 }
 
 TEST_F(CmdWait, OneThatWasKilledIsGone) {
