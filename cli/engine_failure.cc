@@ -11,8 +11,8 @@ namespace {
 // command wants one. The first row that fits counts.
 struct Row {
   const char* says;
-  ExitStatus status;
   const char* next;
+  ExitStatus status = kCalculationFailed;
   bool wantsDirectory = false;
 };
 
@@ -20,22 +20,22 @@ struct Row {
 constexpr char kAdviceToWait[] = "; wait with btrfs subvolume sync";
 
 constexpr Row kRows[] = {
-    {"this needs root", kNotRoot, "run it with sudo"},
-    {"is being deleted", kCalculationFailed, "wait for that with: btrfs subvolume sync", true},
-    {"was deleted meanwhile", kCalculationFailed, "a snapshot has gone since; try again"},
-    {"there is no subvolume", kCalculationFailed, "a snapshot has gone since; try again"},
-    {"is missing", kCalculationFailed, "attach the device, or replace it with: btrfs replace"},
-    {"cannot be used (", kCalculationFailed, "attach the device, or replace it: btrfs replace"},
-    {"zoned", kCalculationFailed, "this kind of file system cannot be read yet"},
-    {"extent-tree-v2", kCalculationFailed, "this kind of file system cannot be read yet"},
-    {"does not know", kCalculationFailed, "a newer engine may be able to read this file system"},
-    {"checksum type", kCalculationFailed, "a newer engine may be able to read this file system"},
-    {"balance", kCalculationFailed, "try again when it is over: btrfs balance status"},
-    {"changes faster", kCalculationFailed, "try again when the file system is quieter"},
-    {"cannot be used:", kCalculationFailed, "look for damage with: btrfs scrub start"},
-    {"damaged", kCalculationFailed, "look for damage with: btrfs scrub start"},
-    {"there is no room", kCalculationFailed, "make room there"},
-    {"out of memory", kCalculationFailed, "try again when there is more"},
+    {"this needs root", "run it with sudo", kNotRoot},
+    {"is being deleted", "wait for that with: btrfs subvolume sync", kCalculationFailed, true},
+    {"was deleted meanwhile", "a snapshot has gone since; try again"},
+    {"there is no subvolume", "a snapshot has gone since; try again"},
+    {"is missing", "attach the device, or replace it with: btrfs replace"},
+    {"cannot be used (", "attach the device, or replace it: btrfs replace"},
+    {"zoned", "this kind of file system cannot be read yet"},
+    {"extent-tree-v2", "this kind of file system cannot be read yet"},
+    {"does not know", "a newer engine may be able to read this file system"},
+    {"checksum type", "a newer engine may be able to read this file system"},
+    {"balance", "try again when it is over: btrfs balance status"},
+    {"changes faster", "try again when the file system is quieter"},
+    {"cannot be used:", "look for damage with: btrfs scrub start"},
+    {"damaged", "look for damage with: btrfs scrub start"},
+    {"there is no room", "make room there"},
+    {"out of memory", "try again when there is more"},
 };
 
 std::string WithoutAdvice(std::string reason) {
