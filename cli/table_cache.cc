@@ -17,6 +17,7 @@
 #include "base/unique_fd.h"
 #include "cli/json_reader.h"
 #include "cli/plain_files.h"
+#include "cli/results.h"
 #include "cli/roots.h"
 
 namespace ZorvSnapUsage {
@@ -26,6 +27,9 @@ namespace fs = std::filesystem;
 
 constexpr size_t kMostTables = 4;
 constexpr off_t kMostBytes = off_t{256} << 20;
+
+constexpr long long kSecond = 1000000000;
+using DatedName = std::pair<long long, std::string>;  // nanoseconds since the epoch
 
 // A table that is being written is .<pid>.new beside the others.
 constexpr char kUnfinishedMark = '.';
@@ -103,16 +107,29 @@ void RemoveUnfinished(const std::string& share) {
   }
 }
 
-// Removes the oldest, whatever the clock says of `newest`. The times are read once: others may
-// remove tables meanwhile.
-void RemoveOld(const std::string& share, const std::string& newest) {
-  std::vector<std::pair<fs::file_time_type, std::string>> others;
+// The share's tables but one, the newest first. Their times are read once: others may remove them
+// meanwhile.
+std::vector<DatedName> OthersThan(const std::string& one, const std::string& share) {
+  std::vector<DatedName> others;
   for (const std::string& name : NamesOf(share, /*unfinished=*/false)) {
-    std::error_code error;
-    if (name != newest)
-      others.emplace_back(fs::last_write_time(DirectoryOf(share) + "/" + name, error), name);
+    struct stat file;
+    if (name != one && stat((DirectoryOf(share) + "/" + name).c_str(), &file) == 0)
+      others.emplace_back(file.st_mtim.tv_sec * kSecond + file.st_mtim.tv_nsec, name);
   }
   std::sort(others.rbegin(), others.rend());
+  return others;
+}
+
+// Removes the oldest, whatever the clock says of `newest`, but the first one that was written after
+// the last result: what is shown beside that is of its state, and nobody can read it anew.
+void RemoveOld(const std::string& share, const std::string& newest) {
+  std::vector<DatedName> others = OthersThan(newest, share);
+  if (const std::optional<Result> result = NewestResult(share)) {
+    const auto later = std::find_if(others.rbegin(), others.rend(), [&](const DatedName& other) {
+      return other.first >= result->stored * kSecond;
+    });
+    if (later != others.rend()) std::rotate(others.begin(), std::prev(later.base()), later.base());
+  }
   for (size_t i = kMostTables - 1; i < others.size(); ++i) Remove(share, others[i].second);
 }
 

@@ -1,7 +1,7 @@
 // Tables that are kept, so that the same question is not read from the disk again.
 //
 // They lie in /var/cache/zorv-snapusage/<share>/<file system>-<generation>-<IDs>, root's alone, at
-// most four of a share. Whoever removes them loses time and nothing else.
+// most four of a share. Whoever removes them loses time, and `show` the columns of a table.
 #ifndef CLI_TABLE_CACHE_H_
 #define CLI_TABLE_CACHE_H_
 
@@ -24,8 +24,9 @@ std::optional<KeptTable> FindTable(const std::string& share, const std::string& 
 // All tables that are kept of the share.
 std::vector<KeptTable> AllTables(const std::string& share);
 
-// Keeps a table, in place of the oldest one when there are too many. One that cannot be kept, for
-// want of room for example, is not: the system log says why.
+// Keeps a table, in place of the oldest one when there are too many; the first one after the
+// share's last result stays. One that cannot be kept, for want of room for example, is not: the
+// system log says why.
 void KeepTable(const std::string& share, const KeptTable& kept);
 
 // Removes the share's tables; whether there were any.

@@ -112,6 +112,21 @@ TEST_F(TableCache, FourAreKept) {
   EXPECT_EQ(0u, Asked()) << "the newest stays";
 }
 
+// It was pushed out, and nobody can read it anew.
+TEST_F(TableCache, TheOneOfTheLastResultIsKept) {
+  ASSERT_EQ(0, Tool({"run", "photos", "--quiet"}).status);
+  const Json::Value table = Shown()["table"];
+  ASSERT_TRUE(table.isObject());
+  volume_->DeleteSubvolume("photos/.snapshots/" + Day(1));
+  for (unsigned day = 6; day <= 9; ++day) {
+    Change(std::to_string(day) + std::string(100000, 'x'));
+    volume_->Snapshot("photos", "photos/.snapshots/" + Day(day));
+    ASSERT_EQ(0, PlanAll().status);
+  }
+  EXPECT_EQ(4u, Kept().size());
+  EXPECT_EQ(table, Shown()["table"]);
+}
+
 // One that was killed between the new table and the oldest leaves one too many.
 TEST_F(TableCache, FourAreLeftOfMore) {
   std::string first;
