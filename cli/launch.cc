@@ -1,8 +1,10 @@
 #include "cli/launch.h"
 
 #include <fmt/format.h>
+#include <zorvbtrfssnapusage/btrfs_tool.h>
 #include <zorvbtrfssnapusage/share_snap_usage_cal.h>
 #include <zorvbtrfssnapusage/share_task_status.h>
+#include <zorvbtrfssnapusage/utils.h>
 
 #include <algorithm>
 #include <chrono>
@@ -10,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <utility>
 
 #include "cli/begin_work.h"
 #include "cli/calculation.h"
@@ -73,11 +76,14 @@ std::string RangeText(const TimeRange& range) {
   return fmt::format("from {} {}", TimeForPeople(range.start), end);
 }
 
+bool IsWithin(const TimeRange& range, const std::optional<time_t>& time) {
+  return time && *time >= range.start && *time <= range.end;
+}
+
 std::vector<Snapshot> Within(const std::vector<Snapshot>& snapshots, const TimeRange& range) {
   std::vector<Snapshot> selected;
   for (const Snapshot& snapshot : snapshots)
-    if (snapshot.time && *snapshot.time >= range.start && *snapshot.time <= range.end)
-      selected.push_back(snapshot);
+    if (IsWithin(range, snapshot.time)) selected.push_back(snapshot);
   return selected;
 }
 
@@ -188,21 +194,51 @@ void GiveBack(const std::string& share) {
   (void)status.SetStatusIntAttr(TASKSTATUS_ATTR_ERROR_CODE, RESULT_INVALID_OBJECT);
 }
 
+// Whether the library, which lists the snapshots of a range itself and leaves out none, would take
+// as many as are asked for. Two equal times mean every snapshot to it, here those of that second.
+bool TakesTheSame(const std::string& share, const TimeRange& range,
+                  const std::vector<Snapshot>& asked) {
+  StringList paths;
+  if (range.start == range.end || Utils::ShareSnapListGet(share, paths.Ref(), Json::Value()) != 0)
+    return false;
+  const std::vector<std::string> all = paths.Strings();
+  return std::cmp_equal(asked.size(), std::ranges::count_if(all, [&](const std::string& path) {
+                          return IsWithin(range, TimeInName(path.substr(path.rfind('/') + 1)));
+                        }));
+}
+
+// The first one that is no longer what it was when the snapshots were listed.
+const Snapshot* FirstGone(const std::vector<Snapshot>& snapshots) {
+  const auto gone = std::ranges::find_if(snapshots, [](const Snapshot& snapshot) {
+    unsigned long long subvolumeID = 0;
+    return BtrfsTool::SubvolRootIdLookup(snapshot.path.c_str(), subvolumeID) != 0 ||
+           subvolumeID != snapshot.subvolumeID;
+  });
+  return gone == snapshots.end() ? nullptr : &*gone;
+}
+
+[[noreturn]] void FailToLaunch(const std::string& share, const std::vector<Snapshot>& asked,
+                               int code) {
+  const std::string what =
+      fmt::format("the calculation of share {} could not be started", Quoted(share));
+  if (const Snapshot* gone = FirstGone(asked))
+    throw Failure(kSystemFailure,
+                  fmt::format("{}, its snapshot {} has gone since", what, Quoted(gone->name)),
+                  "try again");
+  throw SystemFailure(fmt::format("{} (code {}: {})", what, code, ReasonOf(code)));
+}
+
 void LaunchOrFail(ShareSnapUsageCal& calculation, const std::string& share,
-                  const std::vector<Snapshot>& asked, bool allOfRange,
-                  const std::optional<TimeRange>& range) {
+                  const std::vector<Snapshot>& asked, const std::optional<TimeRange>& range) {
   int code = RESULT_OK;
-  // Two equal times mean every snapshot to the library, here the snapshots of that second.
-  if (allOfRange && range && range->start < range->end) {
+  if (range && TakesTheSame(share, *range, asked)) {
     code = calculation.Launch(&range->start, &range->end);
   } else {
     StringList paths;
     for (const Snapshot& snapshot : asked) paths.Push(snapshot.path);
     code = calculation.Launch(paths.Ref());
   }
-  if (code == RESULT_OK) return;
-  throw SystemFailure(fmt::format("the calculation of share {} could not be started (code {}: {})",
-                                  Quoted(share), code, ReasonOf(code)));
+  if (code != RESULT_OK) FailToLaunch(share, asked, code);
 }
 
 }  // namespace
@@ -241,7 +277,7 @@ Launched Launch(const Selection& selection) {
         fmt::format("no calculation of share {} could be created (code {})", Quoted(share), code));
   try {
     const std::string taskID = RequireTask(share);
-    LaunchOrFail(calculation, share, asked, leftOut.empty(), range);
+    LaunchOrFail(calculation, share, asked, range);
     return {taskID, asked, leftOut, beingDeleted};
   } catch (...) {
     GiveBack(share);

@@ -192,6 +192,10 @@ void PrintForPrograms(const Report& report, const OutputFormat& format) {
   PrintJson(document);
 }
 
+bool AreUtf8(const std::vector<std::string>& names) {
+  return std::ranges::all_of(names, [](const auto& name) { return ValidUtf8(name) == name; });
+}
+
 std::string Listed(const std::vector<std::string>& names) {
   constexpr size_t kNamed = 5;
   std::string text;
@@ -330,7 +334,9 @@ void RequireComplete(const Report& report) {
       fmt::format("the result of share {} is short: {} of {} snapshots are not in it ({})",
                   Quoted(report.share), report.missing.size(),
                   report.missing.size() + report.rows.size(), Listed(report.missing)),
-      fmt::format("run it again with: zorv-snapusage run {}", ShareWord(report.share)));
+      fmt::format("{}run it again with: zorv-snapusage run {}",
+                  AreUtf8(report.missing) ? "" : "rename those whose names are not UTF-8, and ",
+                  ShareWord(report.share)));
 }
 
 }  // namespace ZorvSnapUsage

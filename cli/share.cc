@@ -10,6 +10,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 
 #include "base/unique_fd.h"
 #include "cli/failure.h"
@@ -103,10 +104,12 @@ void LeaveOutMounted(const std::string& share, std::vector<Snapshot>& snapshots)
   if (!place) return;
   const std::string home = FileSystemOf(place->path);
   std::map<unsigned long long, std::string> names;
+  static std::set<std::string> said;  // by their paths; a command may list them more than once
   std::erase_if(snapshots, [&](const Snapshot& snapshot) {
     const std::string its = FileSystemOf(snapshot.path);
     const bool elsewhere = !its.empty() && !home.empty() && its != home;
     if (!elsewhere && names.emplace(snapshot.subvolumeID, snapshot.name).second) return false;
+    if (!said.insert(snapshot.path).second) return true;
     Say(fmt::format("note: snapshot {} is left out, it is {}", Quoted(snapshot.name),
                     elsewhere ? "on another file system than its share"
                               : "the same as " + Quoted(names[snapshot.subvolumeID])));

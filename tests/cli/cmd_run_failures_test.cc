@@ -232,12 +232,24 @@ TEST_F(CmdRunFailures, SnapshotWhoseNameIsNotUtf8KeepsNoOtherFromBeingCalculated
   EXPECT_THAT(result.err,
               HasSubstr("zorv-snapusage: note: snapshot 'a\\xFFz' is left out, its name "
                         "is not UTF-8; rename it\n"));
-  EXPECT_THAT(result.err, HasSubstr("1 of 4 snapshots are not in it ('a\\xFFz')"));
+  EXPECT_THAT(result.err,
+              HasSubstr("1 of 4 snapshots are not in it ('a\\xFFz'); rename those whose names are "
+                        "not UTF-8, and run it again with: zorv-snapusage run photos\n"));
   EXPECT_EQ(
       "started the calculation of 3 snapshots of share 'photos', without 1 whose names are not "
       "UTF-8\n",
       MustRun(Argv({"start", "photos"})));
   EXPECT_TRUE(Settled());
+}
+
+// It was said not to lie on the volume, and the system log was to say more.
+TEST_F(CmdRunFailures, SnapshotThatGoesBeforeTheLaunchIsNamed) {
+  std::filesystem::rename("/sbin/btrfs", "/opt/engine");
+  const std::string second = volume_->Path(std::string("photos/.snapshots/") + kSecond);
+  WriteScript("/sbin/btrfs", "mv " + second + " " + second + ".old\nexec /opt/engine \"$@\"\n");
+  ExpectFailure(Tool({"run", "photos", "--since", "2024-03-01"}), 1,
+                "the calculation of share 'photos' could not be started, its snapshot '" +
+                    std::string(kSecond) + "' has gone since; try again");
 }
 
 TEST_F(CmdRunFailures, WrongTimes) {

@@ -18,6 +18,19 @@ class MountedSnapshots : public CliWorld {
     return place;
   }
 
+  // The names that a calculation from the second snapshot on has measured.
+  static std::vector<std::string> MeasuredSinceTheSecond() {
+    const CommandResult result =
+        Tool({"run", "photos", "--quiet", "--since", "2024-03-02", "--format", "json"});
+    EXPECT_EQ(0, result.status) << result.err;
+    EXPECT_THAT(result.err, Not(HasSubstr("more than once")));
+    std::vector<std::string> names;
+    if (result.status != 0) return names;
+    const Json::Value measured = ParseJson(result.out);
+    for (const Json::Value& row : measured["snapshots"]) names.push_back(row["name"].asString());
+    return names;
+  }
+
   static void ExpectLeftOut(const std::string& why) {
     for (const std::vector<std::string>& words :
          {std::vector<std::string>{"plan", "photos", "--keep-last", "1"},
@@ -26,9 +39,11 @@ class MountedSnapshots : public CliWorld {
       SCOPED_TRACE(words[0]);
       const CommandResult result = Tool(words);
       EXPECT_EQ(0, result.status) << result.err;
-      EXPECT_THAT(result.err, HasSubstr("zorv-snapusage: note: snapshot 'GMT-2024.03.09-09.04.09' "
-                                        "is left out, it is " +
-                                        why + "\n"));
+      const std::string note =
+          "zorv-snapusage: note: snapshot 'GMT-2024.03.09-09.04.09' is left out, it is " + why +
+          "\n";
+      EXPECT_THAT(result.err, HasSubstr(note));
+      EXPECT_EQ(result.err.find(note), result.err.rfind(note)) << "once";
       EXPECT_THAT(result.out, Not(HasSubstr("GMT-2024.03.09-09.04.09")));
     }
     EXPECT_EQ(8, Tool({"explain", "photos", "GMT-2024.03.09-09.04.09"}).status);
@@ -47,6 +62,25 @@ TEST_F(MountedSnapshots, ThatAreThereTwiceAreLeftOut) {
   const std::string place = Mounted(volume_->Path(std::string("photos/.snapshots/") + kSecond));
   ExpectLeftOut("the same as '" + std::string(kSecond) + "'");
   MustRun({"umount", place});
+}
+
+// The library lists the snapshots of a range once more, and took what had been left out.
+TEST_F(MountedSnapshots, OfAnotherFileSystemAreLeftOutOfARange) {
+  const BtrfsVolume other("/volume2");
+  for (const char* name : {"one", "two", "three", "four"}) other.Subvolume(name);
+  const std::string place = Mounted("/volume2/four");
+  EXPECT_EQ(std::vector<std::string>{kSecond}, MeasuredSinceTheSecond());
+  MustRun({"umount", place});
+}
+
+TEST_F(MountedSnapshots, ThatAreThereTwiceAreLeftOutOfARange) {
+  for (const char* original : {kFirst, kSecond}) {
+    SCOPED_TRACE(original);
+    const std::string place = Mounted(volume_->Path(std::string("photos/.snapshots/") + original));
+    EXPECT_EQ(std::vector<std::string>{kSecond}, MeasuredSinceTheSecond());
+    MustRun({"umount", place});
+    MustRun({"rmdir", place});
+  }
 }
 
 }  // namespace
