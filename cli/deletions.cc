@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "cli/file_system.h"
 #include "cli/share.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
@@ -14,7 +15,7 @@
 namespace ZorvSnapUsage {
 namespace {
 
-bool told = false;
+bool told = false;  // of the share that was looked at last
 
 std::optional<unsigned long long> DeletionsOn(const std::string& volume) {
   uint64_t* ids = nullptr;
@@ -25,19 +26,31 @@ std::optional<unsigned long long> DeletionsOn(const std::string& volume) {
   return count;
 }
 
+void SayThatTheyAreThere(unsigned long long count, const std::string& volume) {
+  const std::string subvolumes = CountOf(count, "subvolume");
+  if (IsOnlyReadFrom(volume))
+    Say(
+        fmt::format("note: the deletion of {} stands still, {} is mounted read-only: until it goes "
+                    "on and has ended no snapshot holds alone what it shares with what was deleted",
+                    subvolumes, Quoted(volume)));
+  else
+    Say(
+        fmt::format("note: the deletion of {} is still going on: until it has ended no snapshot "
+                    "holds alone what it shares with what was deleted; wait for that with: btrfs "
+                    "subvolume sync {}",
+                    subvolumes, ShellWord(volume)));
+}
+
 }  // namespace
 
 std::optional<unsigned long long> TellOfDeletions(const std::string& share) {
+  told = false;
   const std::optional<ShareOrigin> place = FindPlace(share);
   if (!place) return std::nullopt;
   const std::optional<unsigned long long> count = DeletionsOn(place->volume);
   if (count.value_or(0) == 0) return count;
   told = true;
-  Say(
-      fmt::format("note: the deletion of {} is still going on: until it has ended no snapshot "
-                  "holds alone what it shares with what was deleted; wait for that with: btrfs "
-                  "subvolume sync {}",
-                  CountOf(*count, "subvolume"), ShellWord(place->volume)));
+  SayThatTheyAreThere(*count, place->volume);
   return count;
 }
 

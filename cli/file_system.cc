@@ -6,7 +6,10 @@
 #include <linux/btrfs.h>
 #include <linux/magic.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <sys/vfs.h>
+
+#include <fstream>
 
 #include "base/unique_fd.h"
 
@@ -36,6 +39,19 @@ std::optional<FileSystemState> StateOfFileSystem(const std::string& path) {
       (info.flags & BTRFS_FS_INFO_FLAG_GENERATION) == 0)
     return std::nullopt;
   return FileSystemState{IdText(info.fsid), info.generation};
+}
+
+bool IsOnlyReadFrom(const std::string& path) {
+  struct statx status;
+  if (statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &status) != 0 ||
+      (status.stx_mask & STATX_MNT_ID) == 0)
+    return false;
+  const std::string begin = std::to_string(status.stx_mnt_id) + " ";
+  std::ifstream mounts("/proc/self/mountinfo");
+  for (std::string line; std::getline(mounts, line);)
+    // The options of the file system end the line; those of the mount alone come before them.
+    if (line.starts_with(begin)) return (line.substr(line.rfind(' ') + 1) + ",").starts_with("ro,");
+  return false;
 }
 
 bool HasSubvolume(const std::string& path, unsigned long long subvolumeID) {

@@ -20,6 +20,10 @@ struct FileSystemState {
 // Linux 5.10).
 std::optional<FileSystemState> StateOfFileSystem(const std::string& path);
 
+// Whether the file system that the path lies on is only read from, by all of its mounts: nothing
+// that was begun on it goes on then. False when the kernel does not say it (before Linux 5.8).
+bool IsOnlyReadFrom(const std::string& path);
+
 // Whether the file system that the path lies on has a subvolume of this ID that is not deleted;
 // false when it does not say.
 bool HasSubvolume(const std::string& path, unsigned long long subvolumeID);

@@ -27,6 +27,18 @@ class Deletions : public CliWorld {
     MustRun({"sync", "-f", "/volume1"});
   }
 
+  // An engine before which this subvolume is deleted when it is asked for a table of `volume`; a
+  // file of it stays open, so that the deletion goes on.
+  UniqueFd DeletingEngine(const std::string& subvolume, const std::string& volume) const {
+    UniqueFd film(open((subvolume + "/film").c_str(), O_RDONLY | O_CLOEXEC));
+    if (!film.Valid()) throw std::runtime_error("the film of the subvolume cannot be opened");
+    std::filesystem::rename("/sbin/btrfs", "/opt/engine");
+    WriteScript("/sbin/btrfs", "case \"$*\" in *--table*" + volume + "/*) " + kStockBtrfs +
+                                   " subvolume delete " + subvolume + " >&2; sync -f " + volume +
+                                   " ;; esac\nexec /opt/engine \"$@\"\n");
+    return film;
+  }
+
   void EndDeletion() {
     open_.Reset();
     MustRun({kStockBtrfs, "filesystem", "sync", "/volume1"});
@@ -92,13 +104,7 @@ TEST_F(Deletions, OneThatBeginsAfterTheFirstLookIsSaid) {
   volume_->Snapshot("photos", "photos/.snapshots/GMT-2024.03.07-09.04.09");
   const std::string strange = volume_->Path("strange");
   MustRun({kStockBtrfs, "subvolume", "snapshot", next, strange});
-  open_ = UniqueFd(open((strange + "/film").c_str(), O_RDONLY | O_CLOEXEC));
-  ASSERT_TRUE(open_.Valid());
-  std::filesystem::rename("/sbin/btrfs", "/opt/engine");
-  WriteFile("/sbin/btrfs", "#!/bin/bash\ncase \"$*\" in *--table*) " + std::string(kStockBtrfs) +
-                               " subvolume delete " + strange +
-                               " >&2; sync -f /volume1 ;; esac\nexec /opt/engine \"$@\"\n");
-  MustRun({"chmod", "755", "/sbin/btrfs"});
+  open_ = DeletingEngine(strange, "/volume1");
   const CommandResult plan = Tool({"plan", "photos", "--keep-last", "1", "--format", "json"});
   EXPECT_EQ(0, plan.status) << plan.err;
   EXPECT_THAT(plan.err, Not(HasSubstr(kNote)));
@@ -114,6 +120,41 @@ TEST_F(Deletions, ExplainAndWhyheldSayThatTheyGoOn) {
     EXPECT_EQ(0, result.status);
     EXPECT_EQ(kNote, result.err);
   }
+}
+
+// What was said of the deletions beside one share hushed the engine's note about another.
+TEST_F(Deletions, OneBesideAnotherShareIsSaid) {
+  const BtrfsVolume other("/volume2");
+  other.Subvolume("films");
+  std::filesystem::create_directory(other.Path("films/.snapshots"));
+  other.Snapshot("films", "films/.snapshots/one");
+  other.Subvolume("strange");
+  WriteRandom(other.Path("strange/film"), 300000, 1);
+  MustRun({"sync", "-f", "/volume2"});
+  const UniqueFd film = DeletingEngine(other.Path("strange"), "/volume2");
+  const CommandResult run = Tool({"run", "photos", "films", "--quiet"});
+  EXPECT_EQ(0, run.status) << run.err;
+  EXPECT_THAT(run.err, HasSubstr(kNote));
+  EXPECT_THAT(run.err, HasSubstr("zorv-snapusage: note: a subvolume is being deleted; "));
+}
+
+// The advice was to wait for what does not come to an end.
+TEST_F(Deletions, OnesThatStandStillAreNotWaitedFor) {
+  MustRun({"mount", "-o", "remount,ro", "/volume1"});
+  const CommandResult plan = Tool({"plan", "photos", "--keep-last", "1", "--format", "json"});
+  EXPECT_EQ(0, plan.status);
+  EXPECT_EQ(
+      "zorv-snapusage: note: the deletion of 1 subvolume stands still, '/volume1' is mounted "
+      "read-only: until it goes on and has ended no snapshot holds alone what it shares with what "
+      "was deleted\n",
+      plan.err);
+  EXPECT_EQ(1u, ParseJson(plan.out)["being_deleted"].asUInt64());
+}
+
+// Others may write to the file system, and so may it itself.
+TEST_F(Deletions, OnesBehindAMountThatIsOnlyReadGoOn) {
+  MustRun({"mount", "-o", "remount,bind,ro", "/volume1"});
+  EXPECT_EQ(kNote, Tool({"plan", "photos", "--keep-last", "1"}).err);
 }
 
 }  // namespace
