@@ -188,8 +188,10 @@ void KeepTable(const std::string& share, const KeptTable& kept) {
     RemoveUnfinished(share);
     written = WriteAndRename(share, name, TableFileText(kept));
   }
-  if (!written) syslog(LOG_NOTICE, "a table cannot be kept in %s: %s", kCacheRoot, strerror(errno));
-  RemoveOld(share, name);
+  if (written)
+    RemoveOld(share, name);
+  else
+    syslog(LOG_NOTICE, "a table cannot be kept in %s: %s", kCacheRoot, strerror(errno));
 }
 
 bool RemoveTables(const std::string& share) {

@@ -1,5 +1,7 @@
 // Tables that are kept: used as long as nothing has changed, never believed when they are damaged,
 // and refused where somebody else may have a hand in them.
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -145,6 +147,23 @@ TEST_F(TableCache, FourAreLeftOfMore) {
   Change("more");
   ASSERT_EQ(0, PlanAll().status);
   EXPECT_EQ(4u, Kept().size());
+}
+
+// Each one that could not be written cost one that was.
+TEST_F(TableCache, OneThatCannotBeWrittenTakesNobodysPlace) {
+  for (int n = 0; n < 4; ++n) {
+    Change(std::to_string(n));
+    ASSERT_EQ(0, PlanAll().status);
+  }
+  const std::vector<std::string> kept = Kept();
+  Change("more");
+  const CommandResult result = ZorvTest::Run(Argv({"plan", "photos", "--delete", "%"}), [] {
+    const struct rlimit none = {0, 0};
+    (void)signal(SIGXFSZ, SIG_IGN);
+    (void)setrlimit(RLIMIT_FSIZE, &none);
+  });
+  EXPECT_NE(0, result.status) << "its output is a file, too";
+  EXPECT_EQ(kept, Kept());
 }
 
 // What a disk, another program or another state may leave in a table's place.
