@@ -90,14 +90,23 @@ MadePlan MakePlan(const PlanRequest& request, const std::vector<Snapshot>& snaps
                 "try again when the file system is quieter");
 }
 
+// The texts of two counts of bytes that are not equal; to the byte where else they would look so.
+std::pair<std::string, std::string> DifferentTexts(unsigned long long one,
+                                                   unsigned long long other) {
+  std::pair<std::string, std::string> texts = {BytesText(one, Units::kIec),
+                                               BytesText(other, Units::kIec)};
+  if (texts.first == texts.second) texts = {CountOf(one, "byte"), CountOf(other, "byte")};
+  return texts;
+}
+
 void RequireReached(const PlanRequest& request, const Plan& plan, size_t candidates) {
   if (plan.reached) return;
   const bool one = candidates == 1;
+  const auto [most, target] = DifferentTexts(plan.most.Total(), request.target);
   throw Failure(kTargetOutOfReach,
                 fmt::format("{} of share {} that may go {} {}{}, not {}",
                             AllOf(candidates, "snapshot"), Quoted(request.share),
-                            one ? "frees" : "free", BytesText(plan.most.Total(), Units::kIec),
-                            one ? "" : " together", BytesText(request.target, Units::kIec)),
+                            one ? "frees" : "free", most, one ? "" : " together", target),
                 "ask for less, or keep fewer");
 }
 

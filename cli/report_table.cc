@@ -113,10 +113,11 @@ void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Repo
 
 void NoteRowsOfOtherState(const Report& report) {
   if (report.rowsOfOtherState == 0 || !report.missing.empty()) return;  // that is said, too
-  Say(fmt::format(
-      "note: metadata, with older and new of {} of {} are left out: no table is of the "
-      "state that was calculated; get them with: zorv-snapusage run {}",
-      report.rowsOfOtherState, CountOf(report.rows.size(), "snapshot"), ShareWord(report.share)));
+  const bool canBeRead = report.deletedSince != report.rows.size();
+  Say(fmt::format("note: metadata, with older and new of {} of {} are left out: no table is of the "
+                  "state that was calculated",
+                  report.rowsOfOtherState, CountOf(report.rows.size(), "snapshot")) +
+      (canBeRead ? "; get them with: zorv-snapusage run " + ShareWord(report.share) : ""));
 }
 
 }  // namespace ZorvSnapUsage

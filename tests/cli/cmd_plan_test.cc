@@ -149,6 +149,9 @@ TEST_F(CmdPlan, TargetThatCannotBeReached) {
       {"--free", "1G", "--fewest"}, 17,
       "all 5 snapshots of share 'photos' that may go free 45.05 MiB together, not 1.00 GiB; "
       "ask for less, or keep fewer");
+  ExpectWrong({"--free", "47235073"}, 17,
+              "all 5 snapshots of share 'photos' that may go free 47235072 bytes together, not "
+              "47235073 bytes; ask for less, or keep fewer");
   const CommandResult json = Tool({"plan", "photos", "--free", "1G", "--format", "json"});
   EXPECT_EQ(17, json.status);
   const Json::Value plan = ParseJson(json.out);
@@ -233,6 +236,10 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
     int status;
   } kCases[] = {
       {"subvolume 300 is being deleted", "wait for that with: btrfs subvolume sync /volume1", 11},
+      {"a balance goes on beside /dev/mapper/zoned", "try again when it is over: btrfs balance",
+       11},
+      {"cannot open device /dev/mapper/balance: Input/output error",
+       "see what is in the way with: /sbin/btrfs subvolume size --check -r /volume1", 11},
       {"there is no subvolume 300", "a snapshot has gone since; try again", 11},
       {"device 2 is missing and tree block 5 lies nowhere else",
        "attach the device, or replace it with: btrfs replace", 11},
@@ -264,6 +271,20 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
   FakeEngine("kill -KILL $$\n");
   EXPECT_THAT(Tool({"plan", "photos", "--keep-last", "1"}).err,
               HasSubstr("failed: it ended without a result; "));
+}
+
+// The share's name was taken for what the engine says.
+TEST_F(CmdPlan, WhatHelpsIsNotFoundInThePath) {
+  volume_->Subvolume("a balance");
+  const std::string snapshot = volume_->Snapshot("a balance", "a balance/.snapshots/" + Day(1));
+  const auto advice = [&](const std::string& reason) {
+    FakeEngine("echo 'ERROR: " + reason + "' >&2; exit 1\n");
+    return Tool({"plan", "a balance", "--delete", "%"}).err;
+  };
+  EXPECT_THAT(advice("cannot look at " + snapshot + ": Input/output error"),
+              HasSubstr("; see what is in the way with: "));
+  EXPECT_THAT(advice("cannot open " + snapshot + ": No such file or directory"),
+              HasSubstr("; it has gone since; try again\n"));
 }
 
 // The engine's own advice came first, and both were without the path that the command needs.

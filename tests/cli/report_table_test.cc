@@ -157,6 +157,21 @@ TEST_F(ReportTable, OneFromBeforeTheResultIsUsedWhereNothingHasChanged) {
   EXPECT_EQ(out, MustRun(Argv({"show", "photos"})));
 }
 
+// The advice was a calculation, which ends with 9.
+TEST_F(ReportTable, RowsOfDeletedSnapshotsAreNotToBeHadAnymore) {
+  TakeTable();
+  table_ = "false";
+  FakeEngine(Numbers("2097153"));
+  MustRun(Argv({"run", "photos", "--quiet"}));
+  for (const char* name : {kFirst, kSecond, kNoTime})
+    volume_->DeleteSubvolume(std::string("photos/.snapshots/") + name);
+  for (unsigned day = 3; day <= 5; ++day) volume_->DeleteSubvolume("photos/.snapshots/" + Day(day));
+  EXPECT_EQ(
+      "zorv-snapusage: note: metadata, with older and new of 5 of 6 snapshots are left out: no "
+      "table is of the state that was calculated\n",
+      Tool({"show", "photos"}).err);
+}
+
 // Others are the older ones now.
 TEST_F(ReportTable, RenamedSnapshotsHaveOtherOlderOnes) {
   TakeTable();
