@@ -269,7 +269,7 @@ const char* ReasonOf(int errorCode) {
     case RESULT_FAILURE:
       return "the command reported a failure, or its output could not be recorded";
     case RESULT_INVALID_ARGUMENT:
-      return "the snapshots do not lie on one btrfs volume";
+      return "the snapshots do not lie on one btrfs volume, or one has gone";
     case RESULT_COMMAND_MISSING:
       return "/sbin/btrfs is missing";
     case RESULT_INVALID_OBJECT:

@@ -250,6 +250,7 @@ TEST_F(CmdRunFailures, SnapshotThatGoesBeforeTheLaunchIsNamed) {
   ExpectFailure(Tool({"run", "photos", "--since", "2024-03-01"}), 1,
                 "the calculation of share 'photos' could not be started, its snapshot '" +
                     std::string(kSecond) + "' has gone since; try again");
+  EXPECT_THAT(MustRun(Argv({"status", "photos"})), HasSubstr(", or one has gone)\n"));
 }
 
 TEST_F(CmdRunFailures, WrongTimes) {
