@@ -17,6 +17,7 @@
 #include "cli/plan.h"
 #include "cli/plan_report.h"
 #include "cli/plan_request.h"
+#include "cli/share_place.h"
 #include "cli/table_source.h"
 #include "cli/text.h"
 #include "cli/wording.h"
@@ -41,11 +42,11 @@ std::vector<Snapshot> RequireSnapshots(const std::string& share) {
 constexpr int kMostPlans = 3;
 
 // What comes free in an order that the table has no answer for.
-AskInOrder AskTheEngine(const std::vector<Snapshot>& snapshots) {
+AskInOrder AskTheEngine(const std::string& share, const std::vector<Snapshot>& snapshots) {
   return [&](const std::vector<uint32_t>& order) {
     std::vector<unsigned long long> ids;
     for (const uint32_t place : order) ids.push_back(snapshots[place].subvolumeID);
-    return AskForForecast(snapshots.front().path, ids);
+    return AskForForecast(PlaceOfShare(share).path, ids);
   };
 }
 
@@ -75,11 +76,11 @@ MadePlan MakePlan(const PlanRequest& request, const std::vector<Snapshot>& snaps
                   const std::vector<uint32_t>& places) {
   for (int made = 0; made < kMostPlans; ++made) {
     KeptTable table = TableOfNow(request.share, snapshots);
-    Plan plan = PlanBy(table.table, request, places, AskTheEngine(snapshots));
+    Plan plan = PlanBy(table.table, request, places, AskTheEngine(request.share, snapshots));
     if (plan.overtaken) continue;
     if (plan.generation != table.table.generation) {
       table.table.generation = plan.generation;
-      table.taken = time(nullptr);
+      table.taken = Moment::Now();
     }
     return {std::move(table), std::move(plan)};
   }

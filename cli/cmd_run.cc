@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "cli/commands.h"
+#include "cli/current_report.h"
 #include "cli/deletions.h"
 #include "cli/failure.h"
 #include "cli/follow.h"
@@ -56,9 +57,9 @@ Report RunShare(const Selection& selection, bool quiet) {
   const Result result = RequireResultOfTask(share, launched.taskID);
   std::vector<Snapshot> asked = launched.asked;
   asked.insert(asked.end(), launched.leftOut.begin(), launched.leftOut.end());
-  const std::vector<Snapshot> present = SnapshotsOf(share);
-  Report report = MakeReport(share, result, {present, {}}, asked);
-  AddTableOfNow(present, quiet ? Silence::kQuiet : Silence::kSpeak, report);
+  auto [report, snapshots, present] =
+      ReportOfNow(share, result, SafeTables(share), [&](const PresentSnapshots&) { return asked; });
+  AddTableOfNow(snapshots, quiet ? Silence::kQuiet : Silence::kSpeak, report);
   report.beingDeleted = LookAgainForDeletions(share, launched.beingDeleted);
   report.generation = GenerationOf(share, result);
   return report;
@@ -101,6 +102,7 @@ int Run(const RunOptions& options) {
     const int status = ForEachShare(options.shares, chosen.shares, [&](const std::string&) {
       const Report report = RunShareTo(*end++, options);
       printer.Print(report);
+      NoteOtherFileSystem(report);
       NoteRowsOfOtherState(report);
       RequireComplete(report);
     });

@@ -77,8 +77,8 @@ Facts FactsOf(const std::string& share, int& status) {
 }
 
 std::optional<long> AgeOf(const std::optional<Result>& result, time_t now) {
-  if (!result || result->stored > now) return std::nullopt;
-  return now - result->stored;
+  if (!result || result->stored.seconds > now) return std::nullopt;
+  return now - result->stored.seconds;
 }
 
 std::vector<Cell> LineOf(const std::string& share, const Facts& facts, time_t now) {
@@ -87,7 +87,7 @@ std::vector<Cell> LineOf(const std::string& share, const Facts& facts, time_t no
   return {Cell::Text(place.volume),
           Cell::Number(facts.snapshots),
           Cell::Number(result ? std::optional(result->subvolumeIDs.size()) : std::nullopt),
-          Cell::Time(result ? std::optional(result->stored) : std::nullopt),
+          Cell::Time(result ? std::optional(result->stored.seconds) : std::nullopt),
           Cell::Span(AgeOf(result, now)),
           Cell::Number(facts.generation),
           Cell::Number(facts.generationNow),

@@ -24,6 +24,7 @@
 #include "cli/leftovers.h"
 #include "cli/lock_wait.h"
 #include "cli/names.h"
+#include "cli/origin.h"
 #include "cli/share_map.h"
 #include "cli/snapshot_choice.h"
 #include "cli/standard_streams.h"
@@ -277,6 +278,7 @@ Launched Launch(const Selection& selection) {
         fmt::format("no calculation of share {} could be created (code {})", Quoted(share), code));
   try {
     const std::string taskID = RequireTask(share);
+    RememberOrigin(share, taskID);
     LaunchOrFail(calculation, share, asked, range);
     return {taskID, asked, leftOut, beingDeleted};
   } catch (...) {

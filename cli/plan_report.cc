@@ -54,9 +54,9 @@ std::string ProofText(const Plan& plan) {
 void PrintForPeople(const PlanReport& report, const OutputFormat& format) {
   const FreedBytes together = report.plan.Together();
   const auto text = [&](unsigned long long bytes) { return BytesText(bytes, format.ShownUnits()); };
-  ToStandardOutput(fmt::format("share {}, plan for the state of {} (generation {})\n\n",
-                               Escaped(report.request.share), TimeForPeople(report.table.taken),
-                               report.table.table.generation));
+  ToStandardOutput(fmt::format(
+      "share {}, plan for the state of {} (generation {})\n\n", Escaped(report.request.share),
+      TimeForPeople(report.table.taken.seconds), report.table.table.generation));
   ToStandardOutput(TableOf(report).Text(format));
   ToStandardOutput(fmt::format("\ntogether {} from {} of {}, of it {} metadata\n",
                                text(together.Total()), report.plan.order.size(),
@@ -77,7 +77,7 @@ void PrintForPrograms(const PlanReport& report, const OutputFormat& format) {
   const Plan& plan = report.plan;
   Json::Value document = NewDocument(kJsonVersion);
   document["share"] = ValidUtf8(report.request.share);
-  SetTime(document, "taken", report.table.taken);
+  SetTime(document, "taken", report.table.taken.seconds);
   document["generation"] = Json::UInt64{report.table.table.generation};
   document["being_deleted"] = NumberJson(report.beingDeleted);
   document["steps"] = TableOf(report).Rows(format);

@@ -43,6 +43,12 @@ std::map<unsigned long long, std::string> NamesIn(const std::string& share, cons
   return RecordedSnapshots(share);
 }
 
+// Nobody can tell which of the rows' snapshots are still there.
+void ForgetWhatIsThere(Report& report) {
+  report.deletedSince.reset();
+  for (ReportRow& row : report.rows) row.present.reset();
+}
+
 // The cells of a line that a table fills.
 struct TableCells {
   Cell metadata, withOlder, newSinceOlder;
@@ -144,7 +150,7 @@ void PrintDeletions(const Report& report) {
 void PrintForPeople(const Report& report, const OutputFormat& format) {
   if (!format.plain)
     ToStandardOutput(fmt::format("share {}, calculated {}{}, {}\n\n", Escaped(report.share),
-                                 TimeForPeople(report.calculated), GenerationText(report),
+                                 TimeForPeople(report.calculated.seconds), GenerationText(report),
                                  Completeness(report)));
   ToStandardOutput(TableOf(report, format).Text(format));
   if (format.plain) return;
@@ -167,7 +173,7 @@ Json::Value TableJson(const ReportTable& table) {
 void AddTo(Json::Value& document, const Report& report, const OutputFormat& format) {
   document["share"] = ValidUtf8(report.share);
   document["task_id"] = ValidUtf8(report.taskID);
-  SetTime(document, "calculated", report.calculated);
+  SetTime(document, "calculated", report.calculated.seconds);
   document["generation"] = NumberJson(report.generation);
   document["complete"] = report.missing.empty();
   document["missing"] = NamesJson(report.missing);
@@ -227,6 +233,8 @@ Report MakeReport(const std::string& share, const Result& result, const PresentS
     report.rows.push_back(row);
   }
   report.deletedSince = deleted;
+  report.otherFileSystem = present.elsewhere;
+  if (present.elsewhere) ForgetWhatIsThere(report);
   for (const Snapshot& snapshot : asked)
     if (known.insert(snapshot.subvolumeID).second) report.missing.push_back(snapshot.name);
   for (const Snapshot& snapshot : present.known)
@@ -241,12 +249,9 @@ Report MakeReport(const std::string& share, const Result& result, const PresentS
 
 Report MakeReportAlone(const std::string& share, const Result& result) {
   Report report = MakeReport(share, result, {}, {});
-  report.deletedSince.reset();
+  ForgetWhatIsThere(report);
   std::map<unsigned long long, std::string> missing = NamesIn(share, result);
-  for (ReportRow& row : report.rows) {
-    row.present.reset();
-    missing.erase(row.subvolumeID);
-  }
+  for (const ReportRow& row : report.rows) missing.erase(row.subvolumeID);
   for (const auto& [id, name] : missing) report.missing.push_back(name);
   return report;
 }

@@ -39,7 +39,7 @@ struct ReportTable {
 struct Report {
   std::string share;
   std::string taskID;
-  time_t calculated = 0;
+  Moment calculated;
   std::optional<unsigned long long> generation;    // that the numbers are of, as far as it is known
   std::vector<ReportRow> rows;                     // in the order of the calculation
   std::vector<std::string> missing;                // asked for, but not in the result

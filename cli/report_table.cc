@@ -54,23 +54,46 @@ struct Match {
   }
 };
 
-bool IsBefore(const ReportRow& row, const ReportRow& next) {
-  return row.time ? !next.time || *row.time <= *next.time : !next.time;
+// Of the times in two names.
+bool MayBeOlder(const std::optional<time_t>& one, const std::optional<time_t>& next) {
+  return one ? !next || *one <= *next : !next;
 }
 
 // Whether the rows, which are in the order of the calculation, are in that of their names, too:
 // where snapshots were renamed since, others are the older ones now.
 bool AreByTime(const std::vector<ReportRow>& rows) {
   return std::adjacent_find(rows.begin(), rows.end(), [](const auto& row, const auto& next) {
-           return !IsBefore(row, next);
+           return !MayBeOlder(row.time, next.time);
          }) == rows.end();
+}
+
+// Whether the table has its snapshots in the order of the names that they have now: they may have
+// had others when it was read.
+bool IsByTime(const SizeTable& table, const PresentSnapshots& present, const Report& report) {
+  std::map<unsigned long long, std::optional<time_t>> times;
+  for (const ReportRow& row : report.rows) times.emplace(row.subvolumeID, row.time);
+  for (const Snapshot& snapshot : present.known) times.emplace(snapshot.subvolumeID, snapshot.time);
+  const std::vector<unsigned long long>& ids = table.subvolumeIDs;
+  return std::adjacent_find(ids.begin(), ids.end(), [&](auto id, auto next) {
+           return !MayBeOlder(times.at(id), times.at(next));
+         }) == ids.end();
+}
+
+// Whether those of the table's snapshots that are there are in the order in which they are listed.
+bool IsAsListed(const Places& places, const PresentSnapshots& present) {
+  std::vector<size_t> listed;
+  for (const Snapshot& snapshot : present.known)
+    if (const auto place = places.find(snapshot.subvolumeID); place != places.end())
+      listed.push_back(place->second);
+  return std::is_sorted(listed.begin(), listed.end());
 }
 
 Match MatchOf(const KeptTable& kept, const PresentSnapshots& present, const Report& report) {
   Match match{&kept, {}};
   const Places places = PlacesOf(kept.table);
-  if (kept.taken < report.calculated || !AreByTime(report.rows) ||
-      !HasTheSnapshotsOf(report, present, places))
+  if (!kept.IsSince(report.calculated) || !AreByTime(report.rows) ||
+      !HasTheSnapshotsOf(report, present, places) || !IsByTime(kept.table, present, report) ||
+      !IsAsListed(places, present))
     return match;
   const std::vector<SnapshotShares> shares = SharesOf(kept.table);
   for (const ReportRow& row : report.rows) {
@@ -84,7 +107,8 @@ Match MatchOf(const KeptTable& kept, const PresentSnapshots& present, const Repo
 void Add(const Match& match, Report& report) {
   for (size_t i = 0; i < match.shares.size(); ++i) report.rows[i].shares = match.shares[i];
   const SizeTable& table = match.kept->table;
-  report.table = {match.kept->taken, table.generation, table.subvolumeIDs.size(), std::nullopt};
+  report.table = {match.kept->taken.seconds, table.generation, table.subvolumeIDs.size(),
+                  std::nullopt};
   if (match.shares.size() == report.rows.size()) report.table->totals = TotalsOf(table);
 }
 
@@ -101,10 +125,10 @@ void AddBestTable(const std::vector<KeptTable>& tables, const PresentSnapshots& 
 }
 
 void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report) {
-  if (snapshots.empty()) return;
+  if (snapshots.empty() || report.otherFileSystem) return;
   try {
     KeptTable now = TableOfNow(report.share, snapshots, silence);
-    if (now.taken < report.calculated) KeepAsOfNow(report.share, now);
+    if (now.taken < report.calculated) KeepAsOf(report.calculated, report.share, now);
     AddBestTable({now}, {snapshots, {}}, report);
   } catch (const Failure& failure) {
     SayNotRead(report.share, failure);

@@ -20,8 +20,9 @@ namespace ZorvSnapUsage {
 void AddBestTable(const std::vector<KeptTable>& tables, const PresentSnapshots& present,
                   Report& report);
 
-// The same with the table of now, of all these snapshots of the share. One that cannot be had, or
-// that the user does not wait for, is said on standard error.
+// The same with the table of now, of all these snapshots of the share; none where they are not
+// those of the result. One that cannot be had, or that the user does not wait for, is said on
+// standard error.
 void AddTableOfNow(const std::vector<Snapshot>& snapshots, Silence silence, Report& report);
 
 // Says which rows have no table of their state, where there are tables.

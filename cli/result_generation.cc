@@ -1,33 +1,21 @@
 #include "cli/result_generation.h"
 
-#include <map>
-#include <vector>
-
 #include "cli/failure.h"
 #include "cli/present_snapshots.h"
 
 namespace ZorvSnapUsage {
 namespace {
 
-// Each subvolume's bytes that it alone holds, by its ID.
-std::map<unsigned long long, unsigned long long> AloneIn(const SizeTable& table) {
-  const std::vector<SnapshotShares> shares = SharesOf(table);
-  std::map<unsigned long long, unsigned long long> alone;
-  for (size_t place = 0; place < shares.size(); ++place)
-    alone.emplace(table.subvolumeIDs[place], shares[place].alone.Total());
-  return alone;
-}
-
 bool HasNumbersOf(const SizeTable& table, const Result& result) {
   return !result.subvolumeIDs.empty() &&
-         CountNumbersOf(table, result) == result.subvolumeIDs.size();
+         CountNumbersOf(result, AloneIn(table)) == result.subvolumeIDs.size();
 }
 
 std::optional<unsigned long long> NewestOf(const std::vector<KeptTable>& tables,
                                            const Result& result) {
   std::optional<unsigned long long> newest;
   for (const KeptTable& kept : tables)
-    if (kept.taken >= result.stored && kept.table.generation > newest.value_or(0) &&
+    if (kept.IsSince(result.stored) && kept.table.generation > newest.value_or(0) &&
         HasNumbersOf(kept.table, result))
       newest = kept.table.generation;
   return newest;
@@ -35,8 +23,15 @@ std::optional<unsigned long long> NewestOf(const std::vector<KeptTable>& tables,
 
 }  // namespace
 
-size_t CountNumbersOf(const SizeTable& table, const Result& result) {
-  const std::map<unsigned long long, unsigned long long> alone = AloneIn(table);
+NumbersAlone AloneIn(const SizeTable& table) {
+  const std::vector<SnapshotShares> shares = SharesOf(table);
+  NumbersAlone alone;
+  for (size_t place = 0; place < shares.size(); ++place)
+    alone.emplace(table.subvolumeIDs[place], shares[place].alone.Total());
+  return alone;
+}
+
+size_t CountNumbersOf(const Result& result, const NumbersAlone& alone) {
   size_t count = 0;
   for (size_t i = 0; i < result.subvolumeIDs.size(); ++i) {
     const auto found = alone.find(result.subvolumeIDs[i]);

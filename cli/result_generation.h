@@ -2,6 +2,7 @@
 #ifndef CLI_RESULT_GENERATION_H_
 #define CLI_RESULT_GENERATION_H_
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -10,8 +11,13 @@
 
 namespace ZorvSnapUsage {
 
-// Of how many snapshots of the result the table says that they alone hold the same.
-size_t CountNumbersOf(const SizeTable& table, const Result& result);
+// The bytes that each subvolume alone holds, by its ID.
+using NumbersAlone = std::map<unsigned long long, unsigned long long>;
+
+NumbersAlone AloneIn(const SizeTable& table);
+
+// How many snapshots have the same number in both.
+size_t CountNumbersOf(const Result& result, const NumbersAlone& alone);
 
 // Results do not say it. A table of the share's file system does that was read after the result was
 // stored, and where it has the same number for each snapshot of the result, these are the numbers

@@ -50,7 +50,7 @@ std::optional<Result> ResultOfTask(const std::string& share, const std::string& 
       result.exclusiveBytes.size() != result.subvolumeIDs.size())
     return std::nullopt;
   result.taskID = taskID;
-  result.stored = std::max(sizes.st_mtime, ids.st_mtime);
+  result.stored = std::max(Moment(sizes.st_mtim), Moment(ids.st_mtim));
   return result;
 }
 

@@ -2,18 +2,18 @@
 #ifndef CLI_RESULTS_H_
 #define CLI_RESULTS_H_
 
-#include <time.h>
-
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "cli/moment.h"
 
 namespace ZorvSnapUsage {
 
 // The two vectors of one calculation: entry i of one belongs to entry i of the other.
 struct Result {
   std::string taskID;
-  time_t stored = 0;
+  Moment stored;
   std::vector<unsigned long long> subvolumeIDs;
   std::vector<unsigned long long> exclusiveBytes;
 };

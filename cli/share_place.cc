@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 #include <zorvbtrfssnapusage/btrfs_tool.h>
 
-#include <optional>
-
 #include "cli/failure.h"
 #include "cli/share.h"
 #include "cli/text.h"
@@ -19,6 +17,11 @@ SharePlace PlaceOfShare(const std::string& share) {
       ZorvBtrfsUsage::BtrfsTool::SubvolRootIdLookup(origin->path.c_str(), subvolumeID) != 0)
     throw SystemFailure(fmt::format("the place of share {} cannot be told", Quoted(share)));
   return {origin->path, subvolumeID};
+}
+
+std::optional<FileSystemState> StateOfShare(const std::string& share) {
+  const std::optional<ShareOrigin> place = FindPlace(share);
+  return place ? StateOfFileSystem(place->path) : std::nullopt;
 }
 
 }  // namespace ZorvSnapUsage

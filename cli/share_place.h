@@ -2,7 +2,10 @@
 #ifndef CLI_SHARE_PLACE_H_
 #define CLI_SHARE_PLACE_H_
 
+#include <optional>
 #include <string>
+
+#include "cli/file_system.h"
 
 namespace ZorvSnapUsage {
 
@@ -13,6 +16,9 @@ struct SharePlace {
 
 // Gives up unless the share exists and can be reached.
 SharePlace PlaceOfShare(const std::string& share);
+
+// The state of its file system; nothing when it cannot be told.
+std::optional<FileSystemState> StateOfShare(const std::string& share);
 
 }  // namespace ZorvSnapUsage
 

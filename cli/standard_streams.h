@@ -43,6 +43,9 @@ inline void ToStandardError(const std::string& text) {
 // Says one line on standard error, as the program.
 inline void Say(const std::string& text) { ToStandardError("zorv-snapusage: " + text + "\n"); }
 
+// Says what the user should know, although nothing is wrong.
+inline void Note(const std::string& text) { Say("note: " + text); }
+
 }  // namespace ZorvSnapUsage
 
 #endif  // CLI_STANDARD_STREAMS_H_

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 #include <utility>
 
 #include "base/unique_fd.h"
@@ -28,11 +29,21 @@ namespace fs = std::filesystem;
 constexpr size_t kMostTables = 4;
 constexpr off_t kMostBytes = off_t{256} << 20;
 
-constexpr long long kSecond = 1000000000;
-using DatedName = std::pair<long long, std::string>;  // nanoseconds since the epoch
+using DatedName = std::pair<Moment, std::string>;
 
-// A table that is being written is .<pid>.new beside the others.
+// What lies in a share's directory.
+enum class Kind { kTable, kOrigin, kUnfinished };
+
+// A file that is being written is .<pid>.new beside the others.
 constexpr char kUnfinishedMark = '.';
+
+// Of a calculation: this, and its task ID. No table's name begins so: it is no hexadecimal digit.
+constexpr std::string_view kOriginMark = "of-";
+
+Kind KindOf(const std::string& name) {
+  if (name[0] == kUnfinishedMark) return Kind::kUnfinished;
+  return name.compare(0, kOriginMark.size(), kOriginMark) == 0 ? Kind::kOrigin : Kind::kTable;
+}
 
 std::string DirectoryOf(const std::string& share) { return std::string(kCacheRoot) + "/" + share; }
 
@@ -84,13 +95,12 @@ std::optional<KeptTable> ReadTable(const std::string& share, const std::string& 
   }
 }
 
-// The names of the share's tables, and of those that are being written.
-std::vector<std::string> NamesOf(const std::string& share, bool unfinished) {
+std::vector<std::string> NamesOf(Kind kind, const std::string& share) {
   std::vector<std::string> names;
   std::error_code error;
   for (const auto& entry : fs::directory_iterator(DirectoryOf(share), error)) {
     const std::string name = entry.path().filename();
-    if ((name[0] == kUnfinishedMark) == unfinished) names.push_back(name);
+    if (KindOf(name) == kind) names.push_back(name);
   }
   return names;
 }
@@ -101,7 +111,7 @@ void Remove(const std::string& share, const std::string& name) {
 
 // What writers that were killed have left; one that is only far away writes its table anew.
 void RemoveUnfinished(const std::string& share) {
-  for (const std::string& name : NamesOf(share, /*unfinished=*/true)) {
+  for (const std::string& name : NamesOf(Kind::kUnfinished, share)) {
     const pid_t writer = static_cast<pid_t>(strtol(name.c_str() + 1, nullptr, 10));
     if (writer <= 0 || (kill(writer, 0) != 0 && errno == ESRCH)) Remove(share, name);
   }
@@ -111,10 +121,10 @@ void RemoveUnfinished(const std::string& share) {
 // meanwhile.
 std::vector<DatedName> OthersThan(const std::string& one, const std::string& share) {
   std::vector<DatedName> others;
-  for (const std::string& name : NamesOf(share, /*unfinished=*/false)) {
+  for (const std::string& name : NamesOf(Kind::kTable, share)) {
     struct stat file;
     if (name != one && stat((DirectoryOf(share) + "/" + name).c_str(), &file) == 0)
-      others.emplace_back(file.st_mtim.tv_sec * kSecond + file.st_mtim.tv_nsec, name);
+      others.emplace_back(Moment(file.st_mtim), name);
   }
   std::sort(others.rbegin(), others.rend());
   return others;
@@ -126,7 +136,7 @@ void RemoveOld(const std::string& share, const std::string& newest) {
   std::vector<DatedName> others = OthersThan(newest, share);
   if (const std::optional<Result> result = NewestResult(share)) {
     const auto later = std::find_if(others.rbegin(), others.rend(), [&](const DatedName& other) {
-      return other.first >= result->stored * kSecond;
+      return other.first >= result->stored;
     });
     if (later != others.rend()) std::rotate(others.begin(), std::prev(later.base()), later.base());
   }
@@ -157,6 +167,23 @@ bool WriteAndRename(const std::string& share, const std::string& name, const std
   return false;
 }
 
+// Whether the text is in the share's directory under this name now; the system log says why not.
+bool Keep(const char* what, const std::string& share, const std::string& name,
+          const std::string& text) {
+  RequireSafeCache();
+  bool written = MakeSafeDirectory(kCacheRoot) && MakeSafeDirectory(DirectoryOf(share));
+  if (written) {
+    RequirePlainFilesIn(DirectoryOf(share));
+    RemoveUnfinished(share);
+    written = WriteAndRename(share, name, text);
+  }
+  if (!written)
+    syslog(LOG_NOTICE, "%s cannot be kept in %s: %s", what, kCacheRoot, strerror(errno));
+  return written;
+}
+
+std::string OriginName(const std::string& taskID) { return std::string(kOriginMark) + taskID; }
+
 }  // namespace
 
 std::optional<KeptTable> FindTable(const std::string& share, const std::string& fileSystemID,
@@ -173,34 +200,38 @@ std::optional<KeptTable> FindTable(const std::string& share, const std::string& 
 std::vector<KeptTable> AllTables(const std::string& share) {
   RequireSafeTables(share);
   std::vector<KeptTable> tables;
-  for (const std::string& name : NamesOf(share, /*unfinished=*/false))
+  for (const std::string& name : NamesOf(Kind::kTable, share))
     if (std::optional<KeptTable> kept = ReadTable(share, name)) tables.push_back(std::move(*kept));
   return tables;
 }
 
 void KeepTable(const std::string& share, const KeptTable& kept) {
-  RequireSafeCache();
   const std::string name =
       NameOf(kept.fileSystemID, kept.table.generation, kept.table.subvolumeIDs);
-  bool written = MakeSafeDirectory(kCacheRoot) && MakeSafeDirectory(DirectoryOf(share));
-  if (written) {
-    RequirePlainFilesIn(DirectoryOf(share));
-    RemoveUnfinished(share);
-    written = WriteAndRename(share, name, TableFileText(kept));
-  }
-  if (written)
-    RemoveOld(share, name);
-  else
-    syslog(LOG_NOTICE, "a table cannot be kept in %s: %s", kCacheRoot, strerror(errno));
+  if (Keep("a table", share, name, TableFileText(kept))) RemoveOld(share, name);
+}
+
+void KeepOrigin(const std::string& share, const std::string& taskID,
+                const std::string& fileSystemID) {
+  const std::optional<Result> result = NewestResult(share);
+  if (!Keep("the file system of a calculation", share, OriginName(taskID), fileSystemID)) return;
+  for (const std::string& name : NamesOf(Kind::kOrigin, share))
+    if (name != OriginName(taskID) && (!result || name != OriginName(result->taskID)))
+      Remove(share, name);
+}
+
+std::optional<std::string> OriginOf(const std::string& share, const std::string& taskID) {
+  RequireSafeTables(share);
+  return WholeFile(DirectoryOf(share) + "/" + OriginName(taskID));
 }
 
 bool RemoveTables(const std::string& share) {
   RequireSafeTables(share);
-  const std::vector<std::string> names = NamesOf(share, /*unfinished=*/false);
-  for (const std::string& name : names) Remove(share, name);
-  for (const std::string& name : NamesOf(share, /*unfinished=*/true)) Remove(share, name);
+  const bool any = !NamesOf(Kind::kTable, share).empty();
+  for (const Kind kind : {Kind::kTable, Kind::kOrigin, Kind::kUnfinished})
+    for (const std::string& name : NamesOf(kind, share)) Remove(share, name);
   (void)rmdir(DirectoryOf(share).c_str());
-  return !names.empty();
+  return any;
 }
 
 std::vector<std::string> SharesWithTables() {

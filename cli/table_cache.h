@@ -1,7 +1,9 @@
-// Tables that are kept, so that the same question is not read from the disk again.
+// Tables that are kept, so that the same question is not read from the disk again, and beside them
+// which file systems calculations are of, for results do not say it.
 //
-// They lie in /var/cache/zorv-snapusage/<share>/<file system>-<generation>-<IDs>, root's alone, at
-// most four of a share. Whoever removes them loses time, and `show` the columns of a table.
+// They lie in /var/cache/zorv-snapusage/<share>, root's alone: <file system>-<generation>-<IDs>, at
+// most four of a share, and of-<task ID>. Whoever removes them loses time, and `show` the columns
+// of a table, and its proof that a result is of the share's file system.
 #ifndef CLI_TABLE_CACHE_H_
 #define CLI_TABLE_CACHE_H_
 
@@ -29,7 +31,15 @@ std::vector<KeptTable> AllTables(const std::string& share);
 // system log says why.
 void KeepTable(const std::string& share, const KeptTable& kept);
 
-// Removes the share's tables; whether there were any.
+// Keeps which file system a calculation of the share is of, and forgets it of all others but the
+// one of the last result. The system log says when it cannot be kept.
+void KeepOrigin(const std::string& share, const std::string& taskID,
+                const std::string& fileSystemID);
+
+// Nothing when that is not known, as of a calculation that others than this program have begun.
+std::optional<std::string> OriginOf(const std::string& share, const std::string& taskID);
+
+// Removes the share's tables, and all that is beside them; whether there were any.
 bool RemoveTables(const std::string& share);
 
 // The shares that tables are kept of.

@@ -13,6 +13,7 @@ namespace {
 
 constexpr char kFormat[] = "zorv-snapusage-table";
 constexpr unsigned long long kVersion = 1;
+constexpr long kSecond = 1000000000;  // nanoseconds
 
 void AppendBytes(const FreedBytes& bytes, fmt::memory_buffer& text) {
   fmt::format_to(std::back_inserter(text), "\"data\":{},\"metadata\":{}}}", bytes.data,
@@ -33,17 +34,22 @@ class File {
   KeptTable Read() {
     bool complete = false;
     SizeTable& table = kept_.table;
-    json_.Members({{"format", [this] { Require(json_.Text() == kFormat, "another format"); }},
-                   {"version", [this] { Require(json_.Number() == kVersion, "another version"); }},
-                   {"file_system", [this] { kept_.fileSystemID = json_.Text(); }},
-                   {"taken", [this] { kept_.taken = static_cast<time_t>(json_.Number()); }},
-                   {"generation", [&] { table.generation = json_.Number(); }},
-                   {"subvolumes", [&] { ReadSubvolumes(); }},
-                   {"sets", [this] { ReadSets(); }},
-                   {"summed_sets", [this] { ReadSums(); }},
-                   {"complete", [&] { complete = json_.Bool(); }}});
+    Moment& taken = kept_.taken;
+    json_.Members(
+        {{"format", [this] { Require(json_.Text() == kFormat, "another format"); }},
+         {"version", [this] { Require(json_.Number() == kVersion, "another version"); }},
+         {"file_system", [this] { kept_.fileSystemID = json_.Text(); }},
+         {"taken", [&] { taken.seconds = static_cast<time_t>(json_.Number()); }},
+         {"taken_nanoseconds", [&] { taken.nanoseconds = static_cast<long>(json_.Number()); }},
+         {"generation", [&] { table.generation = json_.Number(); }},
+         {"subvolumes", [&] { ReadSubvolumes(); }},
+         {"sets", [this] { ReadSets(); }},
+         {"summed_sets", [this] { ReadSums(); }},
+         {"complete", [&] { complete = json_.Bool(); }}});
     json_.End();
-    Require(complete == table.Complete() && kept_.taken >= 0, "a table that contradicts itself");
+    Require(complete == table.Complete(), "a table that contradicts itself");
+    Require(taken.seconds >= 0 && taken.nanoseconds >= 0 && taken.nanoseconds < kSecond,
+            "a time that is none");
     return std::move(kept_);
   }
 
@@ -104,9 +110,9 @@ std::string TableFileText(const KeptTable& kept) {
   fmt::memory_buffer text;
   fmt::format_to(std::back_inserter(text),
                  "{{\"format\":\"{}\",\"version\":{},\"file_system\":\"{}\",\"taken\":{},"
-                 "\"generation\":{},\"subvolumes\":[{}],\"sets\":[",
-                 kFormat, kVersion, kept.fileSystemID, kept.taken, kept.table.generation,
-                 fmt::join(kept.table.subvolumeIDs, ","));
+                 "\"taken_nanoseconds\":{},\"generation\":{},\"subvolumes\":[{}],\"sets\":[",
+                 kFormat, kVersion, kept.fileSystemID, kept.taken.seconds, kept.taken.nanoseconds,
+                 kept.table.generation, fmt::join(kept.table.subvolumeIDs, ","));
   const char* between = "";
   for (const HeldSet& set : kept.table.sets) {
     fmt::format_to(std::back_inserter(text), "{}{{\"members\":[", std::exchange(between, ","));

@@ -2,11 +2,10 @@
 #ifndef CLI_TABLE_FILE_H_
 #define CLI_TABLE_FILE_H_
 
-#include <time.h>
-
 #include <string>
 #include <string_view>
 
+#include "cli/moment.h"
 #include "cli/size_table.h"
 
 namespace ZorvSnapUsage {
@@ -14,8 +13,12 @@ namespace ZorvSnapUsage {
 // A table, and what it is of.
 struct KeptTable {
   std::string fileSystemID;
-  time_t taken = 0;  // when it was read from the file system
+  Moment taken;  // its state is of then or later
   SizeTable table;
+
+  // Whether its state is of this moment or later. One from the future may be of any: the clock was
+  // set back since.
+  bool IsSince(Moment moment) const { return taken >= moment && taken <= Moment::Now(); }
 };
 
 // One line of JSON; docs/file-formats.md has its members.

@@ -1,10 +1,9 @@
 #include "cli/table_source.h"
 
-#include <time.h>
-
 #include <optional>
 
 #include "cli/file_system.h"
+#include "cli/share_place.h"
 
 namespace ZorvSnapUsage {
 
@@ -12,21 +11,22 @@ KeptTable TableOfNow(const std::string& share, const std::vector<Snapshot>& snap
                      Silence silence) {
   std::vector<unsigned long long> ids;
   for (const Snapshot& snapshot : snapshots) ids.push_back(snapshot.subvolumeID);
-  const std::string& directory = snapshots.front().path;
+  const std::string directory = PlaceOfShare(share).path;
+  const Moment before = Moment::Now();
   const std::optional<FileSystemState> state = StateOfFileSystem(directory);
   if (state)
     if (std::optional<KeptTable> kept = FindTable(share, state->id, state->generation, ids))
       return std::move(*kept);
-  KeptTable read = {"", 0, AskForTable(directory, ids, silence)};
-  read.taken = time(nullptr);
-  if (!state) return read;
+  KeptTable read = {"", before, AskForTable(directory, ids, silence)};
+  const std::optional<FileSystemState> after = StateOfFileSystem(directory);
+  if (!state || !after || after->id != state->id) return read;
   read.fileSystemID = state->id;
   KeepTable(share, read);
   return read;
 }
 
-void KeepAsOfNow(const std::string& share, KeptTable& kept) {
-  kept.taken = time(nullptr);
+void KeepAsOf(Moment moment, const std::string& share, KeptTable& kept) {
+  kept.taken = moment;
   KeepTable(share, kept);
 }
 

@@ -16,8 +16,8 @@ namespace ZorvSnapUsage {
 KeptTable TableOfNow(const std::string& share, const std::vector<Snapshot>& snapshots,
                      Silence silence = Silence::kSpeak);
 
-// Keeps a table of before as one of now: nothing has changed on its file system in between.
-void KeepAsOfNow(const std::string& share, KeptTable& kept);
+// Keeps a table of before as one of this moment: nothing has changed on its file system in between.
+void KeepAsOf(Moment moment, const std::string& share, KeptTable& kept);
 
 }  // namespace ZorvSnapUsage
 

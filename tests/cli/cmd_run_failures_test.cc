@@ -92,6 +92,32 @@ TEST_F(CmdRunFailures, VolumeThatIsNotMountedYetIsWaitedFor) {
   }
 }
 
+// The result was there, and was not shown.
+TEST_F(CmdRunFailures, VolumeThatIsUnmountedMeanwhileHidesNoResult) {
+  FakeEngine(std::string(kAnswer) + "umount -l /volume1\n");
+  const CommandResult result = Tool({"run", "photos", "--quiet"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr(kFirst));
+  EXPECT_THAT(result.err, HasSubstr("note: which snapshots are still there cannot be told: "));
+  volume_->Mount();
+}
+
+// The names of the other one stood beside the numbers.
+TEST_F(CmdRunFailures, VolumeThatIsExchangedMeanwhile) {
+  BtrfsVolume other("/volume2");
+  other.Subvolume("photos");
+  for (const char* snapshot : {"one", "two"})
+    other.Snapshot("photos", std::string("photos/.snapshots/") + snapshot);
+  FakeEngine(std::string(kAnswer) + "umount -l /volume1; mount --bind /volume2 /volume1\n");
+  const CommandResult result = Tool({"run", "photos", "--quiet"});
+  EXPECT_EQ(0, result.status);
+  EXPECT_THAT(result.out, HasSubstr(kFirst));
+  EXPECT_THAT(result.out, Not(HasSubstr("one")));
+  EXPECT_THAT(result.err, HasSubstr("note: the share lies on another file system than "));
+  MustRun({"umount", "/volume1"});
+  volume_->Mount();
+}
+
 TEST_F(CmdRunFailures, WaitForAVolumeCanBeEnded) {
   WriteFile("/etc/fstab", "/dev/sdz /volume2 btrfs defaults 0 0\n");
   Background run(Argv({"run", "elsewhere"}));

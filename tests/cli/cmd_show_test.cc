@@ -41,6 +41,15 @@ class CmdShow : public CliWorld {
     return other;
   }
 
+  // As if others than this program had begun the calculations.
+  static void ForgetTheirFileSystems() {
+    std::vector<fs::path> kept;
+    for (const auto& entry : fs::directory_iterator("/var/cache/zorv-snapusage/photos"))
+      if (entry.path().filename().string().compare(0, 3, "of-") == 0) kept.push_back(entry.path());
+    ASSERT_FALSE(kept.empty());
+    for (const fs::path& path : kept) fs::remove(path);
+  }
+
   // Another file system takes the place of the volume. Its two snapshots have IDs of the old ones.
   void MakeVolumeAnew() {
     const unsigned long long id = ID(kFirst);
@@ -263,6 +272,7 @@ TEST_F(CmdShow, SnapshotsOfAnotherFileSystemAreNotInTheResult) {
 TEST_F(CmdShow, SnapshotsOfAnExchangedVolumeAreNotInTheResult) {
   const auto other = OtherVolume();
   RunOnce();
+  ForgetTheirFileSystems();
   EXPECT_FALSE(Shown()["other_file_system"].asBool());
   volume_->Unmount();
   MustRun({"mount", "--bind", "/volume2", "/volume1"});
@@ -279,15 +289,50 @@ TEST_F(CmdShow, SnapshotsOfAnExchangedVolumeAreNotInTheResult) {
   volume_->Mount();
 }
 
+// Without a table, only what was kept when the calculation was started tells that.
+TEST_F(CmdShow, FileSystemOfACalculationIsKept) {
+  const auto other = OtherVolume();
+  MustRun(Argv({"start", "photos"}));
+  ASSERT_TRUE(Settled());
+  volume_->Unmount();
+  MustRun({"mount", "--bind", "/volume2", "/volume1"});
+  const Json::Value shown = Shown();
+  EXPECT_TRUE(shown["other_file_system"].asBool());
+  EXPECT_TRUE(shown["snapshots"][0]["present"].isNull()) << "nobody sees it from here";
+  EXPECT_TRUE(shown["deleted_since"].isNull());
+  EXPECT_EQ(2u, shown["not_measured"].size());
+  MustRun({"umount", "/volume1"});
+  volume_->Mount();
+  FakeEngine("echo 'exclusive sizes unavailable: x'\n");
+  for (int i = 0; i < 2; ++i) Tool({"run", "photos"});
+  EXPECT_FALSE(Shown()["other_file_system"].asBool());
+  EXPECT_EQ(2, std::distance(fs::directory_iterator("/var/cache/zorv-snapusage/photos"), {}))
+      << "that of the last result, and of the last calculation";
+}
+
+// It was said to be another one.
+TEST_F(CmdShow, SameFileSystemOnAnotherVolume) {
+  RunOnce();
+  volume_->Unmount();
+  fs::create_directory("/volume2");
+  MustRun({"mount", "-o", "loop", volume_->Image(), "/volume2"});
+  const Json::Value shown = Shown();
+  EXPECT_FALSE(shown["other_file_system"].asBool());
+  EXPECT_TRUE(shown["snapshots"][0]["present"].asBool());
+  MustRun({"umount", "/volume2"});
+  volume_->Mount();
+}
+
 // A caller of the library has calculated, so that there is no table.
 TEST_F(CmdShow, SnapshotsOfAShareOnAnotherVolumeAreNotInTheResult) {
   const auto other = OtherVolume();
   MustRun(Argv({"start", "photos"}));
   ASSERT_TRUE(Settled());
+  ForgetTheirFileSystems();
   volume_->Unmount();
   const Json::Value shown = Shown();
   EXPECT_TRUE(shown["other_file_system"].asBool());
-  EXPECT_FALSE(shown["snapshots"][0]["present"].asBool());
+  EXPECT_TRUE(shown["snapshots"][0]["present"].isNull());
   volume_->Mount();
   EXPECT_FALSE(Shown()["other_file_system"].asBool());
 }

@@ -25,7 +25,8 @@ class TableCache : public PlanWorld {
     std::vector<std::string> paths;
     if (fs::exists(kCacheOfPhotos))
       for (const auto& entry : fs::directory_iterator(kCacheOfPhotos))
-        paths.push_back(entry.path());
+        if (entry.path().filename().string().compare(0, 3, "of-") != 0)
+          paths.push_back(entry.path());
     return paths;
   }
 
@@ -127,6 +128,22 @@ TEST_F(TableCache, TheOneOfTheLastResultIsKept) {
   }
   EXPECT_EQ(4u, Kept().size());
   EXPECT_EQ(table, Shown()["table"]);
+}
+
+// It was kept as one of the file system that was there before.
+TEST_F(TableCache, OneThatMayBeOfAnotherFileSystemIsNotKept) {
+  BtrfsVolume other("/volume2");
+  other.Subvolume("photos");
+  fs::rename("/sbin/btrfs", "/sbin/btrfs.real");
+  WriteScript(
+      "/sbin/btrfs",
+      "/sbin/btrfs.real \"$@\"; status=$?\n"
+      "case \"$*\" in *--table*) umount -l /volume1; mount --bind /volume2 /volume1;; esac\n"
+      "exit $status\n");
+  EXPECT_EQ(0, PlanAll().status);
+  EXPECT_TRUE(Kept().empty());
+  MustRun({"umount", "/volume1"});
+  volume_->Mount();
 }
 
 // One that was killed between the new table and the oldest leaves one too many.

@@ -14,13 +14,13 @@ KeptTable Sample() {
   table.generation = 12;
   table.subvolumeIDs = {257, 258, 300};
   table.sets = {{{{0, 0}}, {4096, 16384}}, {{{0, 0}, {2, 2}}, {1ull << 60, 0}}};
-  return {"0c1d2e3f-0000-4000-8000-000000000001", 1709629844, table};
+  return {"0c1d2e3f-0000-4000-8000-000000000001", Moment({1709629844, 250000000}), table};
 }
 
 constexpr char kSample[] =
     "{\"format\":\"zorv-snapusage-table\",\"version\":1,"
     "\"file_system\":\"0c1d2e3f-0000-4000-8000-000000000001\",\"taken\":1709629844,"
-    "\"generation\":12,\"subvolumes\":[257,258,300],\"sets\":["
+    "\"taken_nanoseconds\":250000000,\"generation\":12,\"subvolumes\":[257,258,300],\"sets\":["
     "{\"members\":[[0,0]],\"data\":4096,\"metadata\":16384},"
     "{\"members\":[[0,0],[2,2]],\"data\":1152921504606846976,\"metadata\":0}],"
     "\"summed_sets\":[],\"complete\":true}\n";
@@ -78,6 +78,8 @@ TEST(TableFile, WrongOnesAreRefused) {
       {"zorv-snapusage-table", "zorv-subvolume-size"},
       {"\"version\":1", "\"version\":2"},
       {"\"taken\":1709629844", "\"taken\":18446744073709551615"},
+      {"\"taken_nanoseconds\":250000000", "\"taken_nanoseconds\":1000000000"},
+      {"\"taken_nanoseconds\":250000000,", ""},
       {"\"generation\":12,", ""},
       {"[[0,0],[2,2]]", "[[0,0],[3,3]]"},
       {"[[0,0],[2,2]]", "[[0,0],[1,2]]"},
