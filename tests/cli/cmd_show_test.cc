@@ -284,6 +284,7 @@ TEST_F(CmdShow, SnapshotsOfAnExchangedVolumeAreNotInTheResult) {
   const Json::Value shares = ParseJson(MustRun(Argv({"shares", "--format", "json"})));
   EXPECT_TRUE(shares["shares"][0]["generation"].isNull());
   MustRun(Argv({"run", "photos", "--quiet"}));
+  ForgetTheirFileSystems();
   EXPECT_FALSE(Shown()["other_file_system"].asBool());
   MustRun({"umount", "/volume1"});
   volume_->Mount();
