@@ -275,15 +275,15 @@ TEST_F(CmdPlan, EngineThatFailsIsQuotedWithWhatHelps) {
 
 // The share's name was taken for what the engine says.
 TEST_F(CmdPlan, WhatHelpsIsNotFoundInThePath) {
-  volume_->Subvolume("a balance");
-  const std::string snapshot = volume_->Snapshot("a balance", "a balance/.snapshots/" + Day(1));
+  const std::string share = volume_->Subvolume("a balance");
+  volume_->Snapshot("a balance", "a balance/.snapshots/" + Day(1));
   const auto advice = [&](const std::string& reason) {
     FakeEngine("echo 'ERROR: " + reason + "' >&2; exit 1\n");
     return Tool({"plan", "a balance", "--delete", "%"}).err;
   };
-  EXPECT_THAT(advice("cannot look at " + snapshot + ": Input/output error"),
+  EXPECT_THAT(advice("cannot look at " + share + "/file: Input/output error"),
               HasSubstr("; see what is in the way with: "));
-  EXPECT_THAT(advice("cannot open " + snapshot + ": No such file or directory"),
+  EXPECT_THAT(advice("cannot open " + share + ": No such file or directory"),
               HasSubstr("; it has gone since; try again\n"));
 }
 
