@@ -15,6 +15,7 @@
 #include "cli/options.h"
 #include "cli/result_generation.h"
 #include "cli/results.h"
+#include "cli/settled.h"
 #include "cli/share.h"
 #include "cli/standard_streams.h"
 #include "cli/state_cell.h"
@@ -64,7 +65,7 @@ Facts FactsOf(const std::string& share, int& status) {
     facts.generationNow = GenerationNow(facts.place);
     facts.snapshots = SnapshotsOf(share).size();
     BeginWorkOn(share);
-    facts.result = NewestResult(share);
+    facts.result = SettledResult(share);
     if (facts.result) facts.generation = GenerationOf(share, *facts.result);
     if (const std::optional<std::string> taskID = TaskOf(share))
       facts.latest = ReadCalculation(share, *taskID);

@@ -14,9 +14,9 @@
 #include "cli/options.h"
 #include "cli/report_table.h"
 #include "cli/result_generation.h"
+#include "cli/settled.h"
 #include "cli/standard_streams.h"
 #include "cli/text.h"
-#include "cli/watch.h"
 #include "cli/wording.h"
 
 namespace ZorvSnapUsage {
@@ -26,21 +26,6 @@ struct ShowOptions {
   std::string share;
   OutputFormat format;
 };
-
-// Results are taken away and copied anew in the moment after a state has become "done".
-constexpr std::chrono::seconds kTimeToCopy{10};
-
-std::optional<Calculation> LatestCalculation(const std::string& share) {
-  const std::optional<std::string> taskID = TaskOf(share);
-  if (!taskID) return std::nullopt;
-  std::optional<Calculation> calculation = ReadCalculation(share, *taskID);
-  if (calculation && ActivityOf(share, *calculation) == Activity::kFinishing) {
-    ProcessWatch process;
-    process.Attach(*calculation->pid);
-    (void)process.WaitForEnd(std::chrono::milliseconds(kTimeToCopy).count());
-  }
-  return calculation;
-}
 
 [[noreturn]] void RefuseWithoutResult(const std::string& share,
                                       const std::optional<Calculation>& latest) {
@@ -81,8 +66,8 @@ Report ReportOf(const std::string& share, const Result& result) {
 int Show(const ShowOptions& options) {
   const std::string& share = options.share;
   BeginWorkOn(share);
-  const std::optional<Calculation> latest = LatestCalculation(share);
-  const std::optional<Result> result = NewestResult(share);
+  const std::optional<Calculation> latest = SettledCalculation(share);
+  const std::optional<Result> result = SettledResult(share);
   if (!result) RefuseWithoutResult(share, latest);
   const Report report = ReportOf(share, *result);
   Print(report, options.format);

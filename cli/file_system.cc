@@ -60,6 +60,12 @@ bool HasSubvolume(const std::string& path, unsigned long long subvolumeID) {
          info.parent_id != 0;  // one that is deleted has no place any more
 }
 
+bool IsMounted(const std::string& path) {
+  struct statx status {};
+  return statx(AT_FDCWD, path.c_str(), 0, 0, &status) == 0 &&
+         (status.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
 std::optional<time_t> CreationTime(const std::string& path) {
   const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   btrfs_ioctl_get_subvol_info_args info{};

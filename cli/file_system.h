@@ -28,6 +28,10 @@ bool IsOnlyReadFrom(const std::string& path);
 // false when it does not say.
 bool HasSubvolume(const std::string& path, unsigned long long subvolumeID);
 
+// Whether the path is the root of a mount; false when the kernel does not say it (before
+// Linux 5.8).
+bool IsMounted(const std::string& path);
+
 // When the subvolume at the path was made, as its file system says; nothing when it does not.
 std::optional<time_t> CreationTime(const std::string& path);
 

@@ -97,24 +97,48 @@ std::string FileSystemOf(const std::string& path) {
   return state ? state->id : "";
 }
 
-// Takes out what is mounted among the snapshots, and says so: subvolumes of another file system,
-// whose IDs mean others here, and those that are there twice.
-void LeaveOutMounted(const std::string& share, std::vector<Snapshot>& snapshots) {
-  const std::optional<ShareOrigin> place = FindPlace(share);
-  if (!place) return;
-  const std::string home = FileSystemOf(place->path);
-  std::map<unsigned long long, std::string> names;
-  static std::set<std::string> said;  // by their paths; a command may list them more than once
-  std::erase_if(snapshots, [&](const Snapshot& snapshot) {
+// What is mounted among the snapshots of a share: subvolumes of another file system, whose IDs mean
+// others here, those of its own in place of others, and those that are there twice.
+class SnapshotPlaces {
+ public:
+  SnapshotPlaces(const std::string& home, const std::vector<Snapshot>& snapshots)
+      : home_(FileSystemOf(home)) {
+    for (const Snapshot& snapshot : snapshots)
+      if (!IsMounted(snapshot.path)) inPlace_.emplace(snapshot.subvolumeID, &snapshot);
+  }
+
+  // What is wrong with it, in words; empty: it is a snapshot in its place, and the first that is
+  // there with its ID.
+  std::string WhyNot(const Snapshot& snapshot) const {
     const std::string its = FileSystemOf(snapshot.path);
-    const bool elsewhere = !its.empty() && !home.empty() && its != home;
-    if (!elsewhere && names.emplace(snapshot.subvolumeID, snapshot.name).second) return false;
-    if (!said.insert(snapshot.path).second) return true;
-    Say(fmt::format("note: snapshot {} is left out, it is {}", Quoted(snapshot.name),
-                    elsewhere ? "on another file system than its share"
-                              : "the same as " + Quoted(names[snapshot.subvolumeID])));
-    return true;
-  });
+    if (!its.empty() && !home_.empty() && its != home_)
+      return "on another file system than its share";
+    const auto same = inPlace_.find(snapshot.subvolumeID);
+    if (same == inPlace_.end()) return "only mounted there";
+    return same->second == &snapshot ? "" : "the same as " + Quoted(same->second->name);
+  }
+
+ private:
+  const std::string home_;
+  std::map<unsigned long long, const Snapshot*> inPlace_;
+};
+
+// Takes out what is mounted among the snapshots, and says so.
+std::vector<Snapshot> WithoutMounted(const std::string& share,
+                                     const std::vector<Snapshot>& snapshots) {
+  const std::optional<ShareOrigin> place = FindPlace(share);
+  if (!place) return snapshots;
+  static std::set<std::string> said;  // by their paths; a command may list them more than once
+  const SnapshotPlaces places(place->path, snapshots);
+  std::vector<Snapshot> inPlace;
+  for (const Snapshot& snapshot : snapshots) {
+    const std::string why = places.WhyNot(snapshot);
+    if (why.empty())
+      inPlace.push_back(snapshot);
+    else if (said.insert(snapshot.path).second)
+      Note(fmt::format("snapshot {} is left out, it is {}", Quoted(snapshot.name), why));
+  }
+  return inPlace;
 }
 
 // Gives up when a share that is not there has been calculated on a volume that is not there either.
@@ -207,8 +231,7 @@ std::vector<Snapshot> SnapshotsOf(const std::string& share) {
     }
     snapshots.push_back({name, path, subvolumeID, TimeInName(name), CreationTime(path)});
   }
-  LeaveOutMounted(share, snapshots);
-  return snapshots;
+  return WithoutMounted(share, snapshots);
 }
 
 bool IsRecordable(const Snapshot& snapshot) { return ValidUtf8(snapshot.name) == snapshot.name; }

@@ -216,6 +216,35 @@ TEST_F(CmdShow, RunUnderWayDoesNotHideTheLastResult) {
       result.err);
 }
 
+// Results are taken away and copied anew, and it said that there was none.
+TEST_F(CmdShow, ResultsThatAreBeingHandedOverAreLookedForAgain) {
+  RunOnce();
+  const std::string away = std::string(kResultsOfPhotos) + ".away";
+  for (const char* command : {"show photos", "shares"}) {
+    SCOPED_TRACE(command);
+    size_t looks = 0;
+    const auto run = [&](size_t hidden) {
+      looks = 0;
+      return SyscallStepper(std::vector<WatchedCall>{{SYS_openat}})
+          .Run(
+              Program({"/bin/sh", "-c", "exec \"$0\" " + std::string(command) + " -H", Argv({})[0]},
+                      "/tmp/out"),
+              [&](const Step& step) {
+                if (step.paths.front() != kResultsOfPhotos) return Action::GoOn();
+                ++looks;
+                if (looks == hidden) fs::rename(kResultsOfPhotos, away);
+                if (looks == hidden + 1) fs::rename(away, kResultsOfPhotos);
+                return Action::GoOn();
+              });
+    };
+    ASSERT_EQ(0, run(/*hidden=*/SIZE_MAX - 1));
+    const std::string before = ReadFile("/tmp/out").substr(0, 12);  // ages come later
+    ASSERT_THAT(before, HasSubstr("\t"));
+    EXPECT_EQ(0, run(looks));
+    EXPECT_EQ(before, ReadFile("/tmp/out").substr(0, 12));
+  }
+}
+
 TEST_F(CmdShow, FailedRunDoesNotHideTheLastResult) {
   RunOnce();
   FakeEngine("echo 'exclusive sizes unavailable: x'\n");

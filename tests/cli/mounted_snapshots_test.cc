@@ -11,8 +11,9 @@ class MountedSnapshots : public CliWorld {
   MountedSnapshots() { RealEngine(); }
 
   // A directory among the snapshots that something is mounted on.
-  std::string Mounted(const std::string& from) const {
-    const std::string place = volume_->Path("photos/.snapshots/GMT-2024.03.09-09.04.09");
+  std::string Mounted(const std::string& from,
+                      const std::string& name = "GMT-2024.03.09-09.04.09") const {
+    const std::string place = volume_->Path("photos/.snapshots/" + name);
     MustRun({"mkdir", place});
     MustRun({"mount", "--bind", from, place});
     return place;
@@ -61,6 +62,23 @@ TEST_F(MountedSnapshots, OfAnotherFileSystemAreLeftOut) {
 TEST_F(MountedSnapshots, ThatAreThereTwiceAreLeftOut) {
   const std::string place = Mounted(volume_->Path(std::string("photos/.snapshots/") + kSecond));
   ExpectLeftOut("the same as '" + std::string(kSecond) + "'");
+  MustRun({"umount", place});
+}
+
+// The one in its place was left out, and the mount was to be deleted.
+TEST_F(MountedSnapshots, ThatAreThereTwiceStayInTheirPlace) {
+  const std::string place = Mounted(volume_->Path(std::string("photos/.snapshots/") + kSecond),
+                                    "GMT-2024.02.01-09.04.09");
+  EXPECT_THAT(MustRun(Argv({"names", "photos"})),
+              testing::StartsWith(std::string(kFirst) + "\n" + kSecond + "\n"));
+  MustRun({"umount", place});
+}
+
+// Its bytes were shown under the name of a snapshot.
+TEST_F(MountedSnapshots, OfNoShareAreLeftOut) {
+  volume_->Subvolume("other");
+  const std::string place = Mounted(volume_->Path("other"));
+  ExpectLeftOut("only mounted there");
   MustRun({"umount", place});
 }
 
