@@ -184,6 +184,11 @@ bool Keep(const char* what, const std::string& share, const std::string& name,
 
 std::string OriginName(const std::string& taskID) { return std::string(kOriginMark) + taskID; }
 
+// What a power cut leaves of a file is none.
+bool IsFileSystemID(const std::string& text) {
+  return text.size() == 36 && text.find_first_not_of("0123456789abcdef-") == std::string::npos;
+}
+
 }  // namespace
 
 std::optional<KeptTable> FindTable(const std::string& share, const std::string& fileSystemID,
@@ -222,7 +227,8 @@ void KeepOrigin(const std::string& share, const std::string& taskID,
 
 std::optional<std::string> OriginOf(const std::string& share, const std::string& taskID) {
   RequireSafeTables(share);
-  return WholeFile(DirectoryOf(share) + "/" + OriginName(taskID));
+  std::optional<std::string> id = WholeFile(DirectoryOf(share) + "/" + OriginName(taskID));
+  return id && IsFileSystemID(*id) ? id : std::nullopt;
 }
 
 bool RemoveTables(const std::string& share) {

@@ -36,7 +36,8 @@ void KeepTable(const std::string& share, const KeptTable& kept);
 void KeepOrigin(const std::string& share, const std::string& taskID,
                 const std::string& fileSystemID);
 
-// Nothing when that is not known, as of a calculation that others than this program have begun.
+// Nothing when that is not known, as of a calculation that others than this program have begun, or
+// after a power cut.
 std::optional<std::string> OriginOf(const std::string& share, const std::string& taskID);
 
 // Removes the share's tables, and all that is beside them; whether there were any.

@@ -345,6 +345,19 @@ TEST_F(CmdShow, FileSystemOfACalculationIsKept) {
       << "that of the last result, and of the last calculation";
 }
 
+// Its file is not synced, and came back empty or as zeros.
+TEST_F(CmdShow, FileSystemThatAPowerCutTookIsNotKnown) {
+  RunOnce();
+  std::string file;
+  for (const auto& entry : fs::directory_iterator("/var/cache/zorv-snapusage/photos"))
+    if (entry.path().filename().string().compare(0, 3, "of-") == 0) file = entry.path();
+  ASSERT_EQ(36u, ReadFile(file).size());
+  for (const std::string& text : {std::string(), std::string(36, '\0'), std::string(35, '0')}) {
+    WriteFile(file, text);
+    EXPECT_FALSE(Shown()["other_file_system"].asBool()) << text.size();
+  }
+}
+
 // It was said to be another one.
 TEST_F(CmdShow, SameFileSystemOnAnotherVolume) {
   RunOnce();
