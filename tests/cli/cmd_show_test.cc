@@ -41,13 +41,18 @@ class CmdShow : public CliWorld {
     return other;
   }
 
-  // As if others than this program had begun the calculations.
-  static void ForgetTheirFileSystems() {
+  // The files that say of which file system the calculations of photos are.
+  static std::vector<fs::path> TheirFileSystems() {
     std::vector<fs::path> kept;
     for (const auto& entry : fs::directory_iterator("/var/cache/zorv-snapusage/photos"))
-      if (entry.path().filename().string().compare(0, 3, "of-") == 0) kept.push_back(entry.path());
-    ASSERT_FALSE(kept.empty());
-    for (const fs::path& path : kept) fs::remove(path);
+      if (entry.path().filename().string().starts_with("of-")) kept.push_back(entry.path());
+    EXPECT_FALSE(kept.empty());
+    return kept;
+  }
+
+  // As if others than this program had begun them.
+  static void ForgetTheirFileSystems() {
+    for (const fs::path& path : TheirFileSystems()) fs::remove(path);
   }
 
   // Another file system takes the place of the volume. Its two snapshots have IDs of the old ones.
@@ -341,16 +346,13 @@ TEST_F(CmdShow, FileSystemOfACalculationIsKept) {
   FakeEngine("echo 'exclusive sizes unavailable: x'\n");
   for (int i = 0; i < 2; ++i) Tool({"run", "photos"});
   EXPECT_FALSE(Shown()["other_file_system"].asBool());
-  EXPECT_EQ(2, std::distance(fs::directory_iterator("/var/cache/zorv-snapusage/photos"), {}))
-      << "that of the last result, and of the last calculation";
+  EXPECT_EQ(2u, TheirFileSystems().size()) << "of the last result, and of the last calculation";
 }
 
 // Its file is not synced, and came back empty or as zeros.
 TEST_F(CmdShow, FileSystemThatAPowerCutTookIsNotKnown) {
   RunOnce();
-  std::string file;
-  for (const auto& entry : fs::directory_iterator("/var/cache/zorv-snapusage/photos"))
-    if (entry.path().filename().string().compare(0, 3, "of-") == 0) file = entry.path();
+  const std::string file = TheirFileSystems().at(0);
   ASSERT_EQ(36u, ReadFile(file).size());
   for (const std::string& text : {std::string(), std::string(36, '\0'), std::string(35, '0')}) {
     WriteFile(file, text);

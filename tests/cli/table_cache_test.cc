@@ -25,8 +25,7 @@ class TableCache : public PlanWorld {
     std::vector<std::string> paths;
     if (fs::exists(kCacheOfPhotos))
       for (const auto& entry : fs::directory_iterator(kCacheOfPhotos))
-        if (entry.path().filename().string().compare(0, 3, "of-") != 0)
-          paths.push_back(entry.path());
+        if (!entry.path().filename().string().starts_with("of-")) paths.push_back(entry.path());
     return paths;
   }
 
