@@ -249,7 +249,7 @@ TEST_F(TableCache, HugeOnesAreReadAnew) {
   const std::string path = Kept().at(0), text = ReadFile(path);
   fs::resize_file(path, uintmax_t{1} << 40);
   EXPECT_EQ(right, Tool({"plan", "photos", "--delete", "%", "-H"}).out);
-  EXPECT_EQ(text.size(), fs::file_size(path));
+  EXPECT_LE(fs::file_size(path), text.size() + 8) << "its nanoseconds have 1 to 9 digits";
 }
 
 // A clock that was wrong, or a hand: the numbers are those of their state all the same.
