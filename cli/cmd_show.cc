@@ -1,6 +1,5 @@
 // zorv-snapusage show: the last good result of a share.
 #include <fmt/format.h>
-#include <time.h>
 
 #include <CLI/CLI.hpp>
 #include <memory>
